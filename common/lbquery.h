@@ -1,0 +1,42 @@
+/* Client of the load-balancer database: scripts in Redis, called by their SHA1 digests over one blocking connection. */
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <libconfig.h>
+#include <sys/time.h>
+
+struct redisReply;
+
+constexpr size_t LBQ_MAX_SHA1_LEN = 42;
+constexpr size_t LBQ_MAX_HOSTNM_LEN = 128;
+constexpr size_t LBQ_MAX_DIRNAME_LEN = 128;
+constexpr size_t LBQ_MAX_FPATH_LEN = 256;
+constexpr int32_t LBQ_FL_NEXT = 1;
+constexpr int32_t LBQ_FL_ADD = 2;
+constexpr int32_t LBQ_FL_DEL = 4;
+constexpr int32_t LBQ_FL_MBGET = 8;
+
+struct lbdb_cfg {
+    char host[128];
+    int port;            /* the database is used when > 0 */
+    char sha1_path[128]; /* directory of the digest files */
+    timeval tmout;       /* connect time-out */
+};
+
+/* 0 or -1 (logged). */
+[[nodiscard]] int load_lbdb_cfg(const config_setting_t* group, lbdb_cfg* cfg) noexcept;
+/* Reads the digests of the scripts in need_func. 0, or the failing step's result (logged). */
+[[nodiscard]] int lbdb_init(const char* sha1_dir, int32_t need_func, uint32_t options) noexcept;
+/* Connects and verifies that the scripts are loaded. 0; 1 -1 unreachable; 2 script absent; 22 odd reply (logged). */
+[[nodiscard]] int lbdb_connect(const char* host, int port, timeval tmout) noexcept;
+void lbdb_disconnect() noexcept;
+void lbdb_destroy() noexcept;
+/* Registers url under id with its expiry (seconds). 0 or -1 (logged). Blocks for one round trip. */
+[[nodiscard]] int lbdb_add_segurl(const char* id, const char* url, long expiry) noexcept;
+
+[[nodiscard]] int check_script_exists(const char* sha1) noexcept;
+[[nodiscard]] int verify_db_script(const char* dir, const char* name, char* dst, size_t cap) noexcept;
+[[nodiscard]] int read_sha_signature(const char* path, char* buf, size_t cap) noexcept;
+[[nodiscard]] int reply_to_str(const redisReply* reply, char* buf, size_t cap) noexcept;

@@ -1,0 +1,214 @@
+/* The process log: records, levels, outputs, rotation, assertions.
+
+   A source file declares its log context once, near its top:
+       static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+   and writes records with LOG_ERR("%s: ...\n", __func__, ...). Arguments are evaluated only when the record is written; a
+   filtered-out record costs one comparison. The message carries its own newline. */
+#pragma once
+
+#include "tags.h"
+
+#include <cstdio>
+#include <ctime>
+#include <sys/types.h>
+
+constexpr int MIN_level = -127; /* below every level: a record without a level tag */
+constexpr int PANIC_level = -4;
+constexpr int ERR_level = -3;
+constexpr int CRIT_level = -2;
+constexpr int WARN_level = -1;
+constexpr int NORM_level = 0;
+constexpr int INFO_level = 1;
+constexpr int DEBUG_level = 2;
+constexpr int SECTION_level = 64;
+
+constexpr int LL_MAX_MODULES = 128;
+constexpr int LL_MAX_SECTIONS = 128;
+constexpr int LL_STACK_DEPTH = 8;
+constexpr size_t LOG_PATHNAME_MAX = 128;
+constexpr size_t LOG_LINE_MAX = 2047; /* characters of one record */
+constexpr size_t MAX_CYCLIC_ROTATIONS = 128;
+constexpr uint32_t F_APPEND_OLD = 1; /* log_open_ex: keep writing to an existing file */
+
+/* Module indices: 0 for every file but these two. */
+constexpr int MOD_SYSWRAP = 2;
+constexpr int MOD_FDIO = 4;
+
+extern int g_mod_ll[LL_MAX_MODULES]; /* highest level written, by module */
+extern int g_sec_ll[LL_MAX_SECTIONS];
+
+/* One for each source file. */
+struct loglevel_ctx {
+    int mod;                       /* index into g_mod_ll */
+    int sec;                       /* index into g_sec_ll, -1 = none */
+    int sec_sp;                    /* section stack pointer */
+    int sec_stack[LL_STACK_DEPTH]; /* saved sections */
+};
+#define LOGLEVEL_CTX(module)                                                                                           \
+    {                                                                                                                  \
+        (module), -1, 0, {}                                                                                            \
+    }
+
+struct rotation_ctx {
+    time_t tm[MAX_CYCLIC_ROTATIONS]; /* time suffix of each rotated file, 0 = slot unused */
+    ssize_t next_idx;                /* slot of the next rotation */
+    size_t max_idx;                  /* rotated files kept */
+    size_t max_total;                /* size limit in bytes, 0 = none */
+    time_t max_log_tm;               /* next end of day, 0 or less = no rotation at the day's end */
+};
+
+struct lard; /* a recorder; none is ever attached in this program */
+
+struct log_ctx {
+    char name[LOG_PATHNAME_MAX]; /* file path or pipe command */
+    unsigned is_pipe : 1;
+    uint32_t time_format; /* f_* of timeop.h */
+    FILE* fp;             /* null while the log has no stream: lines are dropped */
+    FILE* mirror_fp;      /* not owned; null = none */
+    size_t total_out;     /* bytes in the current file */
+    struct {
+        unsigned mod_ll_set : 1;
+        unsigned sec_ll_set : 1;
+    } llst; /* levels were set explicitly */
+    rotation_ctx rota;
+    pid_t pid;     /* written into each line when >= 1 */
+    n64_tag group; /* written into each line when non-zero */
+    lard* lh;
+    struct {
+        bool enabled;
+        int option;
+        int facility;
+    } syslg;
+    pid_t pipe_pid; /* process behind a pipe log, 0 = none */
+};
+
+/* The one log that every record goes to. */
+extern log_ctx* const g_log;
+
+/* Set by signal handlers around their one record: no syslog, no rotation meanwhile. */
+extern volatile int g_in_signal;
+
+/* ---- set-up ---- */
+
+/* Names the program; must come before any log is opened. */
+void glog_init(const char* app_tag) noexcept;
+[[nodiscard]] const char* glog_app_tag() noexcept;
+/* Writes to stream (not owned) from now on, closing nothing. */
+void log_default(log_ctx* log, FILE* stream) noexcept;
+/* Opens path for appending; without F_APPEND_OLD a non-empty old file is first renamed to path.MTIME. A null path means
+   standard error. 0, or -1 (said on standard error). */
+[[nodiscard]] int log_open_ex(log_ctx* log, const char* path, uint32_t flags) noexcept;
+/* Pipes the log into a shell command, which gets a clean signal mask and default SIGPIPE. 0, or -1. */
+[[nodiscard]] int log_popen(log_ctx* log, const char* command) noexcept;
+/* Closes file or pipe (waiting a bounded time for the command) and syslog. */
+void log_close(log_ctx* log) noexcept;
+
+void log_set_group(log_ctx* log, n64_tag tag) noexcept;
+n64_tag log_get_group(const log_ctx* log) noexcept;
+void log_set_pid(log_ctx* log, pid_t pid) noexcept;
+pid_t log_get_pid(const log_ctx* log) noexcept;
+void log_timefmt(log_ctx* log, uint32_t flags) noexcept;
+FILE* log_fp(const log_ctx* log) noexcept;
+void log_mirror(log_ctx* log, FILE* stream) noexcept; /* made line-buffered, not owned */
+FILE* log_mirror_fp(const log_ctx* log) noexcept;
+
+void config_syslog(log_ctx* log, const char* ident, int option, int facility) noexcept;
+void glog_enable_syslog(const char* ident) noexcept;
+void disable_syslog(log_ctx* log) noexcept;
+void glog_disable_syslog() noexcept;
+
+/* ---- levels ---- */
+
+void log_set_modules(log_ctx* log, int level) noexcept;
+void log_set_sections(log_ctx* log, int level) noexcept;
+/* One save slot, not a stack: a second push without a pop does nothing. */
+void log_push_mlevels() noexcept;
+void log_pop_mlevels() noexcept;
+/* Level of a word (any case). 0, or -1 for an unknown word. */
+[[nodiscard]] int match_log_level(const char* text, int* level) noexcept;
+[[nodiscard]] const char* log_level_str(int level) noexcept;
+[[nodiscard]] const char* get_level_tag(int level) noexcept;
+/* An environment variable's integer value; absent or not a number: deflt. */
+[[nodiscard]] int read_level_env(const char* name, int deflt) noexcept;
+
+/* ---- rotation ---- */
+
+/* Size limit in bytes (0 = none); files kept when 1..127, else 16; eod_start > 0 turns rotation at the day's end on. */
+void log_set_rota(log_ctx* log, size_t max_bytes, size_t max_files, time_t eod_start) noexcept;
+void log_set_eod(log_ctx* log, time_t start) noexcept;
+time_t log_rota_eod(const log_ctx* log) noexcept;
+size_t log_rota_maxfiles(const log_ctx* log) noexcept;
+size_t log_rota_maxsize(const log_ctx* log) noexcept;
+/* Renames the file to name.TIME and starts a fresh one. 0, or -1 (said on standard error). Never from a handler. */
+int log_rotate(log_ctx* log) noexcept;
+
+/* ---- the record protocol behind the macros ---- */
+
+void logbuf_reset() noexcept;
+[[nodiscard]] bool logbuf_empty() noexcept;
+/* Builds the record in the one line buffer. 0, or -1: the record does not fit or has no time, and the buffer is empty. */
+[[gnu::format(printf, 3, 4)]] int logbuf_prepare(log_ctx* log, int level, const char* format, ...) noexcept;
+void log_flush(log_ctx* log, int level) noexcept;
+[[nodiscard]] inline bool lard_enabled(const log_ctx* log) noexcept
+{
+    return log->lh != nullptr;
+}
+void log_lard(log_ctx* log, int level) noexcept;
+
+[[nodiscard]] inline bool log_passes(const loglevel_ctx& c, int level) noexcept
+{
+    return c.sec < 0 ? g_mod_ll[c.mod] >= level : g_sec_ll[c.sec] <= g_mod_ll[c.mod];
+}
+
+#define LOG_AT(level, ...)                                                                                             \
+    do {                                                                                                               \
+        if (log_passes(g_ll, (level)) || lard_enabled(g_log)) [[unlikely]] {                                           \
+            logbuf_reset();                                                                                            \
+            (void)logbuf_prepare(g_log, (level), __VA_ARGS__);                                                         \
+            if (lard_enabled(g_log))                                                                                   \
+                log_lard(g_log, (level));                                                                              \
+            if (log_passes(g_ll, (level)))                                                                             \
+                log_flush(g_log, (level));                                                                             \
+        }                                                                                                              \
+    } while (0)
+
+#define LOG_ERR(...) LOG_AT(ERR_level, __VA_ARGS__)
+#define LOG_CRIT(...) LOG_AT(CRIT_level, __VA_ARGS__)
+#define LOG_WARN(...) LOG_AT(WARN_level, __VA_ARGS__)
+#define LOG_NORM(...) LOG_AT(NORM_level, __VA_ARGS__)
+#define LOG_INFO(...) LOG_AT(INFO_level, __VA_ARGS__)
+#define LOG_DEBUG(...) LOG_AT(DEBUG_level, __VA_ARGS__)
+
+/* Logs the message at PANIC, then a back-trace, flushes and aborts. */
+#define PANIC(...)                                                                                                     \
+    do {                                                                                                               \
+        LOG_AT(PANIC_level, __VA_ARGS__);                                                                              \
+        panic_abort();                                                                                                 \
+    } while (0)
+[[noreturn]] void panic_abort() noexcept;
+
+/* States what only a fault of this program can break. Always on; logs a back-trace, flushes and aborts. */
+#define ASSERT_AS(condition, text)                                                                                     \
+    do {                                                                                                               \
+        if (!(condition)) [[unlikely]]                                                                                 \
+            assert_failed((text), __FILE__, __LINE__, __func__);                                                       \
+    } while (0)
+#define ASSERT(condition) ASSERT_AS(condition, #condition)
+[[noreturn]] void assert_failed(const char* text, const char* file, unsigned line, const char* func) noexcept;
+
+/* Writes "#0: frame\n" lines until buf is full. 0, or -1 with perror(). */
+int btrace_to_buf(char* buf, size_t size) noexcept;
+
+/* Switches the log group for the handling of one record and restores the old one on every return. */
+class [[nodiscard]] log_group_guard
+{
+public:
+    log_group_guard() noexcept : old_(g_log->group) {}
+    explicit log_group_guard(n64_tag tag) noexcept : log_group_guard() { g_log->group = tag; }
+    ~log_group_guard() { g_log->group = old_; }
+    log_group_guard(const log_group_guard&) = delete;
+    log_group_guard& operator=(const log_group_guard&) = delete;
+
+private:
+    n64_tag old_;
+};

@@ -1,0 +1,30 @@
+/* Text helpers. Nothing here logs; a caller that refuses a text says so with the lengths it knows. */
+#pragma once
+
+#include <charconv>
+#include <cstddef>
+#include <optional>
+#include <string_view>
+
+/* Copies s with its NUL into dst[cap]. False, and dst untouched, when it does not fit. */
+[[nodiscard]] bool copy_text(char* dst, size_t cap, std::string_view s) noexcept;
+
+/* Copies as much of s as fits with its NUL: a wanted cut. Returns the number of characters copied. */
+size_t cut_text(char* dst, size_t cap, std::string_view s) noexcept;
+
+/* Comparisons without regard to ASCII case. */
+[[nodiscard]] bool ci_equal(std::string_view a, std::string_view b) noexcept;
+[[nodiscard]] bool ci_starts_with(std::string_view s, std::string_view prefix) noexcept;
+/* Position of word in s without regard to case, or npos. */
+[[nodiscard]] size_t ci_find(std::string_view s, std::string_view word) noexcept;
+
+/* The whole of s as a decimal number of type T; none when empty, out of range or followed by anything. */
+template <class T>
+[[nodiscard]] std::optional<T> parse_num(std::string_view s) noexcept
+{
+    T v{};
+    const auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
+    if (ec != std::errc{} || end != s.data() + s.size())
+        return std::nullopt;
+    return v;
+}

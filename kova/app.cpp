@@ -1,0 +1,334 @@
+/* The download context and its task table: how a task is made, found, un-hashed and freed. A task lives in its slot of
+   g_ctx.tasks, which is reserved once, so pointers to it hold until free_dw; everything a task owns is released there and
+   nowhere else. */
+#include "app.h"
+
+#include "guard.h"
+#include "lock.h"
+#include "log.h"
+#include "rq.h"
+#include "rqs.h"
+#include "seg.h"
+#include "strops.h"
+#include "syswrap.h"
+#include "udl.h"
+#include "util.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr size_t MAX_TASK_NUM = 10000; /* tracking tags start again at T0001 after it */
+
+kova_ctx g_ctx{};
+
+/* Every task holds at least one descriptor, so the descriptor limit bounds an unlimited table. */
+static size_t task_table_size() noexcept
+{
+    return g_cfg.max_tasks > 0 ? g_cfg.max_tasks : fd_limit();
+}
+
+static int init_database() noexcept
+{
+    if (const int rc = lbdb_init(g_cfg.lbdb.sha1_path, LBQ_FL_ADD, 0))
+        return rc;
+    return lbdb_connect(g_cfg.lbdb.host, g_cfg.lbdb.port, g_cfg.lbdb.tmout);
+}
+
+/* The steps of init_kova_ctx. *step names the failing one, "?" where it has logged its own cause. */
+static int build_ctx(const char** step) noexcept
+{
+    *step = "?";
+    rui_set_cb(RUI_USER, &g_urq_cb);
+    if (const int rc = rui_ctx_init(&g_cfg.rui, &g_ctx.rui))
+        return rc;
+    if (const int rc = udl_ctx_init(&g_cfg.udp_cha, &g_ctx.udl))
+        return rc;
+
+    const size_t ntasks = task_table_size();
+    *step = "init sources";
+    xvlst_reset(&g_ctx.tasks);
+    if (const int rc = xvlst_reserve(&g_ctx.tasks, ntasks, sizeof(dw_task), 1))
+        return rc;
+    *step = "init pprm-tasks";
+    xvlst_reset(&g_ctx.pprm_tasks);
+    if (const int rc = xvlst_reserve(&g_ctx.pprm_tasks, ntasks, sizeof(dw_task*), 1))
+        return rc;
+    *step = "creating task HT";
+    if (const int rc = skht_create(&g_ctx.task_ht, ntasks, plHash, nullptr, 0))
+        return rc;
+
+    *step = "?";
+    if (g_cfg.lbdb.port > 0) {
+        if (const int rc = init_database())
+            return rc;
+    }
+
+    rqs_set_now(&g_ctx.last_tmout_check);
+    g_ctx.last_rq_check = g_ctx.last_tmout_check;
+    g_ctx.last_task_id = 0;
+    g_ctx.is_ready = true;
+    return 0;
+}
+
+int init_kova_ctx() noexcept
+{
+    ASSERT(!g_ctx.is_ready);
+    const char* step = "?";
+    if (const int rc = build_ctx(&step)) {
+        LOG_ERR("%s: failed to [%s], rc=%d\n", __func__, step, rc);
+        destroy_kova_ctx();
+        return rc;
+    }
+    LOG_DEBUG("%s: OK\n", __func__);
+    return 0;
+}
+
+const char* url2key(const char* url) noexcept
+{
+    const char* sep = strstr(url, "://");
+    return sep ? sep + 3 : url;
+}
+
+dw_task* get_dw_task(const char* key) noexcept
+{
+    void* data = nullptr;
+    if (skht_get(g_ctx.task_ht, key, &data) != 0) {
+        LOG_DEBUG("%s: [%s] not found\n", __func__, key);
+        return nullptr;
+    }
+    dw_task* task = static_cast<dw_task*>(data);
+    ASSERT(task->tag.num == TAG_DOW.num);
+    return task;
+}
+
+void set_dw_state(dw_task* task, n32_tag state) noexcept
+{
+    LOG_DEBUG("%s: %s %s -> %s\n", __func__, task->trk_tag.sym8, task->state.sym, state.sym);
+    task->state = state;
+}
+
+/* One of the two lines that frame a task's life. */
+static void log_task(const char* what, const dw_task* task) noexcept
+{
+    LOG_NORM("%s [%s] (%p/idx=%zd) [%s]->[%s] length=%lu, expiry=%ld lid=[%s]\n", what, task->tag.sym,
+             static_cast<const void*>(task), task->idx, task->spec.url, task->spec.fpath,
+             static_cast<unsigned long>(task->spec.content_length), static_cast<long>(task->spec.expiry_tm),
+             task->spec.lid);
+}
+
+dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag) noexcept
+{
+    /* A table that grew would move the records under the pointers of the loop and of the hash. */
+    const ssize_t j = g_ctx.tasks.len < g_ctx.tasks.max_len ? xvlst_add(&g_ctx.tasks, sizeof(dw_task), 1) : -1;
+    if (j < 0) {
+        LOG_ERR("%s: failed for [%s]\n", __func__, spec->url);
+        return nullptr;
+    }
+    dw_task* task = static_cast<dw_task*>(g_ctx.tasks.data) + j;
+    memset(static_cast<void*>(task), 0, sizeof(*task));
+    task->tag = TAG_DOW;
+    task->spec = *spec;
+    task->trk_tag = trk_tag;
+    task->idx = j;
+    task->sfd = task->dfd = task->cfd = -1;
+
+    const char* key = url2key(task->spec.url);
+    void* data = task;
+    if (const int rc = skht_add(g_ctx.task_ht, key, &data)) {
+        LOG_ERR("%s: ERROR(%d) hashing [%s] data=%p\n", __func__, rc, key, static_cast<void*>(task));
+        xvlst_del(&g_ctx.tasks, static_cast<size_t>(j), nullptr);
+        return nullptr;
+    }
+    task->is_hashed = true;
+    log_task("TASK-START", task);
+    LOG_DEBUG("%s: %s (%p), j=%zd k=[%s] added\n", __func__, task->tag.sym, static_cast<void*>(task), task->idx, key);
+    return task;
+}
+
+/* The client's socket is duplicated: the request closes its own descriptor long before the task answers. */
+static int attach_client(dw_task* task, int client_fd) noexcept
+{
+    if (client_fd < 0) {
+        task->cfd = -1;
+        LOG_DEBUG("%s: no client connection\n", "mk_dw_task");
+        return 0;
+    }
+    task->cfd = fcntl(client_fd, F_DUPFD_CLOEXEC, 0);
+    if (task->cfd < 0) {
+        const int err = errno;
+        LOG_ERR("%s: dup(fd%d) ERROR(%d): %s\n", "mk_dw_task", client_fd, err, strerror(err));
+        return err;
+    }
+    LOG_DEBUG("%s: client cfd%d created\n", "mk_dw_task", task->cfd);
+    return 0;
+}
+
+static int start_task(dw_task* task, int client_fd) noexcept
+{
+    if (const int rc = attach_client(task, client_fd))
+        return rc;
+    task->sfd = connect_to_src(task->spec.url, &task->sctx);
+    if (task->sfd < 0)
+        return -1;
+    if (const int rc = rqs_add_writer(task->sfd, task)) {
+        LOG_ERR("%s: rqs_add_writer(fd%d,..) failed for %s\n", "mk_dw_task", task->sfd, task->trk_tag.sym8);
+        return rc;
+    }
+    task->is_watched = true;
+    set_dw_state(task, DW_INI);
+    ASSERT(task->tag.num == TAG_DOW.num);
+    return 0;
+}
+
+int mk_dw_task(int client_fd, dw_spec* spec) noexcept
+{
+    LOG_DEBUG("%s: fd%d url=[%s]\n", __func__, client_fd, spec->url);
+    scope_guard unlock([spec] {
+        if (spec->lid[0])
+            lid_unlock(spec->lid);
+    });
+    if (g_cfg.max_tasks > 0 && g_ctx.tasks.len >= g_cfg.max_tasks) {
+        LOG_ERR("%s: limit on tasks exceeded [%zu]\n", __func__, g_cfg.max_tasks);
+        return -1;
+    }
+    ASSERT(g_ctx.task_ht);
+    if (const dw_task* other = get_dw_task(url2key(spec->url))) {
+        LOG_ERR("%s: task already present (%p) %s url=%s\n", __func__, static_cast<const void*>(other),
+                other->trk_tag.sym8, other->spec.url);
+        return EEXIST;
+    }
+
+    n64_tag trk_tag{};
+    rui_mk_trknum(&g_ctx.last_task_id, &trk_tag, 'T', MAX_TASK_NUM);
+    dw_task* task = add_dw(spec, trk_tag);
+    if (!task)
+        return -1;
+    unlock.release(); /* the task's copy of the order owns the lock */
+
+    const log_group_guard group(trk_tag);
+    if (const int rc = start_task(task, client_fd)) {
+        free_dw(task);
+        return rc;
+    }
+    return 0;
+}
+
+int unhash_task(dw_task* task) noexcept
+{
+    if (!task->is_hashed)
+        return 0;
+    const char* key = url2key(task->spec.url);
+    void* data = nullptr;
+    const int rc = skht_rm(g_ctx.task_ht, key, &data);
+    task->is_hashed = false;
+    if (rc)
+        LOG_ERR("%s: failed to un-hash [%s] (%p), rc=%d\n", __func__, key, static_cast<void*>(task), rc);
+    else
+        LOG_DEBUG("%s: %s (%p) k=[%s] OK\n", __func__, task->trk_tag.sym8, static_cast<void*>(task), key);
+    return rc;
+}
+
+/* Descriptor 0 is never closed here: start-up keeps it occupied, so a task's descriptor is always above it. */
+static void close_task_fds(dw_task* task) noexcept
+{
+    if (task->sfd > 0) {
+        if (task->is_watched)
+            rqs_rm_fd(task->sfd, false, false);
+        task->is_watched = false;
+        usock_close(task->sfd, &task->sctx);
+        task->sfd = -1;
+    }
+    if (task->cfd > 0) {
+        W_close("free_dw", task->cfd);
+        task->cfd = -1;
+    }
+    if (task->dfd > 0) {
+        W_close("free_dw", task->dfd);
+        task->dfd = -1;
+    }
+}
+
+static void unmap_task(dw_task* task) noexcept
+{
+    if (!task->is_mmapped)
+        return;
+    ASSERT(task->buf && task->buflen);
+    if (munmap(task->buf, task->buflen) != 0) {
+        const int err = errno;
+        LOG_ERR("%s: munmap(fd%d, .., %zu) ERROR(%d): %s\n", "free_dw", task->dfd, task->buflen, err, strerror(err));
+    }
+    task->buf = nullptr;
+    task->buflen = 0;
+    task->is_mmapped = false;
+    LOG_DEBUG("%s: unmapped fd%d, buf=%p, %zu bytes\n", "free_dw", task->dfd, static_cast<void*>(task->buf),
+              task->buflen);
+}
+
+static void remove_unfinished(dw_task* task) noexcept
+{
+    if (!is_unfinished_seg(task->spec.fpath))
+        return;
+    LOG_WARN("%s: removing unfinished [%s]\n", "free_dw", task->spec.fpath);
+    /* A task that ended before its file was made has none. */
+    if (unlink(task->spec.fpath) != 0 && errno != ENOENT) {
+        const int err = errno;
+        LOG_ERR("%s: unlink(%s) ERROR(%d): %s\n", "free_dw", task->spec.fpath, err, strerror(err));
+    }
+    task->spec.fpath[0] = '\0';
+}
+
+void free_dw(dw_task* task) noexcept
+{
+    LOG_DEBUG("%s: %s (%p) url=[%s], dst=[%s], idx=%zd\n", __func__, task->trk_tag.sym8, static_cast<void*>(task),
+              task->spec.url, task->spec.fpath, task->idx);
+    if (task->idx >= 0 && task->spec.url[0])
+        log_task("TASK-END", task);
+    task->tag.sym[0] = '#';
+    unhash_task(task);
+    close_task_fds(task);
+    unmap_task(task);
+    remove_unfinished(task);
+    task->hresp = nullptr;
+    if (task->spec.lid[0]) {
+        lid_unlock(task->spec.lid);
+        task->spec.lid[0] = '\0';
+    }
+    if (task->idx >= 0) {
+        xvlst_del(&g_ctx.tasks, static_cast<size_t>(task->idx), nullptr);
+        task->idx = -1;
+    }
+}
+
+int free_dw_elem(void* data, size_t idx) noexcept
+{
+    free_dw(static_cast<dw_task**>(data)[idx]);
+    return 0;
+}
+
+int is_ptr_match(void* data, size_t idx, void* ptr) noexcept
+{
+    return static_cast<void**>(data)[idx] == ptr;
+}
+
+void destroy_kova_ctx() noexcept
+{
+    pprm_task_cleanup();
+    rm_all_tasks();
+    udl_ctx_destroy(&g_ctx.udl);
+    rui_ctx_destroy(&g_ctx.rui);
+    pprm_requests();
+    xvlst_reset(&g_ctx.pprm_tasks);
+    xvlst_reset(&g_ctx.tasks);
+    if (g_ctx.task_ht)
+        skht_destroy(g_ctx.task_ht, nullptr);
+    g_ctx.task_ht = nullptr;
+    if (g_cfg.lbdb.port > 0)
+        lbdb_destroy();
+    g_ctx.is_ready = false;
+    LOG_DEBUG("%s: OK\n", __func__);
+}

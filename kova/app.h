@@ -1,0 +1,58 @@
+/* Downloads: the context and its task table (app.cpp), the source (app_fetch.cpp), the destination (app_file.cpp), reaping
+   and time-outs (app_reap.cpp). */
+#pragma once
+
+#include "data.h"
+
+/* ---- context and task table ---- */
+
+/* 0, or the failing step's code (logged); everything is torn down again then. Not twice. */
+[[nodiscard]] int init_kova_ctx() noexcept;
+/* Safe after a failed init, and without one. */
+void destroy_kova_ctx() noexcept;
+
+/* The URL without its scheme. */
+[[nodiscard]] const char* url2key(const char* url) noexcept;
+[[nodiscard]] dw_task* get_dw_task(const char* key) noexcept;
+/* Starts a download. client_fd is duplicated, negative = nobody waits. On 0 the task owns the order and its lock. 17 the source
+   is being fetched already; -1 or an errno value: refused (logged). In every failure the order's lock is released. */
+[[nodiscard]] int mk_dw_task(int client_fd, dw_spec* spec) noexcept;
+[[nodiscard]] dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag) noexcept;
+void set_dw_state(dw_task* task, n32_tag state) noexcept;
+int unhash_task(dw_task* task) noexcept;
+/* Releases everything a task holds, at whatever stage; an unfinished file is removed. */
+void free_dw(dw_task* task) noexcept;
+int free_dw_elem(void* data, size_t idx) noexcept;
+int is_ptr_match(void* data, size_t idx, void* ptr) noexcept;
+
+/* ---- source ---- */
+
+[[nodiscard]] int connect_to_src(const char* url, usock_ctx* sctx) noexcept;
+/* Writable, readable: 0 always; a failure lists the task for reaping. */
+[[nodiscard]] int dw_write(dw_task* task) noexcept;
+[[nodiscard]] int dw_read(dw_task* task) noexcept;
+[[nodiscard]] int request_data_stream(dw_task* task) noexcept;
+/* 0 head accepted, file made, client answered; 11 more is awaited; else failed. */
+[[nodiscard]] int read_src_response(dw_task* task) noexcept;
+
+/* ---- destination ---- */
+
+[[nodiscard]] int check_dest_path(const char* fpath) noexcept; /* 0, or -16 the final file exists */
+[[nodiscard]] int mk_dest_file(dw_task* task, const char* head, const http_resp_ctx* resp) noexcept;
+[[nodiscard]] bool can_mmap_dw(const dw_task* task) noexcept;
+[[nodiscard]] int read_fragment(dw_task* task) noexcept;
+[[nodiscard]] int complete_download(dw_task* task) noexcept;
+[[nodiscard]] int add_lbdb_url(const dw_spec* spec) noexcept;
+[[nodiscard]] bool is_local_url(const char* url) noexcept;
+
+/* ---- reaping and time-outs ---- */
+
+/* Lists a task for reaping after the round. 0 also when listed already; -1 no room: the caller frees it at once. */
+int pprm_task(dw_task* task) noexcept;
+void pprm_task_cleanup() noexcept;
+void pprm_requests() noexcept;
+/* Lists every live task; shutdown begins with it. */
+void pprm_all_tasks() noexcept;
+[[nodiscard]] bool is_iocheck_time() noexcept;
+int time_out_requests() noexcept;
+void rm_all_tasks() noexcept;

@@ -1,0 +1,166 @@
+/* The source side of a task: connect, GET, head of the response. The waiting client is answered here, as soon as the head
+   was accepted and the destination exists, not when the body is complete. */
+#include "app.h"
+
+#include "guard.h"
+#include "log.h"
+#include "meta.h"
+#include "rqs.h"
+#include "syswrap.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr size_t SRC_HEAD_CAP = 2048;
+constexpr int SRC_TMOUT_MS = 3000;
+
+using head_ptr = std::unique_ptr<char, releaser<free>>;
+
+int connect_to_src(const char* url, usock_ctx* sctx) noexcept
+{
+    *sctx = usock_ctx{};
+    sctx->inbound = false;
+    sctx->non_blocking = true;
+    sctx->skip_http = true;
+    sctx->timeout_ms = SRC_TMOUT_MS;
+    const int fd = usock_open(sctx, url);
+    if (fd == -1)
+        LOG_ERR("%s: failed to open [%s]\n", __func__, url);
+    else
+        LOG_DEBUG("%s: opened fd%d [%s]\n", __func__, fd, url);
+    return fd;
+}
+
+static int send_get(dw_task* task) noexcept
+{
+    if (const int rc = usock_http_get(task->sfd, task->spec.url, &task->sctx))
+        return rc;
+    if (const int rc = rqs_mod(task->sfd, task, RQS_READ)) {
+        LOG_ERR("%s: rqs_mod(fd%d,...) FAILED\n", "request_data_stream", task->sfd);
+        return rc;
+    }
+    return 0;
+}
+
+int request_data_stream(dw_task* task) noexcept
+{
+    if (send_get(task) == 0) {
+        set_dw_state(task, DW_RSP);
+        LOG_DEBUG("%s: awaiting response from %s\n", __func__, task->spec.url);
+        return 0;
+    }
+    task->hresp = &g_resp_bad;
+    task->hresp->server = get_app_tag(APP_NAME);
+    (void)send_http_response(task->cfd, task->hresp); /* without a client, too: the failed send stands in the log */
+    if (pprm_task(task) != 0) {
+        LOG_WARN("%s: could not pprm %s\n", __func__, task->trk_tag.sym8);
+        free_dw(task);
+    }
+    return 0;
+}
+
+int dw_write(dw_task* task) noexcept
+{
+    const log_group_guard group(task->trk_tag);
+    if (task->is_quitting) {
+        LOG_WARN("%s: %s already quitting\n", __func__, task->trk_tag.sym8);
+        return 0;
+    }
+    if (task->state.num != DW_INI.num) {
+        PANIC("%s: unexpected for %s (%p) in [%s]\n", __func__, task->trk_tag.sym8, static_cast<void*>(task),
+              task->state.sym);
+    }
+    return request_data_stream(task);
+}
+
+/* Sends the answer chosen for the waiting client and closes its connection, whether the send succeeded or not. */
+static void answer_client(dw_task* task, http_response* chosen, int rc, int code) noexcept
+{
+    const char* fn = "read_src_response";
+    if (task->cfd == -1) {
+        LOG_DEBUG("%s: no client, skipping response\n", fn);
+        return;
+    }
+    if (!chosen && rc != 0 && code == 0) {
+        chosen = &g_resp_err;
+        LOG_DEBUG("%s: defaulting to HTTP%d\n", fn, chosen->code);
+    } else if (!chosen) {
+        chosen = http_code_resp(code);
+        LOG_DEBUG("%s: response picked for HTTP%d\n", fn, code);
+    }
+    chosen->server = get_app_tag(APP_NAME);
+    task->hresp = chosen;
+    LOG_DEBUG("%s: sending response to client fd%d\n", fn, task->cfd);
+    ASSERT(task->cfd > 0);
+    if (send_http_response(task->cfd, chosen) == 0)
+        LOG_DEBUG("%s: HTTP%d response sent to fd%d\n", fn, chosen->code, task->cfd);
+    W_close(fn, task->cfd);
+    LOG_DEBUG("%s: fd%d client connection closed\n", fn, task->cfd);
+    task->cfd = -1;
+}
+
+int read_src_response(dw_task* task) noexcept
+{
+    head_ptr head(static_cast<char*>(calloc(1, SRC_HEAD_CAP)));
+    if (!head)
+        return -ENOMEM;
+
+    LOG_DEBUG("%s: reading HTTP response from fd=%d\n", __func__, task->sfd);
+    http_resp_ctx resp{};
+    int rc = recv_http_response(task->sfd, head.get(), SRC_HEAD_CAP - 1, &resp);
+    http_response* chosen = nullptr;
+    if (rc == EAGAIN) {
+        LOG_DEBUG("%s: expecting more data from fd%d\n", __func__, task->sfd);
+        rqs_set_now(&task->last_io_tm);
+        return rc;
+    }
+    if (rc == 0 && is_HTTP_OK(resp.code)) {
+        rc = check_dest_path(task->spec.fpath);
+        if (rc == -EBUSY) {
+            chosen = &g_resp_denied;
+        } else {
+            rc = mk_dest_file(task, head.get(), &resp);
+            chosen = rc == 0 ? &g_resp_ok : &g_resp_err;
+        }
+    } else if (rc == 0) {
+        LOG_ERR("%s: expected HTTP 2xx, got HTTP %d\n", __func__, resp.code);
+        rc = -1;
+    }
+    head.reset();
+
+    answer_client(task, chosen, rc, resp.code);
+    if (rc == 0) {
+        LOG_INFO("%s: ready to download %zu bytes to [%s]\n", __func__, task->content_length, task->spec.fpath);
+        set_dw_state(task, DW_DNL);
+    }
+    return rc;
+}
+
+int dw_read(dw_task* task) noexcept
+{
+    if (task->is_quitting) {
+        LOG_WARN("%s: %s already quitting\n", __func__, task->trk_tag.sym8);
+        return 0;
+    }
+    int rc = 0;
+    if (task->state.num == DW_RSP.num) {
+        rc = read_src_response(task);
+        if (rc == EAGAIN)
+            return 0;
+    } else if (task->state.num == DW_DNL.num) {
+        rc = read_fragment(task);
+        if (rc == 0 && task->nleft == 0)
+            rc = complete_download(task);
+    } else {
+        PANIC("%s: unexpected for %s (%p) in [%s]\n", __func__, task->trk_tag.sym8, static_cast<void*>(task),
+              task->state.sym);
+    }
+    if (rc != 0) {
+        LOG_ERR("%s: removing %s due to error, rc=%d\n", __func__, task->trk_tag.sym8, rc);
+        pprm_task(task);
+    }
+    return 0;
+}

@@ -1,0 +1,281 @@
+/* The destination side of a task. The body lands in a file whose name ends in "-Kova", through a shared mapping or through
+   one buffer; only a complete file gets its final name, so nobody ever reads a partial one. */
+#include "app.h"
+
+#include "fdio.h"
+#include "log.h"
+#include "rqs.h"
+#include "seg.h"
+#include "strops.h"
+#include "syswrap.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr size_t DWBUF_LEN = 1048576; /* one read and one write in write mode */
+constexpr size_t LBDB_URL_MAX = 256;
+constexpr mode_t DST_MODE = 0666;
+
+int check_dest_path(const char* fpath) noexcept
+{
+    std::array<char, SPEC_PATH_MAX> final_path{};
+    ASSERT(copy_text(final_path.data(), final_path.size(), fpath));
+    ASSERT(cutoff_segext(final_path.data()) == 0);
+    if (access(final_path.data(), F_OK) == 0) {
+        LOG_ERR("%s: destination [%s] is BUSY (already there)\n", __func__, final_path.data());
+        return -EBUSY;
+    }
+    return 0;
+}
+
+bool can_mmap_dw(const dw_task* task) noexcept
+{
+    return task->content_length >> 20 < g_cfg.max_mmap_mb ||
+           (task->content_length >> 20 == g_cfg.max_mmap_mb && (task->content_length & 0xfffff) == 0);
+}
+
+/* Blocks that exist before the mapping is touched cannot run out: a full disk fails here and not as a fault later.
+   *reserved is false where the file system has no such call. 0, or an errno value (logged). */
+static int reserve_blocks(const dw_task* task, bool* reserved) noexcept
+{
+    int rc = 0;
+    do {
+        rc = fallocate(task->dfd, 0, 0, static_cast<off_t>(task->content_length));
+    } while (rc != 0 && errno == EINTR);
+    *reserved = rc == 0;
+    if (rc == 0 || errno == EOPNOTSUPP || errno == ENOSYS)
+        return 0;
+    const int err = errno;
+    LOG_ERR("%s: fallocate(fd%d, %zu) ERROR(%d): %s\n", "mk_dest_file", task->dfd, task->content_length, err,
+            strerror(err));
+    return err;
+}
+
+/* Writes the body bytes that came with the head through the descriptor, at its start. */
+static int write_tail(const dw_task* task, std::string_view tail) noexcept
+{
+    const ssize_t n = nwrite(task->dfd, tail.data(), tail.size());
+    if (n != static_cast<ssize_t>(tail.size())) {
+        LOG_ERR("%s: under-write(fd%d) %zd/%zd\n", "mk_dest_file", task->dfd, n, static_cast<ssize_t>(tail.size()));
+        return -1;
+    }
+    return 0;
+}
+
+static int map_dest(dw_task* task, std::string_view tail) noexcept
+{
+    bool reserved = false;
+    if (const int rc = reserve_blocks(task, &reserved))
+        return rc;
+    void* p = mmap(nullptr, task->content_length, PROT_WRITE, MAP_SHARED | MAP_NORESERVE | MAP_POPULATE, task->dfd, 0);
+    if (p == MAP_FAILED) {
+        const int err = errno;
+        LOG_ERR("%s: mmap() for %zu bytes failed, ERROR(%d): %s\n", "mk_dest_file", task->content_length, err,
+                strerror(err));
+        return -1;
+    }
+    task->buf = static_cast<char*>(p);
+    task->buflen = task->content_length;
+    task->is_mmapped = true;
+    task->f_pos = 0;
+    if (tail.empty())
+        return 0;
+    LOG_DEBUG("%s: memcopy tail of %zd bytes\n", "mk_dest_file", static_cast<ssize_t>(tail.size()));
+    /* Without reserved blocks a copy into the mapping could fault; a write fails with an error. Later bytes are put into
+       the mapping by the kernel, whose read fails with an error too. */
+    if (!reserved)
+        return write_tail(task, tail);
+    memcpy(task->buf, tail.data(), tail.size());
+    return 0;
+}
+
+static int open_for_writes(dw_task* task, std::string_view tail) noexcept
+{
+    if (W_lseek("mk_dest_file", task->dfd, 0, SEEK_SET) == -1)
+        return errno;
+    task->is_mmapped = false;
+    task->buf = nullptr;
+    task->buflen = 0;
+    task->f_pos = 0;
+    if (tail.empty())
+        return 0;
+    LOG_DEBUG("%s: write tail of %zd bytes\n", "mk_dest_file", static_cast<ssize_t>(tail.size()));
+    return write_tail(task, tail);
+}
+
+/* Creates the unfinished file at its full length. */
+static int create_dest(dw_task* task) noexcept
+{
+    task->dfd = W_open("mk_dest_file", task->spec.fpath, O_RDWR | O_CREAT | O_EXCL, DST_MODE);
+    if (task->dfd == -1)
+        return errno;
+    if (const int rc = W_ftruncate("mk_dest_file", task->dfd, static_cast<off_t>(task->content_length)))
+        return rc;
+    LOG_DEBUG("%s: destination fd%d opened [%s], %zu bytes\n", "mk_dest_file", task->dfd, task->spec.fpath,
+              task->content_length);
+    return 0;
+}
+
+int mk_dest_file(dw_task* task, const char* head, const http_resp_ctx* resp) noexcept
+{
+    const auto total = static_cast<size_t>(resp->total);
+    const size_t head_len = resp->tail >= 1 ? static_cast<size_t>(resp->tail) : total;
+    const int64_t length = extract_num_hdr("Content-Length", {head, head_len}).value_or(0);
+    if (length <= 0) {
+        LOG_ERR("%s: invalid/missing content length: %zd\n", __func__, static_cast<ssize_t>(length));
+        return EINVAL;
+    }
+    const size_t ntail = total - head_len;
+    LOG_DEBUG("%s: [%s] length=%zd, tail=%zd\n", __func__, task->spec.fpath, static_cast<ssize_t>(length),
+              static_cast<ssize_t>(ntail));
+    task->content_length = task->nleft = static_cast<size_t>(length);
+
+    if (const int rc = create_dest(task))
+        return rc;
+    /* What a source sends beyond the announced length is ignored. */
+    const std::string_view tail(head + head_len, std::min(ntail, task->nleft));
+    const bool is_mapped = can_mmap_dw(task);
+    if (const int rc = is_mapped ? map_dest(task, tail) : open_for_writes(task, tail))
+        return rc;
+    task->f_pos += static_cast<off_t>(tail.size());
+    task->nleft -= tail.size();
+    LOG_DEBUG("%s: created %s for [%s]\n", __func__, is_mapped ? "mmap" : "file", task->spec.fpath);
+    return 0;
+}
+
+/* One read from the source into the mapping, or through the buffer into the file. The count, or -1 with *rc set. */
+static ssize_t receive(dw_task* task, int* rc) noexcept
+{
+    static std::array<char, DWBUF_LEN> buf; /* one for all tasks: nothing stays in it between calls */
+
+    errno = 0;
+    const ssize_t n = task->is_mmapped ? nread(task->sfd, task->buf + task->f_pos, task->nleft)
+                                       : nread(task->sfd, buf.data(), std::min(task->nleft, buf.size()));
+    if (n < 1) {
+        *rc = n == 0 ? ECONNRESET : errno; /* bytes are missing, so an end of the stream is a break */
+        return -1;
+    }
+    if (!task->is_mmapped) {
+        const ssize_t nw = nwrite(task->dfd, buf.data(), static_cast<size_t>(n));
+        if (nw != n) {
+            LOG_ERR("%s: under-write to fd%d: %zd/%zd\n", "read_fragment", task->dfd, n, nw);
+            *rc = -1;
+            return -1;
+        }
+    }
+    return n;
+}
+
+int read_fragment(dw_task* task) noexcept
+{
+    int rc = 0;
+    const size_t left = task->nleft;
+    /* Nothing is left when the whole body came with the head: the event only says that the task may complete. */
+    const ssize_t n = left > 0 ? receive(task, &rc) : 0;
+    if (n > 0) {
+        if (static_cast<size_t>(n) > left)
+            PANIC("%s: BAD CONTENT-LEFT: nrecv/left: %zd/%zu bytes\n", __func__, n, left);
+        task->f_pos += n;
+        task->nleft -= static_cast<size_t>(n);
+        LOG_DEBUG("%s: %zd bytes, total=%zd/%zu, %zu left\n", __func__, n, static_cast<ssize_t>(task->f_pos),
+                  task->content_length, task->nleft);
+    }
+    rqs_set_now(&task->last_io_tm);
+    if (rc != 0)
+        LOG_ERR("%s: [%s] failed, rc=%d\n", __func__, task->spec.fpath, rc);
+    return rc;
+}
+
+/* Renames the unfinished file, provided that it is the one written here: another order may have taken a stale one for
+   left behind and put its own in its place. */
+static int publish(const char* unfinished, const char* final_path, const struct stat& own) noexcept
+{
+    struct stat st {
+    };
+    int rc = stat(unfinished, &st);
+    if (rc == 0 && (st.st_dev != own.st_dev || st.st_ino != own.st_ino)) {
+        rc = -1;
+        errno = ESTALE;
+    }
+    if (rc == 0)
+        rc = rename(unfinished, final_path);
+    if (rc != 0) {
+        const int err = errno;
+        LOG_ERR("%s: rename(%s, %s) ERROR(%d): %s\n", "complete_download", unfinished, final_path, err, strerror(err));
+        return -1;
+    }
+    LOG_DEBUG("%s: rename(%s, %s): OK\n", "complete_download", unfinished, final_path);
+    return 0;
+}
+
+int complete_download(dw_task* task) noexcept
+{
+    if (task->is_mmapped && msync(task->buf, task->buflen, MS_ASYNC) != 0) {
+        const int err = errno;
+        LOG_ERR("%s: msync(%p, %zu) on fd%d ERROR(%d): %s\n", __func__, static_cast<void*>(task->buf), task->buflen,
+                task->dfd, err, strerror(err));
+        return -1;
+    }
+    struct stat own {
+    };
+    if (fstat(task->dfd, &own) != 0) {
+        const int err = errno;
+        LOG_ERR("%s: fstat(fd%d,..) ERROR(%d): %s\n", __func__, task->dfd, err, strerror(err));
+        return -1;
+    }
+    /* A network file system may report here that written bytes were lost. */
+    const int rc_close = W_close(__func__, task->dfd);
+    task->dfd = -1;
+    if (rc_close != 0)
+        return -1;
+
+    std::array<char, SPEC_PATH_MAX> unfinished{};
+    cut_text(unfinished.data(), unfinished.size(), task->spec.fpath);
+    ASSERT(cutoff_segext(task->spec.fpath) == 0);
+    const int rc = publish(unfinished.data(), task->spec.fpath, own);
+    /* The registration follows whatever became of the rename, and its result changes nothing. */
+    if (g_cfg.lbdb.port > 0)
+        (void)add_lbdb_url(&task->spec);
+    if (rc == 0) {
+        LOG_NORM("downloaded: %zu bytes, [%s] to [%s]\n", task->content_length, task->spec.url, task->spec.fpath);
+        pprm_task(task);
+    }
+    return rc;
+}
+
+int add_lbdb_url(const dw_spec* spec) noexcept
+{
+    ASSERT(g_cfg.seg_url_pfx[0] && spec->dst_path[0]);
+    std::array<char, LBDB_URL_MAX> url{};
+    const int n = snprintf(url.data(), url.size() - 1, "%s/%s", g_cfg.seg_url_pfx, spec->dst_path);
+    if (n < 1 || n > static_cast<int>(url.size()) - 1) {
+        LOG_ERR("%s: n=%d, URL buffer error\n", __func__, n);
+        return -1;
+    }
+    LOG_INFO("%s: id=[%s], url=[%s], expiry=%lu\n", __func__, spec->dst_path, url.data(),
+             static_cast<unsigned long>(spec->expiry_tm));
+    const int rc = lbdb_add_segurl(spec->dst_path, url.data(), static_cast<long>(spec->expiry_tm));
+    if (rc != 0)
+        LOG_ERR("%s: failed to add [%s]\n", __func__, spec->dst_path);
+    return rc;
+}
+
+bool is_local_url(const char* url) noexcept
+{
+    const std::string_view prefix(g_cfg.seg_url_pfx);
+    if (prefix.empty() || !ci_starts_with(url, prefix))
+        return false;
+    const char next = url[prefix.size()];
+    return next == '/' || next == '\0';
+}

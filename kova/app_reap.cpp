@@ -1,0 +1,93 @@
+/* Reaping: a task is never freed by the handler that ends it. The handler lists it, and post-processing frees the listed
+   ones when no event of the round can find them any more. */
+#include "app.h"
+
+#include "log.h"
+#include "rqs.h"
+#include "timeop.h"
+#include "tmout.h"
+
+#include <algorithm>
+#include <limits>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+int pprm_task(dw_task* task) noexcept
+{
+    if (xvlst_find(&g_ctx.pprm_tasks, task, is_ptr_match, nullptr)) {
+        LOG_WARN("%s: task [%s] (%p) is already listed, skipping\n", __func__, task->trk_tag.sym8,
+                 static_cast<void*>(task));
+        return 0;
+    }
+    task->is_quitting = true;
+    unhash_task(task); /* a new order for this source need not wait for the end of the round */
+
+    const ssize_t j = xvlst_add(&g_ctx.pprm_tasks, sizeof(dw_task*), 1);
+    if (j < 0) {
+        LOG_ERR("%s: FAILED on [%s] (%p)\n", __func__, task->trk_tag.sym8, static_cast<void*>(task));
+        return -1;
+    }
+    static_cast<dw_task**>(g_ctx.pprm_tasks.data)[j] = task;
+    LOG_DEBUG("%s: [%s] (%p) idx=%ld OK\n", __func__, task->trk_tag.sym8, static_cast<void*>(task),
+              static_cast<long>(j));
+    return 0;
+}
+
+void pprm_task_cleanup() noexcept
+{
+    if (g_ctx.pprm_tasks.len == 0)
+        return;
+    LOG_DEBUG("%s: %ld pprm tasks\n", __func__, static_cast<long>(g_ctx.pprm_tasks.len));
+    xvlst_purge_all(&g_ctx.pprm_tasks, free_dw_elem);
+}
+
+void pprm_requests() noexcept
+{
+    LOG_DEBUG("%s: BEGIN\n", __func__);
+    rui_pprm_all(&g_ctx.rui);
+    LOG_DEBUG("%s: END\n", __func__);
+}
+
+static int pprm_live_task(void* data, size_t idx) noexcept
+{
+    dw_task* task = static_cast<dw_task*>(data) + idx;
+    if (!task->is_quitting)
+        pprm_task(task);
+    return 0;
+}
+
+void pprm_all_tasks() noexcept
+{
+    xvlst_each(&g_ctx.tasks, pprm_live_task, nullptr);
+}
+
+bool is_iocheck_time() noexcept
+{
+    timespec pace{};
+    ms2timespec(static_cast<long>(std::min<size_t>(g_cfg.task_tmout_ms, std::numeric_limits<long>::max())), &pace);
+    if (!timed_out(g_ctx.last_tmout_check, pace))
+        return false;
+    rqs_set_now(&g_ctx.last_tmout_check);
+    return true;
+}
+
+int time_out_requests() noexcept
+{
+    if (is_iocheck_time()) {
+        const uint64_t ms = static_cast<uint64_t>(g_cfg.urq_tmout_sec) * 1000;
+        rui_tmout_all(&g_ctx.rui, static_cast<uint32_t>(std::min<uint64_t>(ms, UINT32_MAX)));
+    }
+    return 0;
+}
+
+/* Shutdown has listed and freed every live task before, so the table is empty here; the callback takes the slots for
+   pointers and must never meet a record. */
+void rm_all_tasks() noexcept
+{
+    if (g_ctx.tasks.len == 0) {
+        LOG_DEBUG("%s: no tasks to purge.\n", __func__);
+        return;
+    }
+    LOG_DEBUG("%s: %zu tasks to purge:\n", __func__, g_ctx.tasks.len);
+    xvlst_purge_all(&g_ctx.tasks, free_dw_elem);
+}

@@ -1,0 +1,47 @@
+/* The one configuration record: defaults, configuration file, command-line listeners, check, dump. */
+#pragma once
+
+#include "appcfg.h"
+#include "lbquery.h"
+
+#include <cstddef>
+#include <cstdio>
+
+constexpr size_t D_MAX_TASKS = 4096;
+constexpr size_t D_DW_TMOUT_MS = 5000;
+constexpr size_t D_MAX_MMAP_MB = 8;
+constexpr size_t MAX_IFC_LEN = 32;
+
+struct udp_lstn_cfg {
+    char url[128];          /* empty = no channel */
+    char mifc[MAX_IFC_LEN]; /* multicast interface, empty = any */
+    bool is_gzipped;        /* only shown: datagrams are plain text */
+    bool must_lock;
+    char lkdir[128];
+};
+
+struct kova_cfg {
+    char config_path[128];
+    log_cfg log;
+    rt_cfg rt;
+    rui_cfg rui;
+    char data_dir[128];
+    udp_lstn_cfg udp_cha;
+    int urq_tmout_sec;
+    size_t max_tasks; /* 0 = unlimited */
+    size_t task_tmout_ms;
+    size_t max_mmap_mb;
+    char seg_url_pfx[128]; /* prefix under which this host's files are published */
+    lbdb_cfg lbdb;
+};
+
+extern kova_cfg g_cfg; /* filled at start-up, read-only afterwards (the listeners' interface records excepted) */
+
+void init_kova_config(kova_cfg* cfg) noexcept;
+/* 0, or non-zero (said on standard error or logged). */
+[[nodiscard]] int load_kova_config(const char* path, kova_cfg* cfg, int reload) noexcept;
+/* A listener of the command line, "ifc:port". 0, -12, 22 (logged). */
+[[nodiscard]] int add_web_cli(kova_cfg* cfg, const char* text, int family) noexcept;
+[[nodiscard]] int validate_config(const kova_cfg* cfg) noexcept;
+void dump_kova_config(FILE* stream, const kova_cfg* cfg) noexcept;
+void free_kova_config(kova_cfg* cfg) noexcept;

@@ -1,0 +1,12 @@
+/* Order locks: empty files in a directory that cooperating agents share, taken by exclusive creation. A lock older than 30
+   seconds counts as left behind. */
+#pragma once
+
+constexpr long STALE_LOCK_SEC = 30; /* the same for lock files and unfinished files */
+
+/* 0 locked, or locking is off; 16 a live lock exists; -1 error (logged): no lock is held. */
+[[nodiscard]] int lid_lock(const char* lid) noexcept;
+/* Removes the lock; call it only for a lock taken with lid_lock() == 0. */
+void lid_unlock(const char* lid) noexcept;
+/* 0 no file, or a stale one was removed; 16 the file is max_age seconds old or younger; -1 error (logged). */
+[[nodiscard]] int check_and_expire(const char* path, long max_age) noexcept;

@@ -1,0 +1,107 @@
+/* The main sequence of the daemon: configuration, runtime, context, engine, loop, shutdown. There is no way back from a
+   later stage to an earlier one, and app_shutdown copes with every stage. */
+#include "main.h"
+
+#include "app.h"
+#include "log.h"
+#include "meta.h"
+#include "timeop.h"
+#include "tmout.h"
+#include "udl.h"
+#include "util.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+int app_start() noexcept
+{
+    if (const int rc = rqs_init(&g_rqs_config))
+        return rc;
+    if (const int rc = rui_ctx_start(&g_ctx.rui))
+        return rc;
+    return g_ctx.udl.is_ready ? udl_ctx_start(&g_ctx.udl) : 0;
+}
+
+void app_shutdown() noexcept
+{
+    LOG_DEBUG("%s: begins\n", __func__);
+    pprm_all_tasks(); /* running downloads end by the ordinary road */
+    pprm_task_cleanup();
+    destroy_kova_ctx();
+    rqs_destroy();
+    LOG_NORM("%s shut down\n", APP_NAME);
+    if (g_cfg.rt.pidfile[0] && unlink(g_cfg.rt.pidfile) != 0 && errno != ENOENT) {
+        const int err = errno;
+        LOG_ERR("%s: unlink(%s) ERROR(%d): %s\n", __func__, g_cfg.rt.pidfile, err, strerror(err));
+    }
+}
+
+/* Into the log, and for a terminal run also to the terminal, where all later lines are mirrored. */
+static void write_config_dump() noexcept
+{
+    if (FILE* fp = log_fp(g_log)) {
+        dump_kova_config(fp, &g_cfg);
+        (void)fflush(fp);
+    }
+    if (!g_cfg.rt.quiet && g_cfg.rt.non_daemon && g_cfg.log.path[0]) {
+        log_mirror(g_log, stderr);
+        dump_kova_config(stderr, &g_cfg);
+    }
+}
+
+/* From the prepared configuration to the end of the loop. */
+static int run() noexcept
+{
+    if (const int rc = runtime_setup())
+        return rc;
+    write_config_dump();
+    if (const int rc = init_kova_ctx())
+        return rc;
+    if (const int rc = app_start())
+        return rc;
+
+    LOG_NORM("%s STARTING. PID=%ld\n", get_app_info(APP_NAME, nullptr), static_cast<long>(getpid()));
+    LOG_INFO("Config read from [%s]\n", g_cfg.config_path);
+    const int rc = rqs_event_loop();
+    if (!g_quit)
+        return rc;
+    LOG_NORM("%s has been asked to quit.\n", APP_NAME);
+    return 0;
+}
+
+/* The kernel keeps eight bits of a status; a failure must not look like success. */
+static int exit_status(int rc) noexcept
+{
+    const int status = rc < 0 ? -rc : rc;
+    return status != 0 && (status & 0xff) == 0 ? 255 : status;
+}
+
+int main(int argc, char* argv[])
+{
+    fill_std_fds();
+    const char* trace = getenv("SYSW_DEBUG");
+    if (argc < 2)
+        usage(1);
+
+    glog_init(APP_NAME);
+    init_timeout_registry();
+    log_default(g_log, stderr);
+    g_mod_ll[0] = DEBUG_level;
+    setup_config(argc, argv);
+    g_mod_ll[0] = g_cfg.log.level;
+    if (trace && strcmp(trace, "1") == 0)
+        g_mod_ll[MOD_SYSWRAP] = DEBUG_level;
+
+    const int rc = run();
+    app_shutdown();
+    free_kova_config(&g_cfg);
+
+    const int status = exit_status(rc);
+    LOG_NORM("%s EXIT(%d). PID=%ld\n", get_app_info(APP_NAME, nullptr), status, static_cast<long>(getpid()));
+    log_close(g_log);
+    return status;
+}

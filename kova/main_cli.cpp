@@ -1,0 +1,185 @@
+/* The command line, read twice: first for the configuration file, then, over the file's values, for everything else. */
+#include "main.h"
+
+#include "data.h"
+#include "log.h"
+#include "meta.h"
+#include "strops.h"
+#include "util.h"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <getopt.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+static const char* const OPT_LETTERS = "w:W:U:C:0D:l:L:p:P:TVqh?";
+
+/* --default has no letter of its own, so the second pass refuses it; -0 is harmless. */
+static const option LONG_OPTS[] = {
+    {"webrq", required_argument, nullptr, 'w'},   {"webrq6", required_argument, nullptr, 'W'},
+    {"udpcha", required_argument, nullptr, 'U'},  {"config", required_argument, nullptr, 'C'},
+    {"default", no_argument, nullptr, 0},         {"dataroot", required_argument, nullptr, 'D'},
+    {"logfile", required_argument, nullptr, 'l'}, {"level", required_argument, nullptr, 'L'},
+    {"pidfile", required_argument, nullptr, 'p'}, {"cpu", required_argument, nullptr, 'P'},
+    {"term", no_argument, nullptr, 'T'},          {"version", no_argument, nullptr, 'V'},
+    {"quiet", no_argument, nullptr, 'q'},         {"help", no_argument, nullptr, 'h'},
+    {"options", no_argument, nullptr, '?'},       {nullptr, 0, nullptr, 0},
+};
+
+static const char* const CONFIG_PLACES[] = {
+    "./kov.conf",      "/etc/kov.conf",      "/usr/local/etc/kov.conf",
+    "./marlinet.conf", "/etc/marlinet.conf", "/usr/local/etc/marlinet.conf",
+};
+
+void usage(int status) noexcept
+{
+    fprintf(stderr, "%s\n", get_app_info(APP_NAME, nullptr));
+    fprintf(stderr, "Usage: %s PARAMETERS [OPTIONS]\n\n", APP_NAME);
+    fputs("Parameters:\n"
+          "  -w|-W|--webrq[6] {ifc:port}  = IPv4/6 interface:port for HTTP-requests\n"
+          "  -U|--udpcha      {addr:port} = address:port for UDP listener\n"
+          "  -C|--config  {path}        = config file\n"
+          "\n"
+          "Options:\n"
+          "  -0|--default               = run with default settings [false]\n"
+          "  -D|--dataroot {dir-path}   = data root\n"
+          "  -l|--logfile {path}        = log file\n"
+          "  -L|--level   {level}       = log level: crit|err|norm|warn|info|debug [info]\n"
+          "  -p|--pidfile {path}        = pid file\n"
+          "  -P|--cpu {0..N}            = run on CPUx only\n"
+          "  -u|--runas   {user}        = run as user [root|current]\n"
+          "  -T|--term                  = run as a non-daemon application [false]\n"
+          "  -V|--version               = output application's version\n"
+          "  -q|--quiet                 = send no output to terminal\n"
+          "  -h|?|--help                = output this option guide\n"
+          "\n",
+          stderr);
+    dump_build_info(stderr);
+    fprintf(stderr, "%s is part of the marlinet product family.\n", APP_NAME);
+    exit(status);
+}
+
+/* The options that count before the file is read. Returns the file's path, or null. */
+static const char* first_pass(int argc, char* argv[]) noexcept
+{
+    const char* path = pick_first_file(CONFIG_PLACES);
+    for (int c = 0; (c = getopt_long(argc, argv, OPT_LETTERS, LONG_OPTS, nullptr)) != -1;) {
+        switch (c) {
+        case 'C':
+            path = optarg;
+            break;
+        case 'q':
+            g_cfg.rt.quiet = true;
+            break;
+        case 'V':
+            fprintf(stderr, "%s\n", get_app_info(APP_NAME, nullptr));
+            exit(1);
+        case 'h':
+        case '?':
+            usage(1);
+        default: /* for the second pass */
+            break;
+        }
+    }
+    return path;
+}
+
+/* A path option into its field; what names it in the message. */
+static int set_path(char (&dst)[128], const char* what, const char* value) noexcept
+{
+    if (copy_text(dst, sizeof(dst), value))
+        return 0;
+    fprintf(stderr, "%s path is too long (%ld bytes), max=%ld bytes.\n", what, static_cast<long>(strlen(value)),
+            static_cast<long>(sizeof(dst)));
+    return -1;
+}
+
+static int set_level(const char* value) noexcept
+{
+    if (match_log_level(value, &g_cfg.log.level) == 0)
+        return 0;
+    fprintf(stderr, "Invalid log level: %s\n", value);
+    return -1;
+}
+
+static int set_cpu(const char* value) noexcept
+{
+    const int cpu = atoi(value); // NOLINT(cert-err34-c): 0 from any other text than "0" is refused below
+    if (cpu == 0 && strcmp(value, "0") != 0) {
+        fprintf(stderr, "Invalid CPU #: %s\n", value);
+        return -1;
+    }
+    g_cfg.rt.cpunum = cpu < -1 ? -1 : cpu;
+    return 0;
+}
+
+/* The sense of the flag is the reverse of what the text says, and senders rely on it. */
+static void set_udp_channel(const char* value) noexcept
+{
+    cut_text(g_cfg.udp_cha.url, sizeof(g_cfg.udp_cha.url), value);
+    g_cfg.udp_cha.is_gzipped = strstr(value, "zipped=1") == nullptr;
+}
+
+static int apply_option(int c) noexcept
+{
+    switch (c) {
+    case 'w':
+        return add_web_cli(&g_cfg, optarg, AF_INET);
+    case 'W':
+        return add_web_cli(&g_cfg, optarg, AF_INET6);
+    case 'U':
+        set_udp_channel(optarg);
+        return 0;
+    case 'C':
+    case '0':
+        return 0;
+    case 'D':
+        return set_path(g_cfg.data_dir, "Data", optarg);
+    case 'l':
+        return set_path(g_cfg.log.path, "Log", optarg);
+    case 'L':
+        return set_level(optarg);
+    case 'p':
+        return set_path(g_cfg.rt.pidfile, "Pidfile", optarg);
+    case 'P':
+        return set_cpu(optarg);
+    case 'T':
+        g_cfg.rt.non_daemon = true;
+        return 0;
+    case 'q':
+        g_cfg.rt.quiet = true;
+        return 0;
+    default:
+        fprintf(stderr, "Unknown option: %c\n", c);
+        return -1;
+    }
+}
+
+void setup_config(int argc, char* argv[]) noexcept
+{
+    init_kova_config(&g_cfg);
+    log_default(g_log, stderr);
+    log_set_group(g_log, mk_tag8("KOV"));
+
+    const char* path = first_pass(argc, argv);
+    if (!path) {
+        fprintf(stderr, "Invalid or unspecified config [%s], please use -C path\n", "");
+        usage(1);
+    }
+    if (load_kova_config(path, &g_cfg, 0) != 0)
+        exit(1);
+
+    reset_getopt_state();
+    log_timefmt(g_log, g_cfg.log.timefmt);
+    if (geteuid() != 0)
+        g_cfg.rt.non_daemon = true;
+    for (int c = 0; (c = getopt_long(argc, argv, OPT_LETTERS, LONG_OPTS, nullptr)) != -1;) {
+        if (apply_option(c) != 0)
+            exit(1);
+    }
+    if (validate_config(&g_cfg) != 0)
+        exit(1);
+}
