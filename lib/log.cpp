@@ -1,0 +1,439 @@
+/* The process log: one line buffer, one stream. A record is built whole, filtered by the level of the module that emits it,
+   and handed out with one write. The log never fails its caller: what cannot be written is dropped. */
+#include "log_internal.h"
+
+#include "guard.h"
+#include "log_syslog.h"
+#include "strops.h"
+#include "timeop.h"
+
+#include <algorithm>
+#include <array>
+#include <assert.h>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <execinfo.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr size_t LOG_BUF_CAP = LOG_LINE_MAX + 1;
+constexpr size_t TIME_CAP = 64;
+constexpr int BTRACE_FRAMES = 16;
+constexpr size_t BTRACE_CAP = 512;
+
+int g_mod_ll[LL_MAX_MODULES];
+int g_sec_ll[LL_MAX_SECTIONS];
+volatile int g_in_signal = 0;
+
+static log_ctx g_log_record{};
+log_ctx* const g_log = &g_log_record;
+
+static struct {
+    bool is_ready;
+    char app_tag[LOG_PATHNAME_MAX];
+} g_logmod;
+
+static struct {
+    char text[LOG_BUF_CAP];
+    size_t len;
+} g_line;
+
+static struct {
+    bool is_saved;
+    int levels[LL_MAX_MODULES];
+} g_saved;
+
+/* ---- set-up ---- */
+
+void glog_init(const char* app_tag) noexcept
+{
+    ASSERT(app_tag);
+    cut_text(g_logmod.app_tag, sizeof(g_logmod.app_tag), app_tag);
+    g_logmod.is_ready = true;
+    if (!g_log->fp && !g_log->name[0])
+        g_log->fp = stderr;
+}
+
+const char* glog_app_tag() noexcept
+{
+    return g_logmod.app_tag;
+}
+
+bool log_is_ready() noexcept
+{
+    return g_logmod.is_ready;
+}
+
+void log_default(log_ctx* log, FILE* stream) noexcept
+{
+    log->fp = stream;
+    log->is_pipe = 0;
+    log->name[0] = '\0';
+    if (log == g_log && !log->llst.sec_ll_set)
+        std::fill(std::begin(g_sec_ll), std::end(g_sec_ll), SECTION_level);
+}
+
+void log_set_group(log_ctx* log, n64_tag tag) noexcept
+{
+    log->group = tag;
+}
+
+n64_tag log_get_group(const log_ctx* log) noexcept
+{
+    return log->group;
+}
+
+void log_set_pid(log_ctx* log, pid_t pid) noexcept
+{
+    log->pid = pid;
+}
+
+pid_t log_get_pid(const log_ctx* log) noexcept
+{
+    return log->pid;
+}
+
+void log_timefmt(log_ctx* log, uint32_t flags) noexcept
+{
+    log->time_format = flags;
+}
+
+FILE* log_fp(const log_ctx* log) noexcept
+{
+    return log->fp;
+}
+
+void log_mirror(log_ctx* log, FILE* stream) noexcept
+{
+    if (stream)
+        (void)setvbuf(stream, nullptr, _IOLBF, 0);
+    log->mirror_fp = stream;
+}
+
+FILE* log_mirror_fp(const log_ctx* log) noexcept
+{
+    return log->mirror_fp;
+}
+
+void config_syslog(log_ctx* log, const char* ident, int option, int facility) noexcept
+{
+    syslog_open(ident, option, facility);
+    log->syslg = {true, option, facility};
+}
+
+void glog_enable_syslog(const char* ident) noexcept
+{
+    config_syslog(g_log, ident, SYSLOG_DEFAULT, SYSLOG_DEFAULT);
+}
+
+void disable_syslog(log_ctx* log) noexcept
+{
+    if (log->syslg.enabled)
+        syslog_close();
+    log->syslg.enabled = false;
+}
+
+void glog_disable_syslog() noexcept
+{
+    disable_syslog(g_log);
+}
+
+/* ---- levels ---- */
+
+struct level_names {
+    int level;
+    const char* tag;
+    const char* name; /* "ctitical" is what operators' tools know */
+};
+
+static const level_names LEVELS[] = {
+    {PANIC_level, "(PNC)", "panic"},  {ERR_level, "(ERR)", "error"},   {CRIT_level, "(CRI)", "ctitical"},
+    {WARN_level, "(WRN)", "warning"}, {NORM_level, "(NRM)", "normal"}, {INFO_level, "(INF)", "info"},
+    {DEBUG_level, "(DBG)", "debug"},  {SECTION_level, "(SCT)", "section"},
+};
+static const level_names UNKNOWN_LEVEL = {0, "( ? )", "??"};
+
+static const level_names& names_of(int level) noexcept
+{
+    for (const level_names& l : LEVELS) {
+        if (l.level == level)
+            return l;
+    }
+    return UNKNOWN_LEVEL;
+}
+
+const char* log_level_str(int level) noexcept
+{
+    return names_of(level).name;
+}
+
+const char* get_level_tag(int level) noexcept
+{
+    return names_of(level).tag;
+}
+
+struct level_word {
+    const char* word;
+    int level;
+};
+
+static const level_word LEVEL_WORDS[] = {
+    {"err", ERR_level},   {"error", ERR_level},   {"crit", CRIT_level},       {"critical", CRIT_level},
+    {"warn", WARN_level}, {"warning", WARN_level}, {"norm", NORM_level},      {"normal", NORM_level},
+    {"info", INFO_level}, {"debug", DEBUG_level}, {"dbg", DEBUG_level},       {"section", SECTION_level},
+    {"sect", SECTION_level},
+};
+
+int match_log_level(const char* text, int* level) noexcept
+{
+    for (const level_word& w : LEVEL_WORDS) {
+        if (ci_equal(text, w.word)) {
+            *level = w.level;
+            return 0;
+        }
+    }
+    return -1;
+}
+
+int read_level_env(const char* name, int deflt) noexcept
+{
+    const char* text = getenv(name);
+    return text ? parse_num<int>(text).value_or(deflt) : deflt;
+}
+
+void log_set_modules(log_ctx* log, int level) noexcept
+{
+    std::fill(std::begin(g_mod_ll), std::end(g_mod_ll), level);
+    log->llst.mod_ll_set = 1;
+}
+
+void log_set_sections(log_ctx* log, int level) noexcept
+{
+    std::fill(std::begin(g_sec_ll), std::end(g_sec_ll), level);
+    log->llst.sec_ll_set = 1;
+}
+
+void log_push_mlevels() noexcept
+{
+    if (g_saved.is_saved)
+        return;
+    std::copy(std::begin(g_mod_ll), std::end(g_mod_ll), std::begin(g_saved.levels));
+    g_saved.is_saved = true;
+}
+
+void log_pop_mlevels() noexcept
+{
+    if (!g_saved.is_saved)
+        return;
+    std::copy(std::begin(g_saved.levels), std::end(g_saved.levels), std::begin(g_mod_ll));
+    g_saved.is_saved = false;
+}
+
+/* ---- records ---- */
+
+void logbuf_reset() noexcept
+{
+    g_line.len = 0;
+    g_line.text[0] = '\0';
+}
+
+bool logbuf_empty() noexcept
+{
+    return g_line.len == 0;
+}
+
+static char* line_end() noexcept
+{
+    return g_line.text + g_line.len;
+}
+
+static size_t line_room() noexcept
+{
+    return LOG_BUF_CAP - g_line.len;
+}
+
+/* Appends the text of one field; with two_blanks the field's own blank is followed by another one. */
+[[gnu::format(printf, 3, 4)]] static bool put_field(const char* what, bool two_blanks, const char* format, ...) noexcept
+{
+    va_list ap;
+    va_start(ap, format);
+    const int n = vsnprintf(line_end(), line_room(), format, ap);
+    va_end(ap);
+    if (n < 1 || static_cast<size_t>(n) + 1 >= line_room()) {
+        fprintf(stderr, "%s: %s buffer error (n=%d)", "logbuf_prepare", what, n);
+        return false;
+    }
+    g_line.len += static_cast<size_t>(n);
+    if (two_blanks)
+        g_line.text[g_line.len++] = ' ';
+    g_line.text[g_line.len] = '\0';
+    return true;
+}
+
+static bool put_time(uint32_t format) noexcept
+{
+    if (format & f_NO_TIME)
+        return true;
+    const uint32_t timer = format & f_TIMER_ID;
+    if (timer > f_MONOTONIC_TIMER) {
+        fprintf(stderr, "%s: unsupported timer value: %u\n", "logbuf_prepare", timer);
+        return false;
+    }
+    timespec now{};
+    if (clock_gettime(timer == f_MONOTONIC_TIMER ? CLOCK_MONOTONIC : CLOCK_REALTIME, &now) != 0) {
+        perror("clock_gettime");
+        return false;
+    }
+    const int n = mk_timestr(&now, format, line_end(), TIME_CAP);
+    if (n < 1 || n >= static_cast<int>(TIME_CAP)) {
+        fprintf(stderr, "%s: time buffer error (n=%d)\n", "logbuf_prepare", n);
+        return false;
+    }
+    g_line.len += static_cast<size_t>(n);
+    g_line.text[g_line.len++] = ' ';
+    g_line.text[g_line.len] = '\0';
+    return true;
+}
+
+static bool put_head(const log_ctx* log, int level) noexcept
+{
+    if (!put_time(log->time_format))
+        return false;
+    if (log->pid >= 1 && !put_field("pid", true, "%lu ", static_cast<unsigned long>(log->pid)))
+        return false;
+    if (level >= MIN_level + 1 && !put_field("level", true, "%s ", get_level_tag(level)))
+        return false;
+    if (log->group.num64 == 0)
+        return true;
+    ASSERT(0 == log->group.sym8[sizeof(log->group.sym8) - 1]);
+    return put_field("group", true, "%s ", log->group.sym8);
+}
+
+int logbuf_prepare(log_ctx* log, int level, const char* format, ...) noexcept
+{
+    const int err = errno; /* "%m" and the callers behind us still want it */
+    logbuf_reset();
+    if (!put_head(log, level)) {
+        logbuf_reset();
+        return -1;
+    }
+    va_list ap;
+    va_start(ap, format);
+    errno = err;
+    const int n = vsnprintf(line_end(), line_room(), format, ap);
+    va_end(ap);
+    if (n < 0 || static_cast<size_t>(n) >= line_room()) {
+        perror("fprintf/vfprintf");
+        logbuf_reset();
+        errno = err;
+        return -1;
+    }
+    g_line.len += static_cast<size_t>(n);
+    errno = err;
+    return 0;
+}
+
+static bool is_std_stream(const FILE* fp) noexcept
+{
+    return fp == stdout || fp == stderr;
+}
+
+/* The records of a rotation itself never start another one. */
+static bool g_is_rotating = false;
+
+static bool must_rotate(log_ctx* log) noexcept
+{
+    if (log->is_pipe || g_is_rotating)
+        return false;
+    bool due = log->rota.max_total > 0 && log->total_out >= log->rota.max_total;
+    if (log->rota.max_log_tm > 0) {
+        const time_t now = time(nullptr);
+        if (now > log->rota.max_log_tm) {
+            log_set_eod(log, now);
+            due = true;
+        }
+    }
+    return due;
+}
+
+void log_flush(log_ctx* log, int level) noexcept
+{
+    if (logbuf_empty() || !log->fp)
+        return;
+    const int err = errno;
+    (void)fputs(g_line.text, log->fp);
+    log->total_out += g_line.len;
+    if (log->mirror_fp && fileno(log->mirror_fp) != fileno(log->fp))
+        (void)fputs(g_line.text, log->mirror_fp);
+    if (!g_in_signal && level < 0 && log->syslg.enabled)
+        syslog_put(level, log->syslg.facility, g_line.text);
+    if (!g_in_signal && !is_std_stream(log->fp) && must_rotate(log)) {
+        g_is_rotating = true;
+        (void)log_rotate(log); /* it has said what went wrong */
+        g_is_rotating = false;
+    }
+    errno = err;
+}
+
+/* ---- recorder: none is attached in this program ---- */
+
+static void lard_puts(lard* /*lh*/, const char* /*line*/) noexcept {}
+static void lard_set_temp(lard* /*lh*/, int /*temperature*/) noexcept {}
+
+void log_lard(log_ctx* log, int level) noexcept
+{
+    if (!log->lh || logbuf_empty())
+        return;
+    lard_puts(log->lh, g_line.text);
+    if (level < 0)
+        lard_set_temp(log->lh, -level);
+}
+
+/* ---- the end ---- */
+
+int btrace_to_buf(char* buf, size_t size) noexcept
+{
+    std::array<void*, BTRACE_FRAMES> frames{};
+    const int n = backtrace(frames.data(), BTRACE_FRAMES);
+    if (n <= 0) {
+        perror("backtrace");
+        return -1;
+    }
+    const std::unique_ptr<char*, releaser<free>> names(backtrace_symbols(frames.data(), n));
+    if (!names) {
+        perror("backtrace_symbols");
+        return -1;
+    }
+    size_t pos = 0;
+    for (int i = 0; i < n && pos + 1 < size; ++i) {
+        const int len = snprintf(buf + pos, size - pos, "#%d: %s\n", i, names.get()[i]);
+        if (len < 0)
+            break;
+        pos += std::min(static_cast<size_t>(len), size - pos - 1);
+    }
+    return 0;
+}
+
+static void log_btrace(const char* title) noexcept
+{
+    std::array<char, BTRACE_CAP> trace{};
+    if (btrace_to_buf(trace.data(), trace.size() - 1) == 0)
+        LOG_AT(PANIC_level, "%s at:\n%s==\n", title, trace.data());
+    if (g_log->fp)
+        (void)fflush(g_log->fp);
+}
+
+void panic_abort() noexcept
+{
+    log_btrace("Aborting");
+    abort();
+}
+
+void assert_failed(const char* text, const char* file, unsigned line, const char* func) noexcept
+{
+    log_btrace("ASSERT");
+    __assert_fail(text, file, line, func);
+}

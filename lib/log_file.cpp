@@ -1,0 +1,327 @@
+/* The log's outputs: files, pipes, and the rotation of files. Trouble with the log itself goes to standard error. */
+#include "log_internal.h"
+
+#include "guard.h"
+#include "log_syslog.h"
+#include "strops.h"
+#include "timeop.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr mode_t LOG_MODE = 0644;
+constexpr size_t ROTATED_NAME_MAX = 160;
+constexpr size_t DEFAULT_ROTATED = 16;
+constexpr int PIPE_WAIT_STEPS = 30; /* of 10 ms: a command that ignores the end of its input is left behind */
+constexpr long PIPE_WAIT_STEP_NS = 10000000;
+
+/* ---- opening ---- */
+
+/* The mode is LOG_MODE whatever the umask: other users' tools read the log. */
+static FILE* open_file(const char* path) noexcept
+{
+    int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, LOG_MODE);
+    if (fd >= 0)
+        (void)fchmod(fd, LOG_MODE);
+    else if (errno == EEXIST)
+        fd = open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, LOG_MODE);
+    if (fd < 0)
+        return nullptr;
+    FILE* fp = fdopen(fd, "a+");
+    if (!fp)
+        close(fd);
+    else
+        (void)setvbuf(fp, nullptr, _IONBF, 0);
+    return fp;
+}
+
+/* Starts the command with an empty signal mask and default signals, which it must not inherit from this process. */
+static int spawn_command(const char* command, int in_fd, pid_t* pid) noexcept
+{
+    posix_spawnattr_t attr;
+    posix_spawn_file_actions_t actions;
+    if (posix_spawnattr_init(&attr) != 0)
+        return -1;
+    const scope_guard free_attr([&attr] { posix_spawnattr_destroy(&attr); });
+    if (posix_spawn_file_actions_init(&actions) != 0)
+        return -1;
+    const scope_guard free_actions([&actions] { posix_spawn_file_actions_destroy(&actions); });
+
+    sigset_t none;
+    sigset_t defaults;
+    sigemptyset(&none);
+    sigemptyset(&defaults);
+    for (const int signo : {SIGPIPE, SIGTERM, SIGQUIT, SIGINT, SIGUSR1, SIGUSR2, SIGHUP, SIGCHLD})
+        sigaddset(&defaults, signo);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setsigdefault(&attr, &defaults);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawn_file_actions_adddup2(&actions, in_fd, STDIN_FILENO);
+
+    std::array<char, 3> sh{"sh"};
+    std::array<char, 3> opt{"-c"};
+    std::array<char, LOG_PATHNAME_MAX + 1> text{};
+    cut_text(text.data(), text.size(), command);
+    char* const argv[] = {sh.data(), opt.data(), text.data(), nullptr};
+    errno = posix_spawn(pid, "/bin/sh", &actions, &attr, argv, environ);
+    return errno == 0 ? 0 : -1;
+}
+
+static FILE* open_pipe(const char* command, pid_t* pid) noexcept
+{
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0)
+        return nullptr;
+    const scope_guard close_in([&fds] { close(fds[0]); });
+    scope_guard close_out([&fds] { close(fds[1]); });
+    if (spawn_command(command, fds[0], pid) != 0)
+        return nullptr;
+    FILE* fp = fdopen(fds[1], "w");
+    if (!fp)
+        return nullptr;
+    close_out.release();
+    (void)setvbuf(fp, nullptr, _IOLBF, 0);
+    return fp;
+}
+
+int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
+{
+    ASSERT(log_is_ready());
+    if (!path) {
+        log_default(log, stderr);
+        return 0;
+    }
+    if (strlen(path) >= sizeof(log->name)) {
+        fprintf(stderr, "Log pathname/command is too long, %ld bytes allowed\n", static_cast<long>(LOG_PATHNAME_MAX));
+        return -1;
+    }
+    pid_t pid = 0;
+    FILE* fp = is_pipe ? open_pipe(path, &pid) : open_file(path);
+    if (!fp) {
+        const int err = errno;
+        fprintf(stderr, "%s: uid/gig=%ld/%ld %s(%s) ERROR(%d): %s\n", "do_open", static_cast<long>(geteuid()),
+                static_cast<long>(getegid()), is_pipe ? "popen" : "fopen", path, err, strerror(err));
+        return -1;
+    }
+    cut_text(log->name, sizeof(log->name), path);
+    log->fp = fp;
+    log->is_pipe = is_pipe ? 1 : 0;
+    log->pipe_pid = pid;
+    log->total_out = 0;
+    if (is_pipe)
+        return 0;
+    struct stat st {};
+    if (fstat(fileno(fp), &st) != 0) {
+        const int err = errno;
+        fprintf(stderr, "%s: fstat(%s) ERROR(%d): %s\n", "do_open", path, err, strerror(err));
+    } else if (S_ISREG(st.st_mode)) {
+        log->total_out = static_cast<size_t>(st.st_size);
+    }
+    return 0;
+}
+
+/* Moves a non-empty old log aside under its modification time. */
+static void move_aside(const char* path) noexcept
+{
+    struct stat st {};
+    if (stat(path, &st) != 0) {
+        const int err = errno;
+        if (err != ENOENT)
+            fprintf(stderr, "stat(%s) ERROR(%d): %s\n", path, err, strerror(err));
+        return;
+    }
+    if (!S_ISREG(st.st_mode) || st.st_size == 0)
+        return;
+    std::array<char, ROTATED_NAME_MAX> aside{};
+    snprintf(aside.data(), aside.size(), "%s.%lu", path, static_cast<unsigned long>(st.st_mtime));
+    if (rename(path, aside.data()) != 0) {
+        const int err = errno;
+        fprintf(stderr, "Cannot rename(%s, %s): ERROR(%d): %s\n", path, aside.data(), err, strerror(err));
+    }
+}
+
+int log_open_ex(log_ctx* log, const char* path, uint32_t flags) noexcept
+{
+    if (path && !(flags & F_APPEND_OLD) && strlen(path) < LOG_PATHNAME_MAX)
+        move_aside(path);
+    return log_do_open(log, path, false);
+}
+
+int log_popen(log_ctx* log, const char* command) noexcept
+{
+    return log_do_open(log, command, true);
+}
+
+/* ---- closing ---- */
+
+static int wait_for_command(pid_t pid) noexcept
+{
+    const timespec step = {0, PIPE_WAIT_STEP_NS};
+    for (int i = 0; i < PIPE_WAIT_STEPS; ++i) {
+        const pid_t rc = waitpid(pid, nullptr, WNOHANG);
+        if (rc == pid || (rc < 0 && errno == ECHILD))
+            return 0;
+        if (rc < 0 && errno != EINTR)
+            return -1;
+        nanosleep(&step, nullptr);
+    }
+    return 0;
+}
+
+int log_close_stream(log_ctx* log) noexcept
+{
+    FILE* fp = log->fp;
+    const pid_t pid = log->pipe_pid;
+    log->fp = nullptr;
+    log->pipe_pid = 0;
+    const int rc = fclose(fp);
+    if (pid > 0)
+        return wait_for_command(pid); /* what it did not read any more is no fault of the log's */
+    return rc;
+}
+
+void log_close(log_ctx* log) noexcept
+{
+    if (log->fp && log->fp != stdout && log->fp != stderr) {
+        const bool is_pipe = log->is_pipe;
+        if (log_close_stream(log) != 0) {
+            const int err = errno;
+            fprintf(stderr, "%s: %s error(%d) for the application log: %s\n", __func__, is_pipe ? "pclose" : "fclose",
+                    err, strerror(err));
+        }
+    }
+    log->fp = nullptr;
+    log->mirror_fp = nullptr;
+    disable_syslog(log);
+    log->lh = nullptr;
+}
+
+/* ---- rotation ---- */
+
+void log_set_rota(log_ctx* log, size_t max_bytes, size_t max_files, time_t eod_start) noexcept
+{
+    log->rota.max_total = max_bytes;
+    log->rota.max_idx = max_files >= 1 && max_files < MAX_CYCLIC_ROTATIONS ? max_files : DEFAULT_ROTATED;
+    log_set_eod(log, eod_start);
+}
+
+void log_set_eod(log_ctx* log, time_t start) noexcept
+{
+    log->rota.max_log_tm = start > 0 ? get_endofday_utime(start) : 0;
+}
+
+time_t log_rota_eod(const log_ctx* log) noexcept
+{
+    return log->rota.max_log_tm;
+}
+
+size_t log_rota_maxfiles(const log_ctx* log) noexcept
+{
+    return log->rota.max_idx;
+}
+
+size_t log_rota_maxsize(const log_ctx* log) noexcept
+{
+    return log->rota.max_total;
+}
+
+using rotated_name = std::array<char, ROTATED_NAME_MAX>;
+
+static bool mk_rotated_name(const char* fn, const log_ctx* log, time_t tm, rotated_name* name) noexcept
+{
+    const int n = snprintf(name->data(), name->size(), "%s.%lu", log->name, static_cast<unsigned long>(tm));
+    if (n > 0 && n < static_cast<int>(name->size()))
+        return true;
+    fprintf(stderr, "%s: log log->name is too long (%d bytes), max=%lu\n", fn, n,
+            static_cast<unsigned long>(name->size() - 1));
+    return false;
+}
+
+/* Books a rotation and deletes the oldest one when its slot comes round again. A rotation within the same second has
+   replaced the file of that name, which is the fresh one and stays. */
+static void handle_rotation(log_ctx* log, time_t tm, const char* name) noexcept
+{
+    rotation_ctx& r = log->rota;
+    const ssize_t i = r.next_idx;
+    LOG_NORM("[%s]: previous log rotated to [%s] tm=%ld, idx=%ld\n", glog_app_tag(), name, static_cast<long>(tm),
+             static_cast<long>(i));
+    if (r.tm[i] && r.tm[i] != tm) {
+        rotated_name oldest{};
+        if (!mk_rotated_name(__func__, log, r.tm[i], &oldest))
+            return;
+        if (unlink(oldest.data()) != 0) {
+            const int err = errno;
+            LOG_ERR("%s: unlink(%s) ERROR(%d) : %s\n", __func__, oldest.data(), err, strerror(err));
+        } else {
+            LOG_DEBUG("%s: replaced %s with %s.%lu\n", __func__, oldest.data(), log->name,
+                      static_cast<unsigned long>(tm));
+        }
+    }
+    for (time_t& other : r.tm) {
+        if (other == tm)
+            other = 0; /* the same name: one file, one slot */
+    }
+    r.tm[i] = tm;
+    r.next_idx = static_cast<size_t>(i + 1) < r.max_idx ? i + 1 : 0;
+    errno = 0;
+}
+
+static int refuse_rotation(const log_ctx* log) noexcept
+{
+    if (!log->fp || !log->name[0]) {
+        fprintf(stderr, "%s: nothing to rotate.\n", "log_rotate");
+        return -1;
+    }
+    if (log->fp == stdout || log->fp == stderr) {
+        fprintf(stderr, "%s: stdout and stderr cannot be rotated.\n", "log_rotate");
+        return -1;
+    }
+    if (log->is_pipe || log->name[0] == '|') {
+        fprintf(stderr, "%s: not supported for pipe-based streams.\n", "log_rotate");
+        return -1;
+    }
+    return 0;
+}
+
+int log_rotate(log_ctx* log) noexcept
+{
+    if (const int rc = refuse_rotation(log))
+        return rc;
+    const time_t now = time(nullptr);
+    rotated_name name{};
+    if (!mk_rotated_name(__func__, log, now, &name))
+        return -1;
+    if (log_close_stream(log) != 0) {
+        const int err = errno;
+        fprintf(stderr, "%s: failed to close [%s], ERROR(%d): %s\n", __func__, log->name, err, strerror(err));
+        return -1;
+    }
+    std::array<char, 512> failure{};
+    if (rename(log->name, name.data()) != 0) {
+        const int err = errno;
+        snprintf(failure.data(), failure.size(), "%s: failed to rename [%s] to [%s], ERROR(%d): %s", __func__,
+                 log->name, name.data(), err, strerror(err));
+        fprintf(stderr, "%s - rotation is to be stopped\n", failure.data());
+    }
+    std::array<char, LOG_PATHNAME_MAX> path{};
+    cut_text(path.data(), path.size(), log->name);
+    if (const int rc = log_do_open(log, path.data(), false))
+        return rc;
+    if (failure[0]) {
+        log->total_out = 0; /* the next attempt comes after another max_total bytes */
+        LOG_ERR("%s: %s - rotation cancelled this time\n", __func__, failure.data());
+    } else if (log->rota.max_idx > 0) {
+        handle_rotation(log, now, name.data());
+    }
+    return 0;
+}

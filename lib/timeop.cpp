@@ -1,0 +1,147 @@
+/* Clocks and the text of time stamps. The calendar conversion is not re-entered: a signal handler that logs while a record
+   is being made loses its line rather than the locale's lock. */
+#include "timeop.h"
+
+#include "log.h"
+#include "strops.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr int ZONE_CAP = 16;
+constexpr long NS_PER_US = 1000;
+
+struct timefmt_word {
+    const char* word;
+    uint32_t flags;
+};
+
+static const timefmt_word TIMEFMT_WORDS[] = {
+    {"raw_mono", f_RAW_TIME | f_MONOTONIC_TIMER}, {"raw", f_RAW_TIME}, {"no_time", f_NO_TIME}, {"gmt", f_GMT_TIME},
+    {"local", 0},
+};
+
+uint32_t match_timefmt(const char* word) noexcept
+{
+    for (const timefmt_word& w : TIMEFMT_WORDS) {
+        if (ci_equal(word, w.word))
+            return w.flags;
+    }
+    return f_BAD_TIME;
+}
+
+const char* timefmt_str(uint32_t flags) noexcept
+{
+    for (const timefmt_word& w : TIMEFMT_WORDS) {
+        if (flags == w.flags)
+            return w.word;
+    }
+    return "#error#";
+}
+
+const char* get_timezone(int refresh) noexcept
+{
+    static std::array<char, ZONE_CAP> zone{};
+
+    if (zone[0] && !refresh)
+        return zone.data();
+    const time_t now = time(nullptr);
+    tm parts{};
+    if (!localtime_r(&now, &parts)) {
+        perror("localtime_r");
+        return nullptr;
+    }
+    const size_t n = strftime(zone.data(), ZONE_CAP - 1, " %Z", &parts);
+    if (n >= 1 && n < static_cast<size_t>(ZONE_CAP))
+        return zone.data();
+    perror("strftime");
+    (void)copy_text(zone.data(), zone.size(), "#ERR#");
+    return nullptr;
+}
+
+/* Calendar fields of ts; false with -1 or -35 in *rc. */
+static bool break_down(const timespec* ts, uint32_t flags, tm* parts, int* rc) noexcept
+{
+    static volatile bool is_busy = false;
+
+    if (is_busy) {
+        *rc = -EDEADLK;
+        return false;
+    }
+    is_busy = true;
+    const tm* ok = (flags & f_GMT_TIME) ? gmtime_r(&ts->tv_sec, parts) : localtime_r(&ts->tv_sec, parts);
+    is_busy = false;
+    if (!ok) {
+        perror("gmtime_r/localtime_r");
+        *rc = -1;
+        return false;
+    }
+    return true;
+}
+
+int mk_timestr(const timespec* ts, uint32_t flags, char* buf, size_t len) noexcept
+{
+    if (flags & f_RAW_TIME) {
+        const int n = snprintf(buf, len - 1, "%ld.%06ld", static_cast<long>(ts->tv_sec), ts->tv_nsec / NS_PER_US);
+        return n >= 0 && static_cast<size_t>(n) < len ? n : -1;
+    }
+    tm t{};
+    int rc = 0;
+    if (!break_down(ts, flags, &t, &rc))
+        return rc;
+    const char* zone = get_timezone(0); /* the local one, also beside GMT fields */
+    if (!zone)
+        zone = "";
+    int n = 0;
+    if (flags & f_FMT_SECONDS) {
+        n = snprintf(buf, len, "%04d-%02d-%02d %02d:%02d:%02d%s", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour,
+                     t.tm_min, t.tm_sec, zone);
+    } else {
+        n = snprintf(buf, len, "%04d-%02d-%02d %02d:%02d:%02d.%06ld%s", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday,
+                     t.tm_hour, t.tm_min, t.tm_sec, ts->tv_nsec / NS_PER_US, zone);
+    }
+    if (n < 0 || static_cast<size_t>(n) > len) {
+        fprintf(stderr, "%s: timestamp buffer needs %d bytes, only %ld provided\n", __func__, n,
+                static_cast<long>(len));
+        return -1;
+    }
+    return n;
+}
+
+void set_clk_now(timespec* ts, clockid_t id) noexcept
+{
+    timespec now{};
+    if (clock_gettime(id, &now) != 0)
+        perror("clock_gettime");
+    else
+        *ts = now;
+}
+
+void set_real_now(timespec* ts) noexcept
+{
+    set_clk_now(ts, CLOCK_REALTIME);
+}
+
+time_t get_endofday_utime(time_t t) noexcept
+{
+    tm parts{};
+    if (!localtime_r(&t, &parts)) {
+        LOG_ERR("%s: localtime_r() FAILED\n", __func__);
+        return -1;
+    }
+    parts.tm_hour = EOD_HOUR;
+    parts.tm_min = EOD_MIN;
+    parts.tm_sec = 59;
+    return mktime(&parts);
+}
+
+void ms2timespec(long ms, timespec* ts) noexcept
+{
+    if (ms < 0)
+        *ts = {-1, 0};
+    else
+        *ts = {ms / 1000, (ms % 1000) * 1000000};
+}

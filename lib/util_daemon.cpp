@@ -1,0 +1,201 @@
+/* Process utilities of a daemon: detaching, giving up root, working directory, pid file. */
+#include "util.h"
+
+#include "guard.h"
+#include "log.h"
+#include "syswrap.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr mode_t PIDFILE_MODE = 0644;
+constexpr size_t PID_TEXT_MAX = 22;
+constexpr int PIDF_LONG_MSG = 1; /* create_pidfile_extra */
+
+static int daemon_step_failed(const char* step) noexcept
+{
+    const int err = errno;
+    LOG_ERR("%s: failed at %s, ERROR(%d): %s\n", "daemonize", step, err, strerror(err));
+    return -1;
+}
+
+/* The parent leaves at once; the child goes on with 0. */
+static int fork_away() noexcept
+{
+    const pid_t pid = fork();
+    if (pid < 0)
+        return daemon_step_failed("fork");
+    if (pid > 0)
+        _exit(0);
+    return 0;
+}
+
+int daemonize() noexcept
+{
+    if (fork_away() != 0)
+        return -1;
+    if (setsid() < 0)
+        return daemon_step_failed("setsid");
+    if (chdir("/") != 0)
+        return daemon_step_failed("chdir");
+    umask(0);
+    FILE* fp = log_fp(g_log);
+    if (fp && fileno(fp) >= STDIN_FILENO && fileno(fp) <= STDERR_FILENO)
+        log_default(g_log, stderr);
+    null_fd(STDIN_FILENO);
+    null_fd(STDOUT_FILENO);
+    return fork_away(); /* not a session leader any more: no terminal can become its own */
+}
+
+int run_as_user_id(uid_t uid, gid_t gid) noexcept
+{
+    if (setgid(gid) != 0) {
+        const int err = errno;
+        LOG_ERR("%s: setgid(%ld) ERROR(%d): %s\n", __func__, static_cast<long>(gid), err, strerror(err));
+        return -1;
+    }
+    if (setuid(uid) != 0) {
+        const int err = errno;
+        LOG_ERR("%s: setuid(%ld) ERROR(%d): %s\n", __func__, static_cast<long>(uid), err, strerror(err));
+        return -1;
+    }
+    return 0;
+}
+
+int run_as_user(const char* name) noexcept
+{
+    errno = 0;
+    const passwd* pw = getpwnam(name);
+    if (!pw && errno != 0 && errno != ENOENT) {
+        LOG_ERR("%s: getpwnam(%s): %s\n", __func__, name, strerror(errno));
+        return -1;
+    }
+    if (!pw) {
+        LOG_ERR("%s: getpwnam: user %s not found\n", __func__, name);
+        return -1;
+    }
+    const uid_t uid = pw->pw_uid;
+    const gid_t gid = pw->pw_gid;
+    /* The user's groups, while there is still the right to set them. */
+    if (geteuid() == 0 && initgroups(name, gid) != 0) {
+        const int err = errno;
+        LOG_ERR("%s: initgroups(%s) ERROR(%d): %s\n", __func__, name, err, strerror(err));
+        return -1;
+    }
+    return run_as_user_id(uid, gid);
+}
+
+static const char* home_of_user() noexcept
+{
+    errno = 0;
+    const passwd* pw = getpwuid(geteuid());
+    if (!pw) {
+        const int err = errno;
+        LOG_ERR("getpwuid(%ld) ERROR(%d): %s\n", static_cast<long>(geteuid()), err, strerror(err));
+        return nullptr;
+    }
+    LOG_DEBUG("%s: EUID(%ld) home: %s\n", "goto_runtime_home", static_cast<long>(geteuid()), pw->pw_dir);
+    return pw->pw_dir;
+}
+
+int goto_runtime_home(const char* path, const char* alt) noexcept
+{
+    if (path) {
+        if (chdir(path) == 0)
+            return 0;
+        const int err = errno;
+        if (err != EACCES) {
+            LOG_ERR("chdir(%s) (param) ERROR(%d): %s\n", path, err, strerror(err));
+            return -1;
+        }
+    }
+    if (!alt && !(alt = home_of_user()))
+        return -1;
+    const int rc = chdir(alt);
+    if (rc != 0) {
+        const int err = errno;
+        LOG_ERR("chdir(%s) (alt) ERROR(%d): %s\n", alt, err, strerror(err));
+    }
+    return rc;
+}
+
+int write_lock(int fd) noexcept
+{
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    return fcntl(fd, F_SETLK, &lock);
+}
+
+static int lock_pidfile(int fd, const char* path, int flags) noexcept
+{
+    if (write_lock(fd) == 0)
+        return 0;
+    const int err = errno;
+    if (err != EACCES && err != EAGAIN)
+        LOG_ERR("fcntl write-lock ERROR(%d): %s\n", err, strerror(err));
+    else if (flags & PIDF_LONG_MSG)
+        LOG_ERR("%s: file [%s] is locked (another instance of daemon must be running)\n", "create_pidfile_extra", path);
+    else
+        LOG_ERR("Another instance is already running\n");
+    return -1;
+}
+
+static int write_pid(int fd, pid_t pid) noexcept
+{
+    std::array<char, PID_TEXT_MAX> text{};
+    const int n = snprintf(text.data(), text.size(), "%ld", static_cast<long>(pid));
+    if (W_ftruncate("create_pidfile_extra", fd, 0) != 0)
+        return -1;
+    if (W_write_f("create_pidfile_extra", fd, text.data(), static_cast<size_t>(n), 0) == n)
+        return 0;
+    const int err = errno;
+    LOG_ERR("%s: ERROR(%d) or not enough space for pid\n", "create_pidfile_extra", err);
+    return -1;
+}
+
+static int fill_pidfile(const char* path, pid_t pid, ino_t* inode, int flags) noexcept
+{
+    const int fd = W_open("create_pidfile_extra", path, O_WRONLY | O_CREAT | O_NOCTTY, PIDFILE_MODE);
+    if (fd < 0)
+        return -1;
+    /* The lock ends with the descriptor: it guards only the moment of writing. */
+    const scope_guard close_fd([fd] { W_close("create_pidfile_extra", fd); });
+    if (lock_pidfile(fd, path, flags) != 0 || write_pid(fd, pid) != 0)
+        return -1;
+    if (!inode)
+        return 0;
+    struct stat st {};
+    if (fstat(fd, &st) != 0) {
+        const int err = errno;
+        LOG_ERR("%s: fstat(fd%d,..) ERROR(%d): %s\n", "create_pidfile_extra", fd, err, strerror(err));
+        return -1;
+    }
+    *inode = st.st_ino;
+    return 0;
+}
+
+int create_pidfile_extra(const char* path, pid_t pid, ino_t* inode, int flags) noexcept
+{
+    ASSERT(path && pid >= 1);
+    if (!path[0]) {
+        LOG_ERR("%s: no path specified\n", __func__);
+        return -1;
+    }
+    const int rc = fill_pidfile(path, pid, inode, flags);
+    if (rc == 0)
+        LOG_NORM("Created pidfile [%s] with pid=%ld.\n", path, static_cast<long>(pid));
+    else
+        LOG_ERR("%s: failed to create pidfile [%s] with pid=%ld.\n", __func__, path, static_cast<long>(pid));
+    return rc;
+}
