@@ -30,7 +30,7 @@ int W_bind(const char* caller, int fd, const sockaddr* addr, socklen_t addrlen) 
 int W_listen(const char* caller, int fd, int backlog) noexcept;
 int W_getaddrinfo(const char* caller, const char* node, const char* service, const addrinfo* hints,
                   addrinfo** result) noexcept;
-/* EAGAIN is not logged. The accepted descriptor is close-on-exec. */
+/* EAGAIN is not logged. The accepted descriptor is close-on-exec and non-blocking. */
 int W_accept(const char* caller, int fd, sockaddr* addr, socklen_t* addrlen) noexcept;
 /* A time-out is a WARN line. */
 int W_poll(const char* caller, pollfd* fds, nfds_t count, int timeout_ms) noexcept;

@@ -1,0 +1,65 @@
+/* Reads and writes on descriptors. */
+#include "fdio.h"
+
+#include "guard.h"
+#include "log.h"
+#include "syswrap.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(MOD_FDIO);
+
+ssize_t nread(int fd, void* buf, size_t count) noexcept
+{
+    ssize_t n = 0;
+    do {
+        n = read(fd, buf, count);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+ssize_t nwrite(int fd, const void* buf, size_t count) noexcept
+{
+    ssize_t n = 0;
+    do {
+        n = write(fd, buf, count);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+int wait_to_read(int fd, int ms) noexcept
+{
+    pollfd pfd = {fd, POLLIN, 0};
+    const int rc = poll(&pfd, 1, ms);
+    if (rc < 0) {
+        const int err = errno;
+        LOG_ERR("%s: poll(fd%d) ERROR(%d): %s\n", __func__, fd, err, strerror(err));
+        return -1;
+    }
+    return rc > 0 && (pfd.revents & POLLIN) ? 1 : 0;
+}
+
+ssize_t read_file_buf(const char* path, char* buf, size_t cap) noexcept
+{
+    const int fd = W_open(__func__, path, O_RDONLY, 0);
+    if (fd < 0)
+        return -1;
+    const scope_guard close_fd([fd] { W_close("read_file_buf", fd); });
+    size_t pos = 0;
+    while (pos < cap) {
+        const ssize_t n = nread(fd, buf + pos, cap - pos);
+        if (n < 0) {
+            const int err = errno;
+            LOG_ERR("%s: read(%s) ERROR(%d): %s\n", __func__, path, err, strerror(err));
+            return -1;
+        }
+        if (n == 0)
+            break;
+        pos += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(pos);
+}

@@ -1,0 +1,33 @@
+/* What the files of the event loop share among themselves. */
+#pragma once
+
+#include "rqs.h"
+
+struct rqs_context {
+    int loopfd;     /* epoll descriptor, -1 = none */
+    xvec events;    /* epoll_event: slots handed to the kernel */
+    xvec changes;
+    size_t poll_fds; /* descriptors in the epoll set */
+    xvlst nopoll;   /* nopoll_ref */
+    xvec nopoll_rm; /* ssize_t: slots of nopoll queued for removal */
+    timespec tmout; /* wait limit, negative = none */
+    timespec itime; /* CLOCK_MONOTONIC of the last wait */
+    int loop_stage; /* rqs_loop_stage */
+};
+
+/* One descriptor that epoll cannot watch. */
+struct nopoll_ref {
+    uint32_t events; /* EPOLLIN or EPOLLOUT */
+    int fd;
+    void* udata;
+    ssize_t* index; /* the owner's variable that follows the slot; may be null */
+};
+
+extern rqs_context g_rqs;
+extern rqs_config g_rqs_cfg;
+
+void rqs_init_nopoll() noexcept;
+void rqs_prepare_nopoll_rm() noexcept;
+/* 0, or a handler's result (logged). */
+[[nodiscard]] int rqs_service_nopoll() noexcept;
+[[nodiscard]] int rqs_purge_nopoll() noexcept;

@@ -1,0 +1,117 @@
+/* Time-out registry and deadline tests. min is kept ready at every change, so that asking costs nothing. */
+#include "tmout.h"
+
+#include "log.h"
+#include "rqs.h"
+#include "timeop.h"
+
+#include <limits>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr long NS_MAX = 999999999;
+
+static tmout_registry g_reg{.rec = {}, .min = MIN_TIMER_VAL};
+
+void init_timeout_registry() noexcept
+{
+    reg_init_timeout(&g_reg);
+}
+
+void set_timeout(int index, long ms) noexcept
+{
+    reg_set_timeout(&g_reg, index, ms);
+}
+
+void rm_timeout(int index) noexcept
+{
+    reg_rm_timeout(&g_reg, index);
+}
+
+long get_min_timeout() noexcept
+{
+    return reg_min_timeout(&g_reg);
+}
+
+void reg_init_timeout(tmout_registry* reg) noexcept
+{
+    *reg = tmout_registry{.rec = {}, .min = MIN_TIMER_VAL};
+}
+
+void reg_set_timeout(tmout_registry* reg, int idx, long value) noexcept
+{
+    ASSERT(idx >= 0 && idx < MAX_TMOUTS);
+    ASSERT(value >= MIN_TIMER_VAL);
+    tmo_rec& rec = reg->rec[idx];
+    if (++rec.nlocks == 1) {
+        rec.value = value;
+        if (reg->min < 0 || reg->min > value)
+            reg->min = value;
+    }
+    LOG_DEBUG("%s: timeout[%d] lk=%lu val=%ld, min_val=%ld\n", __func__, idx, static_cast<unsigned long>(rec.nlocks),
+              value, reg->min);
+}
+
+static void recompute_min(tmout_registry* reg) noexcept
+{
+    long least = std::numeric_limits<long>::max();
+    bool is_picked = false;
+    for (size_t i = 0; i < MAX_TMOUTS; ++i) {
+        const tmo_rec& rec = reg->rec[i];
+        if (rec.nlocks == 0 || rec.value >= least)
+            continue;
+        least = rec.value;
+        is_picked = true;
+        LOG_DEBUG("%s: picked rec[%ld] val=%ld, lk=%lu\n", "reg_rm_timeout", static_cast<long>(i), rec.value,
+                  static_cast<unsigned long>(rec.nlocks));
+    }
+    reg->min = is_picked ? least : MIN_TIMER_VAL;
+}
+
+void reg_rm_timeout(tmout_registry* reg, int idx) noexcept
+{
+    ASSERT(idx >= 0 && idx < MAX_TMOUTS);
+    tmo_rec& rec = reg->rec[idx];
+    ASSERT(rec.nlocks > 0);
+    if (--rec.nlocks > 0) {
+        LOG_DEBUG("%s: timeout[%d] lk=%lu\n", __func__, idx, static_cast<unsigned long>(rec.nlocks));
+        return;
+    }
+    const long old = rec.value;
+    rec.value = 0;
+    if (reg->min == 0 || reg->min >= old)
+        recompute_min(reg);
+    LOG_DEBUG("%s: removed timeout[%d]: val=%ld, min_val=%ld\n", __func__, idx, old, reg->min);
+}
+
+long reg_min_timeout(const tmout_registry* reg) noexcept
+{
+    return reg->min;
+}
+
+int timed_out(timespec start, timespec interval) noexcept
+{
+    return timed_out_as(start, interval, 0, nullptr);
+}
+
+int timed_out_as(timespec start, timespec interval, int real_clock, const timespec* ref) noexcept
+{
+    timespec now{};
+    if (ref)
+        now = *ref;
+    else if (real_clock)
+        set_real_now(&now);
+    else
+        rqs_set_now(&now);
+
+    timespec deadline = {0, start.tv_nsec + interval.tv_nsec};
+    if (__builtin_add_overflow(start.tv_sec, interval.tv_sec, &deadline.tv_sec))
+        return 0;
+    if (deadline.tv_nsec > NS_MAX) {
+        deadline.tv_nsec -= NS_MAX + 1;
+        ++deadline.tv_sec;
+    }
+    if (now.tv_sec != deadline.tv_sec)
+        return now.tv_sec > deadline.tv_sec;
+    return now.tv_nsec > deadline.tv_nsec;
+}

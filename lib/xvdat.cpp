@@ -1,0 +1,238 @@
+/* Vector and slot list. The invariant that makes "lowest free slot first" cheap: avail is always the lowest free slot, or
+   -1 when every slot is taken. */
+#include "xvdat.h"
+
+#include "log.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <sys/mman.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr int ERR_ERANGE = 34;
+constexpr int ERR_EALREADY = 114;
+
+uint32_t xvdat_flags = 0;
+
+static int no_memory() noexcept
+{
+    ASSERT(!(xvdat_flags & XV_ABORT_ENOMEM));
+    return -1;
+}
+
+/* Grows *block from old_n to new_n elements with the new ones zeroed; left as it was on failure. A first block comes
+   from calloc, so that the untouched pages of a large reservation cost nothing. */
+static bool grow_block(void** block, size_t old_n, size_t new_n, size_t size) noexcept
+{
+    size_t bytes = 0;
+    if (__builtin_mul_overflow(new_n, size, &bytes))
+        return false;
+    if (!*block) {
+        *block = calloc(new_n, size);
+        return *block != nullptr;
+    }
+    void* p = realloc(*block, bytes);
+    if (!p)
+        return false;
+    memset(static_cast<char*>(p) + old_n * size, 0, (new_n - old_n) * size);
+    *block = p;
+    return true;
+}
+
+/* n rounded up to a multiple of growblk; false on overflow. */
+static bool round_up(size_t n, size_t growblk, size_t* out) noexcept
+{
+    return !__builtin_add_overflow(n, (growblk - n % growblk) % growblk, out);
+}
+
+int xvec_reserve(xvec* v, size_t n, size_t size, size_t growblk) noexcept
+{
+    ASSERT(v && (growblk > 0));
+    if (v->max_len > n)
+        return 0;
+    if (v->flags & XV_FIXED_SIZE)
+        return ERR_XV_FIXED;
+    size_t cap = 0;
+    if (!round_up(n, growblk, &cap))
+        return no_memory();
+    if (cap <= v->max_len)
+        return 0;
+    if (!grow_block(&v->data, v->max_len, cap, size))
+        return no_memory();
+    v->max_len = cap;
+    return 0;
+}
+
+void xvec_reset(xvec* v) noexcept
+{
+    if (!(v->flags & XV_FIXED_SIZE)) {
+        free(v->data);
+        v->data = nullptr;
+        v->max_len = 0;
+    }
+    v->len = 0;
+}
+
+int xvlst_reserve(xvlst* l, size_t n, size_t size, size_t growblk) noexcept
+{
+    ASSERT(l && (growblk > 0));
+    if (l->max_len >= n)
+        return 0;
+    if (l->flags & XV_FIXED_SIZE)
+        return ERR_XV_FIXED;
+    size_t cap = 0;
+    if (!round_up(n, growblk, &cap))
+        return no_memory();
+    const size_t old = l->max_len;
+    void* map = l->taken;
+    if (!grow_block(&map, old, cap, 1))
+        return no_memory();
+    l->taken = static_cast<uint8_t*>(map); /* larger than max_len says until the elements have grown, too */
+    if (!grow_block(&l->data, old, cap, size))
+        return no_memory();
+    l->max_len = cap;
+    if (l->avail < 0)
+        l->avail = static_cast<ssize_t>(old);
+    return 0;
+}
+
+int xvlst_expand(xvlst* l, size_t plus, size_t size, size_t growblk) noexcept
+{
+    ASSERT(l && plus && size && growblk);
+    return xvlst_reserve(l, l->len + plus, size, growblk);
+}
+
+/* The lowest free slot above i, which was just taken and is the lowest free one no more. */
+static ssize_t next_free(const xvlst* l, size_t i) noexcept
+{
+    const size_t next = i + 1;
+    if (next >= l->max_len)
+        return -1;
+    if (i == l->last) {
+        ASSERT(!l->taken[next]);
+        return static_cast<ssize_t>(next);
+    }
+    if (!l->taken[next])
+        return static_cast<ssize_t>(next);
+    const void* p = memchr(l->taken + next, 0, l->max_len - next);
+    return p ? static_cast<const uint8_t*>(p) - l->taken : -1;
+}
+
+ssize_t xvlst_add(xvlst* l, size_t size, size_t growblk) noexcept
+{
+    ASSERT((0 == l->max_len) || (l->avail < (ssize_t)l->max_len));
+    if (const int rc = xvlst_expand(l, 1, size, growblk))
+        return rc;
+    if (l->avail < 0)
+        return -1;
+    const auto i = static_cast<size_t>(l->avail);
+    l->taken[i] = 1;
+    if (i > l->last)
+        l->last = i;
+    l->avail = next_free(l, i);
+    ++l->len;
+    return static_cast<ssize_t>(i);
+}
+
+int xvlst_del(xvlst* l, size_t i, xv_elem_fn callback) noexcept
+{
+    if (i > l->last || i >= l->max_len)
+        return ERR_ERANGE;
+    if (!l->taken[i])
+        return ERR_EALREADY;
+    l->taken[i] = 0;
+    if (callback)
+        callback(l->data, i);
+    if (l->avail < 0 || l->avail > static_cast<ssize_t>(i))
+        l->avail = static_cast<ssize_t>(i);
+    ASSERT(l->len > 0);
+    --l->len;
+    return 0;
+}
+
+/* Whether slot i is taken; the walks below ask again in every step, since a callback may delete slots. */
+static bool is_taken(const xvlst* l, size_t i) noexcept
+{
+    return i < l->max_len && l->taken[i];
+}
+
+int xvlst_each(xvlst* l, xv_elem_fn f, size_t* stop) noexcept
+{
+    int rc = 0;
+    if (!l->data)
+        return 0;
+    for (size_t i = 0; i <= l->last; ++i) {
+        if (!is_taken(l, i))
+            continue;
+        rc = f(l->data, i);
+        if (rc != 0 && stop) {
+            *stop = i;
+            return rc;
+        }
+    }
+    return rc;
+}
+
+int xvlst_find(xvlst* l, void* arg, xv_match_fn match, size_t* found) noexcept
+{
+    if (l->len == 0)
+        return 0;
+    for (size_t i = 0; i <= l->last; ++i) {
+        if (!is_taken(l, i))
+            continue;
+        if (const int rc = match(l->data, i, arg)) {
+            if (found)
+                *found = i;
+            return rc;
+        }
+    }
+    return 0;
+}
+
+int xvlst_rmif(xvlst* l, void* arg, xv_match_fn match, size_t* err) noexcept
+{
+    int ndeleted = 0;
+    for (size_t i = 0; l->data && i <= l->last; ++i) {
+        if (!is_taken(l, i) || !match(l->data, i, arg))
+            continue;
+        if (xvlst_del(l, i, nullptr) != 0) {
+            if (err)
+                *err = i;
+            return -1;
+        }
+        ++ndeleted;
+    }
+    return ndeleted;
+}
+
+void xvlst_purge_all(xvlst* l, xv_elem_fn f) noexcept
+{
+    ASSERT(l);
+    if (l->len == 0)
+        return;
+    if (f) {
+        ASSERT(l->taken);
+        for (size_t i = 0; i <= l->last; ++i) {
+            if (is_taken(l, i))
+                f(l->data, i);
+        }
+    }
+    if (l->taken)
+        memset(l->taken, 0, l->last + 1); /* no slot above last was taken since the map was clear */
+    l->last = l->len = 0;
+    l->avail = l->max_len > 0 ? 0 : -1;
+}
+
+void xvlst_reset(xvlst* l) noexcept
+{
+    if (!(l->flags & XV_FIXED_SIZE)) {
+        free(l->data);
+        free(l->taken);
+    } else if (l->flags & XV_MMAP) {
+        ASSERT(l->meta.num);
+        if (munmap(l->data, l->meta.num * (l->max_len + 1)) != 0)
+            PANIC("%s: munmap FAILED\n", __func__);
+    }
+    *l = xvlst{};
+}
