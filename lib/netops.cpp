@@ -1,0 +1,478 @@
+/* Addresses and sockets: from a textual endpoint to an open, configured socket. What concerns interfaces and multicast is in
+   netops_mcast.cpp. */
+#include "netops.h"
+
+#include "guard.h"
+#include "log.h"
+#include "netops_internal.h"
+#include "strops.h"
+#include "syswrap.h"
+
+#include <arpa/inet.h>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr size_t ENDPOINT_MAX = 128;
+constexpr size_t MIN_HOST_LEN = 7; /* "1.2.3.4": rejects bare numbers and fragments */
+
+/* ---- syntax ---- */
+
+bool is_decimal(const char* s) noexcept
+{
+    char* end = nullptr;
+    if (!*s)
+        return false;
+    (void)strtol(s, &end, 10);
+    return *end == '\0';
+}
+
+bool ends_with_port(const char* s) noexcept
+{
+    const char* colon = strrchr(s, ':');
+    return colon && colon[1] && strspn(colon + 1, "0123456789") == strlen(colon + 1);
+}
+
+bool is_valid_port(const char* text) noexcept
+{
+    const int port = atoi(text); // NOLINT(cert-err34-c): anything but a number is 0, which is refused
+    return port >= 1 && port <= 65535;
+}
+
+struct af_word {
+    const char* word;
+    int af;
+};
+
+static const af_word AF_WORDS[] = {
+    {"inet4", AF_INET},   {"inet", AF_INET},      {"ipv4", AF_INET},      {"af_inet", AF_INET},  {"pf_inet", AF_INET},
+    {"inet6", AF_INET6},  {"ipv6", AF_INET6},     {"af_inet6", AF_INET6}, {"pf_inet6", AF_INET6}, {"any", AF_UNSPEC},
+    {"unspec", AF_UNSPEC}, {"anyaddr", AF_UNSPEC}, {"all", AF_UNSPEC},
+};
+
+int name2af(const char* text, int* af) noexcept
+{
+    for (const af_word& w : AF_WORDS) {
+        if (ci_equal(text, w.word)) {
+            *af = w.af;
+            return 0;
+        }
+    }
+    LOG_ERR("%s: unsupported address family [%s] in configuration.\n", __func__, text);
+    return -1;
+}
+
+const char* af2name(int af) noexcept
+{
+    switch (af) {
+    case AF_INET:
+        return "inet4";
+    case AF_INET6:
+        return "inet6";
+    default:
+        return "any";
+    }
+}
+
+const char* saddr_str(const sockaddr_storage* ss, socklen_t len, char* buf, size_t size) noexcept
+{
+    std::array<char, INET6_ADDRSTRLEN> host{};
+    (void)len;
+    if (ss->ss_family == AF_INET) {
+        const auto* sin = reinterpret_cast<const sockaddr_in*>(ss);
+        inet_ntop(AF_INET, &sin->sin_addr, host.data(), host.size());
+        snprintf(buf, size, "%s:%u", host.data(), static_cast<unsigned>(ntohs(sin->sin_port)));
+    } else if (ss->ss_family == AF_INET6) {
+        const auto* sin6 = reinterpret_cast<const sockaddr_in6*>(ss);
+        inet_ntop(AF_INET6, &sin6->sin6_addr, host.data(), host.size());
+        snprintf(buf, size, "[%s]:%u", host.data(), static_cast<unsigned>(ntohs(sin6->sin6_port)));
+    } else {
+        snprintf(buf, size, "%s", ss->ss_family == AF_UNIX ? "local" : "?");
+    }
+    return buf;
+}
+
+/* ---- host:port text ---- */
+
+/* Cuts text at its last ':' into host and port, with their checks. 0 or 22 (logged). */
+static int split_endpoint(const char* text, std::array<char, ENDPOINT_MAX>* copy, const char** host,
+                          const char** port) noexcept
+{
+    cut_text(copy->data(), copy->size(), text);
+    char* colon = strrchr(copy->data(), ':');
+    if (!colon) {
+        LOG_ERR("%s: invalid address/port: %s\n", "mk_sockaddr", text);
+        return EINVAL;
+    }
+    *colon = '\0';
+    *host = copy->data();
+    *port = colon + 1;
+    if (is_decimal(*host) || strlen(*host) < MIN_HOST_LEN) {
+        LOG_ERR("%s: cannot accept plain number [%s] as IP address\n", "mk_sockaddr", *host);
+        return EINVAL;
+    }
+    if (!is_decimal(*port)) {
+        LOG_ERR("%s: port must be plain decimal number [%s]\n", "mk_sockaddr", *port);
+        return EINVAL;
+    }
+    return 0;
+}
+
+int mk_sockaddr(const char* text, int socktype, int proto, sockaddr_storage* ss, socklen_t* len) noexcept
+{
+    ASSERT(socktype == SOCK_STREAM || socktype == SOCK_DGRAM);
+    LOG_DEBUG("%s: %s(%d) address for [%s]\n", __func__, socktype == SOCK_STREAM ? "STREAM" : "DGRAM", proto, text);
+    std::array<char, ENDPOINT_MAX> copy{};
+    const char* host = nullptr;
+    const char* port = nullptr;
+    if (const int rc = split_endpoint(text, &copy, &host, &port))
+        return rc;
+    /* An IPv6 literal may stand in brackets. */
+    std::array<char, ENDPOINT_MAX> bare{};
+    cut_text(bare.data(), bare.size(), host);
+    const size_t host_len = strlen(host);
+    if (host[0] == '[' && host[host_len - 1] == ']')
+        cut_text(bare.data(), bare.size(), {host + 1, host_len - 2});
+
+    addrinfo hints{};
+    hints.ai_socktype = socktype;
+    hints.ai_protocol = proto;
+    addrinfo* list = nullptr;
+    if (W_getaddrinfo(__func__, bare.data(), port, &hints, &list) != 0)
+        return -1;
+    const std::unique_ptr<addrinfo, releaser<freeaddrinfo>> owner(list);
+    for (const addrinfo* ai = list; ai; ai = ai->ai_next) {
+        const int fd = socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC, ai->ai_protocol);
+        LOG_DEBUG("%s: %s af=%s (%d), proto = %d\n", __func__, fd >= 0 ? "OK" : "BAD", af2name(ai->ai_family),
+                  ai->ai_family, ai->ai_protocol);
+        if (fd < 0)
+            continue;
+        close(fd);
+        memcpy(ss, ai->ai_addr, ai->ai_addrlen);
+        *len = ai->ai_addrlen;
+        return 0;
+    }
+    LOG_ERR("%s: failed for [%s]\n", __func__, text);
+    return -1;
+}
+
+/* ---- socket options ---- */
+
+int set_nblock(int fd, bool on) noexcept
+{
+    const int old = fcntl(fd, F_GETFL);
+    const int flags = on ? old | O_NONBLOCK : old & ~O_NONBLOCK;
+    if (old == -1 || fcntl(fd, F_SETFL, flags) == -1) {
+        const int err = errno;
+        LOG_ERR("%s: fcntl(%d, F_SETFL, %d) ERROR(%d): %s\n", __func__, fd, flags, err, strerror(err));
+        errno = err;
+        return -1;
+    }
+    LOG_DEBUG("%s: fd%d set as %sblocking\n", __func__, fd, on ? "non-" : "");
+    return 0;
+}
+
+int set_tcp_nodelay(int fd, bool on) noexcept
+{
+    const int value = on;
+    if (W_setsockopt(__func__, fd, IPPROTO_TCP, TCP_NODELAY, &value, sizeof(value)) != 0)
+        return -1;
+    LOG_INFO("TCP_NODELAY turned %s for [fd=%d]\n", on ? "ON" : "OFF", fd);
+    return 0;
+}
+
+static int set_timeval(const char* fn, int fd, int name, long ms) noexcept
+{
+    const timeval tv = {ms / 1000, (ms % 1000) * 1000};
+    return W_setsockopt(fn, fd, SOL_SOCKET, name, &tv, sizeof(tv));
+}
+
+int set_rcv_timeout(int fd, long ms) noexcept
+{
+    return set_timeval(__func__, fd, SO_RCVTIMEO, ms);
+}
+
+int set_send_timeout(int fd, long ms) noexcept
+{
+    return set_timeval(__func__, fd, SO_SNDTIMEO, ms);
+}
+
+int socket_error(int fd) noexcept
+{
+    int err = 0;
+    socklen_t len = sizeof(err);
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0)
+        err = errno;
+    if (err != 0)
+        LOG_ERR("%s(fd%d) ERROR(%d): %s\n", __func__, fd, err, strerror(err));
+    return err;
+}
+
+int reuse_and_bind(int fd, const sockaddr_storage* ss, socklen_t len) noexcept
+{
+    const int on = 1;
+    if (W_setsockopt(__func__, fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0)
+        return -1;
+    (void)setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &on, sizeof(on)); /* where the kernel has it */
+    if (W_bind(__func__, fd, reinterpret_cast<const sockaddr*>(ss), len) != 0)
+        return -1;
+    std::array<char, INET6_ADDRSTRLEN + 10> text{};
+    LOG_DEBUG("%s: fd=%d %s OK\n", __func__, fd, saddr_str(ss, len, text.data(), text.size()));
+    return 0;
+}
+
+/* ---- opening ---- */
+
+/* A listener on :: also takes IPv4 clients. */
+static void clear_v6only(int fd) noexcept
+{
+    int on = 0;
+    socklen_t len = sizeof(on);
+    if (getsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, &len) == 0 && !on) {
+        LOG_DEBUG("%s: IPV6_V6ONLY for fd=%d is already %s\n", "open_socket", fd, "OFF");
+        return;
+    }
+    on = 0;
+    if (setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof(on)) != 0) {
+        LOG_ERR("%s: setsockopt IPV6_V6ONLY: %s\n", "open_socket", strerror(errno));
+        LOG_WARN("%s: server will not accept IPv4 requests\n", "open_socket");
+    }
+}
+
+static bool is_any6(const sockaddr_storage* ss) noexcept
+{
+    return ss->ss_family == AF_INET6 &&
+           IN6_IS_ADDR_UNSPECIFIED(&reinterpret_cast<const sockaddr_in6*>(ss)->sin6_addr);
+}
+
+static int setup_listener(int fd, const sockaddr_storage* ss, socklen_t len, const socket_spec* spec) noexcept
+{
+    if (is_any6(ss))
+        clear_v6only(fd);
+    if (reuse_and_bind(fd, ss, len) != 0)
+        return -1;
+    if (spec->socktype != SOCK_STREAM || spec->defer_listen)
+        return 0;
+    return W_listen("open_socket", fd, LISTEN_BKLOG);
+}
+
+static int setup_client(int fd, const sockaddr_storage* ss, socklen_t len, socket_spec* spec) noexcept
+{
+    if (spec->socktype == SOCK_DGRAM)
+        return spec->writer ? 0 : reuse_and_bind(fd, ss, len);
+    if (spec->non_blocking)
+        LOG_DEBUG("%s: non-blocking CONNECT on fd%d\n", "open_socket", fd);
+    if (W_connect("open_socket", fd, reinterpret_cast<const sockaddr*>(ss), len) != 0) {
+        if (errno != EINPROGRESS)
+            return -1;
+        spec->async_connect = 1;
+    }
+    LOG_INFO("%s: %s CONNECT [fd%d]\n", "open_socket", spec->async_connect ? "ASYNC" : "IMMEDIATE", fd);
+    return 0;
+}
+
+/* One resolved address. The descriptor, or -1 with nothing left open. */
+static int open_one(const addrinfo* ai, socket_spec* spec, const char* ifc, ifc_info** ifc_used) noexcept
+{
+    /* Made non-blocking with the socket itself: one call less than fcntl. */
+    const int type = ai->ai_socktype | (spec->non_blocking ? SOCK_NONBLOCK : 0);
+    const int fd = W_socket("open_socket", ai->ai_family, type, ai->ai_protocol);
+    if (fd < 0)
+        return -1;
+    scope_guard close_fd([fd] { W_close("open_socket", fd); });
+    if (spec->non_blocking)
+        LOG_DEBUG("%s: fd%d set as %sblocking\n", "set_nblock", fd, "non-");
+
+    sockaddr_storage ss{};
+    memcpy(&ss, ai->ai_addr, ai->ai_addrlen);
+    spec->family = ai->ai_family;
+    spec->async_connect = 0;
+    spec->multicast = spec->multicast || is_mcast_addr(&ss);
+    int rc = 0;
+    if (spec->multicast)
+        rc = setup_mcast(fd, &ss, ai->ai_addrlen, spec, ifc, ifc_used);
+    else if (spec->passive)
+        rc = setup_listener(fd, &ss, ai->ai_addrlen, spec);
+    else
+        rc = setup_client(fd, &ss, ai->ai_addrlen, spec);
+    if (rc != 0)
+        return -1;
+    spec->addr_ss = ss;
+    spec->addr_len = ai->ai_addrlen;
+    close_fd.release();
+    return fd;
+}
+
+static int check_endpoint(const char* address, const char* port) noexcept
+{
+    if (port && (!*port || (strtol(port, nullptr, 10) == 0 && strcmp(port, "0") != 0))) {
+        LOG_ERR("%s: empty or invalid port [%s]\n", "open_socket", port);
+        return -1;
+    }
+    if (address && is_decimal(address)) {
+        LOG_ERR("%s: cannot accept plain number [%s] as IP address\n", "open_socket", address);
+        return -1;
+    }
+    return 0;
+}
+
+static int parse_ssm_source(const char* source, socket_spec* spec) noexcept
+{
+    LOG_DEBUG("%s: SSM source: %s\n", "open_socket", source);
+    std::array<char, ENDPOINT_MAX> text{};
+    /* The port only makes it parse. An IPv6 source holds colons of its own: it has a port only behind its bracket. */
+    const char* bracket = strchr(source, ']');
+    const bool has_port = ends_with_port(bracket ? bracket : source);
+    snprintf(text.data(), text.size(), "%s%s", source, has_port ? "" : ":111");
+    if (mk_sockaddr(text.data(), SOCK_DGRAM, 0, &spec->src_ss, &spec->src_len) != 0) {
+        LOG_ERR("%s: invalid SSM source: %s\n", "open_socket", source);
+        return -1;
+    }
+    if (spec->family != 0 && spec->family != spec->src_ss.ss_family) {
+        LOG_ERR("%s: SMM src/addr family mismatch: %u/%u\n", "open_socket",
+                static_cast<unsigned>(spec->src_ss.ss_family), static_cast<unsigned>(spec->family));
+        return -1;
+    }
+    return 0;
+}
+
+/* A numeric address is resolved without files and name servers; only a name takes the long road. */
+static addrinfo* resolve(const char* address, const char* port, const socket_spec* spec) noexcept
+{
+    addrinfo hints{};
+    hints.ai_family = spec->family;
+    hints.ai_socktype = spec->socktype;
+    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+    addrinfo* list = nullptr;
+    if (getaddrinfo(address, port, &hints, &list) == 0)
+        return list;
+    hints.ai_flags = 0;
+    return W_getaddrinfo("open_socket", address, port, &hints, &list) == 0 ? list : nullptr;
+}
+
+int open_socket(const char* address, const char* port, const char* ssm_src, socket_spec* spec, const char* ifc,
+                ifc_info** ifc_used) noexcept
+{
+    LOG_DEBUG("%s: %s %s [%s (%d)] socket for [%s:%s], ifc=%s\n", __func__,
+              spec->socktype == SOCK_DGRAM ? "UDP" : "TCP", spec->passive ? "LISTENER" : "CLIENT",
+              af2name(spec->family), spec->family, address ? address : "all", port ? port : "", ifc ? ifc : "none");
+    ASSERT(spec->socktype == SOCK_STREAM || spec->socktype == SOCK_DGRAM);
+    if (check_endpoint(address, port) != 0)
+        return -1;
+    spec->is_ssm = ssm_src && spec->socktype == SOCK_DGRAM;
+    if (spec->is_ssm && parse_ssm_source(ssm_src, spec) != 0)
+        return -1;
+    if (!address)
+        address = spec->family == AF_INET6 ? "::" : "0.0.0.0";
+
+    const std::unique_ptr<addrinfo, releaser<freeaddrinfo>> list(resolve(address, port, spec));
+    int fd = -1;
+    for (const addrinfo* ai = list.get(); ai && fd < 0; ai = ai->ai_next)
+        fd = open_one(ai, spec, ifc, ifc_used);
+    if (fd < 0)
+        return -1;
+    if (spec->async_connect) {
+        LOG_DEBUG("%s: connection in progress for fd%d\n", __func__, fd);
+        errno = EINPROGRESS;
+    } else {
+        LOG_DEBUG("%s: %s %s socket fd=[%d]\n", __func__, spec->passive ? "SERVER" : "CLIENT",
+                  spec->multicast ? "multicast" : "unicast", fd);
+    }
+    return fd;
+}
+
+/* ---- listeners ---- */
+
+/* The interface's address as text, for open_socket. */
+static int open_on_ifc(const ifc_info* ifc, const char* port, int socktype, uint32_t flags) noexcept
+{
+    const char* fn = socktype == SOCK_STREAM ? "open_listener" : "open_udp_listener";
+    if (!is_decimal(port)) {
+        LOG_ERR("%s: invalid port number: %s\n", fn, port);
+        return -1;
+    }
+    std::array<char, NI_MAXHOST> host{};
+    const auto* sa = reinterpret_cast<const sockaddr*>(&ifc->ss);
+    const socklen_t len = ifc->ss.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+    if ((ifc->ss.ss_family != AF_INET && ifc->ss.ss_family != AF_INET6) ||
+        getnameinfo(sa, len, host.data(), host.size(), nullptr, 0, NI_NUMERICHOST) != 0) {
+        LOG_ERR("%s: invalid network family: %d\n", fn, static_cast<int>(ifc->ss.ss_family));
+        return -1;
+    }
+    socket_spec spec{};
+    spec.passive = 1;
+    spec.non_blocking = flags & SOCK_NONBLOCK ? 1 : 0;
+    spec.family = ifc->ss.ss_family;
+    spec.socktype = socktype;
+    return open_socket(host.data(), port, nullptr, &spec, nullptr, nullptr);
+}
+
+int open_listener(const ifc_info* ifc, const char* port, uint32_t flags) noexcept
+{
+    return open_on_ifc(ifc, port, SOCK_STREAM, flags);
+}
+
+int open_udp_listener(const ifc_info* ifc, const char* port) noexcept
+{
+    return open_on_ifc(ifc, port, SOCK_DGRAM, 0);
+}
+
+int open_anyaddr_listener(int family, const char* port, uint32_t flags) noexcept
+{
+    if (!is_decimal(port)) {
+        LOG_ERR("%s: invalid port number: %s\n", __func__, port);
+        return -1;
+    }
+    if (family != AF_INET && family != AF_INET6 && family != AF_UNSPEC) {
+        LOG_ERR("%s: invalid network family: %d\n", __func__, family);
+        return -1;
+    }
+    socket_spec spec{};
+    spec.passive = 1;
+    spec.non_blocking = flags & SOCK_NONBLOCK ? 1 : 0;
+    spec.family = family;
+    spec.socktype = SOCK_STREAM;
+    return open_socket(nullptr, port, nullptr, &spec, nullptr, nullptr);
+}
+
+static int listen_on_path(const char* path) noexcept
+{
+    sockaddr_un sun{};
+    sun.sun_family = AF_UNIX;
+    if (!copy_text(sun.sun_path, sizeof(sun.sun_path), path))
+        return -1;
+    if (unlink(path) != 0 && errno != ENOENT) {
+        const int err = errno;
+        LOG_ERR("%s: unlink ERROR(%d): %s\n", "open_domain_listener", err, strerror(err));
+        return -1;
+    }
+    const int fd = W_socket("open_domain_listener", AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    if (fd < 0)
+        return -1;
+    scope_guard close_fd([fd] { W_close("open_domain_listener", fd); });
+    if (W_bind("open_domain_listener", fd, reinterpret_cast<const sockaddr*>(&sun), sizeof(sun)) != 0 ||
+        W_listen("open_domain_listener", fd, LISTEN_BKLOG) != 0)
+        return -1;
+    close_fd.release();
+    return fd;
+}
+
+int open_domain_listener(const char* path) noexcept
+{
+    const int fd = listen_on_path(path);
+    if (fd < 0)
+        LOG_ERR("%s: failed for path=[%s]\n", __func__, path);
+    else
+        LOG_DEBUG("%s: fd=%d is listening on [%s]\n", __func__, fd, path);
+    return fd;
+}

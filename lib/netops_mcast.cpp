@@ -1,0 +1,266 @@
+/* Interfaces by name or address, and membership in multicast groups. */
+#include "netops_internal.h"
+
+#include "guard.h"
+#include "log.h"
+#include "strops.h"
+#include "syswrap.h"
+
+#include <arpa/inet.h>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+using ifaddrs_ptr = std::unique_ptr<ifaddrs, releaser<freeifaddrs>>;
+using ifc_ptr = std::unique_ptr<ifc_info, releaser<free>>;
+
+static const sockaddr_in* as_in(const void* sa) noexcept
+{
+    return static_cast<const sockaddr_in*>(sa);
+}
+
+static const sockaddr_in6* as_in6(const void* sa) noexcept
+{
+    return static_cast<const sockaddr_in6*>(sa);
+}
+
+/* The address alone as text, "" for other families. */
+static void addr_text(const void* sa, int family, std::array<char, INET6_ADDRSTRLEN>* text) noexcept
+{
+    (*text)[0] = '\0';
+    if (family == AF_INET)
+        inet_ntop(family, &as_in(sa)->sin_addr, text->data(), text->size());
+    else if (family == AF_INET6)
+        inet_ntop(family, &as_in6(sa)->sin6_addr, text->data(), text->size());
+}
+
+static void copy_addr(const sockaddr* sa, sockaddr_storage* ss) noexcept
+{
+    memcpy(ss, sa, sa->sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
+}
+
+/* ---- interfaces ---- */
+
+static int ifc_addr_lookup(const ifaddrs* list, int family, ifc_info* info) noexcept
+{
+    for (const ifaddrs* ifa = list; ifa; ifa = ifa->ifa_next) {
+        if (!ifa->ifa_addr || strcmp(ifa->ifa_name, info->name) != 0)
+            continue;
+        const int af = ifa->ifa_addr->sa_family;
+        if (af == family || (family == AF_UNSPEC && (af == AF_INET || af == AF_INET6))) {
+            copy_addr(ifa->ifa_addr, &info->ss);
+            return 0;
+        }
+    }
+    LOG_ERR("%s: failed to look up address for ifc=%s\n", "get_ifc_info", info->name);
+    return -1;
+}
+
+/* Finds the entry whose name or address is text; an address match fills ss. */
+static bool match_ifc(const ifaddrs* list, int family, const char* text, ifc_info* info) noexcept
+{
+    std::array<char, INET6_ADDRSTRLEN> addr{};
+    for (const ifaddrs* ifa = list; ifa; ifa = ifa->ifa_next) {
+        const int af = ifa->ifa_addr ? ifa->ifa_addr->sa_family : AF_UNSPEC;
+        addr_text(ifa->ifa_addr, af, &addr);
+        const bool by_name = strcmp(ifa->ifa_name, text) == 0;
+        const bool by_addr = addr[0] && strcmp(addr.data(), text) == 0 && (family == AF_UNSPEC || af == family);
+        if (!by_name && !by_addr)
+            continue;
+        info->idx = if_nametoindex(ifa->ifa_name);
+        if (by_addr)
+            copy_addr(ifa->ifa_addr, &info->ss);
+        LOG_DEBUG("%s: %s matched to interface [%s], idx=%u\n", "get_ifc_info", text, ifa->ifa_name, info->idx);
+        return true;
+    }
+    return false;
+}
+
+ifc_info* get_ifc_info(int family, const char* text) noexcept
+{
+    ifaddrs* raw = nullptr;
+    if (getifaddrs(&raw) != 0) {
+        LOG_ERR("%s: getifaddrs [%s] (family=%d): %s\n", __func__, text, family, strerror(errno));
+        return nullptr;
+    }
+    const ifaddrs_ptr list(raw);
+    ifc_ptr info(static_cast<ifc_info*>(W_calloc(__func__, 1, sizeof(ifc_info))));
+    if (!info)
+        return nullptr;
+    if (!match_ifc(list.get(), family, text, info.get())) {
+        LOG_ERR("[%s] is not a valid %s interface address.\n", text, af2name(family));
+        return nullptr;
+    }
+    if (!if_indextoname(info->idx, info->name)) {
+        LOG_ERR("%s: if_indextoname(%d, buf): %s\n", __func__, static_cast<int>(info->idx), strerror(errno));
+        return nullptr;
+    }
+    if (info->ss.ss_family == AF_UNSPEC && ifc_addr_lookup(list.get(), family, info.get()) != 0)
+        return nullptr;
+    return info.release();
+}
+
+ifc_info* any_ifc_info(int family) noexcept
+{
+    auto* info = static_cast<ifc_info*>(W_calloc(__func__, 1, sizeof(ifc_info)));
+    if (info)
+        info->ss.ss_family = static_cast<sa_family_t>(family); /* the zeroed address is the any-address */
+    return info;
+}
+
+/* ---- membership ---- */
+
+bool is_mcast_addr(const sockaddr_storage* ss) noexcept
+{
+    if (ss->ss_family == AF_INET)
+        return IN_MULTICAST(ntohl(as_in(ss)->sin_addr.s_addr));
+    return ss->ss_family == AF_INET6 && IN6_IS_ADDR_MULTICAST(&as_in6(ss)->sin6_addr);
+}
+
+/* Protocol level of the family's options, or -1 (logged). */
+static int level_of(const char* fn, int family) noexcept
+{
+    switch (family) {
+    case AF_INET:
+        return IPPROTO_IP;
+    case AF_INET6:
+        return IPPROTO_IPV6;
+    default:
+        LOG_ERR("%s: unsupported family %d\n", fn, family);
+        return -1;
+    }
+}
+
+static int change_membership(const char* fn, bool is_join, int fd, const sockaddr_storage* group,
+                             const ifc_info* ifc) noexcept
+{
+    const char* what = is_join ? "MCAST_JOIN" : "MCAST_LEAVE";
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    addr_text(group, group->ss_family, &text);
+    LOG_DEBUG("%s: ifc-name=%s, idx=%u ifc=%p\n", fn, ifc && ifc->name[0] ? ifc->name : "<none>", ifc ? ifc->idx : 0,
+              static_cast<const void*>(ifc));
+    LOG_DEBUG("%s: using %s mulitcast API to %s group %s\n", fn, "GENERIC", what, text.data());
+    const int level = level_of(fn, group->ss_family);
+    if (level < 0)
+        return -1;
+    group_req req{};
+    req.gr_interface = ifc ? ifc->idx : 0;
+    req.gr_group = *group;
+    if (setsockopt(fd, level, is_join ? MCAST_JOIN_GROUP : MCAST_LEAVE_GROUP, &req, sizeof(req)) == 0)
+        return 0;
+    LOG_ERR("%s: %s fd=%d: %s\n", fn, what, fd, strerror(errno));
+    return -1;
+}
+
+int mcast_join(int fd, const sockaddr_storage* group, const ifc_info* ifc) noexcept
+{
+    return change_membership(__func__, true, fd, group, ifc);
+}
+
+int mcast_leave(int fd, const sockaddr_storage* group, const ifc_info* ifc) noexcept
+{
+    return change_membership(__func__, false, fd, group, ifc);
+}
+
+static int change_ssm(const char* fn, bool is_join, int fd, const sockaddr_storage* src, const sockaddr_storage* group,
+                      const ifc_info* ifc) noexcept
+{
+    const int level = level_of(fn, group->ss_family);
+    if (level < 0)
+        return -1;
+    group_source_req req{};
+    req.gsr_interface = ifc ? ifc->idx : 0;
+    req.gsr_group = *group;
+    req.gsr_source = *src;
+    if (setsockopt(fd, level, is_join ? MCAST_JOIN_SOURCE_GROUP : MCAST_LEAVE_SOURCE_GROUP, &req, sizeof(req)) == 0)
+        return 0;
+    const int err = errno;
+    LOG_ERR("%s: (%s) %s ifc=%s/%u fd%d: %s\n", fn, is_join ? "SSM_JOIN" : "SSM_LEAVE", "FAILED",
+            ifc && ifc->name[0] ? ifc->name : "<none>", ifc ? ifc->idx : 0, fd, strerror(err));
+    return -1;
+}
+
+int ssm_join(int fd, const sockaddr_storage* src, const sockaddr_storage* group, const ifc_info* ifc) noexcept
+{
+    return change_ssm(__func__, true, fd, src, group, ifc);
+}
+
+int ssm_leave(int fd, const sockaddr_storage* src, const sockaddr_storage* group, const ifc_info* ifc) noexcept
+{
+    return change_ssm(__func__, false, fd, src, group, ifc);
+}
+
+/* ---- sockets of a group ---- */
+
+/* A group of link or interface scope exists once on each link: its address needs to say which. */
+static int set_scope_id(sockaddr_storage* ss, const ifc_info* ifc) noexcept
+{
+    auto* sin6 = reinterpret_cast<sockaddr_in6*>(ss);
+    if (ss->ss_family != AF_INET6 ||
+        !(IN6_IS_ADDR_MC_LINKLOCAL(&sin6->sin6_addr) || IN6_IS_ADDR_MC_NODELOCAL(&sin6->sin6_addr)))
+        return 0;
+    if (!ifc || ifc->idx == 0) {
+        LOG_ERR("%s: network interface must be specified to use link/local-scope multicast\n", "open_socket");
+        LOG_ERR("%s: cannot set scope id, interface or link-specific address must be selected\n", "open_socket");
+        return -1;
+    }
+    if (sin6->sin6_scope_id != ifc->idx) {
+        sin6->sin6_scope_id = ifc->idx;
+        LOG_DEBUG("updated IPv6 address scope ID to %ld\n", static_cast<long>(ifc->idx));
+    } else {
+        LOG_DEBUG("IPv6 address scope ID %ld left unchanged\n", static_cast<long>(ifc->idx));
+    }
+    return 0;
+}
+
+static int setup_reader(int fd, sockaddr_storage* ss, socklen_t len, const socket_spec* spec,
+                        const ifc_info* ifc) noexcept
+{
+    if (set_scope_id(ss, ifc) != 0)
+        return -1;
+    LOG_DEBUG("%s: fd=%d, ifc=[%s]:%p\n", "open_socket", fd, ifc && ifc->name[0] ? ifc->name : "<any>",
+              static_cast<const void*>(ifc));
+    if (reuse_and_bind(fd, ss, len) != 0)
+        return -1;
+    return spec->is_ssm ? ssm_join(fd, &spec->src_ss, ss, ifc) : mcast_join(fd, ss, ifc);
+}
+
+static int setup_writer(int fd, const sockaddr_storage* ss, const ifc_info* ifc) noexcept
+{
+    if (ss->ss_family != AF_INET6)
+        return 0; /* the routing table chooses */
+    if (!ifc || ifc->idx == 0) {
+        LOG_ERR("%s: network interface must be specified\n", "open_socket");
+        return -1;
+    }
+    const auto idx = static_cast<int>(ifc->idx);
+    if (setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &idx, sizeof(idx)) == 0)
+        return 0;
+    const int err = errno;
+    LOG_ERR("%s: setsockopt IPV6_MULTICAST_IF failed (%d): %s\n", "open_socket", err, strerror(err));
+    return -1;
+}
+
+static bool is_any_ifc(const char* ifc) noexcept
+{
+    return !ifc || !*ifc || ci_equal(ifc, "any") || ci_equal(ifc, "all") || strcmp(ifc, "0.0.0.0") == 0 ||
+           strcmp(ifc, "::") == 0;
+}
+
+int setup_mcast(int fd, sockaddr_storage* ss, socklen_t len, const socket_spec* spec, const char* ifc,
+                ifc_info** ifc_used) noexcept
+{
+    ifc_ptr info(is_any_ifc(ifc) ? any_ifc_info(ss->ss_family) : get_ifc_info(ss->ss_family, ifc));
+    if (!info)
+        return -1;
+    const int rc = spec->writer ? setup_writer(fd, ss, info.get()) : setup_reader(fd, ss, len, spec, info.get());
+    if (rc == 0 && ifc_used)
+        *ifc_used = info.release();
+    return rc;
+}

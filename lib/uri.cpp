@@ -1,0 +1,274 @@
+/* URIs, split by pointer and length without copying; bounded copies of the parts; percent-encoding in place. */
+#include "uri.h"
+
+#include "log.h"
+#include "strops.h"
+
+#include <array>
+#include <cstdlib>
+#include <cstring>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+/* By uri_kind. */
+static const char* const SCHEMES[] = {"file", "tcp", "udp", "rtp", "http", "m3u"};
+
+static bool is_blank(char c) noexcept
+{
+    return c == ' ' || c == '\t';
+}
+
+size_t till_query(const char* s) noexcept
+{
+    const size_t len = strlen(s);
+    if (len > 0 && s[len - 1] == '/')
+        return len;
+    const char* mark = strrchr(s, '?');
+    return mark ? static_cast<size_t>(mark - s) : len;
+}
+
+/* Takes "scheme://" and "user@" off the front of p. False when nothing follows one of them. */
+static bool parse_front(const char** text, uri_layout* u) noexcept
+{
+    const char* p = *text;
+    const char* colon = strchr(p, ':');
+    if (!colon || colon - p <= 1 || strncmp(colon, "://", 3) != 0)
+        return true;
+    u->scheme = p;
+    u->s_len = static_cast<size_t>(colon - p);
+    p = colon + 3;
+    if (!*p)
+        return false;
+    if (const char* at = strchr(p, '@')) {
+        u->authority = p;
+        u->a_len = static_cast<size_t>(at - p);
+        p = at + 1;
+        if (!*p)
+            return false;
+    }
+    *text = p;
+    return true;
+}
+
+int uri_parse(const char* text, uri_layout* out) noexcept
+{
+    uri_layout u{};
+    const char* p = text;
+    while (is_blank(*p))
+        ++p;
+    if (*p == '/')
+        ++p;
+    else if (!parse_front(&p, &u))
+        return -1;
+    u.path = p;
+    u.p_len = till_query(p);
+    if (p[u.p_len] == '?' && p[u.p_len + 1]) {
+        u.query = p + u.p_len + 1;
+        u.q_len = strlen(u.query);
+    }
+    if (out)
+        *out = u;
+    return 0;
+}
+
+char* cpyseg(const char* seg, size_t len, char* buf, size_t cap) noexcept
+{
+    if (cap > 0)
+        buf[0] = '\0';
+    return seg && copy_text(buf, cap, {seg, len}) ? buf : nullptr;
+}
+
+char* uri_get_scheme(const uri_layout* u, char* buf, size_t cap) noexcept
+{
+    return cpyseg(u->scheme, u->s_len, buf, cap);
+}
+
+char* uri_get_authority(const uri_layout* u, char* buf, size_t cap) noexcept
+{
+    return cpyseg(u->authority, u->a_len, buf, cap);
+}
+
+char* uri_get_path(const uri_layout* u, char* buf, size_t cap) noexcept
+{
+    return cpyseg(u->path, u->p_len, buf, cap);
+}
+
+char* uri_get_query(const uri_layout* u, char* buf, size_t cap) noexcept
+{
+    return cpyseg(u->query, u->q_len, buf, cap);
+}
+
+int uri_scheme_kind(const char* scheme) noexcept
+{
+    for (size_t i = 0; i < std::size(SCHEMES); ++i) {
+        if (ci_equal(scheme, SCHEMES[i]))
+            return static_cast<int>(i);
+    }
+    return URI_BAD;
+}
+
+/* Copies an optional part that is asked for: an absent one gives an empty text. False when it does not fit (logged). */
+static bool take_part(const char* name, const char* seg, size_t len, char* buf, size_t cap) noexcept
+{
+    if (!buf)
+        return true;
+    if (cpyseg(seg ? seg : "", len, buf, cap))
+        return true;
+    LOG_ERR("%s: uri_get_%s ERROR\n", "uri_extract", name);
+    return false;
+}
+
+static int extract_parts(const char* url, char* scheme, char* authority, char* path, char* query) noexcept
+{
+    uri_layout u{};
+    if (uri_parse(url, &u) != 0) {
+        LOG_ERR("%s: uri_parse ERROR\n", "uri_extract");
+        return URI_BAD;
+    }
+    std::array<char, URI_SCHEME_MAX> own_scheme{};
+    if (!uri_get_scheme(&u, own_scheme.data(), own_scheme.size())) {
+        LOG_ERR("%s: uri_get_scheme ERROR\n", "uri_extract");
+        return URI_BAD;
+    }
+    if (scheme)
+        cut_text(scheme, URI_SCHEME_MAX, own_scheme.data());
+    if (!take_part("authority", u.authority, u.a_len, authority, URI_AUTH_MAX) ||
+        !take_part("path", u.path, u.p_len, path, URI_PATH_MAX) ||
+        !take_part("query", u.query, u.q_len, query, URI_QUERY_MAX))
+        return URI_BAD;
+    return uri_scheme_kind(own_scheme.data());
+}
+
+int uri_extract(const char* url, char* scheme, char* authority, char* path, char* query) noexcept
+{
+    const int kind = extract_parts(url, scheme, authority, path, query);
+    if (kind == URI_BAD)
+        LOG_ERR("%s: error parsing URI: [%.256s]\n", __func__, url);
+    return kind;
+}
+
+/* Host and port at the front of [p, end). Returns what follows them, or null. */
+static const char* path_parse(const char* p, const char* end, char* host, size_t hostcap, char* port,
+                              size_t portcap) noexcept
+{
+    const auto find_any = [end](const char* from, const char* set) {
+        while (from < end && !strchr(set, *from))
+            ++from;
+        return from;
+    };
+    while (p < end && (is_blank(*p) || *p == '/'))
+        ++p;
+    const char* host_end = nullptr;
+    const char* rest = nullptr;
+    if (p < end && *p == '[') {
+        ++p;
+        host_end = find_any(p, "]");
+        if (host_end == end)
+            return nullptr;
+        rest = host_end + 1;
+    } else {
+        rest = host_end = find_any(p, ":?/");
+    }
+    if (!cpyseg(p, static_cast<size_t>(host_end - p), host, hostcap))
+        return nullptr;
+    port[0] = '\0';
+    if (rest == end || *rest != ':')
+        return rest;
+    const char* port_start = rest + 1;
+    rest = find_any(port_start, "?/");
+    return cpyseg(port_start, static_cast<size_t>(rest - port_start), port, portcap) ? rest : nullptr;
+}
+
+const char* uri_path_addrport(const char* path, size_t p_len, char* host, size_t hostcap, char* port,
+                              size_t portcap) noexcept
+{
+    const char* rest = path_parse(path, path + p_len, host, hostcap, port, portcap);
+    if (!rest)
+        LOG_ERR("%s: ERROR parsing path=[%.*s]\n", __func__, static_cast<int>(p_len), path);
+    return rest;
+}
+
+bool uri_is_alias(const char* s) noexcept
+{
+    return *s == '$' || *s == '~' || *s == '^';
+}
+
+/* ---- percent-encoding ---- */
+
+static int hex_value(char c) noexcept
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+static bool is_printable(int ch) noexcept
+{
+    return ch >= 0x20 && ch < 0x7f;
+}
+
+char* uri_decode_opt(char* s, size_t cap, bool safe) noexcept
+{
+    if (cap == 0)
+        return nullptr;
+    const size_t len = strnlen(s, cap);
+    size_t out = 0;
+    for (size_t in = 0; in < len;) {
+        const char c = s[in];
+        if (c != '%') {
+            s[out++] = c == '+' ? ' ' : c;
+            ++in;
+            continue;
+        }
+        if (in + 2 >= cap)
+            return nullptr;
+        if (in + 2 >= len)
+            break; /* cut off by the end of the text: nothing follows it */
+        const int hi = hex_value(s[in + 1]);
+        const int lo = hex_value(s[in + 2]);
+        in += 3;
+        if (hi < 0 || lo < 0)
+            continue;
+        const int ch = hi * 16 + lo;
+        s[out++] = safe && !is_printable(ch) ? '?' : static_cast<char>(ch);
+    }
+    s[out < cap ? out : cap - 1] = '\0';
+    return s;
+}
+
+char* uri_decode(char* s, size_t cap) noexcept
+{
+    return uri_decode_opt(s, cap, true);
+}
+
+bool is_safe(int ch) noexcept
+{
+    return is_printable(ch) && !strchr(";/?:@&=+$,* ", ch);
+}
+
+char* uri_encode(const char* s, size_t cap) noexcept
+{
+    static const char HEX[] = "0123456789ABCDEF";
+    auto* buf = static_cast<char*>(calloc(1, cap));
+    if (!buf)
+        return nullptr;
+    size_t out = 0;
+    for (; *s; ++s) {
+        const auto ch = static_cast<unsigned char>(*s);
+        const size_t need = is_safe(ch) ? 1 : 3;
+        if (out + need >= cap)
+            break;
+        if (need == 1) {
+            buf[out++] = *s;
+        } else {
+            buf[out++] = '%';
+            buf[out++] = HEX[ch >> 4];
+            buf[out++] = HEX[ch & 15];
+        }
+    }
+    return buf;
+}

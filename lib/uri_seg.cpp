@@ -1,0 +1,113 @@
+/* Segments of a path, and the grammar that finds an order's source and destination in it. */
+#include "uri.h"
+
+#include "strops.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+constexpr int RC_NO_SOURCE = -14;
+
+const char* uri_xseg(const char* p, const char* brk, const char** start, size_t* len) noexcept
+{
+    if (!p || !*p)
+        return nullptr;
+    if (*p == brk[0])
+        ++p;
+    if (!*p)
+        return nullptr;
+    const char* end = strchr(p, brk[1]);
+    end = end ? end + 1 : p + strlen(p);
+    *start = p;
+    *len = static_cast<size_t>(end - p);
+    return end;
+}
+
+/* A segment without one leading and one trailing separator. */
+static std::string_view trimmed(const char* start, size_t len, const char* brk) noexcept
+{
+    std::string_view s(start, len);
+    if (!s.empty() && s.front() == brk[0])
+        s.remove_prefix(1);
+    if (!s.empty() && s.back() == brk[1])
+        s.remove_suffix(1);
+    return s;
+}
+
+int xseg_scmp(const char* word, const char* start, size_t len, const char* brk) noexcept
+{
+    return ci_equal(word, trimmed(start, len, brk)) ? 0 : 1;
+}
+
+int xseg_cpy(const char* start, size_t len, char* buf, size_t cap, const char* brk) noexcept
+{
+    return copy_text(buf, cap, trimmed(start, len, brk)) ? 0 : E2BIG;
+}
+
+/* The next '/'-ended segment at pos of path, without its '/'; *next is the position after it. */
+static std::string_view segment_at(std::string_view path, size_t pos, size_t* next) noexcept
+{
+    const size_t slash = path.find('/', pos);
+    *next = slash == std::string_view::npos ? path.size() : slash + 1;
+    return path.substr(pos, (slash == std::string_view::npos ? path.size() : slash) - pos);
+}
+
+/* Copies source and destination; prefix makes the source's scheme where the path named it by a segment. */
+static int put_endpts(std::string_view prefix, std::string_view source, std::string_view dest, char* src, char* dst,
+                      size_t cap) noexcept
+{
+    if (!source.empty() && source.back() == '/')
+        source.remove_suffix(1); /* the one before "dst" */
+    const int n = snprintf(src, cap, "%.*s%.*s", static_cast<int>(prefix.size()), prefix.data(),
+                           static_cast<int>(source.size()), source.data());
+    if (n < 0 || static_cast<size_t>(n) >= cap || !copy_text(dst, cap, dest))
+        return E2BIG;
+    return 0;
+}
+
+/* From the text after "src/" up to the "dst" that matches it, counting nested pairs. */
+static int match_endpts(std::string_view path, size_t pos, char* src, char* dst, size_t cap) noexcept
+{
+    const size_t source = pos;
+    int depth = 1;
+    for (size_t next = 0; pos < path.size(); pos = next) {
+        const std::string_view seg = segment_at(path, pos, &next);
+        if (ci_equal(seg, "src"))
+            ++depth;
+        else if (ci_equal(seg, "dst") && --depth == 0)
+            return put_endpts("", path.substr(source, pos - source), path.substr(next), src, dst, cap);
+    }
+    return depth;
+}
+
+struct scheme_segment {
+    const char* name;
+    const char* prefix;
+};
+
+/* A path may begin with the name of a transport instead of carrying a URL. */
+static const scheme_segment SCHEME_SEGMENTS[] = {{"udp", "udp://"}, {"rtp", "rtp://"}, {"hls-fra", "file://"}};
+
+int uri_extract_endpts_ext(const char* path, size_t p_len, char* src, char* dst, size_t cap) noexcept
+{
+    const std::string_view text(path, p_len);
+    src[0] = dst[0] = '\0';
+    if (text.find('/') == std::string_view::npos && !uri_is_alias(path))
+        return ESRCH;
+    size_t next = 0;
+    const std::string_view first = segment_at(text, 0, &next);
+    for (const scheme_segment& s : SCHEME_SEGMENTS) {
+        if (ci_equal(first, s.name))
+            return put_endpts(s.prefix, text.substr(next), "", src, dst, cap);
+    }
+    for (size_t pos = 0; pos < text.size(); pos = next) {
+        const std::string_view seg = segment_at(text, pos, &next);
+        if (ci_equal(seg, "src"))
+            return match_endpts(text, next, src, dst, cap);
+        if (ci_equal(seg, "hls-m3u"))
+            return RC_NO_SOURCE;
+    }
+    return RC_NO_SOURCE;
+}

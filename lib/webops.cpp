@@ -1,0 +1,322 @@
+/* Heads of HTTP requests, and what an order's request line or URL says about source and destination. A head is foreign
+   text: every scan ends at its NUL. */
+#include "webops.h"
+
+#include "log.h"
+#include "strops.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr size_t MIN_METHOD_LEN = 3;
+constexpr size_t MAX_METHOD_LEN = 7;
+constexpr char HTTP1[] = "HTTP/1.";
+constexpr int RC_EMPTY_PATH = -3;
+constexpr int RC_LONG_QUERY = -7;
+
+static bool is_space(char c) noexcept
+{
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+static char* skip_space(char* p) noexcept
+{
+    while (is_space(*p))
+        ++p;
+    return p;
+}
+
+/* ---- fields ---- */
+
+const char* find_http_header(const char* name, const char* text, size_t* len) noexcept
+{
+    *len = 0;
+    const size_t at = ci_find(text, name);
+    if (at == std::string_view::npos)
+        return nullptr;
+    const char* p = text + at + strlen(name);
+    if (*p == ':')
+        ++p;
+    if (!is_space(*p))
+        return nullptr;
+    while (is_space(*p))
+        ++p;
+    const char* end = p;
+    while (static_cast<unsigned char>(*end) >= 0x20 && *end != 0x7f)
+        ++end;
+    if (*end != '\r' && *end != '\n')
+        return nullptr;
+    *len = static_cast<size_t>(end - p);
+    return p;
+}
+
+std::optional<int64_t> extract_num_hdr(std::string_view name, std::string_view head) noexcept
+{
+    while (!head.empty()) {
+        const size_t eol = head.find('\n');
+        std::string_view line = head.substr(0, eol);
+        head.remove_prefix(eol == std::string_view::npos ? head.size() : eol + 1);
+        if (!ci_starts_with(line, name))
+            continue;
+        line.remove_prefix(name.size());
+        while (!line.empty() && (line.front() == ' ' || line.front() == '\t'))
+            line.remove_prefix(1);
+        if (line.empty() || line.front() != ':')
+            continue;
+        line.remove_prefix(1);
+        while (!line.empty() && (line.front() == ' ' || line.front() == '\t'))
+            line.remove_prefix(1);
+        while (!line.empty() && (is_space(line.back()) || line.back() == '\0'))
+            line.remove_suffix(1);
+        return !line.empty() && line.front() != '-' ? parse_num<int64_t>(line) : std::nullopt;
+    }
+    return std::nullopt;
+}
+
+static void take_host(const char* fields, http_header* hdr) noexcept
+{
+    size_t len = 0;
+    const char* value = find_http_header("Host:", fields, &len);
+    if (!value)
+        return;
+    if (copy_text(hdr->host, sizeof(hdr->host), {value, len}))
+        LOG_DEBUG("%s: Host: %s\n", "parse_http_header", hdr->host);
+    else
+        LOG_ERR("%s: Host length is too long: %lu\n", "parse_http_header", static_cast<unsigned long>(len));
+}
+
+static void take_user_agent(const char* fields, http_header* hdr) noexcept
+{
+    size_t len = 0;
+    const char* value = find_http_header("User-Agent:", fields, &len);
+    if (!value)
+        return;
+    if (copy_text(hdr->user_agent, sizeof(hdr->user_agent), {value, len}))
+        LOG_DEBUG("%s: User-Agent: %s\n", "parse_http_header", hdr->user_agent);
+    else
+        LOG_WARN("%s: User-Agent length is too long: %lu\n", "parse_http_header", static_cast<unsigned long>(len));
+}
+
+static void take_connection(const char* fields, http_header* hdr) noexcept
+{
+    size_t len = 0;
+    const char* value = find_http_header("Connection:", fields, &len);
+    if (!value)
+        return;
+    const std::string_view text(value, len);
+    std::array<char, MAX_AENC_LEN> shown{};
+    cut_text(shown.data(), shown.size(), text);
+    LOG_DEBUG("%s: Connection: %s\n", "parse_http_header", shown.data());
+    if (ci_find(text, "keep-alive") != std::string_view::npos)
+        hdr->is_keep_alive = true;
+    else
+        hdr->is_close = ci_find(text, "close") != std::string_view::npos;
+}
+
+static void take_accept_encoding(const char* fields, http_header* hdr) noexcept
+{
+    static const char NAME[] = "Accept-Encoding:";
+    size_t len = 0;
+    const char* value = find_http_header(NAME, fields, &len);
+    if (!value)
+        return;
+    const size_t kept = cut_text(hdr->accept_enc, sizeof(hdr->accept_enc), {value, len});
+    if (kept < len)
+        LOG_WARN("%s: [%s] text has been trimmed from %zu to %zu chars\n", "parse_http_header", NAME, len, kept);
+    LOG_DEBUG("%s: %s %s\n", "parse_http_header", NAME, hdr->accept_enc);
+}
+
+/* ---- request line ---- */
+
+/* The method at p; *rest gets the text after it. 0, 22, -1. */
+static int parse_method(char* p, http_header* hdr, char** rest) noexcept
+{
+    char* end = p + strcspn(p, " \t");
+    const std::string_view method(p, static_cast<size_t>(end - p));
+    if (method.size() < MIN_METHOD_LEN || method.size() > MAX_METHOD_LEN) {
+        LOG_ERR("%s: failed to get HTTP method from %7.32s\n", "parse_http_header", p);
+        return -1;
+    }
+    std::array<char, MAX_METHOD_LEN + 1> text{};
+    cut_text(text.data(), text.size(), method);
+    if (ci_equal(method, "GET")) {
+        hdr->type = RQTYPE_GET;
+    } else if (ci_equal(method, "HEAD")) {
+        hdr->type = RQTYPE_HEAD;
+        LOG_DEBUG("%s: identified as HEAD\n", "parse_http_header");
+    } else {
+        LOG_ERR("HTTP [%s] is NOT supported\n", text.data());
+        return EINVAL;
+    }
+    LOG_DEBUG("%s: %s request\n", "parse_http_header", text.data());
+    *rest = end;
+    return 0;
+}
+
+/* The URI at p, terminated in place; *rest gets the text after it. */
+static int parse_target(char* p, http_header* hdr, char* full_url, size_t full_url_cap, char** rest) noexcept
+{
+    p = skip_space(p);
+    char* end = p;
+    while (*end && !is_space(*end))
+        ++end;
+    *rest = *end ? end + 1 : end;
+    *end = '\0';
+    if (full_url && copy_text(full_url, full_url_cap, p))
+        LOG_DEBUG("%s: full URL=[%s]\n", "parse_http_header", full_url);
+    const int rc = uri_parse(p, &hdr->uri);
+    LOG_DEBUG("%s: url=[%.1024s], p_len=%u, q_len=%u, rc=%d\n", "parse_http_header", p,
+              static_cast<unsigned>(hdr->uri.p_len), static_cast<unsigned>(hdr->uri.q_len), rc);
+    if (rc != 0)
+        LOG_ERR("%s: failed to parse URL\n", "parse_http_header");
+    return rc;
+}
+
+static int parse_protocol(char* p, http_header* hdr, char** rest) noexcept
+{
+    p = skip_space(p);
+    if (strncmp(p, HTTP1, sizeof(HTTP1) - 1) != 0) {
+        LOG_ERR("%s: expected [%s] to follow the URI path, got [%.32s]\n", "parse_http_header", HTTP1, p);
+        return -1;
+    }
+    LOG_DEBUG("%s: request protocol: [%.*s]\n", "parse_http_header", 8, p);
+    if (p[sizeof(HTTP1) - 1] == '0') {
+        hdr->is_http10 = true;
+        LOG_DEBUG("%s: HTTP/1.0 detected\n", "parse_http_header");
+    }
+    *rest = p;
+    return 0;
+}
+
+int parse_http_header(char* buf, size_t len, http_header* hdr, char* full_url, size_t full_url_cap) noexcept
+{
+    LOG_DEBUG("%s: %lu bytes [%.1024s]\n", __func__, static_cast<unsigned long>(len), buf);
+    *hdr = http_header{};
+    char* p = buf;
+    if (const int rc = parse_method(p, hdr, &p))
+        return rc;
+    if (const int rc = parse_target(p, hdr, full_url, full_url_cap, &p))
+        return rc;
+    if (const int rc = parse_protocol(p, hdr, &p))
+        return rc;
+    p += strcspn(p, "\r\n");
+    p = skip_space(p);
+    if (!*p) {
+        LOG_WARN("%s: no header sections found\n", __func__);
+        return 0;
+    }
+    LOG_DEBUG("%s: p=[%.1024s]\n", __func__, p);
+    take_host(p, hdr);
+    take_user_agent(p, hdr);
+    take_connection(p, hdr);
+    take_accept_encoding(p, hdr);
+    return 0;
+}
+
+/* ---- orders ---- */
+
+bool slash_match(const char* s, const char* word) noexcept
+{
+    std::string_view text(s);
+    if (text.size() == strlen(word) + 1 && text.back() == '/')
+        text.remove_suffix(1);
+    return ci_equal(text, word);
+}
+
+bool is_ping_request(const char* path) noexcept
+{
+    return slash_match(*path == '/' ? path + 1 : path, "ping");
+}
+
+/* Pings and requests that are no orders. 0: go on. */
+static int special_path(const uri_layout& u) noexcept
+{
+    if (!u.path || u.p_len == 0) {
+        LOG_WARN("%s: no path in URL [%.256s]\n", "web_parse_urq", u.path ? u.path : "");
+        return RC_EMPTY_PATH;
+    }
+    std::array<char, 16> word{};
+    if (!copy_text(word.data(), word.size(), {u.path, u.p_len}))
+        return 0;
+    if (ci_equal(word.data(), "favicon.ico")) {
+        LOG_DEBUG("%s: favicon request received.\n", "web_parse_urq");
+        return RC_FAVICON;
+    }
+    if (is_ping_request(word.data())) {
+        LOG_INFO("Handling user-side PING request\n");
+        return RC_PING;
+    }
+    return 0;
+}
+
+static int append_query(const uri_layout& u, char* src, size_t cap) noexcept
+{
+    const size_t len = strlen(src);
+    const size_t room = cap - len;
+    if (room <= u.q_len + 1) {
+        LOG_ERR("%s: URI query is too long (%lu bytes), max allowed=%ld bytes, discarding request\n", "web_parse_urq",
+                static_cast<unsigned long>(u.q_len), static_cast<long>(room) - 2);
+        return E2BIG;
+    }
+    src[len] = '?';
+    cut_text(src + len + 1, room - 1, {u.query, u.q_len});
+    LOG_DEBUG("%s: query [%s] appended to source\n", "web_parse_urq", src + len + 1);
+    return 0;
+}
+
+int web_parse_urq(char* hbuf, size_t hlen, char* src, char* dst, size_t cap, http_header* hdr) noexcept
+{
+    src[0] = dst[0] = '\0';
+    if (const int rc = parse_http_header(hbuf, hlen, hdr, nullptr, 0))
+        return rc;
+    const uri_layout& u = hdr->uri;
+    if (u.q_len > URI_QUERY_MAX - 1) {
+        LOG_ERR("%s: URI query length (%lu bytes) is beyond the limit: %lu\n", __func__,
+                static_cast<unsigned long>(u.q_len), static_cast<unsigned long>(URI_QUERY_MAX));
+        return RC_LONG_QUERY;
+    }
+    if (const int rc = special_path(u))
+        return rc;
+    if (const int rc = uri_extract_endpts_ext(u.path, u.p_len, src, dst, cap)) {
+        LOG_ERR("%s: error(%d) parsing request data [%.1024s]\n", __func__, rc, u.path);
+        return -1;
+    }
+    if (!uri_decode(src, cap) || !uri_decode(dst, cap)) {
+        LOG_ERR("%s: error URI-decoding\n", __func__);
+        return -1;
+    }
+    if (u.q_len > 0) {
+        if (const int rc = append_query(u, src, cap))
+            return rc;
+    }
+    LOG_DEBUG("%s: URI=[%.1024s] - src=[%s], dst=[%s]\n", __func__, u.path, src, dst);
+    return 0;
+}
+
+int web_parse_url(const char* url, char* src, char* dst, size_t cap) noexcept
+{
+    src[0] = dst[0] = '\0';
+    uri_layout u{};
+    if (uri_parse(url, &u) != 0) {
+        LOG_ERR("%s: failed to parse URL\n", __func__);
+        return -1;
+    }
+    if (u.p_len == 0 || u.p_len >= URI_PATH_MAX) {
+        LOG_ERR("%s: invalid path size: %zu\n", __func__, u.p_len);
+        return -1;
+    }
+    std::array<char, URI_PATH_MAX> path{};
+    cut_text(path.data(), path.size(), {u.path, u.p_len});
+    if (const int rc = uri_extract_endpts_ext(path.data(), u.p_len, src, dst, cap)) {
+        LOG_ERR("%s: error(%d) parsing path [%s]\n", __func__, rc, path.data());
+        return -1;
+    }
+    if (!uri_decode(src, cap) || !uri_decode(dst, cap)) {
+        LOG_ERR("%s: error URI-decoding\n", __func__);
+        return -1;
+    }
+    return 0;
+}

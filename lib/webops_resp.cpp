@@ -1,0 +1,164 @@
+/* Answers to HTTP clients: the shared standard responses and their one formatter. */
+#include "webops.h"
+
+#include "fdio.h"
+#include "log.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr size_t FIELD_MAX = 128;
+constexpr long NO_LENGTH = -1;
+
+static constexpr http_response standard(int code, const char* reason, long length, const char* connection) noexcept
+{
+    return {.code = code,
+            .content_type = nullptr,
+            .content_encoding = nullptr,
+            .content_length = length,
+            .reason = reason,
+            .server = nullptr,
+            .connection = connection,
+            .ok_suffix = nullptr,
+            .location = nullptr,
+            .fpath = nullptr};
+}
+
+http_response g_resp_ok = standard(200, "OK", NO_LENGTH, nullptr);
+http_response g_resp_nocont = standard(204, "No Content", NO_LENGTH, nullptr);
+http_response g_resp_moved = standard(302, "Moved Temporarily", 0, "close");
+http_response g_resp_bad = standard(400, "Bad request", 0, nullptr);
+http_response g_resp_denied = standard(403, "Forbidden", 0, "close");
+http_response g_resp_nfound = standard(404, "Not Found", 0, "close");
+http_response g_resp_naccept = standard(406, "Not Acceptable", 0, "close");
+http_response g_resp_tmout = standard(408, "Request Timeout", 0, "close");
+http_response g_resp_err = standard(500, "Service error", 0, "close");
+http_response g_resp_badgw = standard(502, "Bad Gateway", 0, "close");
+http_response g_resp_unavail = standard(503, "Service Unavailable", 0, "close");
+http_response g_resp_gwtmout = standard(504, "Gateway Timeout", 0, "close");
+
+http_response* http_code_resp(long code) noexcept
+{
+    static http_response* const ALL[] = {&g_resp_ok,      &g_resp_nocont, &g_resp_moved, &g_resp_bad,
+                                         &g_resp_denied,  &g_resp_nfound, &g_resp_naccept, &g_resp_tmout,
+                                         &g_resp_err,     &g_resp_badgw,  &g_resp_unavail, &g_resp_gwtmout};
+    for (http_response* r : ALL) {
+        if (r->code == code)
+            return r;
+    }
+    LOG_WARN("%s: no response for HTTP%d defined, please update the lib!\n", __func__, static_cast<int>(code));
+    return code < 300 ? &g_resp_ok : &g_resp_err;
+}
+
+/* A text being formatted: pos counts what is in buf; failed means that something was left out. */
+struct resp_text {
+    char* buf;
+    size_t cap;
+    size_t pos;
+    bool failed;
+};
+
+/* One header line by way of a scratch buffer; left out as a whole when it does not fit. */
+static void put_line(resp_text* t, const char* name, const char* value) noexcept
+{
+    if (t->failed || !value || !*value)
+        return;
+    std::array<char, FIELD_MAX> line{};
+    const int n = snprintf(line.data(), line.size(), "%s: %s\r\n", name, value);
+    if (n < 1 || static_cast<size_t>(n) >= line.size() || t->pos + static_cast<size_t>(n) >= t->cap) {
+        t->failed = true;
+        return;
+    }
+    memcpy(t->buf + t->pos, line.data(), static_cast<size_t>(n) + 1);
+    t->pos += static_cast<size_t>(n);
+}
+
+static void put_fields(resp_text* t, const http_response* r) noexcept
+{
+    std::array<char, 32> length{};
+    if (r->content_length >= 0)
+        snprintf(length.data(), length.size(), "%lu", static_cast<unsigned long>(r->content_length));
+    put_line(t, "Content-Type", r->content_type);
+    put_line(t, "Content-Encoding", r->content_encoding);
+    put_line(t, "Content-Length", length.data());
+    put_line(t, "Connection", r->connection);
+    put_line(t, "Location", r->location);
+}
+
+static void put_ok_suffix(resp_text* t, const http_response* r) noexcept
+{
+    if (t->failed || r->code != HTTP_OK_CODE || !r->ok_suffix || !*r->ok_suffix)
+        return;
+    const int n = snprintf(t->buf + t->pos, t->cap - t->pos, "%s\r\n", r->ok_suffix);
+    t->failed = n < 0 || static_cast<size_t>(n) >= t->cap - t->pos;
+    t->pos += t->failed ? 0 : static_cast<size_t>(n);
+}
+
+static void put_file(resp_text* t, const http_response* r) noexcept
+{
+    if (t->failed || !r->fpath)
+        return;
+    const ssize_t n = read_file_buf(r->fpath, t->buf + t->pos, t->cap - t->pos - 1);
+    LOG_DEBUG("%s: file [%s] of %zd bytes included in HTTP response\n", "mk_http_xt_resp", r->fpath, n);
+    if (n > 0)
+        t->pos += static_cast<size_t>(n);
+    t->buf[t->pos] = '\0';
+}
+
+int mk_http_xt_resp(const http_response* resp, int version, char* buf, size_t cap) noexcept
+{
+    if (version != 10 && version != 11) {
+        LOG_ERR("%s: HTTP/%d.%d not supported\n", __func__, version / 10, version % 10);
+        return EINVAL;
+    }
+    resp_text t = {buf, cap, 0, false};
+    const int n = snprintf(buf, cap, "HTTP/%d.%d %d %s\r\nServer: %s\r\n", version / 10, version % 10, resp->code,
+                           resp->reason, resp->server ? resp->server : "");
+    if (n <= 0 || static_cast<size_t>(n) >= cap)
+        return -1;
+    t.pos = static_cast<size_t>(n);
+    put_fields(&t, resp);
+    put_ok_suffix(&t, resp);
+    if (cap - t.pos >= 3) {
+        memcpy(buf + t.pos, "\r\n", 3);
+        t.pos += 2;
+    } else {
+        t.failed = true;
+    }
+    const size_t head = t.pos;
+    put_file(&t, resp);
+    LOG_DEBUG("%s: header:%d/total:%d bytes\n%.*s\n", __func__, static_cast<int>(head), static_cast<int>(t.pos),
+              static_cast<int>(std::min<size_t>(head, 1024)), buf);
+    return t.failed ? -1 : static_cast<int>(t.pos);
+}
+
+int mk_http_response(const http_response* resp, char* buf, size_t cap) noexcept
+{
+    return mk_http_xt_resp(resp, 11, buf, cap);
+}
+
+int send_http_response(int fd, const http_response* resp) noexcept
+{
+    static std::array<char, HTTP_RESP_MAX> buf; /* one for all callers: nothing is kept after the send */
+
+    const int len = mk_http_response(resp, buf.data(), buf.size());
+    if (len < 0 || len == EINVAL) {
+        LOG_ERR("%s: error compiling HTTP response for fd=%d\n", __func__, fd);
+        return len;
+    }
+    const ssize_t n = nwrite(fd, buf.data(), static_cast<size_t>(len));
+    if (n < 1)
+        LOG_ERR("%s: error sending HTTP response to fd=%d\n", __func__, fd);
+    else if (n < len)
+        LOG_WARN("%s: only %ld out of %ld bytes sent to fd=%d\n", __func__, static_cast<long>(n),
+                 static_cast<long>(len), fd);
+    else
+        LOG_DEBUG("%s: sent HTTP response (%ld bytes) to fd=%d:\n%.1024s\n", __func__, static_cast<long>(n), fd,
+                  buf.data());
+    return 0;
+}

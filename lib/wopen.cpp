@@ -1,0 +1,345 @@
+/* Outbound endpoints by URL, and the client side of HTTP: the GET and the head of the response. */
+#include "wopen.h"
+
+#include "fdio.h"
+#include "log.h"
+#include "rqs.h"
+#include "strops.h"
+#include "syswrap.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr size_t HOST_MAX = 128;
+constexpr size_t PORT_MAX = 8;
+constexpr size_t HOST_FIELD_MAX = 128;
+constexpr size_t REQUEST_MAX = 2048;
+constexpr size_t PATH_QUERY_MAX = URI_PATH_MAX + URI_QUERY_MAX;
+constexpr size_t RESP_BUF_CAP = 2048;
+constexpr char HTTP_PORT[] = "80";
+
+usock_flags_t usock_flags{};
+static const char* g_apptag = "#ERR#";
+
+void usock_set_apptag(const char* tag) noexcept
+{
+    ASSERT(tag);
+    g_apptag = tag;
+}
+
+const char* usock_apptag() noexcept
+{
+    return g_apptag;
+}
+
+/* ---- request ---- */
+
+static int mk_host_field(const http_request* rq, std::array<char, HOST_FIELD_MAX>* field) noexcept
+{
+    const char* host = rq->host_addr && *rq->host_addr ? rq->host_addr : "localhost";
+    const bool with_port = rq->host_port && *rq->host_port;
+    const int n = with_port ? snprintf(field->data(), field->size(), "%s:%s", host, rq->host_port)
+                            : snprintf(field->data(), field->size(), "%s", host);
+    if (n >= 0 && static_cast<size_t>(n) < field->size())
+        return 0;
+    LOG_ERR("%s: host buffer is too small, %d bytes needed\n", "send_http_request", n);
+    return -1;
+}
+
+int send_http_request(int fd, const http_request* rq) noexcept
+{
+    if (rq->type != 0) {
+        LOG_ERR("%s: only GET requests are currently supported.\n", __func__);
+        return -1;
+    }
+    std::array<char, HOST_FIELD_MAX> host{};
+    if (mk_host_field(rq, &host) != 0)
+        return -1;
+    std::array<char, REQUEST_MAX> text{};
+    const int len = snprintf(text.data(), text.size(),
+                             "GET %s%s HTTP/%s\r\nHost: %s\r\nConnection: %s\r\nUser-Agent: %s\r\n"
+                             "Accept: text/html,video/*, application/*\r\nAccept-Language: en-US,en,ru\r\n"
+                             "Accept-Charset: ISO-8859-1,UTF-8\r\nCache-Control: no-cache\r\n\r\n",
+                             rq->request[0] == '/' ? "" : "/", rq->request,
+                             rq->flags & RQFLAG_HTTP10_GET ? "1.0" : "1.1", host.data(),
+                             rq->flags & RQFLAG_KEEPALIVE ? "keep-alive" : "close", rq->server);
+    if (len < 0 || static_cast<size_t>(len) >= text.size()) {
+        LOG_ERR("%s: buffer is too small, %d bytes required.\n", __func__, len);
+        return -1;
+    }
+    const ssize_t n = nwrite(fd, text.data(), static_cast<size_t>(len));
+    if (n < 1) {
+        LOG_ERR("%s: error sending HTTP request to fd=%d\n", __func__, fd);
+        return -1;
+    }
+    if (n < len) {
+        LOG_WARN("%s: only %ld out of %d bytes sent to fd=%d\n", __func__, static_cast<long>(n), len, fd);
+        return -1;
+    }
+    LOG_DEBUG("%s: sent %ld bytes to fd=%d:\n%.1024s", __func__, static_cast<long>(n), fd, text.data());
+    return 0;
+}
+
+int fwd_http_rq(int fd, const char* url, const char* apptag, uint32_t flags) noexcept
+{
+    uri_layout u{};
+    std::array<char, HOST_MAX> host{};
+    std::array<char, PORT_MAX> port{};
+    if (uri_parse(url, &u) != 0)
+        return -1;
+    const char* tail = uri_path_addrport(u.path, u.p_len, host.data(), host.size(), port.data(), port.size());
+    if (!tail)
+        return -1;
+    const size_t tail_len = u.p_len - static_cast<size_t>(tail - u.path);
+    if (tail_len == 0) {
+        LOG_ERR("%s: URI has no path tail: %s\n", __func__, url);
+        return -1;
+    }
+    if (usock_flags.use_http10_get) {
+        LOG_DEBUG("%s: Using HTTP/1.0 request\n", __func__);
+        flags |= RQFLAG_HTTP10_GET;
+    }
+    std::array<char, PATH_QUERY_MAX> request{};
+    const int n = u.q_len > 0 ? snprintf(request.data(), request.size(), "%.*s?%.*s", static_cast<int>(tail_len), tail,
+                                         static_cast<int>(u.q_len), u.query)
+                              : snprintf(request.data(), request.size(), "%.*s", static_cast<int>(tail_len), tail);
+    if (n < 0 || static_cast<size_t>(n) >= request.size())
+        LOG_WARN("%s: GET query is too long [%d bytes], max=%ld bytes.\n", __func__, n,
+                 static_cast<long>(request.size() - 1));
+    const http_request rq = {.type = 0,
+                             .flags = flags,
+                             .request = request.data(),
+                             .server = apptag,
+                             .host_addr = host.data(),
+                             .host_port = port.data()};
+    return send_http_request(fd, &rq);
+}
+
+int usock_http_get(int fd, const char* url, usock_ctx* ctx) noexcept
+{
+    return fwd_http_rq(fd, url, g_apptag, ctx->http_flags);
+}
+
+/* ---- response ---- */
+
+size_t head_eod(const char* buf, size_t len) noexcept
+{
+    for (size_t i = 1; i < len; ++i) {
+        if (buf[i] != '\n')
+            continue;
+        if (buf[i - 1] == '\n' || (i >= 3 && memcmp(buf + i - 3, "\r\n\r", 3) == 0))
+            return i + 1;
+    }
+    return 0;
+}
+
+ssize_t read_http(int fd, char* buf, size_t cap, size_t pos, ssize_t* eoh) noexcept
+{
+    const ssize_t n = recv(fd, buf + pos, cap - pos, 0);
+    if (n <= 0) {
+        const int err = errno;
+        LOG_DEBUG("%s: EOD(%zd) for fd%d\n", __func__, n, fd);
+        errno = err;
+        return n;
+    }
+    LOG_DEBUG("%s: %zd bytes read from fd%d\n", __func__, n, fd);
+    const size_t head = head_eod(buf, pos + static_cast<size_t>(n));
+    if (head > 0) {
+        *eoh = static_cast<ssize_t>(head);
+        LOG_DEBUG("%s: HTTP EOD marker found at pos=%ld\n", __func__, static_cast<long>(head));
+    } else {
+        LOG_DEBUG("%s: fd=%d, no HTTP EOD marker found, %ld bytes read.\n", __func__, fd,
+                  static_cast<long>(pos + static_cast<size_t>(n)));
+    }
+    return n;
+}
+
+static bool is_aborted(int err) noexcept
+{
+    return err == ECONNRESET || err == ECONNABORTED;
+}
+
+/* Reads until the head is complete. 0, 11, -1. */
+static int read_head(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcept
+{
+    const char* fn = "recv_http_response";
+    while (resp->total < static_cast<ssize_t>(cap) - 1) {
+        const ssize_t n = read_http(fd, buf, cap - 1, static_cast<size_t>(resp->total), &resp->tail);
+        if (n < 0 && is_eagain(errno)) {
+            LOG_DEBUG("%s: expecting more data from fd=%d\n", fn, fd);
+            return EAGAIN;
+        }
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n == 0 || (n < 0 && is_aborted(errno))) {
+            LOG_ERR("%s: client [fd=%d] connection broken\n", fn, fd);
+            return -1;
+        }
+        if (n < 0)
+            return -1;
+        LOG_DEBUG("%s: read %ld bytes from fd=%d\n", fn, static_cast<long>(n), fd);
+        resp->total += n;
+        if (resp->tail > 0)
+            return 0;
+        LOG_DEBUG("%s: reading more from fd%d\n", fn, fd);
+    }
+    LOG_WARN("%s: buffer already full, yet no HTTP EOD\n", fn);
+    return -1;
+}
+
+int recv_http_response(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcept
+{
+    if (const int rc = read_head(fd, buf, cap, resp))
+        return rc;
+    buf[resp->tail - 1] = '\0'; /* the head's last line end: the body's first byte stays */
+    LOG_DEBUG("%s: total=%lu, tail=%lu; buf=[%.1024s]\n", __func__, static_cast<unsigned long>(resp->total),
+              static_cast<unsigned long>(resp->tail), buf);
+    int major = 0;
+    int minor = 0;
+    int code = 0;
+    std::array<char, 32> reason{};
+    const int n = sscanf(buf, "HTTP/%1d.%1d %d %31s\r\n", &major, &minor, &code, reason.data()); // NOLINT(cert-err34-c)
+    if (n < 4) {
+        LOG_ERR("%s: parsed %d < 4 elements (expected to be parsed)\n", __func__, n);
+        return -1;
+    }
+    resp->code = code;
+    LOG_DEBUG("%s: fd=%d received: HTTP/%d.%d %d %s\n", __func__, fd, major, minor, code, reason.data());
+    return 0;
+}
+
+/* ---- opening ---- */
+
+/* Where a URL points: what open_socket wants to know. */
+struct endpoint {
+    std::array<char, HOST_MAX> host;
+    std::array<char, PORT_MAX> port;
+    std::array<char, URI_AUTH_MAX> source; /* of a source-specific group, empty = none */
+};
+
+/* A channel may be given as plain "addr:port", which is a datagram endpoint. */
+static int classify(const char* url) noexcept
+{
+    uri_layout u{};
+    std::array<char, URI_SCHEME_MAX> scheme{};
+    if (uri_parse(url, &u) != 0)
+        return URI_BAD;
+    if (!u.scheme)
+        return *url != '/' && ends_with_port(url) ? URI_UDP : URI_BAD;
+    return uri_get_scheme(&u, scheme.data(), scheme.size()) ? uri_scheme_kind(scheme.data()) : URI_BAD;
+}
+
+static int parse_endpoint(const char* url, usock_ctx* ctx, endpoint* ep) noexcept
+{
+    uri_layout u{};
+    if (uri_parse(url, &u) != 0)
+        return -1;
+    const char* tail =
+        uri_path_addrport(u.path, u.p_len, ep->host.data(), ep->host.size(), ep->port.data(), ep->port.size());
+    if (!tail)
+        return -1;
+    cut_text(ctx->url_path, sizeof(ctx->url_path), {tail, u.p_len - static_cast<size_t>(tail - u.path)});
+    if (u.authority && ctx->url_kind != URI_HTTP &&
+        !uri_get_authority(&u, ep->source.data(), ep->source.size())) {
+        LOG_ERR("%s: uri_get_authority ERROR\n", "usock_open");
+        return -1;
+    }
+    if (ctx->url_kind == URI_HTTP && !ep->port[0]) {
+        cut_text(ep->port.data(), ep->port.size(), HTTP_PORT);
+        LOG_DEBUG("%s: assuming HTTP port %s for [%s]\n", "usock_open", HTTP_PORT, url);
+    }
+    return 0;
+}
+
+static int open_file_url(usock_ctx* ctx, const char* url) noexcept
+{
+    uri_layout u{};
+    if (uri_parse(url, &u) != 0 || !uri_get_path(&u, ctx->url_path, sizeof(ctx->url_path)))
+        return -1;
+    const int fd = W_open("usock_open", ctx->url_path, O_RDONLY, 0);
+    if (fd < 0)
+        return -1;
+    ctx->non_pollable = true;
+    LOG_DEBUG("%s: fd%d FILE [%s]\n", "usock_open", fd, ctx->url_path);
+    return fd;
+}
+
+static int open_net_url(usock_ctx* ctx, const char* url) noexcept
+{
+    endpoint ep{};
+    if (parse_endpoint(url, ctx, &ep) != 0)
+        return -1;
+    const bool is_datagram = ctx->url_kind == URI_UDP || ctx->url_kind == URI_RTP;
+    ctx->sspec.socktype = is_datagram ? SOCK_DGRAM : SOCK_STREAM;
+    ctx->sspec.passive = ctx->inbound;
+    ctx->sspec.writer = !ctx->inbound;
+    ctx->sspec.non_blocking = ctx->non_blocking;
+    const char* source = is_datagram && ep.source[0] ? ep.source.data() : nullptr;
+    if (source)
+        LOG_DEBUG("%s: SSM source=[%s]\n", "usock_open", source);
+    return open_socket(ep.host.data(), ep.port.data(), source, &ctx->sspec, ctx->ifc_tag, &ctx->mifc);
+}
+
+/* The whole exchange up to the end of the response's head, on a blocking connection. */
+static int http_exchange(usock_ctx* ctx, int fd, const char* url) noexcept
+{
+    if (usock_http_get(fd, url, ctx) != 0)
+        return -1;
+    ctx->buf = static_cast<char*>(W_calloc("usock_open", 1, RESP_BUF_CAP));
+    if (!ctx->buf)
+        return -1;
+    ctx->bufcap = RESP_BUF_CAP;
+    http_resp_ctx resp{};
+    if (recv_http_response(fd, ctx->buf, ctx->bufcap, &resp) != 0)
+        return -1;
+    ctx->buflen = static_cast<size_t>(resp.total);
+    if (resp.code == 200)
+        return 0;
+    LOG_ERR("%s: expected HTTP %d, got HTTP %d\n", "get_http_response", 200, resp.code);
+    return -1;
+}
+
+int usock_open(usock_ctx* ctx, const char* url) noexcept
+{
+    ctx->nopoll_idx = -1;
+    ctx->url_kind = classify(url);
+    if (ctx->url_kind == URI_BAD) {
+        LOG_ERR("%s: unsupported type of URI [%s]\n", __func__, url);
+        return -1;
+    }
+    if (ctx->url_kind == URI_HLS) {
+        LOG_ERR("%s: unsupported URI type: %d\n", __func__, ctx->url_kind);
+        return -1;
+    }
+    if (ctx->url_kind == URI_FILE)
+        return open_file_url(ctx, url);
+    const int fd = open_net_url(ctx, url);
+    if (fd >= 0 && ctx->url_kind == URI_HTTP && !ctx->skip_http && http_exchange(ctx, fd, url) != 0) {
+        usock_close(fd, ctx);
+        return -1;
+    }
+    return fd;
+}
+
+void usock_close(int fd, usock_ctx* ctx) noexcept
+{
+    if (ctx->non_pollable && ctx->nopoll_idx >= 0) {
+        rqs_rm_nopoll(ctx->nopoll_idx);
+        ctx->nopoll_idx = -1;
+    }
+    if (fd >= 0)
+        W_close(__func__, fd);
+    ctx->url_path[0] = '\0';
+    free(ctx->mifc);
+    ctx->mifc = nullptr;
+    free(ctx->buf);
+    ctx->buf = nullptr;
+    ctx->bufcap = ctx->buflen = 0;
+}
