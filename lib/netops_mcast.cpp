@@ -35,9 +35,9 @@ static void addr_text(const void* sa, int family, std::array<char, INET6_ADDRSTR
 {
     (*text)[0] = '\0';
     if (family == AF_INET)
-        inet_ntop(family, &as_in(sa)->sin_addr, text->data(), text->size());
+        inet_ntop(family, &as_in(sa)->sin_addr, text->data(), INET6_ADDRSTRLEN);
     else if (family == AF_INET6)
-        inet_ntop(family, &as_in6(sa)->sin6_addr, text->data(), text->size());
+        inet_ntop(family, &as_in6(sa)->sin6_addr, text->data(), INET6_ADDRSTRLEN);
 }
 
 static void copy_addr(const sockaddr* sa, sockaddr_storage* ss) noexcept

@@ -1,0 +1,167 @@
+/* Request listeners: taking clients in. When descriptors run out, a listener is not watched until some come back, since
+   the kernel would report it without end. */
+#include "rui.h"
+
+#include "log.h"
+#include "rqs.h"
+#include "rui_internal.h"
+#include "syswrap.h"
+#include "tmout.h"
+#include "util.h"
+
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr size_t ADDR_TEXT_MAX = 64;
+
+/* ---- shortage of descriptors ---- */
+
+static void pause_listener(rui_socket_ctx* srv, int err) noexcept
+{
+    if (srv->is_paused || rqs_mod(srv->sockfd, srv, 0) != 0)
+        return;
+    srv->is_paused = true;
+    set_timeout(LSN_PAUSE_TMOUT, LSN_PAUSE_TMOUT_MS);
+    if (!srv->is_short)
+        LOG_WARN("%s(%s): out of resources, ERROR(%d): waiting clients stay queued until some come back\n",
+                 "rui_accept", srv->lc->alias, err);
+    srv->is_short = true;
+}
+
+void rui_resume(rui_socket_ctx* srv) noexcept
+{
+    if (srv->is_paused)
+        rm_timeout(LSN_PAUSE_TMOUT);
+    srv->is_paused = false;
+}
+
+void rui_wake(rui_socket_ctx* srv) noexcept
+{
+    if (!srv->is_paused)
+        return;
+    const int probe = fcntl(srv->sockfd, F_DUPFD_CLOEXEC, 0);
+    if (probe < 0)
+        return;
+    close(probe);
+    if (rqs_mod(srv->sockfd, srv, RQS_READ) == 0)
+        rui_resume(srv);
+}
+
+/* ---- queue ---- */
+
+int rui_add_request(int fd, rui_socket_ctx* srv, void* udata) noexcept
+{
+    const size_t queued = dlep_count(srv->requests);
+    if (queued > MAX_RUI_QUEUED - 1) {
+        LOG_ERR("%s: Too many user requests (%lu) queued\n", __func__, static_cast<unsigned long>(queued));
+        return EBUSY;
+    }
+    ASSERT(srv->cb);
+    rui_rq_header* rq = srv->cb->new_rq(fd, srv, udata);
+    if (!rq)
+        return -1;
+    dlep_append(srv->requests, reinterpret_cast<dlep_elem*>(rq));
+    if (rui_fdset_test(&srv->accset, fd))
+        LOG_ERR("%s: socket fd=%d is already marked queued\n", __func__, fd);
+    int rc = rui_fdset_mark(&srv->accset, fd) ? 0 : -1;
+    if (rc == 0)
+        rc = rqs_add_reader(fd, rq);
+    if (rc != 0) {
+        LOG_ERR("%s: failed to add fd=%d to the monitored set\n", __func__, fd);
+        /* Not left behind with a descriptor that the caller closes. */
+        rui_fdset_clear(&srv->accset, fd);
+        dlep_rm(srv->requests, reinterpret_cast<dlep_elem*>(rq));
+        rq->fd = -1;
+        srv->cb->rm_rq(rq);
+        return rc;
+    }
+    LOG_INFO("%s: OK for fd=%d, rq=%p\n", __func__, fd, static_cast<void*>(rq));
+    return 0;
+}
+
+/* ---- accept ---- */
+
+/* Prepares and queues one accepted client. Its descriptor is closed on failure (logged). */
+static int take_client(int fd, const sockaddr_storage& peer, socklen_t len, rui_socket_ctx* srv, uint32_t flags,
+                       void* udata) noexcept
+{
+    std::array<char, ADDR_TEXT_MAX> text{};
+    LOG_INFO("Accepted %s request [fd=%d] from %s\n", srv->lc->alias, fd,
+             saddr_str(&peer, len, text.data(), text.size()));
+    const bool is_net = peer.ss_family == AF_INET || peer.ss_family == AF_INET6;
+    int rc = 0;
+    if (is_net) {
+        rc = W_setsockopt("rui_accept", fd, SOL_SOCKET, SO_RCVLOWAT, &RUI_LOW_WMARK, sizeof(RUI_LOW_WMARK));
+        if (rc == 0)
+            LOG_DEBUG("%s: low watermark set to %d for fd=%d\n", "rui_accept", RUI_LOW_WMARK, fd);
+    }
+    if (rc == 0 && is_net && (flags & RUI_TCP_NODELAY))
+        rc = set_tcp_nodelay(fd, true);
+    if (rc == 0)
+        rc = rui_add_request(fd, srv, udata);
+    if (rc == 0)
+        return 0;
+    LOG_ERR("Error rc=%d processing connection [%s] fd=%d\n", rc, srv->lc->alias, fd);
+    W_close("rui_accept", fd);
+    return rc;
+}
+
+/* What a failed accept asks for. True: try again at once. */
+static bool goes_on(rui_socket_ctx* srv, int err) noexcept
+{
+    switch (err) {
+    case EINTR:
+        return !g_quit;
+    case ECONNABORTED:
+    case ECONNRESET:
+        LOG_INFO("%s(%s): connection aborted/reset before accept()\n", "rui_accept", srv->lc->alias);
+        return true;
+    case EAGAIN:
+        LOG_DEBUG("%s(%s): end of accept queue reached\n", "rui_accept", srv->lc->alias);
+        return false;
+    case EMFILE:
+    case ENFILE:
+    case ENOBUFS:
+    case ENOMEM:
+        pause_listener(srv, err);
+        return false;
+    case EOPNOTSUPP:
+    case EINVAL:
+        /* A datagram socket, which accepts nothing: it would be reported without end. */
+        (void)rqs_mod(srv->sockfd, srv, 0);
+        return false;
+    default:
+        return false;
+    }
+}
+
+int rui_accept(rui_socket_ctx* srv, size_t max, uint32_t flags, void* udata) noexcept
+{
+    LOG_DEBUG("%s: from [%s]\n", __func__, srv->lc->alias);
+    size_t accepted = 0;
+    int rc = 0;
+    while (!g_quit && max > 0 && accepted < max) {
+        LOG_DEBUG("%s(%s): accepting on fd=%d\n", __func__, srv->lc->alias, srv->sockfd);
+        rc = 0;
+        sockaddr_storage peer{};
+        socklen_t len = sizeof(peer);
+        const int fd = W_accept(__func__, srv->sockfd, reinterpret_cast<sockaddr*>(&peer), &len);
+        if (fd < 0) {
+            if (!goes_on(srv, errno))
+                break;
+            continue;
+        }
+        srv->is_short = false;
+        rc = take_client(fd, peer, len, srv, flags, udata);
+        accepted += rc == 0;
+    }
+    if (accepted >= max)
+        LOG_WARN("%s(%s): CANNOT ACCEPT ALL (accepted=%ld), max=%lu\n", __func__, srv->lc->alias,
+                 static_cast<long>(accepted), static_cast<unsigned long>(max));
+    LOG_DEBUG("%s: rc=%d\n", __func__, rc);
+    return rc;
+}
