@@ -289,16 +289,17 @@ static int purge_elem(void* data, size_t j) noexcept
     return 0;
 }
 
-/* The kind's listeners, from the first to the last one that was set up. */
-#define FOR_LISTENERS(srv, set) \
-    for (rui_socket_ctx * (srv) = (set); (srv) < (set) + MAX_LISTENERS && (srv)->tag.num && (srv)->requests; ++(srv))
+/* Slot i of a kind, or null after the last one that was set up. */
+static rui_socket_ctx* listener_at(rui_socket_ctx* set, size_t i) noexcept
+{
+    return i < MAX_LISTENERS && set[i].tag.num && set[i].requests ? &set[i] : nullptr;
+}
 
 void rui_pprm_all(rui_ctx* ctx) noexcept
 {
     for (int kind = RUI_USER; kind < RUI_MAX; ++kind) {
         rui_socket_ctx* set = set_of(ctx, kind);
-        FOR_LISTENERS(srv, set)
-        {
+        for (size_t i = 0; rui_socket_ctx* srv = listener_at(set, i); ++i) {
             LOG_DEBUG("%s: [%s] listener[%s], %zu pprm items\n", __func__, kind_name(kind), srv->lc->alias,
                       srv->pprm.len);
             xvlst_purge_all(&srv->pprm, purge_elem);
@@ -327,7 +328,7 @@ void rui_tmout_all(rui_ctx* ctx, uint32_t tmout_ms) noexcept
         if (!set[0].tag.num)
             continue;
         size_t count = 0;
-        FOR_LISTENERS(srv, set)
+        for (size_t i = 0; rui_socket_ctx* srv = listener_at(set, i); ++i)
             count += time_out_queue(srv, tmout_ms);
         if (count > 0)
             LOG_WARN("%s: %lu [%s] requests timed out\n", __func__, static_cast<unsigned long>(count),

@@ -1,0 +1,346 @@
+/* Client of the load-balancer database. The scripts live in the server and are called only by their digests, which are read
+   from small files at start-up. One blocking connection serves the whole life; it is never opened again. */
+#include "lbquery.h"
+
+#include "config.h"
+#include "guard.h"
+#include "log.h"
+#include "strops.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <hiredis/hiredis.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr size_t REPLY_CAP = 1024;
+constexpr int REPLY_SHOWN = 80;
+constexpr size_t REPLY_PREFIX_LEN = 3; /* a reply is three characters and the key */
+constexpr size_t MIN_SHA1_LINE = 39;
+constexpr size_t MAX_SHA1_LINE = 48;
+constexpr int CONNECT_TMOUT_MS = 500;
+constexpr size_t TEXT_LIMIT = 127;
+constexpr uint32_t OPT_S = 1;
+constexpr char OPT_S_TEXT[] = "-S";
+
+using reply_ptr = std::unique_ptr<redisReply, releaser<freeReplyObject>>;
+using file_ptr = std::unique_ptr<FILE, releaser<fclose>>;
+
+struct lbdb_ctx {
+    time_t init_tm; /* 0 before lbdb_init */
+    redisContext* redis;
+    char add_sha1[LBQ_MAX_SHA1_LEN];
+    char del_sha1[LBQ_MAX_SHA1_LEN];
+    char next_sha1[LBQ_MAX_SHA1_LEN];
+    char mbget_sha1[LBQ_MAX_SHA1_LEN];
+    int32_t need_func; /* LBQ_FL_* */
+    char call_opt[64];
+};
+
+static lbdb_ctx g_ctx{};
+static lbdb_cfg g_conn{}; /* host, port and time-out, for messages */
+
+struct script_file {
+    int32_t func;
+    const char* name;
+    char* sha1;
+};
+
+static const std::array<script_file, 4> SCRIPTS = {{{LBQ_FL_ADD, "add_url.sha1", g_ctx.add_sha1},
+                                                    {LBQ_FL_DEL, "del_url.sha1", g_ctx.del_sha1},
+                                                    {LBQ_FL_NEXT, "next_url.sha1", g_ctx.next_sha1},
+                                                    {LBQ_FL_MBGET, "mbget_url.sha1", g_ctx.mbget_sha1}}};
+
+/* ---- settings ---- */
+
+int load_lbdb_cfg(const config_setting_t* group, lbdb_cfg* cfg) noexcept
+{
+    if (load_config_setting_str(group, "host", cfg->host, TEXT_LIMIT, "") != 0)
+        return -1;
+    if (!cfg->host[0]) {
+        LOG_ERR("%s: missing host setting\n", __func__);
+        return -1;
+    }
+    cfg->port = config_setting_int(group, "port", 0);
+    if (cfg->port < 0) {
+        LOG_ERR("%s: invalid port value: %d\n", __func__, cfg->port);
+        return -1;
+    }
+    const int ms = config_setting_int(group, "connect_tmout_ms", CONNECT_TMOUT_MS);
+    cfg->tmout = {ms / 1000, (ms % 1000) * 1000L};
+    if (load_config_setting_str(group, "sha1_dir", cfg->sha1_path, TEXT_LIMIT, "") != 0)
+        return -1;
+    if (!cfg->sha1_path[0]) {
+        LOG_ERR("%s: missing sha1_dir setting\n", __func__);
+        return -1;
+    }
+    return 0;
+}
+
+/* ---- digests ---- */
+
+int read_sha_signature(const char* path, char* buf, size_t cap) noexcept
+{
+    buf[0] = '\0';
+    const file_ptr file(fopen(path, "re"));
+    if (!file) {
+        const int err = errno;
+        LOG_ERR("%s: fopen(%s,...) ERROR(%d): %s\n", __func__, path, err, strerror(err));
+        return -1;
+    }
+    if (!fgets(buf, static_cast<int>(cap) - 1, file.get())) {
+        /* An empty digest; the connect will not go on with it. */
+        LOG_ERR("%s: fgets(...) ERROR(%d): %s\n", __func__, 0, strerror(0));
+        buf[0] = '\0';
+        return 0;
+    }
+    const size_t len = strlen(buf);
+    if (len < MIN_SHA1_LINE || len > MAX_SHA1_LINE) {
+        LOG_ERR("%s: [%s] unexpected SHA1 size: %zu\n", __func__, path, len);
+        return -1;
+    }
+    if (buf[len - 1] == '\n')
+        buf[len - 1] = '\0';
+    LOG_DEBUG("[%s] -> (%s)\n", path, buf);
+    return 0;
+}
+
+int verify_db_script(const char* dir, const char* name, char* dst, size_t cap) noexcept
+{
+    std::array<char, LBQ_MAX_FPATH_LEN> path{};
+    const size_t limit = path.size() - 1;
+    const int n = snprintf(path.data(), limit, "%s/%s", dir, name);
+    if (n < 1 || n > static_cast<int>(limit)) {
+        LOG_ERR("%s: buffer overflow/error, n=%d, dir=%s, script=%s, buflen=%zu\n", __func__, n, dir, name, limit);
+        return -1;
+    }
+    if (const int rc = read_sha_signature(path.data(), dst, cap))
+        return rc;
+    return g_ctx.redis ? check_script_exists(dst) : 0;
+}
+
+static int read_digests(const char* dir, int32_t need_func) noexcept
+{
+    for (const script_file& s : SCRIPTS) {
+        if (!(need_func & s.func))
+            continue;
+        if (const int rc = verify_db_script(dir, s.name, s.sha1, LBQ_MAX_SHA1_LEN))
+            return rc;
+    }
+    return 0;
+}
+
+int lbdb_init(const char* sha1_dir, int32_t need_func, uint32_t options) noexcept
+{
+    ASSERT(0 == g_ctx.init_tm);
+    const size_t len = strlen(sha1_dir);
+    if (!copy_text(g_conn.sha1_path, sizeof(g_conn.sha1_path), sha1_dir)) {
+        LOG_ERR("%s: sha1_dir is too long: %zu/%zu\n", __func__, len, LBQ_MAX_DIRNAME_LEN - 1);
+        return ERANGE;
+    }
+    if (const int rc = read_digests(sha1_dir, need_func)) {
+        lbdb_destroy();
+        return rc;
+    }
+    if (options & OPT_S) {
+        const size_t used = strlen(g_ctx.call_opt);
+        if (used + sizeof(OPT_S_TEXT) >= sizeof(g_ctx.call_opt)) {
+            LOG_ERR("%s: not enough space for option [%s]\n", __func__, OPT_S_TEXT);
+            return -1;
+        }
+        cut_text(g_ctx.call_opt + used, sizeof(g_ctx.call_opt) - used, OPT_S_TEXT);
+        LOG_DEBUG("%s: added [%s] flag\n", __func__, OPT_S_TEXT);
+    }
+    g_ctx.init_tm = time(nullptr);
+    g_ctx.need_func = need_func;
+    return 0;
+}
+
+/* ---- connection ---- */
+
+/* One element that is an integer; complaints go to standard error. */
+static int script_in_array(const redisReply* reply) noexcept
+{
+    if (reply->elements != 1) {
+        fprintf(stderr, "%s: more than 1 element (%zu) returned\n", "check_script_exists", reply->elements);
+        return EINVAL;
+    }
+    const redisReply* e = reply->element[0];
+    if (e->type != REDIS_REPLY_INTEGER) {
+        fprintf(stderr, "%s: expected integer, got %d\n", "check_script_exists", e->type);
+        return EINVAL;
+    }
+    return e->integer == 1 ? 0 : 2;
+}
+
+static int judge_script_reply(const char* sha1, const redisReply* reply) noexcept
+{
+    const char* fn = "check_script_exists";
+    switch (reply->type) {
+    case REDIS_REPLY_ARRAY:
+        return script_in_array(reply);
+    case REDIS_REPLY_INTEGER:
+        if (reply->integer == 0)
+            LOG_ERR("%s: no such script: %s\n", fn, sha1);
+        return reply->integer == 1 ? 0 : 2;
+    case REDIS_REPLY_ERROR:
+        LOG_ERR("%s: Redis error: %s\n", fn, reply->str);
+        return -1;
+    default:
+        LOG_ERR("%s: not expecting reply type=%d\n", fn, reply->type);
+        return EINVAL;
+    }
+}
+
+int check_script_exists(const char* sha1) noexcept
+{
+    ASSERT(g_ctx.redis);
+    const reply_ptr reply(static_cast<redisReply*>(redisCommand(g_ctx.redis, "script exists %s", sha1)));
+    if (!reply) {
+        LOG_ERR("%s: NULL as reply\n", __func__);
+        return -1;
+    }
+    const int rc = judge_script_reply(sha1, reply.get());
+    LOG_DEBUG("%s: %s, rc=%d\n", __func__, sha1, rc);
+    return rc;
+}
+
+static int open_connection(const char* host, int port, timeval tmout) noexcept
+{
+    g_ctx.redis = redisConnectWithTimeout(host, port, tmout);
+    if (!g_ctx.redis) {
+        LOG_ERR("%s: redisConnectWithTimeout: cannot allocate context\n", "lbdb_connect");
+        return -1;
+    }
+    if (g_ctx.redis->err) {
+        LOG_ERR("%s: redisConnectWithTimeout ERROR(%d): %s\n", "lbdb_connect", g_ctx.redis->err, g_ctx.redis->errstr);
+        return -1;
+    }
+    (void)fcntl(g_ctx.redis->fd, F_SETFD, FD_CLOEXEC);
+    LOG_INFO("%s: connected to %s:%d\n", "lbdb_connect", host, port);
+    return 0;
+}
+
+static int verify_scripts() noexcept
+{
+    if (g_ctx.need_func & LBQ_FL_ADD)
+        ASSERT(g_ctx.add_sha1[0]);
+    if (g_ctx.need_func & LBQ_FL_DEL)
+        ASSERT(g_ctx.del_sha1[0]);
+    if (g_ctx.need_func & LBQ_FL_NEXT)
+        ASSERT(g_ctx.next_sha1[0]);
+    if (g_ctx.need_func & LBQ_FL_MBGET)
+        ASSERT(g_ctx.mbget_sha1[0]);
+    for (const script_file& s : SCRIPTS) {
+        if (!(g_ctx.need_func & s.func))
+            continue;
+        if (const int rc = check_script_exists(s.sha1))
+            return rc;
+    }
+    return 0;
+}
+
+int lbdb_connect(const char* host, int port, timeval tmout) noexcept
+{
+    ASSERT(!g_ctx.redis && g_ctx.init_tm > 0);
+    cut_text(g_conn.host, sizeof(g_conn.host), host);
+    g_conn.port = port;
+    g_conn.tmout = tmout;
+    int rc = open_connection(host, port, tmout);
+    if (rc == 0)
+        rc = verify_scripts();
+    if (rc != 0) {
+        LOG_ERR("%s: failed for %s:%d\n", __func__, host, port);
+        lbdb_disconnect();
+        return rc;
+    }
+    LOG_DEBUG("%s: OK, rc=%d\n", __func__, rc);
+    return 0;
+}
+
+void lbdb_disconnect() noexcept
+{
+    if (!g_ctx.redis)
+        return;
+    redisFree(g_ctx.redis);
+    g_ctx.redis = nullptr;
+    LOG_INFO("%s: disconnected from %s:%d\n", __func__, g_conn.host, g_conn.port);
+}
+
+void lbdb_destroy() noexcept
+{
+    lbdb_disconnect();
+    g_ctx = lbdb_ctx{};
+    g_conn = lbdb_cfg{};
+}
+
+/* ---- registration ---- */
+
+static int copy_reply(const redisReply* reply, char* buf, size_t cap) noexcept
+{
+    const auto len = static_cast<size_t>(reply->len);
+    if (len > cap) {
+        LOG_ERR("%s: reply is bigger than buffer: %zu/%zu\n", "reply_to_str", len, cap);
+        return ERANGE;
+    }
+    memcpy(buf, reply->str, len);
+    buf[len] = '\0';
+    return 0;
+}
+
+int reply_to_str(const redisReply* reply, char* buf, size_t cap) noexcept
+{
+    switch (reply->type) {
+    case REDIS_REPLY_STRING:
+        return copy_reply(reply, buf, cap);
+    case REDIS_REPLY_ARRAY:
+        if (reply->elements != 1) {
+            LOG_ERR("%s: more than 1 element (%zu) returned\n", __func__, reply->elements);
+            return EINVAL;
+        }
+        if (reply->element[0]->type != REDIS_REPLY_STRING) {
+            LOG_ERR("%s: expected string, got %d\n", __func__, reply->element[0]->type);
+            return EINVAL;
+        }
+        return copy_reply(reply->element[0], buf, cap);
+    case REDIS_REPLY_STATUS:
+        LOG_ERR("%s: Redis status: %s\n", __func__, reply->str);
+        return -1;
+    case REDIS_REPLY_ERROR:
+        LOG_ERR("%s: Redis error: %s\n", __func__, reply->str);
+        return -1;
+    default:
+        LOG_ERR("%s: not expecting reply type=%d\n", __func__, reply->type);
+        return EINVAL;
+    }
+}
+
+int lbdb_add_segurl(const char* id, const char* url, long expiry) noexcept
+{
+    static std::array<char, REPLY_CAP> text;
+
+    ASSERT(g_ctx.need_func & LBQ_FL_ADD);
+    ASSERT(g_ctx.redis && g_ctx.add_sha1[0]);
+    LOG_DEBUG("evalsha %s 1 %s %s %ld\n", g_ctx.add_sha1, id, url, expiry);
+    const reply_ptr reply(
+        static_cast<redisReply*>(redisCommand(g_ctx.redis, "evalsha %s 1 %s %s %ld", g_ctx.add_sha1, id, url, expiry)));
+    if (!reply) {
+        LOG_ERR("%s: NULL as reply\n", __func__);
+        return -1;
+    }
+    text.fill('\0');
+    if (reply_to_str(reply.get(), text.data(), text.size() - 1) != 0) {
+        LOG_ERR("%s: failed: %.*s\n", __func__, REPLY_SHOWN, text.data());
+        return -1;
+    }
+    if (strlen(text.data()) < REPLY_PREFIX_LEN || strcmp(text.data() + REPLY_PREFIX_LEN, id) != 0) {
+        LOG_ERR("%s: expected %s, got [%s]\n", __func__, id, text.data());
+        return -1;
+    }
+    LOG_DEBUG("%s: result=[%s]\n", __func__, text.data());
+    return text[0] == '#' && strstr(text.data(), "#err: ") ? -1 : 0;
+}

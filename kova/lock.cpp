@@ -1,0 +1,90 @@
+/* Order locks: exclusive creation in a shared directory, and the age at which a lock counts as left behind. */
+#include "lock.h"
+
+#include "data.h"
+#include "log.h"
+#include "syswrap.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr mode_t LOCK_MODE = 0644;
+constexpr int MIN_LOCK_PATH = 5;
+
+using lock_path = std::array<char, 128>;
+
+static bool is_locking() noexcept
+{
+    return g_cfg.udp_cha.must_lock;
+}
+
+/* The path of a lock; a longer one is cut. False (logged) for an id that has none: it would name another directory. */
+static bool mk_lock_path(const char* fn, const char* lid, lock_path* path) noexcept
+{
+    const int n = snprintf(path->data(), path->size() - 1, "%s/%s.lock", g_cfg.udp_cha.lkdir, lid);
+    if (n >= MIN_LOCK_PATH && !strchr(lid, '/'))
+        return true;
+    LOG_ERR("%s: invalid lock path (n=%d): %s\n", fn, n, path->data());
+    return false;
+}
+
+int check_and_expire(const char* path, long max_age) noexcept
+{
+    struct stat st {};
+    if (stat(path, &st) != 0) {
+        const int err = errno;
+        if (err == ENOENT)
+            return 0;
+        LOG_ERR("%s: stat(%s, ..) ERROR(%d): %s\n", __func__, path, err, strerror(err));
+        return -1;
+    }
+    const long age = static_cast<long>(time(nullptr) - st.st_mtime);
+    if (age <= max_age) {
+        LOG_INFO("%s: upstanding lock [%s] (age=%ld) found\n", __func__, path, age);
+        return EBUSY;
+    }
+    if (W_unlink(__func__, path) != 0)
+        return -1;
+    LOG_DEBUG("%s: expired stale lock [%s], age=%ld sec\n", __func__, path, age);
+    return 0;
+}
+
+int lid_lock(const char* lid) noexcept
+{
+    if (!is_locking())
+        return 0;
+    lock_path path{};
+    if (!mk_lock_path(__func__, lid, &path))
+        return -1;
+    if (const int rc = check_and_expire(path.data(), STALE_LOCK_SEC))
+        return rc;
+    const int fd = open(path.data(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, LOCK_MODE);
+    if (fd >= 0) {
+        W_close(__func__, fd);
+        LOG_DEBUG("%s: [%s] locked\n", __func__, lid);
+        return 0;
+    }
+    const int err = errno;
+    if (err == EEXIST) /* another holder was quicker */
+        return EBUSY;
+    LOG_ERR("%s: open(%s,...) ERROR(%d): %s\n", __func__, path.data(), err, strerror(err));
+    return -1;
+}
+
+void lid_unlock(const char* lid) noexcept
+{
+    if (!is_locking())
+        return;
+    lock_path path{};
+    if (!mk_lock_path(__func__, lid, &path))
+        return;
+    LOG_DEBUG("%s: %s at [%s]\n", __func__, lid, path.data());
+    W_unlink(__func__, path.data());
+}
