@@ -124,6 +124,7 @@ struct udl_ctx {
     n32_tag tag; /* "UDL" */
     bool is_ready;
     int sockfd; /* owned while ready */
+    bool is_watched; /* registered with the loop */
     usock_ctx usock;
 };
 

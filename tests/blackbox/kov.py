@@ -353,8 +353,7 @@ class Case(unittest.TestCase):
         for sock in self.socks:
             sock.close()
         self.origin.close()
-        failed = any(error for _, error in self._outcome.errors) if hasattr(self._outcome, "errors") else \
-            not self._outcome.success
+        failed = not self._outcome.success
         try:
             for agent in self.agents:
                 agent.check(self)

@@ -1,0 +1,298 @@
+/* User requests: one HTTP client from acceptance to reaping. A request reads one head and is either answered at once or
+   handed, as an order and a duplicate of its descriptor, to the download engine. It is never freed by its own handler: it
+   is listed on its listener and freed after the round. */
+#include "rq.h"
+
+#include "app.h"
+#include "log.h"
+#include "meta.h"
+#include "rqs.h"
+#include "strops.h"
+#include "syswrap.h"
+#include "tmout.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <sys/socket.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr n32_tag URQ_INI = mk_tag("INI");
+constexpr n32_tag URQ_RD = mk_tag("RD\0");
+constexpr n32_tag URQ_QUI = mk_tag("QUI");
+constexpr size_t MAX_URQ_NUM = 10000; /* tracking tags start again at u1 after it */
+constexpr size_t PPRM_GROWBLK = 4;
+constexpr int RC_PING_PATH = -3;
+
+static dw_urq* as_urq(rui_rq_header* rq) noexcept
+{
+    return reinterpret_cast<dw_urq*>(rq);
+}
+
+static rui_rq_header* as_header(dw_urq* urq) noexcept
+{
+    return reinterpret_cast<rui_rq_header*>(urq);
+}
+
+/* ---- creation and end ---- */
+
+void mk_trk_tag(size_t* counter, n64_tag* tag, char letter, size_t max) noexcept
+{
+    if (*counter >= max)
+        *counter = 0;
+    ++*counter;
+    std::array<char, 24> digits{};
+    const int n = snprintf(digits.data(), digits.size(), "%zu", *counter);
+    ASSERT(n >= 1 && n <= 6);
+    tag->num64 = 0;
+    tag->sym8[0] = letter;
+    cut_text(tag->sym8 + 1, sizeof(tag->sym8) - 1, digits.data());
+}
+
+dw_urq* urq_new(int sockfd, rui_socket_ctx* srv, void* /*opaque*/) noexcept
+{
+    auto* urq = static_cast<dw_urq*>(calloc(1, sizeof(dw_urq)));
+    if (!urq) {
+        LOG_ERR("%s: ERROR(%d) creating %s request\n", __func__, errno, TAG_URQ.sym);
+        return nullptr;
+    }
+    urq->tag = TAG_URQ;
+    urq->state = URQ_INI;
+    urq->sockfd = sockfd;
+    urq->srv = srv;
+    urq->pprm_idx = -1;
+    set_timeout(URQ_TMOUT, URQ_TMOUT_MS);
+    mk_trk_tag(&srv->rqcount, &urq->trk_tag, 'u', MAX_URQ_NUM);
+    LOG_INFO("%s [%s] (%p) created\n", urq->tag.sym, urq->trk_tag.sym8, static_cast<void*>(urq));
+    rqs_set_now(&urq->wait_start_tm);
+    return urq;
+}
+
+void urq_rm(dw_urq* urq) noexcept
+{
+    LOG_INFO("%s: %s [%s] (%p)\n", __func__, urq->tag.sym, urq->trk_tag.sym8, static_cast<void*>(urq));
+    if (urq->sockfd >= 0)
+        W_close(__func__, urq->sockfd);
+    urq->sockfd = -1;
+    free(urq->hrq.hbuf);
+    urq->hrq.hbuf = nullptr;
+    urq->state.num = 0;
+    urq->tag.num = 0;
+    const void* freed = urq;
+    free(urq);
+    rm_timeout(URQ_TMOUT);
+    LOG_DEBUG("%s: freed (%p)\n", __func__, freed);
+}
+
+void urq_set_state(dw_urq* urq, n32_tag state) noexcept
+{
+    ASSERT(urq->state.num != state.num);
+    LOG_DEBUG("%s [%s] (%p) state: %s -> %s\n", urq->tag.sym, urq->trk_tag.sym8, static_cast<void*>(urq),
+              urq->state.sym, state.sym);
+    urq->state = state;
+}
+
+void pprm_urq(dw_urq* urq) noexcept
+{
+    xvlst* pprm = &urq->srv->pprm;
+    if (xvlst_find(pprm, urq, is_ptr_match, nullptr)) {
+        LOG_WARN("%s: %s [%s] (%p) is already PPRM-ed\n", __func__, urq->tag.sym, urq->trk_tag.sym8,
+                 static_cast<void*>(urq));
+        return;
+    }
+    const ssize_t j = xvlst_add(pprm, sizeof(dw_urq*), PPRM_GROWBLK);
+    if (j < 0) {
+        LOG_ERR("%s: xvlst_add ERROR\n", __func__);
+        ASSERT(j >= 0);
+    }
+    static_cast<dw_urq**>(pprm->data)[j] = urq;
+    urq->pprm_idx = j;
+    LOG_DEBUG("%s: added (%p) to pprm[%zi] (%p) for listener fd%d\n", __func__, static_cast<void*>(urq), j,
+              static_cast<void*>(pprm), urq->srv->sockfd);
+    LOG_INFO("%s: %s [%s] (%p) is to END j=%zd\n", __func__, urq->tag.sym, urq->trk_tag.sym8, static_cast<void*>(urq),
+             j);
+}
+
+/* ---- reading the head ---- */
+
+/* What a read without bytes means. 11, 104 or -1. */
+static int judge_no_data(const dw_urq* urq, ssize_t n) noexcept
+{
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+        return EAGAIN;
+    if (n == 0 || errno == ECONNRESET) {
+        LOG_INFO("%s: client fd=%d closed connection\n", "read_http_rq", urq->sockfd);
+        return ECONNRESET;
+    }
+    return -1;
+}
+
+/* A head that is not complete yet may lack less than the low-water mark holds back. */
+static void lower_watermark(const dw_urq* urq) noexcept
+{
+    const int one = 1;
+    (void)setsockopt(urq->sockfd, SOL_SOCKET, SO_RCVLOWAT, &one, sizeof(one)); /* the mark only saves wake-ups */
+}
+
+static int cut_tail(http_rq* hrq, ssize_t eoh) noexcept
+{
+    if (static_cast<size_t>(eoh) < hrq->hpos) {
+        LOG_WARN("%s: request has tail data, dismissing the tail\n", "read_http_rq");
+        hrq->hpos = static_cast<size_t>(eoh);
+        hrq->hbuf[hrq->hpos] = '\0';
+    }
+    return 0;
+}
+
+int read_http_rq(dw_urq* urq) noexcept
+{
+    http_rq* hrq = &urq->hrq;
+    if (!hrq->hbuf) {
+        hrq->hbuf = static_cast<char*>(calloc(1, HEAD_MAX));
+        if (!hrq->hbuf)
+            return -ENOMEM;
+        hrq->hlen = HEAD_MAX;
+    }
+    ASSERT(hrq->hpos < hrq->hlen);
+    while (hrq->hpos < hrq->hlen - 1) {
+        const bool is_first = hrq->hpos == 0;
+        ssize_t eoh = 0;
+        const ssize_t n = read_http(urq->sockfd, hrq->hbuf, hrq->hlen - 1, hrq->hpos, &eoh);
+        if (n <= 0)
+            return judge_no_data(urq, n);
+        hrq->hpos += static_cast<size_t>(n);
+        ASSERT(hrq->hpos < hrq->hlen);
+        hrq->hbuf[hrq->hpos] = '\0';
+        LOG_DEBUG("%s: %s HTTP buffer [%ld bytes] received:\n%s\n", __func__, eoh > 0 ? "complete" : "partial",
+                  static_cast<long>(n), hrq->hbuf);
+        if (eoh > 0)
+            return cut_tail(hrq, eoh);
+        if (is_first)
+            lower_watermark(urq);
+    }
+    /* Full without an end: nothing more is read, and the client waits for its time-out without waking the loop. */
+    (void)rqs_mod(urq->sockfd, urq, 0);
+    return EAGAIN;
+}
+
+/* ---- the order ---- */
+
+/* A source under this host's own prefix needs no download. */
+static int serve_local(dw_urq* urq, const dw_spec* spec) noexcept
+{
+    int rc = 0;
+    LOG_DEBUG("%s: [%s] is local URL, no download required\n", "urq_read", spec->url);
+    if (g_cfg.lbdb.port > 0) {
+        LOG_DEBUG("%s: adding local URL to LBDB\n", "urq_read");
+        rc = add_lbdb_url(spec);
+    }
+    urq->hresp = &g_resp_ok;
+    return rc;
+}
+
+/* A complete head. The result; urq->hresp is the answer to send now, null when there is none or 500 is due. */
+static int serve_head(dw_urq* urq) noexcept
+{
+    dw_spec spec{};
+    if (const int rc = parse_dw_get(urq, &spec)) {
+        if (rc == RC_PING_PATH) {
+            LOG_INFO("%s: PONG!\n", "urq_read");
+            return rc;
+        }
+        LOG_ERR("%s: malformed HTTP request: %s\n", "urq_read", urq->hrq.hbuf);
+        if (!urq->hresp)
+            urq->hresp = &g_resp_bad;
+        return rc;
+    }
+    if (urq->hrq.header.type == RQTYPE_HEAD) {
+        LOG_INFO("%s: nothing to do for HEAD request\n", "urq_read");
+        return 0;
+    }
+    return is_local_url(spec.url) ? serve_local(urq, &spec) : mk_dw_task(urq->sockfd, &spec);
+}
+
+static void answer(dw_urq* urq) noexcept
+{
+    if (!urq->hresp)
+        urq->hresp = &g_resp_err;
+    if (!urq->hresp->server)
+        urq->hresp->server = get_app_tag(APP_NAME);
+    (void)send_http_response(urq->sockfd, urq->hresp); /* it has logged its failure */
+}
+
+int urq_read(dw_urq* urq) noexcept
+{
+    ASSERT(urq->tag.num == TAG_URQ.num);
+    const log_group_guard group(urq->trk_tag);
+    ASSERT(urq->state.num == URQ_INI.num || urq->state.num == URQ_RD.num);
+    LOG_DEBUG("%s: fd%d (%s)\n", __func__, urq->sockfd, urq->state.sym);
+    if (urq->state.num == URQ_INI.num) {
+        urq->hresp = nullptr;
+        urq_set_state(urq, URQ_RD);
+    }
+    int rc = read_http_rq(urq);
+    if (rc == EAGAIN) {
+        LOG_DEBUG("%s: need more data on %s [%s] (%p)\n", __func__, urq->tag.sym, urq->trk_tag.sym8,
+                  static_cast<void*>(urq));
+        return 0;
+    }
+    if (rc == ECONNRESET) {
+        rui_rm_request(as_header(urq));
+        return 0;
+    }
+    if (rc == 0)
+        rc = serve_head(urq);
+    if (rc != 0 || urq->hresp)
+        answer(urq);
+    urq_set_state(urq, URQ_QUI);
+    pprm_urq(urq);
+    return 0;
+}
+
+/* ---- errors and time-outs ---- */
+
+void urq_error(dw_urq* urq, bool hangup) noexcept
+{
+    const int err = socket_error(urq->sockfd);
+    LOG_ERR("%s: %s URQ(%p) [%s] ERROR(%d): %s\n", __func__, hangup ? "HUP" : "", static_cast<void*>(urq),
+            urq->trk_tag.sym8, err, strerror(err));
+    pprm_urq(urq);
+}
+
+int urq_timeout(dw_urq* urq, uint32_t timeout_ms) noexcept
+{
+    const timespec limit = {timeout_ms / 1000, static_cast<long>(timeout_ms % 1000) * 1000000};
+    if (!timed_out(urq->wait_start_tm, limit))
+        return 0;
+    const timespec* now = rqs_now_ref();
+    LOG_WARN("%s: TIME-OUT %s [%s] (%p) start-tm: %lu.%lu, now=%lu.%lu\n", __func__, urq->tag.sym, urq->trk_tag.sym8,
+             static_cast<void*>(urq), static_cast<unsigned long>(urq->wait_start_tm.tv_sec),
+             static_cast<unsigned long>(urq->wait_start_tm.tv_nsec), static_cast<unsigned long>(now->tv_sec),
+             static_cast<unsigned long>(now->tv_nsec));
+    pprm_urq(urq);
+    return 1;
+}
+
+/* ---- the listeners' callbacks ---- */
+
+static rui_rq_header* cb_new(int fd, rui_socket_ctx* srv, void* udata) noexcept
+{
+    dw_urq* urq = urq_new(fd, srv, udata);
+    return urq ? as_header(urq) : nullptr;
+}
+
+static void cb_rm(rui_rq_header* rq) noexcept
+{
+    urq_rm(as_urq(rq));
+}
+
+static bool cb_time_out(rui_rq_header* rq, uint32_t ms) noexcept
+{
+    return urq_timeout(as_urq(rq), ms) != 0;
+}
+
+const rui_socket_cb g_urq_cb = {.tag = TAG_URQ, .new_rq = cb_new, .rm_rq = cb_rm, .time_out = cb_time_out};

@@ -1,0 +1,177 @@
+/* The grammar of an order below its URL: request head to source and destination, and these to paths, expiry and refusals.
+   Nothing is made on disk but missing directories, and those only once the order is acceptable. */
+#include "rq.h"
+
+#include "lock.h"
+#include "log.h"
+#include "seg.h"
+#include "strops.h"
+#include "util.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr std::string_view HTTP_PREFIX = "http://";
+constexpr int RC_PING_PATH = -3;
+constexpr size_t FPATH_LIMIT = SPEC_PATH_MAX - 1;
+
+/* ---- the request ---- */
+
+static void log_refusal(const dw_urq* urq, int rc) noexcept
+{
+    LOG_ERR("%s: %s [%s] (%p): src=[%s], dst=[%s], ERROR(%d)\n", "parse_dw_get", urq->tag.sym, urq->trk_tag.sym8,
+            static_cast<const void*>(urq), urq->uri_src, urq->uri_dst, rc);
+}
+
+/* Cuts the query off the source: what is fetched never carries one. The expiry in it, or 0. */
+static long cut_expiry(char* src) noexcept
+{
+    char* mark = strchr(src, '?');
+    if (!mark)
+        return 0;
+    *mark = '\0';
+    const char* query = mark + 1;
+    const char* field = strstr(query, "expiry=");
+    long expiry = 0;
+    /* An empty input counts as no number, like any other text without one. */
+    const int n = sscanf(field ? field : query, "expiry=%ld%*s", &expiry); // NOLINT(cert-err34-c)
+    if (n == 1)
+        return expiry;
+    LOG_WARN("%s: NO EXPIRY: sscanf('%s',..) expected 1, got %d\n", "parse_dw_get", field ? field : query, n);
+    return 0;
+}
+
+int validate_request(dw_urq* urq, dw_spec* spec) noexcept
+{
+    return setup_dw_spec(urq->uri_src, urq->uri_dst, sizeof(urq->uri_dst) - 1, spec);
+}
+
+int parse_dw_get(dw_urq* urq, dw_spec* spec) noexcept
+{
+    http_rq* hrq = &urq->hrq;
+    int rc = web_parse_urq(hrq->hbuf, hrq->hpos, urq->uri_src, urq->uri_dst, sizeof(urq->uri_src), &hrq->header);
+    if (rc == RC_PING_PATH) {
+        urq->hresp = &g_resp_nocont;
+        LOG_DEBUG("%s: PING: will send HTTP 204\n", __func__);
+        return rc;
+    }
+    if (rc != 0) {
+        urq->hresp = &g_resp_bad;
+        log_refusal(urq, rc);
+        return rc;
+    }
+    LOG_DEBUG("%s: %s [%s] (%p): src=[%s], dst=[%s]\n", __func__, urq->tag.sym, urq->trk_tag.sym8,
+              static_cast<void*>(urq), urq->uri_src, urq->uri_dst);
+    spec->expiry_tm = cut_expiry(urq->uri_src);
+    rc = validate_request(urq, spec);
+    if (rc != 0)
+        log_refusal(urq, rc);
+    else
+        LOG_DEBUG("%s: url=[%s], path=[%s], expiry=%ld\n", __func__, spec->url, spec->fpath,
+                  static_cast<long>(spec->expiry_tm));
+    return rc;
+}
+
+/* ---- the order ---- */
+
+/* The path of the source's URL. 0 or 22 (logged). */
+static int derive_dst(const char* src, char* dst, size_t cap) noexcept
+{
+    const char* host = strstr(src, "//");
+    const char* slash = host ? strchr(host + 2, '/') : nullptr;
+    if (!slash || !slash[1]) {
+        LOG_ERR("%s: cannot extract path from source URL: %s\n", "setup_dw_spec", src);
+        return EINVAL;
+    }
+    cut_text(dst, cap, slash + 1);
+    LOG_DEBUG("%s: source-based dst=[%s]\n", "setup_dw_spec", dst);
+    return 0;
+}
+
+static bool has_parent_segment(std::string_view path) noexcept
+{
+    while (!path.empty()) {
+        const size_t slash = path.find('/');
+        if (path.substr(0, slash) == "..")
+            return true;
+        path.remove_prefix(slash == std::string_view::npos ? path.size() : slash + 1);
+    }
+    return false;
+}
+
+/* A destination must stay below the data directory and must not look like an unfinished file. */
+static int check_dst(const char* dst) noexcept
+{
+    if (has_parent_segment(dst)) {
+        LOG_ERR("%s: destination leaves the data directory: [%s]\n", "setup_dw_spec", dst);
+        return EINVAL;
+    }
+    if (is_unfinished_seg(dst)) {
+        LOG_ERR("%s: destination names an unfinished file: [%s]\n", "setup_dw_spec", dst);
+        return EINVAL;
+    }
+    return 0;
+}
+
+/* data_dir/dst-Kova. The text is cut at 126 characters and refused from 128 on: one of 127 loses its last character, and
+   with it the suffix that would tell it from a finished file. */
+static int mk_fpath(const char* data_dir, const char* dst, dw_spec* spec) noexcept
+{
+    const size_t len = strlen(data_dir);
+    const char* slash = len > 0 && data_dir[len - 1] == '/' ? "" : "/";
+    const int n = snprintf(spec->fpath, FPATH_LIMIT, "%s%s%s%s", data_dir, slash, dst, UNFINISHED_SFX);
+    if (n < 0 || n >= static_cast<int>(SPEC_PATH_MAX)) {
+        LOG_ERR("%s: full path is too long: %zd/%zu\n", "init_spec", static_cast<ssize_t>(n), SPEC_PATH_MAX);
+        return ERANGE;
+    }
+    if (!is_unfinished_seg(spec->fpath)) {
+        LOG_ERR("%s: full path was cut: [%s]\n", "init_spec", spec->fpath);
+        return ERANGE;
+    }
+    return 0;
+}
+
+int init_spec(const char* data_dir, const char* src, const char* dst, dw_spec* spec) noexcept
+{
+    if (const int rc = mk_fpath(data_dir, dst, spec))
+        return rc;
+    if (!copy_text(spec->url, sizeof(spec->url), src)) {
+        LOG_ERR("%s: source URL is too long: %zu/%zu\n", __func__, strlen(src), SPEC_URL_MAX);
+        return ERANGE;
+    }
+    if (const int rc = mk_fpath_dirs(spec->fpath)) {
+        LOG_ERR("%s: cannot ensure dest path [%s]\n", __func__, spec->fpath);
+        return rc;
+    }
+    cut_text(spec->dst_path, sizeof(spec->dst_path), dst);
+    spec->content_length = 0;
+    return 0;
+}
+
+int setup_dw_spec(const char* src, char* dst, size_t dst_cap, dw_spec* spec) noexcept
+{
+    LOG_DEBUG("%s: src=[%s] dst=[%s]\n", __func__, src, dst);
+    if (!std::string_view(src).starts_with(HTTP_PREFIX)) {
+        LOG_ERR("%s: non-HTTP or invalid src=[%s]\n", __func__, src);
+        return EINVAL;
+    }
+    if (!dst[0]) {
+        if (const int rc = derive_dst(src, dst, dst_cap))
+            return rc;
+    }
+    if (const int rc = check_dst(dst))
+        return rc;
+    if (const int rc = init_spec(g_cfg.data_dir, src, dst, spec))
+        return rc;
+    const int rc = check_and_expire(spec->fpath, STALE_LOCK_SEC);
+    if (rc == EBUSY) {
+        LOG_ERR("%s: [%s] already exists\n", __func__, spec->fpath);
+        return EEXIST;
+    }
+    return rc;
+}

@@ -1,0 +1,222 @@
+/* The UDP channel: one order a datagram, one datagram a wake-up. Orders are serialised across processes by their lock ids;
+   an id is released only by the order that took it. */
+#include "udl.h"
+
+#include "app.h"
+#include "lock.h"
+#include "log.h"
+#include "rq.h"
+#include "rqs.h"
+#include "strops.h"
+#include "wopen.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <sys/socket.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr size_t RECV_MAX = 1415; /* enough to see that a datagram is too long */
+constexpr size_t MSG_CAP = 1416;
+
+/* ---- life ---- */
+
+int udl_ctx_init(udp_lstn_cfg* cfg, udl_ctx* udl) noexcept
+{
+    if (!cfg->url[0])
+        return 0;
+    ASSERT(!udl->is_ready);
+    udl->usock = usock_ctx{};
+    udl->usock.inbound = true;
+    udl->usock.non_blocking = true;
+    udl->usock.ifc_tag = cfg->mifc[0] ? cfg->mifc : nullptr;
+    udl->sockfd = usock_open(&udl->usock, cfg->url);
+    if (udl->sockfd < 0) {
+        LOG_ERR("%s: failed to open [%s]\n", __func__, cfg->url);
+        return -1;
+    }
+    udl->tag = TAG_UDL;
+    udl->is_ready = true;
+    LOG_INFO("%s: fd%d set up to listen on [%s]\n", __func__, udl->sockfd, cfg->url);
+    return 0;
+}
+
+int udl_ctx_start(udl_ctx* udl) noexcept
+{
+    ASSERT(udl->is_ready);
+    if (const int rc = rqs_add_reader(udl->sockfd, udl)) {
+        LOG_ERR("%s: cannot start UDP listener on fd%d\n", __func__, udl->sockfd);
+        return rc;
+    }
+    udl->is_watched = true;
+    LOG_DEBUG("%s: listening on fd%d\n", __func__, udl->sockfd);
+    return 0;
+}
+
+void udl_ctx_destroy(udl_ctx* udl) noexcept
+{
+    if (!udl->is_ready)
+        return;
+    const int fd = udl->sockfd;
+    if (fd >= 1) {
+        if (udl->is_watched)
+            rqs_rm_fd(fd, false, false);
+        usock_close(fd, &udl->usock);
+    }
+    udl->is_watched = false;
+    udl->sockfd = -1;
+    udl->is_ready = false;
+    LOG_DEBUG("%s: done on fd%d\n", __func__, fd);
+}
+
+void udl_error(udl_ctx* udl) noexcept
+{
+    (void)socket_error(udl->sockfd); /* reading it clears it, and it is logged */
+}
+
+/* ---- a message ---- */
+
+static size_t word_len(const char* p) noexcept
+{
+    return strcspn(p, " \t");
+}
+
+/* The expiry at p; a missing one is a fault of the sender that stops the agent. */
+static long take_expiry(const char* p) noexcept
+{
+    if (!*p || *p == '#') {
+        LOG_WARN("%s: no expiry data passed\n", "parse_msg");
+        ASSERT_AS(false, "expiry");
+    }
+    long expiry = 0;
+    const int n = sscanf(p, "%ld %*s", &expiry); // NOLINT(cert-err34-c)
+    if (n == 1)
+        return expiry;
+    LOG_WARN("%s: NO EXPIRY: sscanf('%s',..) expected 1, got %d\n", "parse_msg", p, n);
+    return 0;
+}
+
+int parse_msg(char* msg, char** url, char** lid, long* expiry) noexcept
+{
+    const size_t lid_len = word_len(msg);
+    if (!msg[lid_len]) {
+        LOG_ERR("%s: missing URL part\n", __func__);
+        return -1;
+    }
+    msg[lid_len] = '\0';
+    if (lid_len < MIN_LID_LEN || lid_len > MAX_LID_LEN) {
+        LOG_ERR("%s: id length (%zu) out of bounds: %d/%d\n", __func__, lid_len, MIN_LID_LEN, MAX_LID_LEN);
+        return -1;
+    }
+    char* u = msg + lid_len + 1;
+    const size_t url_len = word_len(u);
+    if (url_len <= MIN_URL_LEN - 1) {
+        LOG_ERR("%s: URL length is too small: %zu/%d bytes\n", __func__, url_len, MIN_URL_LEN);
+        return -1;
+    }
+    char* rest = u + url_len;
+    if (*rest)
+        *rest++ = '\0';
+    rest += strspn(rest, " \t\n\v\f\r");
+    const long when = take_expiry(rest);
+    if (url)
+        *url = u;
+    if (lid)
+        *lid = msg;
+    if (expiry)
+        *expiry = when;
+    return 0;
+}
+
+int parse_url(const char* url, const char* lid, dw_spec* spec) noexcept
+{
+    std::array<char, ORDER_TEXT_MAX> src{};
+    std::array<char, ORDER_TEXT_MAX> dst{};
+    if (const int rc = web_parse_url(url, src.data(), dst.data(), src.size() - 1))
+        return rc;
+    if (const int rc = setup_dw_spec(src.data(), dst.data(), dst.size() - 1, spec))
+        return rc;
+    if (lid)
+        cut_text(spec->lid, sizeof(spec->lid), lid);
+    return 0;
+}
+
+/* ---- a datagram ---- */
+
+/* Receives one datagram as text without its line end. 0 or -1 (logged). */
+static int receive_msg(const udl_ctx* udl, std::array<char, MSG_CAP>* buf) noexcept
+{
+    const ssize_t n = recv(udl->sockfd, buf->data(), RECV_MAX, MSG_DONTWAIT);
+    if (n < 0) {
+        const int err = errno;
+        LOG_ERR("%s: recv(fd%d, .., %zu,..) ERROR(%d): %s\n", "udl_accept", udl->sockfd, RECV_MAX, err, strerror(err));
+        return -1;
+    }
+    LOG_DEBUG("%s: read %zd bytes from fd%d\n", "udl_accept", n, udl->sockfd);
+    if (n < MIN_UMSG_LEN || n > MAX_UMSG_LEN) {
+        LOG_ERR("%s: invalid message length: %zd (min/max=%d/%d)\n", "udl_accept", n, MIN_UMSG_LEN, MAX_UMSG_LEN);
+        return -1;
+    }
+    auto len = static_cast<size_t>(n);
+    for (int i = 0; i < 2 && len > 0 && ((*buf)[len - 1] == '\r' || (*buf)[len - 1] == '\n'); ++i)
+        (*buf)[--len] = '\0';
+    LOG_DEBUG("%s: msg=[%s]\n", "udl_accept", buf->data());
+    if ((*buf)[0] == '#' && (*buf)[1] == '!')
+        return 0;
+    LOG_ERR("%s: invalid message prefix\n", "udl_accept");
+    return -1;
+}
+
+/* From the parsed order on. *locked is whether this order holds its lock; it is cleared when a task has taken it. */
+static int start_order(const char* url, const char* lid, long expiry, bool* locked) noexcept
+{
+    dw_spec spec{};
+    if (const int rc = parse_url(url, *locked ? lid : nullptr, &spec))
+        return rc;
+    spec.expiry_tm = expiry;
+    LOG_DEBUG("%s: expiry time: %ld\n", "udl_accept", expiry);
+    if (!is_local_url(spec.url)) {
+        *locked = false;
+        (void)mk_dw_task(-1, &spec); /* the task owns the lock now, and a refused one has released it */
+        return 0;
+    }
+    LOG_DEBUG("%s: [%s] is local URL, no download required\n", "udl_accept", spec.url);
+    if (g_cfg.lbdb.port <= 0)
+        return 0;
+    LOG_DEBUG("%s: adding local URL to LBDB\n", "udl_accept");
+    return add_lbdb_url(&spec); /* the lock of a registered order is left to lapse */
+}
+
+static int take_order(char* msg, char** url, char** lid, bool* locked) noexcept
+{
+    long expiry = 0;
+    if (const int rc = parse_msg(msg, url, lid, &expiry))
+        return rc;
+    const int rc = lid_lock(*lid);
+    if (rc == EBUSY) {
+        LOG_INFO("%s: [%s] already engaged, will skip\n", "udl_accept", *lid);
+        return rc;
+    }
+    *locked = rc == 0;
+    return start_order(*url, *lid, expiry, locked);
+}
+
+int udl_accept(udl_ctx* udl) noexcept
+{
+    ASSERT(udl->sockfd > 0);
+    std::array<char, MSG_CAP> buf{};
+    char* url = nullptr;
+    char* lid = nullptr;
+    bool locked = false;
+    int rc = receive_msg(udl, &buf);
+    if (rc == 0)
+        rc = take_order(buf.data() + 2, &url, &lid, &locked);
+    if (rc == 0 || rc == EBUSY)
+        return 0;
+    LOG_ERR("%s: [%s] request failed; url=[%s], rc=%d\n", __func__, lid ? lid : "", url ? url : "", rc);
+    if (locked)
+        lid_unlock(lid);
+    return 0;
+}
