@@ -49,7 +49,7 @@ int load_rt_config(const config_setting_t* group, rt_cfg* cfg) noexcept
     if (load_config_setting_str(group, "pidfile", cfg->pidfile, PATH_LIMIT, "") != 0)
         return -1;
     cfg->non_daemon = config_setting_flag(group, "non_daemon", false);
-    cfg->quiet = config_setting_flag(group, "quiet", false) || cfg->quiet; /* the command line has asked for it */
+    cfg->quiet = config_setting_flag(group, "quiet", false);
     cfg->enforce_core_dumps = config_setting_flag(group, "enforce_core_dumps", true);
     cfg->cpunum = config_setting_int(group, "cpunum", -1);
     return load_config_setting_str(group, "run_as_user", cfg->user, USER_LIMIT, "");

@@ -23,9 +23,7 @@ kova_cfg g_cfg{};
 
 void init_kova_config(kova_cfg* cfg) noexcept
 {
-    const bool quiet = cfg->rt.quiet;
     *cfg = kova_cfg{};
-    cfg->rt.quiet = quiet;
     cfg->log.level = INFO_level;
     cfg->log.max_size_mb = D_MAX_LOGSZ;
     cfg->log.max_files = D_MAX_FILES;

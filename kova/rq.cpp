@@ -82,10 +82,9 @@ void urq_rm(dw_urq* urq) noexcept
     urq->hrq.hbuf = nullptr;
     urq->state.num = 0;
     urq->tag.num = 0;
-    const void* freed = urq;
-    free(urq);
     rm_timeout(URQ_TMOUT);
-    LOG_DEBUG("%s: freed (%p)\n", __func__, freed);
+    LOG_DEBUG("%s: freed (%p)\n", __func__, static_cast<void*>(urq));
+    free(urq);
 }
 
 void urq_set_state(dw_urq* urq, n32_tag state) noexcept
