@@ -40,7 +40,7 @@ struct xvlst {
 using xv_elem_fn = int (*)(void* data, size_t idx) noexcept;
 using xv_match_fn = int (*)(void* data, size_t idx, void* arg) noexcept;
 
-/* Room for more than n elements (nothing to do only when max_len > n), zeroed. 0, -1 no memory, ERR_XV_FIXED. */
+/* Room for n elements, new ones zeroed. 0, -1 no memory, ERR_XV_FIXED; a fixed vector refuses unless max_len > n. */
 [[nodiscard]] int xvec_reserve(xvec* v, size_t n, size_t size, size_t growblk) noexcept;
 void xvec_reset(xvec* v) noexcept;
 

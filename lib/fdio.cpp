@@ -40,7 +40,7 @@ int wait_to_read(int fd, int ms) noexcept
         LOG_ERR("%s: poll(fd%d) ERROR(%d): %s\n", __func__, fd, err, strerror(err));
         return -1;
     }
-    return rc > 0 && (pfd.revents & POLLIN) ? 1 : 0;
+    return rc > 0 && (pfd.revents & (POLLIN | POLLHUP)) ? 1 : 0; /* a pipe's end is told by POLLHUP alone */
 }
 
 ssize_t read_file_buf(const char* path, char* buf, size_t cap) noexcept

@@ -29,12 +29,12 @@ static_assert(offsetof(hrec, next) == offsetof(s_hrec, next) && offsetof(hrec, d
 
 struct ht_tag {
     ht_key_kind ktype;
-    hrec** r;            /* slots, each the head of a chain */
-    size_t rlen;         /* slots, a power of two */
+    hrec** r;    /* slots, each the head of a chain */
+    size_t rlen; /* slots, a power of two */
     unsigned long hseed;
     size_t count;
-    ht_hash_fn icalc;    /* null: the key itself */
-    hrec* spare;         /* released records, for reuse */
+    ht_hash_fn icalc; /* null: the key itself */
+    hrec* spare;      /* released records, for reuse */
 };
 
 /* What a key kind does: compare a record with a key, make a record, tell a record's key. */
@@ -68,6 +68,12 @@ static hrec* take_record(ht_tag* tbl, size_t size) noexcept
     rec->next = nullptr;
     rec->data = nullptr;
     return rec;
+}
+
+static void keep_record(ht_tag* tbl, hrec* rec) noexcept
+{
+    rec->next = tbl->spare;
+    tbl->spare = rec;
 }
 
 static int long_cmp(const hrec* rec, long key) noexcept
@@ -184,20 +190,18 @@ static int hadd(ht_tag* tbl, long key, void** data) noexcept
 {
     if (!tbl->r || tbl->rlen == 0)
         return EINVAL;
-    int cmp = 0;
-    hrec** link = seek(tbl, key, &cmp);
-    if (cmp == 0) {
-        if (data)
-            *data = (*link)->data;
-        return EBUSY;
-    }
     hrec* rec = HTFUNC[tbl->ktype].mkhrec(tbl, key);
     if (!rec)
         return ENOMEM;
-    /* A text key was cut to its storage: its place in the chain is that of what was kept. */
-    link = tbl->ktype == HT_STR ? slot_of(tbl, key) : link;
-    while (*link && HTFUNC[tbl->ktype].kcmp(*link, HTFUNC[tbl->ktype].getkey(rec)) < 0)
-        link = &(*link)->next;
+    /* The place is that of the key as it is kept: texts that differ only beyond their storage are one key. */
+    int cmp = 0;
+    hrec** link = seek(tbl, HTFUNC[tbl->ktype].getkey(rec), &cmp);
+    if (cmp == 0) {
+        if (data)
+            *data = (*link)->data;
+        keep_record(tbl, rec);
+        return EBUSY;
+    }
     rec->data = data ? *data : nullptr;
     rec->next = *link;
     *link = rec;
@@ -230,8 +234,7 @@ static int hrm(ht_tag* tbl, long key, void** data) noexcept
     *link = rec->next;
     if (data)
         *data = rec->data;
-    rec->next = tbl->spare;
-    tbl->spare = rec;
+    keep_record(tbl, rec);
     --tbl->count;
     return 0;
 }
@@ -250,7 +253,7 @@ static void free_chain(hrec* rec, ht_data_fn callback) noexcept
 static void hdestroy(ht_tag* tbl, ht_data_fn callback) noexcept
 {
     ASSERT(tbl);
-    if (tbl->r && tbl->rlen <= HT_MAX_CAP * 2) {
+    if (tbl->r && tbl->rlen <= HT_MAX_CAP) {
         for (size_t i = 0; i < tbl->rlen; ++i)
             free_chain(tbl->r[i], callback);
         free(tbl->r);

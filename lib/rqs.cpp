@@ -3,11 +3,13 @@
 #include "rqs.h"
 
 #include "gkh.h"
+#include "guard.h"
 #include "log.h"
 #include "rqs_internal.h"
 #include "util.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/epoll.h>
@@ -59,6 +61,7 @@ int rqs_init(const rqs_config* cfg) noexcept
     ASSERT(cfg);
     g_rqs_cfg = *cfg;
     g_rqs = rqs_context{};
+    scope_guard undo([] { rqs_destroy(); });
     g_rqs.loopfd = epoll_create(EPOLL_SIZE_HINT);
     if (g_rqs.loopfd < 0) {
         const int err = errno;
@@ -82,6 +85,7 @@ int rqs_init(const rqs_config* cfg) noexcept
     g_last_signal_check = g_rqs.itime;
     LOG_DEBUG("%s: rqs time: %lu.%09lu\n", __func__, static_cast<unsigned long>(g_rqs.itime.tv_sec),
               static_cast<unsigned long>(g_rqs.itime.tv_nsec));
+    undo.release();
     return 0;
 }
 
@@ -224,8 +228,10 @@ static void size_events() noexcept
     const size_t wanted = g_rqs.poll_fds > 0 ? g_rqs.poll_fds : 1;
     if (wanted <= g_rqs.events.max_len)
         return;
-    if (xvec_reserve(&g_rqs.events, wanted, sizeof(epoll_event), EVENTS_GROWBLK) != 0)
-        PANIC("%s: xvec_reserve failed\n", __func__);
+    if (xvec_reserve(&g_rqs.events, wanted, sizeof(epoll_event), EVENTS_GROWBLK) != 0) {
+        LOG_ERR("%s: xvec_reserve failed\n", __func__);
+        panic_abort();
+    }
 }
 
 static int wait_limit_ms() noexcept
@@ -236,6 +242,8 @@ static int wait_limit_ms() noexcept
     }
     if (g_rqs.tmout.tv_sec < 0 || g_rqs.tmout.tv_nsec < 0)
         return -1;
+    if (g_rqs.tmout.tv_sec >= INT_MAX / 1000)
+        return INT_MAX;
     return static_cast<int>(g_rqs.tmout.tv_sec * 1000 + g_rqs.tmout.tv_nsec / 1000000);
 }
 
@@ -280,7 +288,8 @@ static int wait4events() noexcept
 
 /* ---- dispatch ---- */
 
-/* One handler for each event: reading before writing, errors only when they come alone. */
+/* One handler for each event: reading before writing, errors only when they come alone. No watch of a file is ever
+   registered, so a data word is never looked behind here; it may be a bare descriptor number. */
 static int on_event(const epoll_event& ev) noexcept
 {
     ASSERT(g_rqs.events.max_len > 0);
@@ -325,12 +334,15 @@ static bool nothing_left() noexcept
     return true;
 }
 
-/* Waits where there is something to wait for. False ends the loop; *rc is the wait's errno, *n the events at hand. */
+/* Waits where there is something to wait for; without a wait, pending signals are let in here. False ends the loop; *rc is
+   the wait's errno, *n the events at hand. */
 static bool take_events(int* n, int* rc) noexcept
 {
     const rqs_callbacks& cb = g_rqs_cfg.cb;
-    if (g_rqs.poll_fds == 0 && g_rqs.nopoll.len > 0)
-        return true;
+    if (g_rqs.poll_fds == 0 && g_rqs.nopoll.len > 0) {
+        deliver_pending_signals();
+        return !g_quit;
+    }
     if (cb.update_tmout)
         cb.update_tmout(&g_rqs.tmout);
     *n = wait4events();
@@ -395,7 +407,6 @@ int rqs_event_loop() noexcept
     }
     if (rc == EINTR && g_quit)
         rc = 0;
-    LOG_INFO("Exiting event loop, %d failed, rc=%d, quit=%d\n", static_cast<int>(failed), rc,
-             static_cast<int>(g_quit));
+    LOG_INFO("Exiting event loop, %d failed, rc=%d, quit=%d\n", static_cast<int>(failed), rc, static_cast<int>(g_quit));
     return rc ? rc : static_cast<int>(failed);
 }

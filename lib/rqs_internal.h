@@ -4,15 +4,15 @@
 #include "rqs.h"
 
 struct rqs_context {
-    int loopfd;     /* epoll descriptor, -1 = none */
-    xvec events;    /* epoll_event: slots handed to the kernel */
+    int loopfd;  /* epoll descriptor, -1 = none */
+    xvec events; /* epoll_event: slots handed to the kernel */
     xvec changes;
     size_t poll_fds; /* descriptors in the epoll set */
-    xvlst nopoll;   /* nopoll_ref */
-    xvec nopoll_rm; /* ssize_t: slots of nopoll queued for removal */
-    timespec tmout; /* wait limit, negative = none */
-    timespec itime; /* CLOCK_MONOTONIC of the last wait */
-    int loop_stage; /* rqs_loop_stage */
+    xvlst nopoll;    /* nopoll_ref */
+    xvec nopoll_rm;  /* ssize_t: slots of nopoll queued for removal */
+    timespec tmout;  /* wait limit, negative = none */
+    timespec itime;  /* CLOCK_MONOTONIC of the last wait */
+    int loop_stage;  /* rqs_loop_stage */
 };
 
 /* One descriptor that epoll cannot watch. */

@@ -47,7 +47,12 @@ int rqs_add_nopoll_writer(int fd, ssize_t* index, void* udata) noexcept
 
 int rqs_rm_nopoll(ssize_t j) noexcept
 {
-    return xvlst_del(&g_rqs.nopoll, static_cast<size_t>(j), nullptr);
+    const int rc = xvlst_del(&g_rqs.nopoll, static_cast<size_t>(j), nullptr); /* leaves the entry's bytes */
+    if (rc != 0)
+        return rc;
+    if (ssize_t* index = ref_at(static_cast<size_t>(j))->index)
+        *index = -1;
+    return 0;
 }
 
 void rqs_pprm_nopoll(ssize_t j) noexcept

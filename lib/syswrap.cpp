@@ -12,11 +12,11 @@
 static loglevel_ctx g_ll = LOGLEVEL_CTX(MOD_SYSWRAP);
 
 /* Logs at ERR and leaves errno as the call set it. The last two values are the error number and its text. */
-#define CALL_FAILED(format, ...)                                                  \
-    do {                                                                          \
-        const int err_ = errno;                                                   \
-        LOG_ERR(format " ERROR(%d): %s\n", __VA_ARGS__, err_, strerror(err_));    \
-        errno = err_;                                                             \
+#define CALL_FAILED(format, ...)                                                                                       \
+    do {                                                                                                               \
+        const int err_ = errno;                                                                                        \
+        LOG_ERR(format " ERROR(%d): %s\n", __VA_ARGS__, err_, strerror(err_));                                         \
+        errno = err_;                                                                                                  \
     } while (0)
 
 static const void* ptr(const void* p) noexcept

@@ -1,100 +1,117 @@
-"""What sources do wrong: each ends its task cleanly, with the right answer, and without a spin."""
-import threading
+"""Sources that refuse, break, lie, stall, crowd."""
+
+import resource
+import time
 import unittest
 
-import kov
-from kov import answer, head
+from kov import ANSWERS, KovTest, free_port, wait_for
+
+OK = b"HTTP/1.1 200 OK\r\n"
 
 
-class Sources(kov.Case):
-    def assert_fails(self, script, code, *log):
-        """The order has this answer, and its task ends without a file."""
-        ended = self.agent.log().count("TASK-END")
-        self.assertEqual(self.agent.order(self.origin.on("/a", script), "a"), answer(code))
-        self.agent.wait_log("TASK-END", ended + 1)
-        self.assertEqual(self.agent.files(), [])
-        for pattern in log:
-            self.agent.wait_log(pattern)
-
+class Sources(KovTest):
     def test_refused_connection(self):
-        port = kov.free_port()
-        self.assertEqual(self.agent.order(f"http://127.0.0.1:{port}/a", "a"), answer(400))
-        self.agent.wait_log("TASK-END")
-        self.assertEqual(self.agent.files(), [])
+        agent = self.start()
+        self.assertEqual(agent.order(f"http://127.0.0.1:{free_port()}/a", "a"), ANSWERS[400])
+        self.assertEqual(agent.order("http://127.0.0.1:port/a", "a"), ANSWERS[500])
+        self.assertEqual(agent.order("http://127.0.0.1", "a"), ANSWERS[400])
+        self.assertEqual(agent.files(), [])
 
-    def test_no_usable_head(self):
-        for script in [lambda conn: None, lambda conn: conn.reset(), lambda conn: conn.send(b"HTTP/1.1 200 OK\r\nConte"),
-                       lambda conn: conn.send(b"220 mail.example ESMTP\r\n\r\n"), lambda conn: conn.send(b"\0" * 100 + b"\n\n"),
-                       lambda conn: conn.send(b"HTTP/1.1 200\r\n\r\n"),
-                       lambda conn: conn.send(b"HTTP/1.1 200 OK\r\nX: " + b"x" * 3000 + b"\r\n\r\nbody")]:
-            self.assert_fails(script, 500)
-        self.agent.wait_log(r"recv_http_response: client \[fd=\d+\] connection broken$")
-        self.agent.wait_log("recv_http_response: buffer already full, yet no HTTP EOD$")
-        self.agent.wait_log("recv_http_response: parsed [0-3] < 4 elements")
+    def test_heads_that_are_refused(self):
+        agent = self.start()
+        for i, (head, message) in enumerate((
+                (b"junk\r\n\r\n", "recv_http_response: parsed 0 < 4 elements"),
+                (b"HTTP/1.1 200\r\n\r\n", "recv_http_response: parsed 3 < 4 elements"),
+                (b"", "connection broken"),
+                (OK, "connection broken"),
+                (OK + b"X: " + b"y" * 3000, "buffer already full, yet no HTTP EOD"),
+                (OK + b"\r\nbody", "invalid/missing content length: 0"),
+                (OK + b"Content-Length: 0\r\n\r\n", "invalid/missing content length: 0"),
+                (OK + b"Content-Length: -5\r\n\r\n", "invalid/missing content length"),
+                (OK + b"Content-Length: 5x\r\n\r\n12345", "invalid/missing content length"),
+                (OK + b"X-Content-Length: 5\r\n\r\n12345", "invalid/missing content length"),
+                (OK + b"Content-Length: 18446744073709551617\r\n\r\n", "invalid/missing content length"),
+                (OK + b"Content-Length: 9223372036854775807\r\n\r\n", "ERROR("))):
+            before = len(agent.log())
+            self.assertEqual(agent.order(self.origin.raw(f"/{i}", head), f"f{i}"), ANSWERS[500], head)
+            self.assertIn(message, agent.log()[before:], head)
+        wait_for(lambda: agent.files() == [], "no file")
 
-    def test_head_in_two_readings_is_not_assembled(self):
-        url_log = r"read_src_response: expecting more data from fd\d+$"
-        self.assert_fails(lambda conn: (conn.send(b"HTTP/1.1 20"), self.agent.wait_log(url_log),
-                                        conn.send(b"0 OK\r\nContent-Length: 1\r\n\r\nx")), 500)
+    def test_partial_head_is_not_kept(self):
+        agent = self.start()
+        url = self.origin.raw("/p", OK, lambda conn: (time.sleep(0.2), conn.sendall(b"Content-Length: 1\r\n\r\nx")))
+        self.assertEqual(agent.order(url, "p"), ANSWERS[500])
 
-    def test_body_cut_short(self):
-        for size in [4, 9 << 20]:  # mapped, written
-            for script in [lambda conn, n=size: conn.send(head(n)),
-                           lambda conn, n=size: conn.send(head(n) + b"x"),
-                           lambda conn, n=size: (conn.send(head(n), b"x" * (n // 2)))]:
-                self.assert_fails(script, 200)
-        self.agent.wait_log(r"dw_read: removing T\d+ due to error, rc=104$", 6)
-        self.agent.wait_log(r"free_dw: removing unfinished \[.*/a-Kova\]$", 6)
+    def test_bodies_that_end_early(self):
+        for settings in ("", "max_mmap_mb = 0;"):
+            agent = self.start(settings)
+            for i, (body, then) in enumerate(((b"", None), (b"abc", None), (b"abc", self.origin.reset),
+                                              (b"", self.origin.reset), (b"a" * 100000, None))):
+                url = self.origin.raw(f"/{i}", OK + b"Content-Length: 200000\r\n\r\n" + body, then)
+                agent.order(url, f"e{i}")
+                agent.wait_log("TASK-END", i + 1)
+            wait_for(lambda: agent.files() == [], "no file")
+            self.assertIn("e1-Kova] failed, rc=104", agent.log())
+            self.assertIn("removing T0002 due to error, rc=104", agent.log())
 
-    def test_reset_in_the_body(self):
-        for size in [4, 9 << 20]:
-            self.assert_fails(lambda conn, n=size: (conn.send(head(n) + b"x"),
-                                                    self.agent.wait_log("-> dnl"), conn.reset()), 200)
+    def test_stalled_sources_cost_no_cpu(self):
+        agent = self.start()
+        for i in range(20):
+            url = self.origin.raw(f"/{i}", OK + b"Content-Length: 9\r\n\r\nabc", self.origin.stall)
+            self.assertEqual(agent.order(url, f"s{i}"), ANSWERS[200])
+        client = agent.connect()
+        url = self.origin.raw("/silent", b"", self.origin.stall)
+        client.sendall(f"GET /src/{url}/dst/silent HTTP/1.1\r\nHost: h\r\n\r\n".encode())
+        agent.wait_log("TASK-START", 21)
+        wait_for(lambda: agent.log().count("urq_rm: URQ") == 21, "requests freed")
+        before = agent.cpu_seconds()
+        time.sleep(1)
+        self.assertLess(agent.cpu_seconds() - before, 0.05)
+        self.origin.released.set()
+        agent.wait_log("TASK-END", 21)
+        client.close()
+        wait_for(lambda: agent.files() == [], "no file")
 
-    def test_closed_after_a_head_with_the_whole_body(self):
-        url = self.origin.serve("/a", b"whole")
-        self.assertEqual(self.agent.order(url, "a"), answer(200))
-        self.assertEqual(self.agent.stored("a"), b"whole")
+    def test_full_disk(self):
+        for settings in ("", "max_mmap_mb = 0;"):
+            agent = self.start(settings, preexec=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, 1 << 20)))
+            self.assertEqual(agent.order(self.origin.body("/big", b"x" * (2 << 20)), "big"), ANSWERS[500])
+            self.assertEqual(agent.order(self.origin.body("/small", b"x" * 1000), "small"), ANSWERS[200])
+            agent.wait_file("small")
+            wait_for(lambda: agent.files() == ["small"], "the refused file to go")
 
-    def test_silent_sources_cost_nothing(self):
-        """Before the head, in the body, after a whole body that came with the head; and when the file is cut away."""
-        scripts = [lambda conn: conn.hold(), lambda conn: (conn.send(b"HTTP/1.1 2"), conn.hold()),
-                   lambda conn: (conn.send(head(9) + b"half"), conn.hold()),
-                   lambda conn: (conn.send(head(10 << 20) + b"half"), conn.hold())]
-        for number, script in enumerate(scripts):
-            url = self.origin.on(f"/{number}", script)
-            self.client(self.agent.head(f"/src/{url}/dst/{number}"))
-        self.agent.wait_log("-> dnl", 2)
-        self.agent.wait_log("read_src_response: expecting more data")
-        self.assertLess(self.agent.cpu_over_a_second(), 0.05)
-        self.assertEqual(self.agent.ping(), answer(204))
 
-    def test_one_bad_source_disturbs_no_other(self):
-        released = threading.Event()
-        good = self.origin.on("/good", lambda conn: (conn.send(head(4) + b"go"), conn.hold(released), conn.send(b"od")))
-        self.assertEqual(self.agent.order(good, "good"), answer(200))
-        self.assert_fails_beside("good-Kova")
-        released.set()
-        self.assertEqual(self.agent.stored("good"), b"good")
+class ManyOrders(KovTest):
+    N = 1000
 
-    def assert_fails_beside(self, name):
-        self.assertEqual(self.agent.order(self.origin.on("/bad", lambda conn: conn.send(head(9) + b"x")), "bad"), answer(200))
-        self.agent.wait_log("removing unfinished ")
-        self.assertEqual(self.agent.files(), [name])
+    def test_a_thousand_at_once(self):
+        soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, 8192), hard))
+        agent = self.start()
+        body = bytes(range(256)) * 64
 
-    def test_replaced_unfinished_file_is_not_published(self):
-        """Another file has taken the unfinished name: the rename fails and nothing appears under the final one."""
-        released = threading.Event()
-        url = self.origin.on("/a", lambda conn: (conn.send(head(4) + b"mi"), conn.hold(released), conn.send(b"ne")))
-        self.assertEqual(self.agent.order(url, "a"), answer(200))
-        kov.os.unlink(self.agent.path("a-Kova"))
-        with open(self.agent.path("a-Kova"), "wb") as file:
-            file.write(b"other")
-        released.set()
-        self.agent.wait_log(r"dw_read: removing T0001 due to error, rc=-1$")
-        self.agent.wait_log("TASK-END")
-        self.assertEqual(self.agent.files(), ["a-Kova"], "another's file stays")
-        kov.os.unlink(self.agent.path("a-Kova"))
+        def slow(conn, path):
+            conn.sendall(OK + b"Content-Length: %d\r\n\r\n" % len(body) + body[:5000])
+            self.origin.stall()
+            conn.sendall(body[5000:])
+
+        def one(i):
+            self.origin.paths[f"/{i}"] = slow
+            self.assertEqual(agent.order(self.origin.url(f"/{i}"), f"m/{i}"), ANSWERS[200])
+
+        one("warm-up")
+        base_kib = agent.rss_kib()
+        for i in range(self.N):
+            one(i)
+        self.assertEqual(len([f for f in agent.files() if f.endswith("-Kova")]), self.N + 1)
+        self.origin.released.set()
+        for i in range(self.N):
+            self.assertEqual(agent.stored(f"m/{i}"), body)
+        agent.wait_log("TASK-END", self.N + 1)
+        wait_for(lambda: agent.fds() <= agent.base_fds, "descriptors at base line")
+        if "asan" not in agent.proc.args[0]:
+            self.assertLess(agent.rss_kib() - base_kib, 4096, "memory at base line")
+        resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
 
 
 if __name__ == "__main__":
