@@ -85,12 +85,12 @@ int xvlst_reserve(xvlst* l, size_t n, size_t size, size_t growblk) noexcept
     if (!round_up(n, growblk, &cap))
         return no_memory();
     const size_t old = l->max_len;
+    if (!grow_block(&l->data, old, cap, size)) /* larger than max_len says until the map has grown, too */
+        return no_memory();
     void* map = l->taken;
     if (!grow_block(&map, old, cap, 1))
         return no_memory();
-    l->taken = static_cast<uint8_t*>(map); /* larger than max_len says until the elements have grown, too */
-    if (!grow_block(&l->data, old, cap, size))
-        return no_memory();
+    l->taken = static_cast<uint8_t*>(map);
     l->max_len = cap;
     if (l->avail < 0)
         l->avail = static_cast<ssize_t>(old);

@@ -130,12 +130,16 @@ class Origin:
 class Agent:
     """The program in a terminal run. settings are lines of the kova group, options more arguments."""
 
-    def __init__(self, root, settings="", log="", web="", options=(), env=None, preexec=None):
+    def __init__(self, root, settings="", log="", web="", options=(), env=None, preexec=None, tmpfs_kib=None):
         self.root = root
         self.data = f"{root}/d"
         self.log_path = f"{root}/log"
         self.port = free_port()
         os.makedirs(self.data, exist_ok=True)
+        self.mounted = bool(tmpfs_kib)
+        if tmpfs_kib and subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={tmpfs_kib}k", "none", self.data],
+                                        stderr=subprocess.DEVNULL, check=False).returncode != 0:
+            raise unittest.SkipTest("a small file system of its own cannot be mounted here")
         self.config = f"""kova = {{
     log = {{ file = "{self.log_path}"; level = "info"; {log} }};
     runtime = {{ enforce_core_dumps = false; }};
@@ -152,9 +156,13 @@ class Agent:
         self.pid = self.proc.pid
 
     def wait_ready(self):
-        wait_for(lambda: "Entering event loop" in self.log() or self.proc.poll() is not None, "the loop")
+        wait_for(lambda: self.is_listening() or self.proc.poll() is not None, "the listener")
         self.base_fds = self.fds()
         return self
+
+    def is_listening(self):
+        with open("/proc/net/tcp", encoding="ascii") as f:
+            return f":{self.port:04X} 00000000:0000 0A" in f.read()
 
     def log(self):
         try:
@@ -262,6 +270,8 @@ class KovTest(unittest.TestCase):
                     agent.proc.kill()
                     agent.proc.wait()
                 agent.errors.close()
+                if agent.mounted:
+                    subprocess.run(["umount", agent.data], check=True)
             self.origin.close()
             shutil.rmtree(self.root, ignore_errors=True)
 

@@ -49,15 +49,6 @@ TEST_F(Registry, StopsAtFaultsOfItsCallers)
     EXPECT_DEATH(reg_set_timeout(&reg, 0, MIN_TIMER_VAL - 1), "MIN_TIMER_VAL");
 }
 
-TEST(GlobalRegistry, IsOneOfItsOwn)
-{
-    init_timeout_registry();
-    set_timeout(1, 70);
-    EXPECT_EQ(get_min_timeout(), 70);
-    rm_timeout(1);
-    EXPECT_EQ(get_min_timeout(), MIN_TIMER_VAL);
-}
-
 TEST(Deadline, IsMissedOnlyStrictlyLater)
 {
     const struct {
