@@ -246,8 +246,8 @@ void rui_ctx_destroy(rui_ctx* ctx) noexcept
         size_t count = 0;
         for (; count < MAX_LISTENERS && set[count].tag.num; ++count)
             drop_listener(&set[count]);
-        LOG_DEBUG("%s: %lu [%s] listener(s) %s\n", "stop_listeners", static_cast<unsigned long>(count),
-                  kind_name(kind), "destroyed");
+        LOG_DEBUG("%s: %lu [%s] listener(s) %s\n", "stop_listeners", static_cast<unsigned long>(count), kind_name(kind),
+                  "destroyed");
     }
 }
 

@@ -65,7 +65,7 @@ struct rui_socket_ctx {
     xvlst pprm;          /* rui_rq_header*: to be removed after the round */
     bool deferred;
     bool is_paused; /* not watched until descriptors come back */
-    bool is_short;  /* from the first shortage to the next accepted client: one warning */
+    bool is_short;  /* from the first shortage until nobody waits any more: one warning */
     size_t rqcount; /* counter of tracking tags; kept by the request code */
     ssize_t nblk_count;
     rui_listener_cfg* lc;

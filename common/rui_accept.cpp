@@ -121,6 +121,7 @@ static bool goes_on(rui_socket_ctx* srv, int err) noexcept
         LOG_INFO("%s(%s): connection aborted/reset before accept()\n", "rui_accept", srv->lc->alias);
         return true;
     case EAGAIN:
+        srv->is_short = false; /* every waiting client was served: the shortage is over */
         LOG_DEBUG("%s(%s): end of accept queue reached\n", "rui_accept", srv->lc->alias);
         return false;
     case EMFILE:
@@ -155,7 +156,6 @@ int rui_accept(rui_socket_ctx* srv, size_t max, uint32_t flags, void* udata) noe
                 break;
             continue;
         }
-        srv->is_short = false;
         rc = take_client(fd, peer, len, srv, flags, udata);
         accepted += rc == 0;
     }

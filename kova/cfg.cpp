@@ -143,7 +143,8 @@ static int load_config(const config_t* file, kova_cfg* cfg, int reload) noexcept
 static FILE* open_config(const char* path) noexcept
 {
     FILE* fp = fopen(path, "re");
-    struct stat st {};
+    struct stat st {
+    };
     if (fp && fstat(fileno(fp), &st) == 0 && S_ISDIR(st.st_mode)) {
         fclose(fp);
         fp = nullptr;

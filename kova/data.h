@@ -123,7 +123,7 @@ static_assert(offsetof(dw_urq, trk_tag) == offsetof(rui_rq_header, trk_tag));
 struct udl_ctx {
     n32_tag tag; /* "UDL" */
     bool is_ready;
-    int sockfd; /* owned while ready */
+    int sockfd;      /* owned while ready */
     bool is_watched; /* registered with the loop */
     usock_ctx usock;
 };

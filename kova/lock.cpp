@@ -37,7 +37,8 @@ static bool mk_lock_path(const char* fn, const char* lid, lock_path* path) noexc
 
 int check_and_expire(const char* path, long max_age) noexcept
 {
-    struct stat st {};
+    struct stat st {
+    };
     if (stat(path, &st) != 0) {
         const int err = errno;
         if (err == ENOENT)

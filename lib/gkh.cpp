@@ -59,14 +59,13 @@ static const s_hrec* as_str(const hrec* rec) noexcept
     return reinterpret_cast<const s_hrec*>(rec);
 }
 
+/* A released record or a new one; the caller of mkhrec sets its link and data. */
 static hrec* take_record(ht_tag* tbl, size_t size) noexcept
 {
     hrec* rec = tbl->spare;
     if (!rec)
         return static_cast<hrec*>(calloc(1, size));
     tbl->spare = rec->next;
-    rec->next = nullptr;
-    rec->data = nullptr;
     return rec;
 }
 

@@ -150,8 +150,8 @@ struct level_names {
 };
 
 static const level_names LEVELS[] = {
-    {PANIC_level, "(PNC)", "panic"},  {ERR_level, "(ERR)", "error"},   {CRIT_level, "(CRI)", "ctitical"},
-    {WARN_level, "(WRN)", "warning"}, {NORM_level, "(NRM)", "normal"}, {INFO_level, "(INF)", "info"},
+    {PANIC_level, "(PNC)", "panic"},  {ERR_level, "(ERR)", "error"},       {CRIT_level, "(CRI)", "ctitical"},
+    {WARN_level, "(WRN)", "warning"}, {NORM_level, "(NRM)", "normal"},     {INFO_level, "(INF)", "info"},
     {DEBUG_level, "(DBG)", "debug"},  {SECTION_level, "(SCT)", "section"},
 };
 static const level_names UNKNOWN_LEVEL = {0, "( ? )", "??"};
@@ -181,9 +181,9 @@ struct level_word {
 };
 
 static const level_word LEVEL_WORDS[] = {
-    {"err", ERR_level},   {"error", ERR_level},   {"crit", CRIT_level},       {"critical", CRIT_level},
-    {"warn", WARN_level}, {"warning", WARN_level}, {"norm", NORM_level},      {"normal", NORM_level},
-    {"info", INFO_level}, {"debug", DEBUG_level}, {"dbg", DEBUG_level},       {"section", SECTION_level},
+    {"err", ERR_level},      {"error", ERR_level},    {"crit", CRIT_level}, {"critical", CRIT_level},
+    {"warn", WARN_level},    {"warning", WARN_level}, {"norm", NORM_level}, {"normal", NORM_level},
+    {"info", INFO_level},    {"debug", DEBUG_level},  {"dbg", DEBUG_level}, {"section", SECTION_level},
     {"sect", SECTION_level},
 };
 

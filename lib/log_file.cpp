@@ -120,7 +120,8 @@ int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
     log->total_out = 0;
     if (is_pipe)
         return 0;
-    struct stat st {};
+    struct stat st {
+    };
     if (fstat(fileno(fp), &st) != 0) {
         const int err = errno;
         fprintf(stderr, "%s: fstat(%s) ERROR(%d): %s\n", "do_open", path, err, strerror(err));
@@ -133,7 +134,8 @@ int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
 /* Moves a non-empty old log aside under its modification time. */
 static void move_aside(const char* path) noexcept
 {
-    struct stat st {};
+    struct stat st {
+    };
     if (stat(path, &st) != 0) {
         const int err = errno;
         if (err != ENOENT)

@@ -55,8 +55,8 @@ struct af_word {
 };
 
 static const af_word AF_WORDS[] = {
-    {"inet4", AF_INET},   {"inet", AF_INET},      {"ipv4", AF_INET},      {"af_inet", AF_INET},  {"pf_inet", AF_INET},
-    {"inet6", AF_INET6},  {"ipv6", AF_INET6},     {"af_inet6", AF_INET6}, {"pf_inet6", AF_INET6}, {"any", AF_UNSPEC},
+    {"inet4", AF_INET},    {"inet", AF_INET},      {"ipv4", AF_INET},      {"af_inet", AF_INET},   {"pf_inet", AF_INET},
+    {"inet6", AF_INET6},   {"ipv6", AF_INET6},     {"af_inet6", AF_INET6}, {"pf_inet6", AF_INET6}, {"any", AF_UNSPEC},
     {"unspec", AF_UNSPEC}, {"anyaddr", AF_UNSPEC}, {"all", AF_UNSPEC},
 };
 
@@ -251,8 +251,7 @@ static void clear_v6only(int fd) noexcept
 
 static bool is_any6(const sockaddr_storage* ss) noexcept
 {
-    return ss->ss_family == AF_INET6 &&
-           IN6_IS_ADDR_UNSPECIFIED(&reinterpret_cast<const sockaddr_in6*>(ss)->sin6_addr);
+    return ss->ss_family == AF_INET6 && IN6_IS_ADDR_UNSPECIFIED(&reinterpret_cast<const sockaddr_in6*>(ss)->sin6_addr);
 }
 
 static int setup_listener(int fd, const sockaddr_storage* ss, socklen_t len, const socket_spec* spec) noexcept

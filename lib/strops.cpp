@@ -41,7 +41,7 @@ bool ci_starts_with(std::string_view s, std::string_view prefix) noexcept
 
 size_t ci_find(std::string_view s, std::string_view word) noexcept
 {
-    const auto it = std::search(s.begin(), s.end(), word.begin(), word.end(),
-                                [](char x, char y) { return lower(x) == lower(y); });
+    const auto it =
+        std::search(s.begin(), s.end(), word.begin(), word.end(), [](char x, char y) { return lower(x) == lower(y); });
     return it == s.end() && !word.empty() ? std::string_view::npos : static_cast<size_t>(it - s.begin());
 }

@@ -20,7 +20,10 @@ struct timefmt_word {
 };
 
 static const timefmt_word TIMEFMT_WORDS[] = {
-    {"raw_mono", f_RAW_TIME | f_MONOTONIC_TIMER}, {"raw", f_RAW_TIME}, {"no_time", f_NO_TIME}, {"gmt", f_GMT_TIME},
+    {"raw_mono", f_RAW_TIME | f_MONOTONIC_TIMER},
+    {"raw", f_RAW_TIME},
+    {"no_time", f_NO_TIME},
+    {"gmt", f_GMT_TIME},
     {"local", 0},
 };
 

@@ -35,7 +35,8 @@ static bool g_is_masked = false; /* g_wait_mask is set */
 
 static int install(int signo, sig_fn handler) noexcept
 {
-    struct sigaction sa {};
+    struct sigaction sa {
+    };
     sa.sa_handler = handler;
     sigemptyset(&sa.sa_mask);
     return sigaction(signo, &sa, nullptr);
@@ -72,7 +73,8 @@ int ignore_sigpipe() noexcept
 }
 
 /* Frames a handler: the log neither rotates nor calls syslog meanwhile, and the interrupted code keeps its errno. */
-class signal_frame {
+class signal_frame
+{
 public:
     signal_frame() noexcept : err_(errno) { g_in_signal = 1; }
     ~signal_frame()
@@ -296,7 +298,8 @@ int mk_fpath_dirs(const char* fpath) noexcept
         return ENAMETOOLONG;
     memcpy(dir.data(), fpath, len);
 
-    struct stat st {};
+    struct stat st {
+    };
     if (stat(dir.data(), &st) == 0 && S_ISDIR(st.st_mode))
         return 0;
     if (const int rc = make_all(dir.data()))

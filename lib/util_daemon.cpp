@@ -131,7 +131,8 @@ int goto_runtime_home(const char* path, const char* alt) noexcept
 
 int write_lock(int fd) noexcept
 {
-    struct flock lock {};
+    struct flock lock {
+    };
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
     return fcntl(fd, F_SETLK, &lock);
@@ -175,7 +176,8 @@ static int fill_pidfile(const char* path, pid_t pid, ino_t* inode, int flags) no
         return -1;
     if (!inode)
         return 0;
-    struct stat st {};
+    struct stat st {
+    };
     if (fstat(fd, &st) != 0) {
         const int err = errno;
         LOG_ERR("%s: fstat(fd%d,..) ERROR(%d): %s\n", "create_pidfile_extra", fd, err, strerror(err));

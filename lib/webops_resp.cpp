@@ -44,9 +44,9 @@ http_response g_resp_gwtmout = standard(504, "Gateway Timeout", 0, "close");
 
 http_response* http_code_resp(long code) noexcept
 {
-    static http_response* const ALL[] = {&g_resp_ok,      &g_resp_nocont, &g_resp_moved, &g_resp_bad,
-                                         &g_resp_denied,  &g_resp_nfound, &g_resp_naccept, &g_resp_tmout,
-                                         &g_resp_err,     &g_resp_badgw,  &g_resp_unavail, &g_resp_gwtmout};
+    static http_response* const ALL[] = {&g_resp_ok,     &g_resp_nocont, &g_resp_moved,   &g_resp_bad,
+                                         &g_resp_denied, &g_resp_nfound, &g_resp_naccept, &g_resp_tmout,
+                                         &g_resp_err,    &g_resp_badgw,  &g_resp_unavail, &g_resp_gwtmout};
     for (http_response* r : ALL) {
         if (r->code == code)
             return r;

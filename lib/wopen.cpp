@@ -63,13 +63,13 @@ int send_http_request(int fd, const http_request* rq) noexcept
     if (mk_host_field(rq, &host) != 0)
         return -1;
     std::array<char, REQUEST_MAX> text{};
-    const int len = snprintf(text.data(), text.size(),
-                             "GET %s%s HTTP/%s\r\nHost: %s\r\nConnection: %s\r\nUser-Agent: %s\r\n"
-                             "Accept: text/html,video/*, application/*\r\nAccept-Language: en-US,en,ru\r\n"
-                             "Accept-Charset: ISO-8859-1,UTF-8\r\nCache-Control: no-cache\r\n\r\n",
-                             rq->request[0] == '/' ? "" : "/", rq->request,
-                             rq->flags & RQFLAG_HTTP10_GET ? "1.0" : "1.1", host.data(),
-                             rq->flags & RQFLAG_KEEPALIVE ? "keep-alive" : "close", rq->server);
+    const int len =
+        snprintf(text.data(), text.size(),
+                 "GET %s%s HTTP/%s\r\nHost: %s\r\nConnection: %s\r\nUser-Agent: %s\r\n"
+                 "Accept: text/html,video/*, application/*\r\nAccept-Language: en-US,en,ru\r\n"
+                 "Accept-Charset: ISO-8859-1,UTF-8\r\nCache-Control: no-cache\r\n\r\n",
+                 rq->request[0] == '/' ? "" : "/", rq->request, rq->flags & RQFLAG_HTTP10_GET ? "1.0" : "1.1",
+                 host.data(), rq->flags & RQFLAG_KEEPALIVE ? "keep-alive" : "close", rq->server);
     if (len < 0 || static_cast<size_t>(len) >= text.size()) {
         LOG_ERR("%s: buffer is too small, %d bytes required.\n", __func__, len);
         return -1;
@@ -246,8 +246,7 @@ static int parse_endpoint(const char* url, usock_ctx* ctx, endpoint* ep) noexcep
     if (!tail)
         return -1;
     cut_text(ctx->url_path, sizeof(ctx->url_path), {tail, u.p_len - static_cast<size_t>(tail - u.path)});
-    if (u.authority && ctx->url_kind != URI_HTTP &&
-        !uri_get_authority(&u, ep->source.data(), ep->source.size())) {
+    if (u.authority && ctx->url_kind != URI_HTTP && !uri_get_authority(&u, ep->source.data(), ep->source.size())) {
         LOG_ERR("%s: uri_get_authority ERROR\n", "usock_open");
         return -1;
     }

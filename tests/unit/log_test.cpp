@@ -1,0 +1,217 @@
+/* The log: how a record is built and filtered, how files are opened, moved aside and rotated; texts of time. */
+#include "caught_log.h"
+#include "log.h"
+#include "rui.h"
+#include "timeop.h"
+
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dirent.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+namespace {
+
+TEST(Record, HasTwoBlanksAfterPidLevelAndGroup)
+{
+    caught_log log;
+    LOG_ERR("bare\n");
+    log_set_pid(g_log, 42);
+    log_set_group(g_log, mk_tag8("KOV"));
+    LOG_DEBUG("full %d\n", 7);
+    log_set_pid(g_log, 0);
+    LOG_NORM("grouped\n");
+    log_set_group(g_log, n64_tag{});
+    EXPECT_EQ(log.text(), "(ERR)  bare\n42  (DBG)  KOV  full 7\n(NRM)  KOV  grouped\n");
+}
+
+TEST(Record, EvaluatesNothingWhenFilteredOut)
+{
+    caught_log log(0, NORM_level);
+    int evaluated = 0;
+    LOG_INFO("%d\n", ++evaluated);
+    LOG_NORM("%d\n", ++evaluated);
+    EXPECT_EQ(evaluated, 1);
+    EXPECT_EQ(log.text(), "(NRM)  1\n");
+}
+
+TEST(Record, ThatDoesNotFitIsDroppedWhole)
+{
+    caught_log log;
+    const std::string most(LOG_LINE_MAX - strlen("(ERR)  "), 'x');
+    LOG_ERR("%s", most.c_str());
+    LOG_ERR("%sy", most.c_str());
+    EXPECT_TRUE(logbuf_empty());
+    EXPECT_EQ(log.text(), "(ERR)  " + most);
+}
+
+TEST(Levels, ArePushedOnceAndPopped)
+{
+    caught_log log;
+    g_mod_ll[MOD_SYSWRAP] = INFO_level;
+    log_push_mlevels();
+    log_set_modules(g_log, DEBUG_level);
+    log_push_mlevels(); /* the one slot is taken */
+    EXPECT_EQ(g_mod_ll[MOD_SYSWRAP], DEBUG_level);
+    log_pop_mlevels();
+    EXPECT_EQ(g_mod_ll[MOD_SYSWRAP], INFO_level);
+    g_mod_ll[MOD_SYSWRAP] = NORM_level;
+    int level = 99;
+    EXPECT_EQ(match_log_level("WARNing", &level), 0);
+    EXPECT_EQ(level, WARN_level);
+    EXPECT_EQ(match_log_level("loud", &level), -1);
+    EXPECT_STREQ(log_level_str(CRIT_level), "ctitical");
+    EXPECT_STREQ(get_level_tag(7), "( ? )");
+}
+
+TEST(TimeText, FollowsItsFlags)
+{
+    setenv("TZ", "XYZ-2", 1);
+    tzset();
+    get_timezone(1);
+    const timespec ts = {1000000000, 123456789};
+    const struct {
+        uint32_t flags;
+        const char* text;
+    } cases[] = {{0, "2001-09-09 03:46:40.123456 XYZ"},
+                 {f_GMT_TIME, "2001-09-09 01:46:40.123456 XYZ"}, /* the local zone's name stays */
+                 {f_FMT_SECONDS, "2001-09-09 03:46:40 XYZ"},
+                 {f_RAW_TIME, "1000000000.123456"}};
+    for (const auto& c : cases) {
+        std::array<char, 64> buf{};
+        EXPECT_EQ(mk_timestr(&ts, c.flags, buf.data(), buf.size()), static_cast<int>(strlen(c.text)));
+        EXPECT_STREQ(buf.data(), c.text);
+    }
+    EXPECT_EQ(get_endofday_utime(1000000000), 1000000000 + 20 * 3600 + 13 * 60 + 19);
+    EXPECT_EQ(match_timefmt("Raw_Mono"), f_RAW_TIME | f_MONOTONIC_TIMER);
+    EXPECT_EQ(match_timefmt("now"), f_BAD_TIME);
+    unsetenv("TZ");
+    tzset();
+    get_timezone(1);
+}
+
+class LogFile : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::string name = "/tmp/kov-log-XXXXXX";
+        ASSERT_NE(mkdtemp(name.data()), nullptr);
+        dir = name;
+        path = dir + "/log";
+        glog_init("kov");
+        log_timefmt(g_log, f_NO_TIME);
+    }
+    void TearDown() override
+    {
+        log_close(g_log);
+        log_default(g_log, stderr);
+        g_log->rota = rotation_ctx{};
+        EXPECT_EQ(system(("rm -r " + dir).c_str()), 0);
+    }
+    static std::string content(const std::string& file)
+    {
+        std::ostringstream text;
+        text << std::ifstream(file).rdbuf();
+        return text.str();
+    }
+    size_t files() const
+    {
+        size_t n = 0;
+        DIR* d = opendir(dir.c_str());
+        while (const dirent* e = readdir(d))
+            n += e->d_name[0] != '.';
+        closedir(d);
+        return n;
+    }
+    std::string dir;
+    std::string path;
+};
+
+TEST_F(LogFile, IsReadableByAllAndMovesTheOldOneAside)
+{
+    const mode_t old = umask(077);
+    ASSERT_EQ(log_open_ex(g_log, path.c_str(), 0), 0);
+    umask(old);
+    struct stat st {};
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0644U);
+    log_close(g_log);
+    ASSERT_EQ(log_open_ex(g_log, path.c_str(), 0), 0); /* an empty one stays */
+    EXPECT_EQ(files(), 1U);
+    LOG_ERR("first\n");
+    log_close(g_log);
+    LOG_ERR("lost: there is no stream\n");
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    ASSERT_EQ(log_open_ex(g_log, path.c_str(), 0), 0);
+    EXPECT_EQ(content(path + "." + std::to_string(st.st_mtime)), "(ERR)  first\n");
+    EXPECT_EQ(content(path), "");
+    EXPECT_EQ(log_open_ex(g_log, std::string(128, 'x').c_str(), 0), -1);
+}
+
+TEST_F(LogFile, RotatesBySizeWithoutLosingALine)
+{
+    ASSERT_EQ(log_open_ex(g_log, path.c_str(), 0), 0);
+    log_set_rota(g_log, 200, 2, 0);
+    for (int i = 0; i < 100; ++i)
+        LOG_ERR("line %d\n", i);
+    /* All rotations fell into one or two seconds and so share one or two names; the newest one is there. */
+    EXPECT_LE(files(), 3U);
+    EXPECT_NE(content(path).find("[kov]: previous log rotated to [" + path + "."), std::string::npos);
+    const std::string tail = content(path);
+    EXPECT_TRUE(tail.ends_with("line 99\n") || tail.find("line") == std::string::npos);
+    g_in_signal = 1;
+    log_set_rota(g_log, 1, 2, 0);
+    const size_t before = content(path).size();
+    LOG_ERR("from a handler\n");
+    EXPECT_GT(content(path).size(), before);
+    g_in_signal = 0;
+    LOG_ERR("rotates\n");
+    EXPECT_EQ(content(path).find("from a handler"), std::string::npos);
+    log_set_rota(g_log, 0, 200, 0);
+    EXPECT_EQ(log_rota_maxfiles(g_log), 16U);
+}
+
+TEST_F(LogFile, PipeIsNeverRotatedAndClosesInBoundedTime)
+{
+    ASSERT_EQ(log_popen(g_log, ("cat > " + path + "; sleep 20").c_str()), 0);
+    log_set_rota(g_log, 10, 2, 0);
+    for (int i = 0; i < 50; ++i)
+        LOG_ERR("line %d\n", i);
+    const time_t start = time(nullptr);
+    log_close(g_log);
+    EXPECT_LE(time(nullptr) - start, 2);
+    EXPECT_EQ(files(), 1U);
+    EXPECT_TRUE(content(path).ends_with("line 49\n"));
+}
+
+TEST(Asserts, LogABackTraceAndAbort)
+{
+    EXPECT_DEATH({ ASSERT(1 + 1 == 3); }, "ASSERT at:\n#0: .*==\n(.|\n)*1 \\+ 1 == 3");
+    EXPECT_DEATH({ PANIC("why %s\n", "here"); }, "\\(PNC\\)  .*why here\n(.|\n)*Aborting at:\n#0: ");
+}
+
+TEST(TrackingTags, RollOver)
+{
+    const struct {
+        size_t before;
+        size_t max;
+        const char* tag;
+    } cases[] = {{0, 10000, "T0001"},     {9998, 10000, "T9999"}, {9999, 10000, "T10000"},
+                 {10000, 10000, "T0001"}, {100, 100, "T0001"},    {99999, 200000, "T10000"}};
+    for (const auto& c : cases) {
+        size_t counter = c.before;
+        n64_tag tag{};
+        rui_mk_trknum(&counter, &tag, 'T', c.max);
+        EXPECT_STREQ(tag.sym8, c.tag);
+    }
+}
+
+} // namespace
