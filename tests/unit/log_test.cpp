@@ -18,7 +18,8 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
-namespace {
+namespace
+{
 
 TEST(Record, HasTwoBlanksAfterPidLevelAndGroup)
 {
@@ -98,7 +99,8 @@ TEST(TimeText, FollowsItsFlags)
     get_timezone(1);
 }
 
-class LogFile : public testing::Test {
+class LogFile : public testing::Test
+{
 protected:
     void SetUp() override
     {
@@ -140,7 +142,8 @@ TEST_F(LogFile, IsReadableByAllAndMovesTheOldOneAside)
     const mode_t old = umask(077);
     ASSERT_EQ(log_open_ex(g_log, path.c_str(), 0), 0);
     umask(old);
-    struct stat st {};
+    struct stat st {
+    };
     ASSERT_EQ(stat(path.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0644U);
     log_close(g_log);

@@ -12,7 +12,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 
 std::string part(const char* p, size_t len)
 {
@@ -25,10 +26,14 @@ TEST(Uri, SplitsIntoParts)
         const char* text;
         const char* parts; /* scheme|authority|path|query, "-" = absent */
     } cases[] = {
-        {"http://h:81/a/b?x=1", "http|-|h:81/a/b|x=1"}, {"/a?b/", "-|-|a?b/|-"},
-        {" \t/a/b", "-|-|a/b|-"},                       {"/a?b?c", "-|-|a?b|c"},
-        {"/a?", "-|-|a|-"},                             {"udp://1.2.3.4@232.1.1.1:5000", "udp|1.2.3.4|232.1.1.1:5000|-"},
-        {"c:/x", "-|-|c:/x|-"},                         {"", "-|-||-"},
+        {"http://h:81/a/b?x=1", "http|-|h:81/a/b|x=1"},
+        {"/a?b/", "-|-|a?b/|-"},
+        {" \t/a/b", "-|-|a/b|-"},
+        {"/a?b?c", "-|-|a?b|c"},
+        {"/a?", "-|-|a|-"},
+        {"udp://1.2.3.4@232.1.1.1:5000", "udp|1.2.3.4|232.1.1.1:5000|-"},
+        {"c:/x", "-|-|c:/x|-"},
+        {"", "-|-||-"},
         {"/src/http://h/a@b/dst/c", "-|-|src/http://h/a@b/dst/c|-"},
     };
     for (const auto& c : cases) {
@@ -48,8 +53,8 @@ TEST(Uri, TakesHostAndPortOutOfAPath)
         const char* path;
         const char* expected; /* host|port|rest, null = refused */
     } cases[] = {
-        {"[::1]:8080/x", "::1|8080|/x"}, {"h/x", "h||/x"},       {"h:81", "h|81|"}, {"//h:1?q", "h|1|?q"},
-        {"[::1/x", nullptr},             {"h:123456789/", nullptr},
+        {"[::1]:8080/x", "::1|8080|/x"}, {"h/x", "h||/x"},    {"h:81", "h|81|"},
+        {"//h:1?q", "h|1|?q"},           {"[::1/x", nullptr}, {"h:123456789/", nullptr},
     };
     for (const auto& c : cases) {
         std::array<char, 64> host{};
@@ -66,7 +71,7 @@ TEST(Uri, DecodesWithinItsText)
     const struct {
         const char* text;
         const char* decoded;
-    } cases[] = {{"a%2Fb", "a/b"}, {"a%0Ab", "a?b"}, {"a%zzb", "ab"}, {"a+b", "a b"},   {"a%4", "a"},
+    } cases[] = {{"a%2Fb", "a/b"}, {"a%0Ab", "a?b"}, {"a%zzb", "ab"},  {"a+b", "a b"},  {"a%4", "a"},
                  {"a%", "a"},      {"%00x", "?x"},   {"%41%6a", "Aj"}, {"%%41x", "1x"}, {"", ""}};
     for (const auto& c : cases) {
         std::array<char, 32> buf{};
@@ -196,9 +201,10 @@ TEST(Responses, AreExact)
                           .location = "/x",
                           .fpath = nullptr};
     const int n = mk_http_xt_resp(&full, 10, buf.data(), buf.size());
-    EXPECT_EQ(std::string(buf.data(), static_cast<size_t>(n)),
-              "HTTP/1.0 200 OK\r\nServer: me\r\nContent-Type: text/plain\r\nContent-Encoding: gzip\r\nContent-Length: 5\r\n"
-              "Connection: close\r\nLocation: /x\r\nX-One: 1\r\n\r\n");
+    EXPECT_EQ(
+        std::string(buf.data(), static_cast<size_t>(n)),
+        "HTTP/1.0 200 OK\r\nServer: me\r\nContent-Type: text/plain\r\nContent-Encoding: gzip\r\nContent-Length: 5\r\n"
+        "Connection: close\r\nLocation: /x\r\nX-One: 1\r\n\r\n");
     EXPECT_EQ(mk_http_xt_resp(&full, 20, buf.data(), buf.size()), 22);
     EXPECT_EQ(mk_http_response(&full, buf.data(), 60), -1);
     const std::string long_text(130, 'x');
@@ -213,7 +219,8 @@ TEST(Responses, AreExact)
     EXPECT_NE(log.text().find("no response for HTTP418 defined, please update the lib!\n"), std::string::npos);
 }
 
-class SourceHead : public testing::Test {
+class SourceHead : public testing::Test
+{
 protected:
     void SetUp() override { ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds.data()), 0); }
     void TearDown() override
@@ -275,8 +282,9 @@ TEST_F(SourceHead, RequestNamesHostAndPath)
         .type = 0, .flags = 0, .request = "x", .server = "me", .host_addr = "", .host_port = nullptr};
     ASSERT_EQ(send_http_request(fds[1], &bare), 0);
     const ssize_t m = read(fds[0], buf.data(), buf.size());
-    EXPECT_EQ(std::string(buf.data(), static_cast<size_t>(m)).find("GET /x HTTP/1.1\r\nHost: localhost\r\nConnection: close"),
-              0U);
+    EXPECT_EQ(
+        std::string(buf.data(), static_cast<size_t>(m)).find("GET /x HTTP/1.1\r\nHost: localhost\r\nConnection: close"),
+        0U);
 }
 
 } // namespace
