@@ -9,6 +9,7 @@
 #include "tmout.h"
 #include "util.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -20,6 +21,7 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
+constexpr size_t ACCSET_ROOM = 65536; /* descriptors; a higher one makes the set grow */
 constexpr size_t PPRM_ROOM = 8;
 constexpr size_t PPRM_GROWBLK = 4;
 constexpr n32_tag TAG_RSC = mk_tag("Rsc");
@@ -101,7 +103,7 @@ static int setup_one(rui_listener_cfg* lc, rui_socket_ctx* srv, const rui_socket
         return rc;
     }
     rc = xvlst_reserve(&srv->pprm, PPRM_ROOM, sizeof(rui_rq_header*), PPRM_GROWBLK);
-    if (rc == 0 && !fdset_reserve(&srv->accset, fd_limit()))
+    if (rc == 0 && !fdset_reserve(&srv->accset, std::min(fd_limit(), ACCSET_ROOM)))
         rc = -1;
     if (rc != 0) {
         LOG_ERR("%s: xvlst_reserve() failed rc=%d\n", "rui_setup_listeners", rc);

@@ -92,6 +92,7 @@ static int take_client(int fd, const sockaddr_storage& peer, socklen_t len, rui_
     std::array<char, ADDR_TEXT_MAX> text{};
     LOG_INFO("Accepted %s request [fd=%d] from %s\n", srv->lc->alias, fd,
              saddr_str(&peer, len, text.data(), text.size()));
+    LOG_DEBUG("%s: fd%d set as %sblocking\n", "set_nblock", fd, "non-"); /* by the accept itself */
     const bool is_net = peer.ss_family == AF_INET || peer.ss_family == AF_INET6;
     int rc = 0;
     if (is_net) {

@@ -14,6 +14,7 @@
 #include "udl.h"
 #include "util.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -26,10 +27,10 @@ constexpr size_t MAX_TASK_NUM = 10000; /* tracking tags start again at T0001 aft
 
 kova_ctx g_ctx{};
 
-/* Every task holds at least one descriptor, so the descriptor limit bounds an unlimited table. */
+/* Every task holds at least one descriptor, so the descriptor limit bounds an unlimited table, as far as a table can go. */
 static size_t task_table_size() noexcept
 {
-    return g_cfg.max_tasks > 0 ? g_cfg.max_tasks : fd_limit();
+    return g_cfg.max_tasks > 0 ? g_cfg.max_tasks : std::min(fd_limit(), HT_MAX_CAP);
 }
 
 static int init_database() noexcept

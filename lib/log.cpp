@@ -28,7 +28,12 @@ int g_mod_ll[LL_MAX_MODULES];
 int g_sec_ll[LL_MAX_SECTIONS];
 volatile int g_in_signal = 0;
 
-static log_ctx g_log_record{};
+/* Writes to standard error until it is opened; a null stream later on means that lines are dropped. */
+static log_ctx g_log_record = [] {
+    log_ctx log{};
+    log.fp = stderr;
+    return log;
+}();
 log_ctx* const g_log = &g_log_record;
 
 static struct {
@@ -53,8 +58,6 @@ void glog_init(const char* app_tag) noexcept
     ASSERT(app_tag);
     cut_text(g_logmod.app_tag, sizeof(g_logmod.app_tag), app_tag);
     g_logmod.is_ready = true;
-    if (!g_log->fp && !g_log->name[0])
-        g_log->fp = stderr;
 }
 
 const char* glog_app_tag() noexcept
