@@ -64,7 +64,8 @@ class Origin:
         self.released = threading.Event()  # handlers that stall wait for it
         self.sock = socket.create_server(("127.0.0.1", 0), backlog=256)
         self.port = self.sock.getsockname()[1]
-        threading.Thread(target=self._serve, daemon=True).start()
+        self.server = threading.Thread(target=self._serve, daemon=True)
+        self.server.start()
 
     def url(self, path):
         return f"http://127.0.0.1:{self.port}{path}"
@@ -124,6 +125,8 @@ class Origin:
 
     def close(self):
         self.released.set()
+        self.sock.shutdown(socket.SHUT_RDWR)  # wakes the accept; a closed number could be the next test's socket
+        self.server.join()
         self.sock.close()
 
 
