@@ -4,6 +4,7 @@ descriptor and no bad word left behind?"""
 
 import hashlib
 import os
+import random
 import re
 import shutil
 import signal
@@ -39,9 +40,14 @@ def wait_for(condition, what, seconds=10.0):
 
 
 def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
+    """Below the ports that the kernel hands out: the program shares a port that another test's agent has just been given."""
+    while True:
+        with socket.socket() as s:
+            try:
+                s.bind(("127.0.0.1", random.randrange(10000, 32000)))
+                return s.getsockname()[1]
+            except OSError:
+                continue
 
 
 def read_all(sock):
