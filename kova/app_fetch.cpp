@@ -123,6 +123,8 @@ int read_src_response(dw_task* task) noexcept
             chosen = &g_resp_denied;
         } else {
             rc = mk_dest_file(task, head.get(), &resp);
+            if (rc == EAGAIN) /* a file's failure must not read as "the head is not complete" */
+                rc = -1;
             chosen = rc == 0 ? &g_resp_ok : &g_resp_err;
         }
     } else if (rc == 0) {

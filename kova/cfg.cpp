@@ -104,13 +104,14 @@ static int load_url_prefix(const config_t* file, kova_cfg* cfg) noexcept
     static const char KEY[] = "kova.local_url_prefix";
     if (load_config_str(file, KEY, cfg->seg_url_pfx, PATH_LIMIT, "") != 0)
         return -1;
+    const size_t len = strlen(cfg->seg_url_pfx);
+    if (len > 0 && cfg->seg_url_pfx[len - 1] == '/')
+        cfg->seg_url_pfx[len - 1] = '\0';
+    /* After the strip: a prefix of "/" alone is none, and no URL could be formed with it. */
     if (cfg->lbdb.port != 0 && !cfg->seg_url_pfx[0]) {
         LOG_ERR("%s: %s must be set for lbdb-enabled mode\n", "load_config", KEY);
         return -1;
     }
-    const size_t len = strlen(cfg->seg_url_pfx);
-    if (len > 0 && cfg->seg_url_pfx[len - 1] == '/')
-        cfg->seg_url_pfx[len - 1] = '\0';
     return 0;
 }
 
@@ -206,13 +207,13 @@ int add_web_cli(kova_cfg* cfg, const char* text, int family) noexcept
         return EINVAL;
     }
     *colon = '\0';
+    size_t index = 0;
+    rui_listener_cfg* slot = pick_slot(&cfg->rui, &index);
     ifc_info* ifc = get_ifc_info(family, copy.get());
     if (!ifc) {
         LOG_ERR("%s: invalid interface name: %s\n", __func__, copy.get());
         return EINVAL;
     }
-    size_t index = 0;
-    rui_listener_cfg* slot = pick_slot(&cfg->rui, &index);
     free(slot->ifc);
     *slot = rui_listener_cfg{};
     slot->is_valid = true;

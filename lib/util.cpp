@@ -72,11 +72,26 @@ int ignore_sigpipe() noexcept
     return -1;
 }
 
-/* Frames a handler: the log neither rotates nor calls syslog meanwhile, and the interrupted code keeps its errno. */
+static sigset_t handled_set() noexcept
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signo : HANDLED_SIGNALS)
+        sigaddset(&set, signo);
+    return set;
+}
+
+/* Frames a handler: no other handler interrupts its record (the kernel restores the mask on return), the log neither
+   rotates nor calls syslog meanwhile, and the interrupted code keeps its errno. */
 class signal_frame
 {
 public:
-    signal_frame() noexcept : err_(errno) { g_in_signal = 1; }
+    signal_frame() noexcept : err_(errno)
+    {
+        const sigset_t set = handled_set();
+        sigprocmask(SIG_BLOCK, &set, nullptr);
+        g_in_signal = 1;
+    }
     ~signal_frame()
     {
         g_in_signal = 0;
@@ -119,15 +134,6 @@ void on_sigusr1(int signo) noexcept
     const signal_frame frame;
     g_usr1 = 1;
     LOG_NORM("SIGUSR1(%d)\n", signo);
-}
-
-static sigset_t handled_set() noexcept
-{
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int signo : HANDLED_SIGNALS)
-        sigaddset(&set, signo);
-    return set;
 }
 
 void block_handled_signals() noexcept
@@ -182,7 +188,12 @@ void null_fd(int fd) noexcept
         LOG_ERR("%s: open('/dev/null') ERROR(%d): %s\n", __func__, err, strerror(err));
         return;
     }
-    dup2(null, fd);
+    if (null == fd)
+        return; /* it was closed, and open has just taken its place */
+    if (dup2(null, fd) < 0) {
+        const int err = errno;
+        LOG_ERR("%s: dup2(fd%d) ERROR(%d): %s\n", __func__, fd, err, strerror(err));
+    }
     close(null);
 }
 

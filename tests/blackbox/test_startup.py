@@ -89,6 +89,8 @@ class CommandLine(unittest.TestCase):
                  "load_config: cannot accept [/nonexistent] as kova.data_dir\n"),
                 (GOOD + 'lbdb = { host = "h"; port = 1; sha1_dir = "/"; };',
                  "load_config: kova.local_url_prefix must be set for lbdb-enabled mode\n"),
+                (GOOD + 'lbdb = { host = "h"; port = 1; sha1_dir = "/"; }; local_url_prefix = "/";',
+                 "load_config: kova.local_url_prefix must be set for lbdb-enabled mode\n"),
                 ("log = ", "Error reading/parsing config file ["),
                 ("log = { }; runtime = { };", "at least one listener must be present\n")):
             self.refused(message, config=config)
