@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <sys/types.h>
 
 enum rui_kind { RUI_USER = 0, RUI_ADMIN = 1, RUI_CUSTOM = 2, RUI_MAX = 3 };
@@ -64,9 +65,10 @@ struct rui_socket_ctx {
     dlep_list* requests; /* owned */
     xvlst pprm;          /* rui_rq_header*: to be removed after the round */
     bool deferred;
-    bool is_paused; /* not watched until descriptors come back */
-    bool is_short;  /* from the first shortage until nobody waits any more: one warning */
-    size_t rqcount; /* counter of tracking tags; kept by the request code */
+    timespec paused_tm; /* loop clock of the pause */
+    bool is_paused;     /* not watched until descriptors come back */
+    bool is_short;      /* from the first shortage until nobody waits any more: one warning */
+    size_t rqcount;     /* counter of tracking tags; kept by the request code */
     ssize_t nblk_count;
     rui_listener_cfg* lc;
     n32_tag rqtag;

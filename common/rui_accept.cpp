@@ -11,8 +11,6 @@
 
 #include <array>
 #include <cerrno>
-#include <fcntl.h>
-#include <unistd.h>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
@@ -25,6 +23,7 @@ static void pause_listener(rui_socket_ctx* srv, int err) noexcept
     if (srv->is_paused || rqs_mod(srv->sockfd, srv, 0) != 0)
         return;
     srv->is_paused = true;
+    rqs_set_now(&srv->paused_tm);
     set_timeout(LSN_PAUSE_TMOUT, LSN_PAUSE_TMOUT_MS);
     if (!srv->is_short)
         LOG_WARN("%s(%s): out of resources, ERROR(%d): waiting clients stay queued until some come back\n",
@@ -39,14 +38,14 @@ void rui_resume(rui_socket_ctx* srv) noexcept
     srv->is_paused = false;
 }
 
+/* Not before a while has passed: what ran out may be the system's, which no probe of this process tells reliably, and a
+   listener woken too early would be reported, refused and paused again without end. */
 void rui_wake(rui_socket_ctx* srv) noexcept
 {
-    if (!srv->is_paused)
+    static constexpr timespec PAUSE = {LSN_PAUSE_TMOUT_MS / 1000, LSN_PAUSE_TMOUT_MS % 1000 * 1000000};
+
+    if (!srv->is_paused || !timed_out(srv->paused_tm, PAUSE))
         return;
-    const int probe = fcntl(srv->sockfd, F_DUPFD_CLOEXEC, 0);
-    if (probe < 0)
-        return;
-    close(probe);
     if (rqs_mod(srv->sockfd, srv, RQS_READ) == 0)
         rui_resume(srv);
 }

@@ -9,5 +9,5 @@ void rui_fdset_clear(rui_fdset* set, int fd) noexcept;
 
 /* Ends a pause of a listener's time-out; its socket's interest is the caller's affair. */
 void rui_resume(rui_socket_ctx* srv) noexcept;
-/* Watches a paused listener again when a descriptor can be had. */
+/* Watches a paused listener again once LSN_PAUSE_TMOUT_MS have passed. */
 void rui_wake(rui_socket_ctx* srv) noexcept;
