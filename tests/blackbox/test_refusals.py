@@ -67,6 +67,7 @@ class Refusals(KovTest):
     def test_heads(self):
         agent = self.start()
         ok = self.origin.body("/ok", b"x")
+        trimmed = self.origin.body("/trimmed", b"x")  # a source in progress would be refused
         for head, answer in (
                 (b"POST /src/http://h/a/dst/b HTTP/1.1\r\nHost: h\r\n\r\n", 400),
                 (b"OPTIONS /src/http://h/a/dst/b HTTP/1.1\r\n\r\n", 400),
@@ -81,7 +82,7 @@ class Refusals(KovTest):
                 (b"get / HTTP/1.9 this is long enough\r\n\r\n", 204),
                 (b"GET\t/src/%s/dst/t1 HTTP/1.0\n\n" % ok.encode(), 200),
                 (b"GET /src/%s/dst/t2 HTTP/1.1\r\nAccept-Encoding: %s\r\nHost: %s\r\nUser-Agent: %s\r\n\r\n"
-                 % (ok.encode(), b"e" * 40, b"h" * 64, b"u" * 128), 200)):
+                 % (trimmed.encode(), b"e" * 40, b"h" * 64, b"u" * 128), 200)):
             self.assertEqual(agent.send(head), ANSWERS[answer], head)
         for dst in ("t1", "t2"):
             agent.wait_file(dst)
