@@ -6,6 +6,7 @@
 #include "guard.h"
 #include "log.h"
 #include "strops.h"
+#include "util.h"
 
 #include <array>
 #include <cerrno>
@@ -162,6 +163,14 @@ int lbdb_init(const char* sha1_dir, int32_t need_func, uint32_t options) noexcep
 
 /* ---- connection ---- */
 
+/* One round trip. A server that hangs holds the agent up, but never a quit signal. Null: the connection is lost. */
+template <class... Args>
+static reply_ptr command(const char* format, Args... args) noexcept
+{
+    const quit_interrupts guard(g_ctx.redis->fd);
+    return reply_ptr(static_cast<redisReply*>(redisCommand(g_ctx.redis, format, args...)));
+}
+
 /* One element that is an integer; complaints go to standard error. */
 static int script_in_array(const redisReply* reply) noexcept
 {
@@ -199,7 +208,7 @@ static int judge_script_reply(const char* sha1, const redisReply* reply) noexcep
 int check_script_exists(const char* sha1) noexcept
 {
     ASSERT(g_ctx.redis);
-    const reply_ptr reply(static_cast<redisReply*>(redisCommand(g_ctx.redis, "script exists %s", sha1)));
+    const reply_ptr reply = command("script exists %s", sha1);
     if (!reply) {
         LOG_ERR("%s: NULL as reply\n", __func__);
         return -1;
@@ -326,8 +335,7 @@ int lbdb_add_segurl(const char* id, const char* url, long expiry) noexcept
     ASSERT(g_ctx.need_func & LBQ_FL_ADD);
     ASSERT(g_ctx.redis && g_ctx.add_sha1[0]);
     LOG_DEBUG("evalsha %s 1 %s %s %ld\n", g_ctx.add_sha1, id, url, expiry);
-    const reply_ptr reply(
-        static_cast<redisReply*>(redisCommand(g_ctx.redis, "evalsha %s 1 %s %s %ld", g_ctx.add_sha1, id, url, expiry)));
+    const reply_ptr reply = command("evalsha %s 1 %s %s %ld", g_ctx.add_sha1, id, url, expiry);
     if (!reply) {
         LOG_ERR("%s: NULL as reply\n", __func__);
         return -1;

@@ -34,6 +34,19 @@ void block_handled_signals() noexcept;
 [[nodiscard]] const sigset_t* wait_sigmask() noexcept;
 /* Lets pending handled signals run their handlers now. One system call when none is pending. */
 void deliver_pending_signals() noexcept;
+/* Around a call that may block on a socket: while it lives, handled signals run their handlers at once, and a quit signal
+   shuts the socket down, so that the call returns. One at a time. */
+class [[nodiscard]] quit_interrupts
+{
+public:
+    explicit quit_interrupts(int sockfd) noexcept;
+    ~quit_interrupts();
+    quit_interrupts(const quit_interrupts&) = delete;
+    quit_interrupts& operator=(const quit_interrupts&) = delete;
+
+private:
+    sigset_t old_;
+};
 
 /* Opens /dev/null on each of the descriptors 0, 1, 2 that is closed, so that no socket or data file ever gets them. */
 void fill_std_fds() noexcept;

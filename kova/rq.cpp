@@ -11,6 +11,7 @@
 #include "syswrap.h"
 #include "tmout.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -202,6 +203,8 @@ static int serve_head(dw_urq* urq) noexcept
             LOG_INFO("%s: PONG!\n", "urq_read");
             return rc;
         }
+        /* The parser has ended the URI in place; the line shows the whole head. */
+        std::replace(urq->hrq.hbuf, urq->hrq.hbuf + urq->hrq.hpos, '\0', ' ');
         LOG_ERR("%s: malformed HTTP request: %s\n", "urq_read", urq->hrq.hbuf);
         if (!urq->hresp)
             urq->hresp = &g_resp_bad;

@@ -30,11 +30,9 @@ constexpr long PIPE_WAIT_STEP_NS = 10000000;
 /* The mode is LOG_MODE whatever the umask: other users' tools read the log. */
 static FILE* open_file(const char* path) noexcept
 {
-    int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, LOG_MODE);
-    if (fd >= 0)
-        (void)fchmod(fd, LOG_MODE);
-    else if (errno == EEXIST)
-        fd = open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, LOG_MODE);
+    const mode_t mask = umask(0);
+    const int fd = open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, LOG_MODE);
+    umask(mask);
     if (fd < 0)
         return nullptr;
     FILE* fp = fdopen(fd, "a+");

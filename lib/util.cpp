@@ -13,13 +13,14 @@
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr int HANDLED_SIGNALS[] = {SIGTERM, SIGQUIT, SIGINT, SIGUSR2};
-constexpr mode_t DIR_MODE = 0777;
+constexpr mode_t DIR_MODE = 0755; /* a daemon has no umask */
 constexpr size_t FPATH_MAX = 512;
 
 volatile sig_atomic_t g_quit = 0;
@@ -28,6 +29,7 @@ volatile sig_atomic_t g_hup = 0;
 volatile sig_atomic_t g_usr1 = 0;
 volatile sig_atomic_t g_tdbg = 0;
 
+static volatile sig_atomic_t g_quit_sockfd = -1; /* shut down by a quit signal */
 static sigset_t g_wait_mask;
 static bool g_is_masked = false; /* g_wait_mask is set */
 
@@ -110,6 +112,8 @@ void on_sigquit(int signo) noexcept
     g_quit = 1;
     if (signo != SIGQUIT)
         g_goodbye = 1;
+    if (g_quit_sockfd >= 0)
+        (void)shutdown(g_quit_sockfd, SHUT_RDWR);
     for (const int other : {SIGCHLD, SIGHUP, SIGUSR1})
         (void)install(other, SIG_IGN);
     LOG_NORM("QUIT-SIG(%d)\n", signo);
@@ -168,6 +172,19 @@ void deliver_pending_signals() noexcept
         sigprocmask(SIG_SETMASK, &old, nullptr);
         return;
     }
+}
+
+quit_interrupts::quit_interrupts(int sockfd) noexcept : old_{}
+{
+    const sigset_t set = handled_set();
+    g_quit_sockfd = sockfd;
+    sigprocmask(SIG_UNBLOCK, &set, &old_);
+}
+
+quit_interrupts::~quit_interrupts()
+{
+    sigprocmask(SIG_SETMASK, &old_, nullptr);
+    g_quit_sockfd = -1;
 }
 
 /* ---- descriptors ---- */

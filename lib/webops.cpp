@@ -107,9 +107,7 @@ static void take_connection(const char* fields, http_header* hdr) noexcept
     if (!value)
         return;
     const std::string_view text(value, len);
-    std::array<char, MAX_AENC_LEN> shown{};
-    cut_text(shown.data(), shown.size(), text);
-    LOG_DEBUG("%s: Connection: %s\n", "parse_http_header", shown.data());
+    LOG_DEBUG("%s: Connection: %.*s\n", "parse_http_header", static_cast<int>(len), value);
     if (ci_find(text, "keep-alive") != std::string_view::npos)
         hdr->is_keep_alive = true;
     else
@@ -137,7 +135,7 @@ static int parse_method(char* p, http_header* hdr, char** rest) noexcept
     char* end = p + strcspn(p, " \t");
     const std::string_view method(p, static_cast<size_t>(end - p));
     if (method.size() < MIN_METHOD_LEN || method.size() > MAX_METHOD_LEN) {
-        LOG_ERR("%s: failed to get HTTP method from %7.32s\n", "parse_http_header", p);
+        LOG_ERR("%s: failed to get HTTP method from %7s\n", "parse_http_header", p);
         return -1;
     }
     std::array<char, MAX_METHOD_LEN + 1> text{};
@@ -179,7 +177,7 @@ static int parse_protocol(char* p, http_header* hdr, char** rest) noexcept
 {
     p = skip_space(p);
     if (strncmp(p, HTTP1, sizeof(HTTP1) - 1) != 0) {
-        LOG_ERR("%s: expected [%s] to follow the URI path, got [%.32s]\n", "parse_http_header", HTTP1, p);
+        LOG_ERR("%s: expected [%s] to follow the URI path, got [%s]\n", "parse_http_header", HTTP1, p);
         return -1;
     }
     LOG_DEBUG("%s: request protocol: [%.*s]\n", "parse_http_header", 8, p);

@@ -1,0 +1,125 @@
+/* Order locks: who gets one, how long it counts, and what is never touched. */
+#include "lock.h"
+
+#include "caught_log.h"
+#include "data.h"
+#include "scratch_dir.h"
+#include "strops.h"
+
+#include <cerrno>
+#include <ctime>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+namespace
+{
+
+class Lock : public testing::Test
+{
+protected:
+    Lock()
+    {
+        g_cfg = {};
+        cut_text(g_cfg.udp_cha.url, sizeof(g_cfg.udp_cha.url), "127.0.0.1:5000");
+        cut_text(g_cfg.udp_cha.lkdir, sizeof(g_cfg.udp_cha.lkdir), dir.path);
+        g_cfg.udp_cha.must_lock = true;
+    }
+    ~Lock() override { g_cfg = {}; }
+
+    /* check_and_expire on a file of this age, within one second of the clock. */
+    int check_aged(const std::string& path, long age)
+    {
+        for (;;) {
+            const time_t now = time(nullptr);
+            dir.put("f");
+            set_age(path, now, age);
+            const int rc = check_and_expire(path.c_str(), STALE_LOCK_SEC);
+            if (time(nullptr) == now)
+                return rc;
+        }
+    }
+
+    scratch_dir dir;
+    caught_log log;
+};
+
+TEST_F(Lock, CountsUntilItIsOlderThanTheLimit)
+{
+    const struct {
+        long age;
+        int rc;
+    } cases[] = {{-3600, EBUSY}, {0, EBUSY}, {30, EBUSY}, {31, 0}, {86400, 0}};
+    const std::string path = dir.at("f");
+    for (const auto& c : cases) {
+        EXPECT_EQ(check_aged(path, c.age), c.rc) << c.age;
+        EXPECT_EQ(dir.has("f"), c.rc == EBUSY) << c.age;
+    }
+    EXPECT_TRUE(log.has("check_and_expire: upstanding lock [" + path + "] (age=30) found\n"));
+    EXPECT_TRUE(log.has("check_and_expire: expired stale lock [" + path + "], age=31 sec\n"));
+    EXPECT_EQ(check_and_expire(dir.at("none").c_str(), STALE_LOCK_SEC), 0);
+}
+
+TEST_F(Lock, CheckReportsWhatItCannotSeeOrRemove)
+{
+    const std::string under = dir.put("file") + "/x";
+    EXPECT_EQ(check_and_expire(under.c_str(), STALE_LOCK_SEC), -1);
+    EXPECT_TRUE(log.has("check_and_expire: stat(" + under + ", ..) ERROR(20): "));
+    mkdir(dir.at("old").c_str(), 0755);
+    set_age(dir.at("old"), time(nullptr), 3600);
+    EXPECT_EQ(check_and_expire(dir.at("old").c_str(), STALE_LOCK_SEC), -1);
+    EXPECT_TRUE(dir.has("old"));
+}
+
+TEST_F(Lock, IsHeldByOneUntilItIsReleased)
+{
+    const mode_t mask = umask(0);
+    EXPECT_EQ(lid_lock("job-1"), 0);
+    umask(mask);
+    struct stat st {
+    };
+    ASSERT_EQ(stat(dir.at("job-1.lock").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0644U);
+    EXPECT_EQ(st.st_size, 0);
+    EXPECT_EQ(lid_lock("job-1"), EBUSY);
+    EXPECT_EQ(lid_lock("job-2"), 0);
+    lid_unlock("job-1");
+    EXPECT_FALSE(dir.has("job-1.lock"));
+    EXPECT_TRUE(dir.has("job-2.lock"));
+    EXPECT_TRUE(log.has("lid_lock: [job-1] locked\n"));
+    EXPECT_TRUE(log.has("lid_unlock: job-1 at [" + dir.at("job-1.lock") + "]\n"));
+    EXPECT_EQ(lid_lock("job-1"), 0);
+}
+
+TEST_F(Lock, LeftBehindIsTakenOver)
+{
+    set_age(dir.put("job-1.lock"), time(nullptr), 100);
+    EXPECT_EQ(lid_lock("job-1"), 0);
+    EXPECT_EQ(lid_lock("job-1"), EBUSY);
+}
+
+TEST_F(Lock, OffTouchesNothing)
+{
+    g_cfg.udp_cha.must_lock = false;
+    EXPECT_EQ(lid_lock("job-1"), 0);
+    EXPECT_TRUE(dir.is_empty());
+    dir.put("job-1.lock");
+    lid_unlock("job-1");
+    EXPECT_TRUE(dir.has("job-1.lock"));
+}
+
+TEST_F(Lock, ErrorsTakeNothing)
+{
+    mkdir(dir.at("sub").c_str(), 0755);
+    dir.put("sub/abcd.lock");
+    EXPECT_EQ(lid_lock("sub/abcd"), -1);
+    lid_unlock("sub/abcd");
+    EXPECT_TRUE(dir.has("sub/abcd.lock"));
+    EXPECT_TRUE(log.has("lid_lock: invalid lock path (n=")) << log.text();
+    EXPECT_TRUE(log.has("lid_unlock: invalid lock path (n=")) << log.text();
+
+    cut_text(g_cfg.udp_cha.lkdir, sizeof(g_cfg.udp_cha.lkdir), dir.at("none"));
+    EXPECT_EQ(lid_lock("job-1"), -1);
+    EXPECT_TRUE(log.has("lid_lock: open(" + dir.at("none/job-1.lock") + ",...) ERROR(2): "));
+}
+
+} // namespace
