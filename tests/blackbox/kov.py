@@ -2,6 +2,7 @@
 test ends with the same questions: did the agent live, does it quit within a second with status 0, is no unfinished file, no
 descriptor and no bad word left behind?"""
 
+import ctypes
 import hashlib
 import os
 import random
@@ -136,10 +137,53 @@ class Origin:
         self.sock.close()
 
 
-class Agent:
-    """The program in a terminal run. settings are lines of the kova group, options more arguments."""
+class Daemon:
+    """A process that has left its starter and was adopted by this one: the part of Popen that the tests use."""
 
-    def __init__(self, root, settings="", log="", web="", options=(), env=None, preexec=None, tmpfs_kib=None):
+    def __init__(self, pid):
+        self.pid = pid
+        self.returncode = None
+
+    def poll(self):
+        if self.returncode is None:
+            pid, status = os.waitpid(self.pid, os.WNOHANG)
+            if pid:
+                self.returncode = os.waitstatus_to_exitcode(status)
+        return self.returncode
+
+    def wait(self, seconds=10):
+        wait_for(lambda: self.poll() is not None, "the daemon's end", seconds)
+        return self.returncode
+
+    def send_signal(self, signo):
+        os.kill(self.pid, signo)
+
+    def kill(self):
+        self.send_signal(signal.SIGKILL)
+
+
+def adopt_orphans():
+    """Makes this process the parent of what its children leave behind, so that a daemon's status can be read."""
+    pr_set_child_subreaper = 36
+    ctypes.CDLL(None).prctl(pr_set_child_subreaper, 1, 0, 0, 0)
+
+
+def reap_all():
+    """Waits for every child; the statuses in the order of their ends."""
+    statuses = []
+    while True:
+        try:
+            statuses.append(os.waitstatus_to_exitcode(os.wait()[1]))
+        except ChildProcessError:
+            return statuses
+
+
+class Agent:
+    """The program, in a terminal run unless daemon is set. settings are lines of the kova group, log, web and runtime of
+    the groups of these names, options more arguments."""
+
+    def __init__(self, root, settings="", log="", web="", runtime="", options=(), env=None, preexec=None, tmpfs_kib=None,
+                 daemon=False):
         self.root = root
         self.data = f"{root}/d"
         self.log_path = f"{root}/log"
@@ -151,7 +195,7 @@ class Agent:
             raise unittest.SkipTest("a small file system of its own cannot be mounted here")
         self.config = f"""kova = {{
     log = {{ file = "{self.log_path}"; level = "info"; {log} }};
-    runtime = {{ enforce_core_dumps = false; }};
+    runtime = {{ {runtime if "core" in runtime else "enforce_core_dumps = false; " + runtime} }};
     web_input = {{ web = {{ ifc = "lo"; default_af = "inet4"; port = {self.port}; }}; {web} }};
     data_dir = "{self.data}"; task_tmout_ms = 100;
     {settings}
@@ -160,9 +204,31 @@ class Agent:
         with open(f"{root}/kov.conf", "w", encoding="utf-8") as f:
             f.write(self.config)
         self.errors = open(f"{root}/stderr", "wb")
-        self.proc = subprocess.Popen([KOV, "-C", f"{root}/kov.conf", "-T", "-q", *options], stderr=self.errors,
-                                     env={**os.environ, **(env or {})}, preexec_fn=preexec)
+        self.is_daemon = daemon
+        self.pidfile = "".join(re.findall(r'pidfile = "([^"]*)"', runtime))
+        self.launch = {"args": [KOV, "-C", f"{root}/kov.conf", *([] if daemon else ["-T", "-q"]), *options],
+                       "stderr": self.errors, "env": {**os.environ, **(env or {})}, "preexec_fn": preexec}
+        self.run()
+
+    def run(self):
+        """Starts it, or starts it again."""
+        before = self.read_pidfile()
+        if self.is_daemon:
+            adopt_orphans()
+        self.proc = subprocess.Popen(**self.launch)
+        if self.is_daemon:
+            self.starter_status = self.proc.wait(10)
+            self.leader_status = os.waitstatus_to_exitcode(os.wait()[1])  # of the process between starter and daemon
+            wait_for(lambda: self.read_pidfile() not in ("", before), "the pid file")
+            self.proc = Daemon(int(self.read_pidfile()))
         self.pid = self.proc.pid
+
+    def read_pidfile(self):
+        try:
+            with open(self.pidfile, encoding="ascii") as f:
+                return f.read()
+        except FileNotFoundError:
+            return ""
 
     def wait_ready(self):
         wait_for(lambda: self.is_listening() or self.proc.poll() is not None, "the listener")
@@ -244,15 +310,23 @@ class KovTest(unittest.TestCase):
     def setUp(self):
         self.root = tempfile.mkdtemp(prefix="k", dir="/tmp")
         self.agents = []
+        self.roots = 0
         self.origin = Origin()
         self.idle_check = True  # a test that ends with work in flight clears it
 
     def start(self, *args, **kwargs):
-        root = f"{self.root}/{len(self.agents)}"
-        os.makedirs(root)
-        agent = Agent(root, *args, **kwargs).wait_ready()
+        agent = Agent(self.new_root(), *args, **kwargs).wait_ready()
         self.agents.append(agent)
         return agent
+
+    def new_root(self):
+        root = self.next_root()
+        os.makedirs(root)
+        self.roots += 1
+        return root
+
+    def next_root(self):
+        return f"{self.root}/{self.roots}"
 
     def check_agent(self, agent):
         if agent.proc.poll() is None and self.idle_check:
