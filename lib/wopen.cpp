@@ -231,8 +231,14 @@ static int classify(const char* url) noexcept
     std::array<char, URI_SCHEME_MAX> scheme{};
     if (uri_parse(url, &u) != 0)
         return URI_BAD;
-    if (!u.scheme)
-        return *url != '/' && ends_with_port(url) ? URI_UDP : URI_BAD;
+    if (!u.scheme) {
+        std::array<char, HOST_MAX> host{};
+        std::array<char, PORT_MAX> port{};
+        const bool has_port = *url != '/' &&
+                              uri_path_addrport(u.path, u.p_len, host.data(), host.size(), port.data(), port.size()) &&
+                              port[0];
+        return has_port ? URI_UDP : URI_BAD;
+    }
     return uri_get_scheme(&u, scheme.data(), scheme.size()) ? uri_scheme_kind(scheme.data()) : URI_BAD;
 }
 

@@ -295,6 +295,12 @@ class Agent:
         return sorted(os.path.relpath(os.path.join(d, f), self.data)
                       for d, _, names in os.walk(self.data) for f in names)
 
+    def kill(self):
+        if self.proc.poll() is None:
+            self.proc.kill()
+            self.proc.wait()
+        self.errors.close()
+
     def stop(self, signo=signal.SIGTERM):
         """Ends the agent; returns its status and how long that took."""
         start = time.monotonic()
@@ -314,10 +320,19 @@ class KovTest(unittest.TestCase):
         self.origin = Origin()
         self.idle_check = True  # a test that ends with work in flight clears it
 
-    def start(self, *args, **kwargs):
-        agent = Agent(self.new_root(), *args, **kwargs).wait_ready()
-        self.agents.append(agent)
+    def start(self, *args, must_run=True, **kwargs):
+        agent = Agent(self.new_root(), *args, **kwargs)
+        if must_run:
+            agent.wait_ready()
+            self.agents.append(agent)
+        else:  # the test asks for the status itself
+            self.addCleanup(agent.kill)
         return agent
+
+    def forget(self, agent):
+        """For an agent that the test has ended, or that has ended by itself as it should."""
+        agent.kill()
+        self.agents.remove(agent)
 
     def new_root(self):
         root = self.next_root()
@@ -349,10 +364,7 @@ class KovTest(unittest.TestCase):
             raise
         finally:
             for agent in self.agents:
-                if agent.proc.poll() is None:
-                    agent.proc.kill()
-                    agent.proc.wait()
-                agent.errors.close()
+                agent.kill()
                 if agent.mounted:
                     subprocess.run(["umount", agent.data], check=True)
             self.origin.close()

@@ -62,7 +62,7 @@ class Background(KovTest):
         self.assertEqual(agent.stop()[0], 0)
         self.assertFalse(os.path.exists(agent.pidfile))
         self.assertIn("kov shut down\n", agent.log())
-        self.agents.remove(agent)
+        self.forget(agent)
 
     def test_stays_in_a_directory_that_is_open_to_the_user(self):
         agent = self.background("nobody", preexec=lambda: os.chdir(self.root))
@@ -86,7 +86,7 @@ class Background(KovTest):
         self.assertEqual(agent.stop(signal.SIGHUP)[0], -signal.SIGHUP)
         self.assertNotIn("SIGHUP", agent.log())
         self.assertTrue(os.path.exists(agent.pidfile))
-        self.agents.remove(agent)
+        self.forget(agent)
 
     def test_a_later_instance_takes_the_pid_file_over(self):
         first = self.background()
@@ -94,11 +94,11 @@ class Background(KovTest):
         self.assertNotEqual(second.pid, first.pid)
         self.assertEqual(first.stop()[0], 0)
         self.assertFalse(os.path.exists(first.pidfile))  # unlinked by the first, though the second wrote it
-        self.agents.remove(first)
+        self.forget(first)
         self.assertEqual(second.get("/"), ANSWERS[204])
         self.assertEqual(second.stop()[0], 0)  # and a missing file is no fault
         self.assertNotIn("unlink", second.log())
-        self.agents.remove(second)
+        self.forget(second)
 
     def test_a_terminal_run_unlinks_the_pid_file_of_another(self):
         pidfile = f"{self.root}/0/other"
@@ -107,7 +107,7 @@ class Background(KovTest):
             f.write("1")
         agent.stop()
         self.assertFalse(os.path.exists(pidfile))
-        self.agents.remove(agent)
+        self.forget(agent)
 
     def failed_start(self, runtime="", log="", options=(), preexec=None):
         """Statuses of the three processes, standard error and log of a start that fails after the forks."""

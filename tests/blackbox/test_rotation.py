@@ -104,8 +104,7 @@ class Rotation(KovTest):
         self.assertEqual(self.read(out).count("non-HTTP"), 1000)
         self.assertEqual(glob.glob(f"{self.root}/piped.*") + self.rotated(agent), [])
         self.assertNotIn("rotat", self.read(out).split("Misc:")[1] + agent.stderr())
-        self.agents.remove(agent)
-        agent.errors.close()
+        self.forget(agent)
 
     @unittest.skipIf(not FAKETIME or "asan" in os.environ["KOV"],
                      "needs libfaketime, which cannot be loaded together with the address sanitizer")
@@ -135,8 +134,7 @@ class Rotation(KovTest):
         self.assertEqual(agent.order(self.origin.body("/a", b"stored"), "a"), ANSWERS[200])
         self.assertEqual(agent.stored("a"), b"stored")
         self.assertEqual(agent.stop()[0], 0)
-        self.agents.remove(agent)
-        agent.errors.close()
+        self.forget(agent)
 
 
 if __name__ == "__main__":

@@ -155,8 +155,7 @@ Misc:
             for line in (r"NRM kov .* STARTING\. PID=\d+", r"INF Config read from \[.*\]", r"NRM QUIT-SIG\(%d\)" % signo,
                          r"NRM kov has been asked to quit\.", "NRM kov shut down", r"NRM kov .* EXIT\(0\)\. PID=\d+"):
                 self.assertRegex(lines, f"(?m)^{line}$")
-            agent.errors.close()
-        self.agents = []
+            self.forget(agent)
 
     def test_quit_with_downloads_running(self):
         self.idle_check = False
@@ -168,8 +167,7 @@ Misc:
         self.assertEqual(status, 0)
         self.assertEqual(agent.files(), [])
         self.assertEqual(agent.log().count("TASK-END"), 50)
-        self.agents = []
-        agent.errors.close()
+        self.forget(agent)
 
     def test_quit_while_the_loop_never_sleeps(self):
         self.idle_check = False
@@ -209,8 +207,7 @@ Misc:
         out = f"{self.root}/piped"
         agent = self.start()
         agent.stop()
-        self.agents = []
-        agent.errors.close()
+        self.forget(agent)
         proc = subprocess.run([KOV, "-C", f"{agent.root}/kov.conf", "-T", "-q", "-l", f"|cat > {out}", "-P", "2000"],
                               capture_output=True, check=False, timeout=20)
         self.assertEqual(proc.returncode, 1)
