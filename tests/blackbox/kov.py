@@ -315,6 +315,7 @@ class KovTest(unittest.TestCase):
 
     def setUp(self):
         self.root = tempfile.mkdtemp(prefix="k", dir="/tmp")
+        os.chmod(self.root, 0o755)  # the workers of a source have another user
         self.agents = []
         self.roots = 0
         self.origin = Origin()
