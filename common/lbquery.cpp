@@ -8,6 +8,7 @@
 #include "strops.h"
 #include "util.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -71,7 +72,7 @@ int load_lbdb_cfg(const config_setting_t* group, lbdb_cfg* cfg) noexcept
         LOG_ERR("%s: invalid port value: %d\n", __func__, cfg->port);
         return -1;
     }
-    const int ms = config_setting_int(group, "connect_tmout_ms", CONNECT_TMOUT_MS);
+    const int ms = std::max(config_setting_int(group, "connect_tmout_ms", CONNECT_TMOUT_MS), 0);
     cfg->tmout = {ms / 1000, (ms % 1000) * 1000L};
     if (load_config_setting_str(group, "sha1_dir", cfg->sha1_path, TEXT_LIMIT, "") != 0)
         return -1;
@@ -167,6 +168,8 @@ int lbdb_init(const char* sha1_dir, int32_t need_func, uint32_t options) noexcep
 template <class... Args>
 static reply_ptr command(const char* format, Args... args) noexcept
 {
+    if (g_ctx.redis->err)
+        return nullptr; /* the library would keep the command, and all later ones */
     const quit_interrupts guard(g_ctx.redis->fd);
     return reply_ptr(static_cast<redisReply*>(redisCommand(g_ctx.redis, format, args...)));
 }
@@ -220,7 +223,10 @@ int check_script_exists(const char* sha1) noexcept
 
 static int open_connection(const char* host, int port, timeval tmout) noexcept
 {
-    g_ctx.redis = redisConnectWithTimeout(host, port, tmout);
+    {
+        const quit_interrupts guard(-1); /* a signal ends the wait */
+        g_ctx.redis = redisConnectWithTimeout(host, port, tmout);
+    }
     if (!g_ctx.redis) {
         LOG_ERR("%s: redisConnectWithTimeout: cannot allocate context\n", "lbdb_connect");
         return -1;

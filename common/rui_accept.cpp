@@ -144,8 +144,9 @@ int rui_accept(rui_socket_ctx* srv, size_t max, uint32_t flags, void* udata) noe
 {
     LOG_DEBUG("%s: from [%s]\n", __func__, srv->lc->alias);
     size_t accepted = 0;
+    size_t refused = 0; /* bounded like the others: a flood of them must not keep the loop from everything else */
     int rc = 0;
-    while (!g_quit && max > 0 && accepted < max) {
+    while (!g_quit && max > 0 && accepted < max && refused < max) {
         LOG_DEBUG("%s(%s): accepting on fd=%d\n", __func__, srv->lc->alias, srv->sockfd);
         rc = 0;
         sockaddr_storage peer{};
@@ -157,7 +158,7 @@ int rui_accept(rui_socket_ctx* srv, size_t max, uint32_t flags, void* udata) noe
             continue;
         }
         rc = take_client(fd, peer, len, srv, flags, udata);
-        accepted += rc == 0;
+        ++(rc == 0 ? accepted : refused);
     }
     if (accepted >= max)
         LOG_WARN("%s(%s): CANNOT ACCEPT ALL (accepted=%ld), max=%lu\n", __func__, srv->lc->alias,

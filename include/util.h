@@ -35,7 +35,7 @@ void block_handled_signals() noexcept;
 /* Lets pending handled signals run their handlers now. One system call when none is pending. */
 void deliver_pending_signals() noexcept;
 /* Around a call that may block on a socket: while it lives, handled signals run their handlers at once, and a quit signal
-   shuts the socket down, so that the call returns. One at a time. */
+   shuts the socket (if any) down, so that the call returns. One at a time. */
 class [[nodiscard]] quit_interrupts
 {
 public:

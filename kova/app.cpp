@@ -191,7 +191,7 @@ int mk_dw_task(int client_fd, dw_spec* spec) noexcept
     LOG_DEBUG("%s: fd%d url=[%s]\n", __func__, client_fd, spec->url);
     scope_guard unlock([spec] {
         if (spec->lid[0])
-            lid_unlock(spec->lid);
+            lid_unlock(spec->lid, spec->lock_tm);
     });
     if (g_cfg.max_tasks > 0 && g_ctx.tasks.len >= g_cfg.max_tasks) {
         LOG_ERR("%s: limit on tasks exceeded [%zu]\n", __func__, g_cfg.max_tasks);
@@ -296,7 +296,7 @@ void free_dw(dw_task* task) noexcept
     remove_unfinished(task);
     task->hresp = nullptr;
     if (task->spec.lid[0]) {
-        lid_unlock(task->spec.lid);
+        lid_unlock(task->spec.lid, task->spec.lock_tm);
         task->spec.lid[0] = '\0';
     }
     if (task->idx >= 0) {

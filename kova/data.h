@@ -44,6 +44,7 @@ struct dw_spec {
     char fpath[SPEC_PATH_MAX];   /* path of the unfinished file; after completion that of the final one */
     int64_t content_length;      /* announced by the order: 0 = unknown */
     char lid[MAX_LID_LEN + 1];   /* lock that this order holds, empty = none */
+    timespec lock_tm;            /* of that lock's file, when it was taken */
     time_t expiry_tm;            /* seconds as ordered, 0 = none */
     char dst_path[SPEC_DST_MAX]; /* relative to the data directory */
 };

@@ -57,8 +57,9 @@ int check_and_expire(const char* path, long max_age) noexcept
     return 0;
 }
 
-int lid_lock(const char* lid) noexcept
+int lid_lock(const char* lid, timespec* taken) noexcept
 {
+    *taken = {};
     if (!is_locking())
         return 0;
     lock_path path{};
@@ -68,6 +69,10 @@ int lid_lock(const char* lid) noexcept
         return rc;
     const int fd = open(path.data(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, LOCK_MODE);
     if (fd >= 0) {
+        struct stat st {
+        };
+        if (fstat(fd, &st) == 0)
+            *taken = st.st_mtim;
         W_close(__func__, fd);
         LOG_DEBUG("%s: [%s] locked\n", __func__, lid);
         return 0;
@@ -79,13 +84,19 @@ int lid_lock(const char* lid) noexcept
     return -1;
 }
 
-void lid_unlock(const char* lid) noexcept
+void lid_unlock(const char* lid, const timespec& taken) noexcept
 {
     if (!is_locking())
         return;
     lock_path path{};
     if (!mk_lock_path(__func__, lid, &path))
         return;
+    struct stat st {
+    };
+    if (stat(path.data(), &st) == 0 && (st.st_mtim.tv_sec != taken.tv_sec || st.st_mtim.tv_nsec != taken.tv_nsec)) {
+        LOG_INFO("%s: [%s] has been taken over by another order\n", __func__, lid);
+        return;
+    }
     LOG_DEBUG("%s: %s at [%s]\n", __func__, lid, path.data());
     W_unlink(__func__, path.data());
 }

@@ -85,7 +85,7 @@ static int say_where() noexcept
         LOG_ERR("getcwd ERROR(%d) : %s\n", err, strerror(err));
         return -1;
     }
-    LOG_INFO("Runtime pid=%ld uid/gid = %ld/%ld running in [%.512s]\n", static_cast<long>(getpid()),
+    LOG_INFO("Runtime pid=%ld uid/gid = %ld/%ld running in [%s]\n", static_cast<long>(getpid()),
              static_cast<long>(geteuid()), static_cast<long>(getegid()), cwd.data());
     return 0;
 }

@@ -93,27 +93,22 @@ static int derive_dst(const char* src, char* dst, size_t cap) noexcept
     return 0;
 }
 
-static bool has_parent_segment(std::string_view path) noexcept
-{
-    while (!path.empty()) {
-        const size_t slash = path.find('/');
-        if (path.substr(0, slash) == "..")
-            return true;
-        path.remove_prefix(slash == std::string_view::npos ? path.size() : slash + 1);
-    }
-    return false;
-}
-
-/* A destination must stay below the data directory and must not look like an unfinished file. */
+/* A destination must stay below the data directory. No segment of it may look like an unfinished file: a directory of such
+   a name would be in the way of the order for that file. */
 static int check_dst(const char* dst) noexcept
 {
-    if (has_parent_segment(dst)) {
-        LOG_ERR("%s: destination leaves the data directory: [%s]\n", "setup_dw_spec", dst);
-        return EINVAL;
-    }
-    if (is_unfinished_seg(dst)) {
-        LOG_ERR("%s: destination names an unfinished file: [%s]\n", "setup_dw_spec", dst);
-        return EINVAL;
+    for (std::string_view rest = dst; !rest.empty();) {
+        const size_t slash = rest.find('/');
+        const std::string_view seg = rest.substr(0, slash);
+        if (seg == "..") {
+            LOG_ERR("%s: destination leaves the data directory: [%s]\n", "setup_dw_spec", dst);
+            return EINVAL;
+        }
+        if (seg.ends_with(UNFINISHED_SFX)) {
+            LOG_ERR("%s: destination names an unfinished file: [%s]\n", "setup_dw_spec", dst);
+            return EINVAL;
+        }
+        rest.remove_prefix(slash == std::string_view::npos ? rest.size() : slash + 1);
     }
     return 0;
 }

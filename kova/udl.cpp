@@ -33,6 +33,10 @@ int udl_ctx_init(udp_lstn_cfg* cfg, udl_ctx* udl) noexcept
     udl->usock.non_blocking = true;
     udl->usock.ifc_tag = cfg->mifc[0] ? cfg->mifc : nullptr;
     udl->sockfd = usock_open(&udl->usock, cfg->url);
+    if (udl->sockfd >= 0 && udl->usock.url_kind != URI_UDP && udl->usock.url_kind != URI_RTP) {
+        usock_close(udl->sockfd, &udl->usock); /* nothing else gives datagrams */
+        udl->sockfd = -1;
+    }
     if (udl->sockfd < 0) {
         LOG_ERR("%s: failed to open [%s]\n", __func__, cfg->url);
         return -1;
@@ -169,16 +173,23 @@ static int receive_msg(const udl_ctx* udl, std::array<char, MSG_CAP>* buf) noexc
     return -1;
 }
 
-/* From the parsed order on. *locked is whether this order holds its lock; it is cleared when a task has taken it. */
-static int start_order(const char* url, const char* lid, long expiry, bool* locked) noexcept
+/* The lock of the order at hand. */
+struct order_lock {
+    bool is_held; /* by this order; cleared when a task has taken it over */
+    timespec tm;  /* of the lock's file */
+};
+
+/* From the parsed order on. */
+static int start_order(const char* url, const char* lid, long expiry, order_lock* lock) noexcept
 {
     dw_spec spec{};
-    if (const int rc = parse_url(url, *locked ? lid : nullptr, &spec))
+    if (const int rc = parse_url(url, lock->is_held ? lid : nullptr, &spec))
         return rc;
+    spec.lock_tm = lock->tm;
     spec.expiry_tm = expiry;
     LOG_DEBUG("%s: expiry time: %ld\n", "udl_accept", expiry);
     if (!is_local_url(spec.url)) {
-        *locked = false;
+        lock->is_held = false;
         (void)mk_dw_task(-1, &spec); /* the task owns the lock now, and a refused one has released it */
         return 0;
     }
@@ -189,18 +200,18 @@ static int start_order(const char* url, const char* lid, long expiry, bool* lock
     return add_lbdb_url(&spec); /* the lock of a registered order is left to lapse */
 }
 
-static int take_order(char* msg, char** url, char** lid, bool* locked) noexcept
+static int take_order(char* msg, char** url, char** lid, order_lock* lock) noexcept
 {
     long expiry = 0;
     if (const int rc = parse_msg(msg, url, lid, &expiry))
         return rc;
-    const int rc = lid_lock(*lid);
+    const int rc = lid_lock(*lid, &lock->tm);
     if (rc == EBUSY) {
         LOG_INFO("%s: [%s] already engaged, will skip\n", "udl_accept", *lid);
         return rc;
     }
-    *locked = rc == 0;
-    return start_order(*url, *lid, expiry, locked);
+    lock->is_held = rc == 0;
+    return start_order(*url, *lid, expiry, lock);
 }
 
 int udl_accept(udl_ctx* udl) noexcept
@@ -209,14 +220,14 @@ int udl_accept(udl_ctx* udl) noexcept
     std::array<char, MSG_CAP> buf{};
     char* url = nullptr;
     char* lid = nullptr;
-    bool locked = false;
+    order_lock lock{};
     int rc = receive_msg(udl, &buf);
     if (rc == 0)
-        rc = take_order(buf.data() + 2, &url, &lid, &locked);
+        rc = take_order(buf.data() + 2, &url, &lid, &lock);
     if (rc == 0 || rc == EBUSY)
         return 0;
     LOG_ERR("%s: [%s] request failed; url=[%s], rc=%d\n", __func__, lid ? lid : "", url ? url : "", rc);
-    if (locked)
-        lid_unlock(lid);
+    if (lock.is_held)
+        lid_unlock(lid, lock.tm);
     return 0;
 }

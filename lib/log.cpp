@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <execinfo.h>
+#include <poll.h>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
@@ -23,6 +24,7 @@ constexpr size_t LOG_BUF_CAP = LOG_LINE_MAX + 1;
 constexpr size_t TIME_CAP = 64;
 constexpr int BTRACE_FRAMES = 16;
 constexpr size_t BTRACE_CAP = 512;
+constexpr int STALL_WAIT_MS = 500;
 
 int g_mod_ll[LL_MAX_MODULES];
 int g_sec_ll[LL_MAX_SECTIONS];
@@ -365,15 +367,28 @@ static bool must_rotate(log_ctx* log) noexcept
     return due;
 }
 
+/* A pipe or terminal that nobody reads must not hold the agent up: it is waited for once, and lines are dropped from then
+   on until it takes some again. A pipe that is writable has room for a whole record. */
+static void put_line(FILE* fp, bool* is_stalled) noexcept
+{
+    pollfd p = {fileno(fp), POLLOUT, 0};
+    *is_stalled = poll(&p, 1, *is_stalled ? 0 : STALL_WAIT_MS) == 0;
+    if (!*is_stalled)
+        (void)fputs(g_line.text, fp);
+}
+
 void log_flush(log_ctx* log, int level) noexcept
 {
     if (logbuf_empty() || !log->fp)
         return;
     const int err = errno;
-    (void)fputs(g_line.text, log->fp);
+    if (log->is_pipe || is_std_stream(log->fp))
+        put_line(log->fp, &log->is_stalled);
+    else
+        (void)fputs(g_line.text, log->fp);
     log->total_out += g_line.len;
     if (log->mirror_fp && fileno(log->mirror_fp) != fileno(log->fp))
-        (void)fputs(g_line.text, log->mirror_fp);
+        put_line(log->mirror_fp, &log->is_mirror_stalled);
     if (!g_in_signal && level < 0 && log->syslg.enabled)
         syslog_put(level, log->syslg.facility, g_line.text);
     if (!g_in_signal && !is_std_stream(log->fp) && must_rotate(log)) {

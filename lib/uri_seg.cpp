@@ -97,7 +97,7 @@ int uri_extract_endpts_ext(const char* path, size_t p_len, char* src, char* dst,
     if (text.find('/') == std::string_view::npos && !uri_is_alias(path))
         return ESRCH;
     size_t next = 0;
-    const std::string_view first = segment_at(text, 0, &next);
+    const std::string_view first = segment_at(text, text.starts_with('/') ? 1 : 0, &next);
     for (const scheme_segment& s : SCHEME_SEGMENTS) {
         if (ci_equal(first, s.name))
             return put_endpts(s.prefix, text.substr(next), "", src, dst, cap);

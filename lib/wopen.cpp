@@ -182,8 +182,11 @@ static int read_head(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcep
             LOG_ERR("%s: client [fd=%d] connection broken\n", fn, fd);
             return -1;
         }
-        if (n < 0)
+        if (n < 0) {
+            const int err = errno;
+            LOG_ERR("%s: recv(fd%d) ERROR(%d): %s\n", fn, fd, err, strerror(err));
             return -1;
+        }
         LOG_DEBUG("%s: read %ld bytes from fd=%d\n", fn, static_cast<long>(n), fd);
         resp->total += n;
         if (resp->tail > 0)

@@ -7,7 +7,7 @@ import time
 import unittest
 from urllib.parse import quote
 
-from kov import ANSWERS, KovTest, free_port, wait_for
+from kov import ANSWERS, QUICK, KovTest, free_port, wait_for
 from services import Redis, ScriptedDatabase
 
 
@@ -139,6 +139,17 @@ class Registration(Database):
         self.db.proc.send_signal(signal.SIGCONT)
         self.forget(agent)
 
+    def test_a_lost_connection_keeps_no_commands(self):
+        agent = self.start(self.db.settings(), options=("-L", "err"))
+        self.db.stop()
+        def orders(count):
+            for _ in range(count):
+                self.assertEqual(agent.order("http://me.example/" + "x" * 90, "y" * 80), ANSWERS[200])
+        orders(200)
+        base = agent.rss_kib()
+        orders(300 if QUICK else 3000)
+        self.assertLess(agent.rss_kib() - base, 256 if "asan" not in os.environ["KOV"] else 4096)
+
     def test_a_rename_that_fails_is_registered_all_the_same(self):
         agent = self.start(self.db.settings())
         gate = self.origin.raw("/r", b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n1",
@@ -197,6 +208,12 @@ class Start(Database):
             start = time.monotonic()
             self.fails_to_start(settings, 1, "lbdb_connect: redisConnectWithTimeout ERROR(1): ")
             self.assertTrue(0.6 < time.monotonic() - start < 3)
+            start = time.monotonic()
+            agent = self.start(settings.replace("= 700", "= 60000"), must_run=False)
+            time.sleep(0.5)
+            agent.proc.send_signal(signal.SIGTERM)
+            self.assertEqual(agent.proc.wait(20), 1)
+            self.assertLess(time.monotonic() - start, 3)
             for s in fillers:
                 s.close()
 

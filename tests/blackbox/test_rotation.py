@@ -106,6 +106,12 @@ class Rotation(KovTest):
         self.assertNotIn("rotat", self.read(out).split("Misc:")[1] + agent.stderr())
         self.forget(agent)
 
+    def test_a_command_that_does_not_read_holds_nothing_up(self):
+        agent = self.start(options=("-l", "|sleep 30", "-L", "debug"))
+        self.fill(agent, 200)
+        self.assertEqual(agent.order(self.origin.body("/a", b"stored"), "a"), ANSWERS[200])
+        self.assertEqual(agent.stored("a"), b"stored")
+
     @unittest.skipIf(not FAKETIME or "asan" in os.environ["KOV"],
                      "needs libfaketime, which cannot be loaded together with the address sanitizer")
     def test_at_the_end_of_the_day(self):

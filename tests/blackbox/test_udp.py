@@ -3,7 +3,7 @@
 import os
 import signal
 import socket
-import struct
+import threading
 import time
 import unittest
 
@@ -121,6 +121,24 @@ class Channel(KovTest):
         agent.wait_log("removing")
         wait_for(lambda: self.held() == [], "the lock's release")
 
+    def test_a_lock_that_was_taken_over_is_not_released_by_its_former_holder(self):
+        agent = self.open()
+        gates = [threading.Event(), threading.Event()]
+        for n, gate in enumerate(gates):
+            self.origin.raw(f"/{n}", b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n1",
+                            lambda conn, gate=gate: (gate.wait(20), conn.sendall(b"2")))
+            self.order("same", f"/{n}", f"t{n}")
+            agent.wait_log("ready to download", n + 1)
+            if n == 0:
+                os.utime(f"{self.locks}/same.lock", (time.time() - 31,) * 2)
+        gates[0].set()
+        self.assertEqual(agent.stored("t0"), b"12")
+        agent.wait_log("lid_unlock: [same] has been taken over by another order\n")
+        self.assertEqual(self.held(), ["same.lock"])
+        gates[1].set()
+        self.assertEqual(agent.stored("t1"), b"12")
+        wait_for(lambda: self.held() == [], "the lock's release")
+
     def test_an_order_without_its_lock_goes_on(self):
         agent = self.open()
         self.origin.body("/a", b"a")
@@ -190,7 +208,7 @@ class Channel(KovTest):
         self.assertEqual(self.held(), [])
 
     def test_an_unreachable_channel_fails_the_start(self):
-        for url in ("http://127.0.0.1:9", "udp://192.0.2.1:9", "nonsense"):
+        for url in ("http://127.0.0.1:9", "udp://192.0.2.1:9", "nonsense", f"tcp://127.0.0.1:{free_port()}", "file:///dev/null"):
             agent = self.start(f'udp_input = {{ url = "{url}"; }};', must_run=False)
             self.assertEqual(agent.proc.wait(10), 1)
             self.assertIn(f"udl_ctx_init: failed to open [{url}]\n", agent.log())

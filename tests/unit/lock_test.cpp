@@ -41,6 +41,7 @@ protected:
 
     scratch_dir dir;
     caught_log log;
+    timespec taken{};
 };
 
 TEST_F(Lock, CountsUntilItIsOlderThanTheLimit)
@@ -73,37 +74,50 @@ TEST_F(Lock, CheckReportsWhatItCannotSeeOrRemove)
 TEST_F(Lock, IsHeldByOneUntilItIsReleased)
 {
     const mode_t mask = umask(0);
-    EXPECT_EQ(lid_lock("job-1"), 0);
+    EXPECT_EQ(lid_lock("job-1", &taken), 0);
     umask(mask);
     struct stat st {
     };
     ASSERT_EQ(stat(dir.at("job-1.lock").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0644U);
     EXPECT_EQ(st.st_size, 0);
-    EXPECT_EQ(lid_lock("job-1"), EBUSY);
-    EXPECT_EQ(lid_lock("job-2"), 0);
-    lid_unlock("job-1");
+    EXPECT_EQ(lid_lock("job-1", &taken), EBUSY);
+    EXPECT_EQ(lid_lock("job-2", &taken), 0);
+    lid_unlock("job-1", taken);
     EXPECT_FALSE(dir.has("job-1.lock"));
     EXPECT_TRUE(dir.has("job-2.lock"));
     EXPECT_TRUE(log.has("lid_lock: [job-1] locked\n"));
     EXPECT_TRUE(log.has("lid_unlock: job-1 at [" + dir.at("job-1.lock") + "]\n"));
-    EXPECT_EQ(lid_lock("job-1"), 0);
+    EXPECT_EQ(lid_lock("job-1", &taken), 0);
 }
 
 TEST_F(Lock, LeftBehindIsTakenOver)
 {
     set_age(dir.put("job-1.lock"), time(nullptr), 100);
-    EXPECT_EQ(lid_lock("job-1"), 0);
-    EXPECT_EQ(lid_lock("job-1"), EBUSY);
+    EXPECT_EQ(lid_lock("job-1", &taken), 0);
+    EXPECT_EQ(lid_lock("job-1", &taken), EBUSY);
+}
+
+TEST_F(Lock, TakenOverIsNotReleasedByItsFormerHolder)
+{
+    EXPECT_EQ(lid_lock("job-1", &taken), 0);
+    set_age(dir.at("job-1.lock"), time(nullptr), 100);
+    timespec mine{};
+    EXPECT_EQ(lid_lock("job-1", &mine), 0);
+    lid_unlock("job-1", taken);
+    EXPECT_TRUE(dir.has("job-1.lock"));
+    EXPECT_TRUE(log.has("lid_unlock: [job-1] has been taken over by another order\n"));
+    lid_unlock("job-1", mine);
+    EXPECT_FALSE(dir.has("job-1.lock"));
 }
 
 TEST_F(Lock, OffTouchesNothing)
 {
     g_cfg.udp_cha.must_lock = false;
-    EXPECT_EQ(lid_lock("job-1"), 0);
+    EXPECT_EQ(lid_lock("job-1", &taken), 0);
     EXPECT_TRUE(dir.is_empty());
     dir.put("job-1.lock");
-    lid_unlock("job-1");
+    lid_unlock("job-1", taken);
     EXPECT_TRUE(dir.has("job-1.lock"));
 }
 
@@ -111,14 +125,14 @@ TEST_F(Lock, ErrorsTakeNothing)
 {
     mkdir(dir.at("sub").c_str(), 0755);
     dir.put("sub/abcd.lock");
-    EXPECT_EQ(lid_lock("sub/abcd"), -1);
-    lid_unlock("sub/abcd");
+    EXPECT_EQ(lid_lock("sub/abcd", &taken), -1);
+    lid_unlock("sub/abcd", taken);
     EXPECT_TRUE(dir.has("sub/abcd.lock"));
     EXPECT_TRUE(log.has("lid_lock: invalid lock path (n=")) << log.text();
     EXPECT_TRUE(log.has("lid_unlock: invalid lock path (n=")) << log.text();
 
     cut_text(g_cfg.udp_cha.lkdir, sizeof(g_cfg.udp_cha.lkdir), dir.at("none"));
-    EXPECT_EQ(lid_lock("job-1"), -1);
+    EXPECT_EQ(lid_lock("job-1", &taken), -1);
     EXPECT_TRUE(log.has("lid_lock: open(" + dir.at("none/job-1.lock") + ",...) ERROR(2): "));
 }
 
