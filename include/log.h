@@ -79,7 +79,7 @@ struct log_ctx {
         int option;
         int facility;
     } syslg;
-    pid_t pipe_pid; /* process behind a pipe log, 0 = none */
+    pid_t pipe_pid;         /* process behind a pipe log, 0 = none */
     bool is_stalled;        /* nobody takes what is written to fp: lines are dropped until somebody does */
     bool is_mirror_stalled; /* the same for mirror_fp */
 };

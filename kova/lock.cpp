@@ -93,7 +93,9 @@ void lid_unlock(const char* lid, const timespec& taken) noexcept
         return;
     struct stat st {
     };
-    if (stat(path.data(), &st) == 0 && (st.st_mtim.tv_sec != taken.tv_sec || st.st_mtim.tv_nsec != taken.tv_nsec)) {
+    const bool is_known = taken.tv_sec != 0; /* else its file could not be looked at when it was made */
+    if (is_known && stat(path.data(), &st) == 0 &&
+        (st.st_mtim.tv_sec != taken.tv_sec || st.st_mtim.tv_nsec != taken.tv_nsec)) {
         LOG_INFO("%s: [%s] has been taken over by another order\n", __func__, lid);
         return;
     }

@@ -180,10 +180,10 @@ def reap_all():
 
 class Agent:
     """The program, in a terminal run unless daemon is set. settings are lines of the kova group, log, web and runtime of
-    the groups of these names, options more arguments."""
+    the groups of these names, options more arguments, wrapper a command in front."""
 
     def __init__(self, root, settings="", log="", web="", runtime="", options=(), env=None, preexec=None, tmpfs_kib=None,
-                 daemon=False):
+                 daemon=False, wrapper=()):
         self.root = root
         self.data = f"{root}/d"
         self.log_path = f"{root}/log"
@@ -206,7 +206,7 @@ class Agent:
         self.errors = open(f"{root}/stderr", "wb")
         self.is_daemon = daemon
         self.pidfile = "".join(re.findall(r'pidfile = "([^"]*)"', runtime))
-        self.launch = {"args": [KOV, "-C", f"{root}/kov.conf", *([] if daemon else ["-T", "-q"]), *options],
+        self.launch = {"args": [*wrapper, KOV, "-C", f"{root}/kov.conf", *([] if daemon else ["-T", "-q"]), *options],
                        "stderr": self.errors, "env": {**os.environ, **(env or {})}, "preexec_fn": preexec}
         self.run()
 
