@@ -60,6 +60,14 @@ extern "C" void* realloc(void* p, size_t size)
     return fails(__builtin_return_address(0)) ? nullptr : __libc_realloc(p, size);
 }
 
+/* Else its allocation would seem to be the C library's. */
+extern "C" char* strdup(const char* text)
+{
+    const size_t size = strlen(text) + 1;
+    void* copy = fails(__builtin_return_address(0)) ? nullptr : __libc_malloc(size);
+    return copy ? static_cast<char*>(memcpy(copy, text, size)) : nullptr;
+}
+
 extern "C" void config_init(void* config)
 {
     const auto next = reinterpret_cast<void (*)(void*)>(dlsym(RTLD_NEXT, "config_init"));
