@@ -221,6 +221,27 @@ int check_script_exists(const char* sha1) noexcept
     return rc;
 }
 
+/* An array of more elements than any script has use for: its announcement alone would reserve memory for all of them. */
+constexpr size_t MAX_ARRAY = 4096;
+
+static redisReplyObjectFunctions g_library_fns;
+static redisReplyObjectFunctions g_bounded_fns;
+
+/* The count's type differs between the library's versions. */
+template <class Count>
+static void* create_bounded_array(const redisReadTask* task, Count elements) noexcept
+{
+    return static_cast<size_t>(elements) <= MAX_ARRAY ? g_library_fns.createArray(task, elements) : nullptr;
+}
+
+static void bound_arrays(redisReader* reader) noexcept
+{
+    g_library_fns = *reader->fn;
+    g_bounded_fns = g_library_fns;
+    g_bounded_fns.createArray = create_bounded_array;
+    reader->fn = &g_bounded_fns;
+}
+
 static int open_connection(const char* host, int port, timeval tmout) noexcept
 {
     {
@@ -236,6 +257,7 @@ static int open_connection(const char* host, int port, timeval tmout) noexcept
         return -1;
     }
     (void)fcntl(g_ctx.redis->fd, F_SETFD, FD_CLOEXEC);
+    bound_arrays(g_ctx.redis->reader);
     LOG_INFO("%s: connected to %s:%d\n", "lbdb_connect", host, port);
     return 0;
 }

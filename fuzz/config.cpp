@@ -1,6 +1,7 @@
 /* A configuration file, loaded and dumped in a child process, since the parser library may end its process by itself. */
 #include "fuzz.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <sys/mman.h>
@@ -76,7 +77,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (pid == 0)
         load(fd);
     int status = 0;
-    MUST(waitpid(pid, &status, 0) == pid);
+    pid_t rc = 0;
+    while ((rc = waitpid(pid, &status, 0)) < 0 && errno == EINTR) { /* the fuzzer's alarm clock */
+    }
+    MUST(rc == pid);
     close(fd);
     if (g_counters_len > 0)
         memcpy(g_counters, g_counted, g_counters_len);

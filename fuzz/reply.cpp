@@ -40,6 +40,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         fclose(fp);
         return name;
     }();
+    static const struct cleaner {
+        ~cleaner()
+        {
+            unlink((dir + "/add_url.sha1").c_str());
+            rmdir(dir.c_str());
+        }
+    } clean;
     /* A quarter of the socket's buffer: more would block the sender. */
     g_bytes = {reinterpret_cast<const char*>(data), std::min<size_t>(size, 50000)};
     MUST(lbdb_init(dir.c_str(), LBQ_FL_ADD, 0) == 0);

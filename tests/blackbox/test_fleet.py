@@ -77,7 +77,7 @@ class Fleet(KovTest):
 
     def test_three_agents_share_a_thousand_orders(self):
         count = 200 if QUICK else 1000
-        origin = SlowOrigin(1.0)
+        origin = SlowOrigin(3.0)  # longer than any agent takes to hear of an order
         self.addCleanup(origin.close)
         agents = [self.start(self.channel(f"udp://{GROUP}") + self.db.settings(f"http://agent{n}"), options=("-L", "norm"))
                   for n in range(3)]
@@ -97,13 +97,13 @@ class Fleet(KovTest):
                 victim.proc.wait()
                 victim.run()
                 victim.wait_ready()
-        wait_for(lambda: sum(origin.asked.values()) >= count, "every order's fetch", 20)
-        time.sleep(1.0)
-        wait_for(lambda: all(f.endswith("-Kova") is False for f in agents[0].files()), "the unhurt agent's last file", 20)
-        wait_for(lambda: self.stored(agents) + len(os.listdir(self.locks)) == count, "stored files and orders cut down", 20)
+        # An agent may have been killed between its lock and its request.
+        wait_for(lambda: len({int(path[2:]) for path in origin.asked} | self.held()) == count, "every order's fetch", 30)
+        self.settle(agents)
+        self.assertGreaterEqual(self.stored(agents) + len(self.held()), count)
 
         once = [path for path, n in origin.asked.items() if n == 1]
-        held = {int(name[4:8]) for name in os.listdir(self.locks)}
+        held = self.held()
         final, unfinished = {}, set()
         for n, agent in enumerate(agents):
             for name in agent.files():
@@ -112,19 +112,19 @@ class Fleet(KovTest):
                     unfinished.add(i)
                 else:
                     final.setdefault(i, []).append(n)
-        self.assertEqual(len(once), count)  # no file was fetched twice
-        self.assertEqual(len(origin.asked), count)
+        self.assertEqual(len(once), len(origin.asked))  # no file was fetched twice
         self.assertTrue(all(len(owners) == 1 for owners in final.values()))
-        self.assertEqual(held - set(final), unfinished)  # a lock is left by an order that was cut down, and by no other
-        self.assertEqual(set(final) | held, set(range(count)))
+        cut = held - set(final)
+        self.assertLessEqual(unfinished, cut)  # a lock is left by an order that was cut down, and by no other
+        self.assertEqual(set(final) | cut, set(range(count)))
         self.assertLessEqual(len(held & set(final)), 2)  # killed between rename and release
         self.assertGreater(len(unfinished), 0)
         self.check_stored({i: o for i, o in final.items() if i not in held}, agents, origin)
-        for i in unfinished:
+        for i in cut:
             self.assertEqual(self.db.urls(f"f/{i}"), {}, i)
         print(f"\nfleet: {count} datagrams, {len(final)} files by agents "
               f"{[sum(o == [n] for o in final.values()) for n in range(3)]}, {len(once)} sources fetched once, "
-              f"{len(unfinished)} orders cut down by two kills, {len(held)} locks left", flush=True)
+              f"{len(cut)} orders cut down by two kills, {len(held)} locks left", flush=True)
 
         # Half a minute later the same orders are taken over. Two agents that find a stale lock in the same instant may both
         # take it: then both have the file, and both are registered.
@@ -134,19 +134,26 @@ class Fleet(KovTest):
         for agent in agents:
             for name in agent.files():
                 os.utime(agent.path(name), (past, past))
-        for i in unfinished:
+        for i in cut:
             order(i)
             time.sleep(0.004)
         wait_for(lambda: self.stored(agents) == count and len(os.listdir(self.locks)) <= len(held & set(final)),
                  "the orders that were cut down", 20)
-        for agent in agents:
-            wait_for(lambda agent=agent: agent.log().count("TASK-START") == agent.log().count("TASK-END"), "the tasks' ends")
-        self.check_stored({i: [n for n, a in enumerate(agents) if os.path.exists(a.path(f"f/{i}"))] for i in unfinished},
+        self.settle(agents)
+        self.check_stored({i: [n for n, a in enumerate(agents) if os.path.exists(a.path(f"f/{i}"))] for i in cut},
                           agents, origin)
         for agent in agents:
             for name in agent.files():  # those that another agent took over
                 if name.endswith("-Kova"):
                     os.remove(agent.path(name))
+
+    def held(self):
+        return {int(name[4:8]) for name in os.listdir(self.locks)}
+
+    @staticmethod
+    def settle(agents):
+        for agent in agents:
+            wait_for(lambda a=agent: (text := a.log()).count("TASK-START") == text.count("TASK-END"), "the tasks' ends", 30)
 
     @staticmethod
     def stored(agents):

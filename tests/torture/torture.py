@@ -253,7 +253,10 @@ def points(scenario):
     before, total, base_fds = road(scenario)
     found = []
     for call, errors in ERRORS.items():
-        for n in range(before[call] + 1, total[call] + 2):
+        numbers = range(before[call] + 1, total[call] + 2)
+        if len(numbers) > 100:  # the same turn of the loop, over and over
+            numbers = [*numbers[:10], *numbers[-30:]]
+        for n in numbers:
             for error in errors.split():
                 found.append((f"{call} {n} {error}", call, ["strace", "-D", "-qq", "-o", "/dev/null", "-e", f"trace={call}",
                                                             "-e", f"inject={call}:error={error}:when={n}"], {}))
