@@ -14,7 +14,8 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 int pprm_task(dw_task* task) noexcept
 {
-    if (xvlst_find(&g_ctx.pprm_tasks, task, is_ptr_match, nullptr)) {
+    /* Only a quitting task can be listed: the search is no part of the ordinary road. */
+    if (task->is_quitting && xvlst_find(&g_ctx.pprm_tasks, task, is_ptr_match, nullptr)) {
         LOG_WARN("%s: task [%s] (%p) is already listed, skipping\n", __func__, task->trk_tag.sym8,
                  static_cast<void*>(task));
         return 0;

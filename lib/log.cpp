@@ -11,12 +11,14 @@
 #include <array>
 #include <assert.h>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <execinfo.h>
 #include <poll.h>
+#include <string_view>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
@@ -260,21 +262,54 @@ static size_t line_room() noexcept
     return LOG_BUF_CAP - g_line.len;
 }
 
-/* Appends the text of one field; with two_blanks the field's own blank is followed by another one. */
-[[gnu::format(printf, 3, 4)]] static bool put_field(const char* what, bool two_blanks, const char* format, ...) noexcept
+/* Appends the text of one field, its own blank and, with two_blanks, another one. */
+static bool put_field(const char* what, bool two_blanks, std::string_view text) noexcept
 {
-    va_list ap;
-    va_start(ap, format);
-    const int n = vsnprintf(line_end(), line_room(), format, ap);
-    va_end(ap);
-    if (n < 1 || static_cast<size_t>(n) + 1 >= line_room()) {
-        fprintf(stderr, "%s: %s buffer error (n=%d)", "logbuf_prepare", what, n);
+    if (text.size() + 3 > line_room()) {
+        fprintf(stderr, "%s: %s buffer error (n=%d)", "logbuf_prepare", what, static_cast<int>(text.size()));
         return false;
     }
-    g_line.len += static_cast<size_t>(n);
+    memcpy(line_end(), text.data(), text.size());
+    g_line.len += text.size();
+    g_line.text[g_line.len++] = ' ';
     if (two_blanks)
         g_line.text[g_line.len++] = ' ';
     g_line.text[g_line.len] = '\0';
+    return true;
+}
+
+/* The last time text. Within a second of the same format only the six digits of the microseconds change. */
+static struct {
+    char text[TIME_CAP];
+    size_t len;
+    size_t usec_at; /* position of the microseconds, 0 = none */
+    uint32_t format;
+    time_t sec;
+} g_time;
+
+static bool patch_time(const timespec& now, uint32_t format) noexcept
+{
+    if (g_time.usec_at == 0 || g_time.format != format || g_time.sec != now.tv_sec)
+        return false;
+    long usec = now.tv_nsec / 1000;
+    for (size_t i = 6; i > 0; --i, usec /= 10)
+        g_time.text[g_time.usec_at + i - 1] = static_cast<char>('0' + usec % 10);
+    return true;
+}
+
+static bool make_time(const timespec& now, uint32_t format) noexcept
+{
+    g_time.usec_at = 0;
+    const int n = mk_timestr(&now, format, g_time.text, TIME_CAP);
+    if (n < 1 || n >= static_cast<int>(TIME_CAP)) {
+        fprintf(stderr, "%s: time buffer error (n=%d)\n", "logbuf_prepare", n);
+        return false;
+    }
+    g_time.len = static_cast<size_t>(n);
+    g_time.format = format;
+    g_time.sec = now.tv_sec;
+    const char* dot = strchr(g_time.text, '.');
+    g_time.usec_at = dot && !(format & f_FMT_SECONDS) ? static_cast<size_t>(dot + 1 - g_time.text) : 0;
     return true;
 }
 
@@ -292,24 +327,23 @@ static bool put_time(uint32_t format) noexcept
         perror("clock_gettime");
         return false;
     }
-    const int n = mk_timestr(&now, format, line_end(), TIME_CAP);
-    if (n < 1 || n >= static_cast<int>(TIME_CAP)) {
-        fprintf(stderr, "%s: time buffer error (n=%d)\n", "logbuf_prepare", n);
-        return false;
-    }
-    g_line.len += static_cast<size_t>(n);
-    g_line.text[g_line.len++] = ' ';
-    g_line.text[g_line.len] = '\0';
-    return true;
+    return (patch_time(now, format) || make_time(now, format)) && put_field("time", false, {g_time.text, g_time.len});
+}
+
+static bool put_pid(pid_t pid) noexcept
+{
+    std::array<char, 24> text{};
+    const auto end = std::to_chars(text.data(), text.data() + text.size(), static_cast<unsigned long>(pid)).ptr;
+    return put_field("pid", true, {text.data(), static_cast<size_t>(end - text.data())});
 }
 
 static bool put_head(log_ctx* log, int level) noexcept
 {
     if (!put_time(log->time_format))
         return false;
-    if (log->pid >= 1 && !put_field("pid", true, "%lu ", static_cast<unsigned long>(log->pid)))
+    if (log->pid >= 1 && !put_pid(log->pid))
         return false;
-    if (level >= MIN_level + 1 && !put_field("level", true, "%s ", get_level_tag(level)))
+    if (level >= MIN_level + 1 && !put_field("level", true, get_level_tag(level)))
         return false;
     if (log->group.num64 == 0)
         return true;
@@ -317,7 +351,7 @@ static bool put_head(log_ctx* log, int level) noexcept
         log->group.num64 = 0; /* the assertion's own record has a group, too */
         ASSERT_AS(false, "0 == log->group.sym8[sizeof(log->group.sym8)-1]");
     }
-    return put_field("group", true, "%s ", log->group.sym8);
+    return put_field("group", true, log->group.sym8);
 }
 
 int logbuf_prepare(log_ctx* log, int level, const char* format, ...) noexcept
