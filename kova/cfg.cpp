@@ -21,6 +21,16 @@ constexpr int WEB_RQ_TMOUT_MS = 1000;
 
 kova_cfg g_cfg{};
 
+static const char* const CONFIG_PLACES[] = {
+    "./kov.conf",      "/etc/kov.conf",      "/usr/local/etc/kov.conf",
+    "./marlinet.conf", "/etc/marlinet.conf", "/usr/local/etc/marlinet.conf",
+};
+
+const char* default_config_path() noexcept
+{
+    return pick_first_file(CONFIG_PLACES);
+}
+
 void init_kova_config(kova_cfg* cfg) noexcept
 {
     *cfg = kova_cfg{};

@@ -37,6 +37,8 @@ struct kova_cfg {
 
 extern kova_cfg g_cfg; /* filled at start-up, read-only afterwards (the listeners' interface records excepted) */
 
+/* The first of the usual places where there is a file, or null. */
+[[nodiscard]] const char* default_config_path() noexcept;
 void init_kova_config(kova_cfg* cfg) noexcept;
 /* 0, or non-zero (said on standard error or logged). */
 [[nodiscard]] int load_kova_config(const char* path, kova_cfg* cfg, int reload) noexcept;

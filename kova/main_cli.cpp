@@ -29,11 +29,6 @@ static const option LONG_OPTS[] = {
     {"options", no_argument, nullptr, '?'},       {nullptr, 0, nullptr, 0},
 };
 
-static const char* const CONFIG_PLACES[] = {
-    "./kov.conf",      "/etc/kov.conf",      "/usr/local/etc/kov.conf",
-    "./marlinet.conf", "/etc/marlinet.conf", "/usr/local/etc/marlinet.conf",
-};
-
 void usage(int status) noexcept
 {
     fprintf(stderr, "%s\n", get_app_info(APP_NAME, nullptr));
@@ -65,7 +60,7 @@ void usage(int status) noexcept
 /* The options that count before the file is read. Returns the file's path, or null. */
 static const char* first_pass(int argc, char* argv[]) noexcept
 {
-    const char* path = pick_first_file(CONFIG_PLACES);
+    const char* path = default_config_path();
     for (int c = 0; (c = getopt_long(argc, argv, OPT_LETTERS, LONG_OPTS, nullptr)) != -1;) {
         switch (c) {
         case 'C':

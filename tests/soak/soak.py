@@ -25,7 +25,7 @@ PROVOKED = re.compile(
     r"non-HTTP or invalid src|parse_dw_get: URQ|malformed HTTP request|destination leaves|request failed|message prefix|"
     r"message length|missing URL part|id length|connection broken|connect.*ERROR\(111\)|ERROR\(111\)|error sending HTTP|"
     r"removing T\d+ due to error|expected HTTP 2xx|content length|parsed \d < 4|failed, rc=104|already there|rc=-?\d+$|"
-    r"HTTP \[.*\] is NOT supported|failed to get HTTP method|expected \[HTTP|is to be removed|timed out|on_read: |on_error|"
+    r"HTTP \[|failed to get HTTP method|expected \[HTTP|is to be removed|timed out|on_read: |on_error|"
     r"task already present|already exists|failed to parse URL|error\(\S+\) parsing|NOT SUPPORTED|invalid path size")
 
 

@@ -1,0 +1,282 @@
+/* Checks a configuration before an agent is restarted with it: loads it with the agent's own loader, prints the dump, then
+   says what the agent itself cannot say. */
+#include "cfg.h"
+#include "guard.h"
+#include "log.h"
+#include "meta.h"
+#include "schema.h"
+#include "strops.h"
+#include "util.h"
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <getopt.h>
+#include <string>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr int STATUS_REFUSED = 1;
+constexpr int STATUS_WARNINGS = 2;
+constexpr size_t PATH_ROOM = 126; /* data_dir/destination-Kova */
+constexpr size_t SMALL_ROOM = 64;
+constexpr size_t FDS_A_TASK = 3;
+constexpr size_t FDS_A_LISTENER = 1001; /* with its longest queue */
+constexpr size_t FDS_OF_ITS_OWN = 16;
+constexpr size_t SHA1_LEN = 40;
+
+int g_warnings = 0;
+
+[[gnu::format(printf, 1, 2)]] void warn(const char* format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    fputs("warning: ", stdout);
+    vprintf(format, ap);
+    fputs("\n", stdout);
+    va_end(ap);
+    ++g_warnings;
+}
+
+/* ---- the file's text ---- */
+
+unsigned type_of(const config_setting_t* s)
+{
+    switch (config_setting_type(s)) {
+    case CONFIG_TYPE_INT:
+    case CONFIG_TYPE_INT64:
+        return V_INT;
+    case CONFIG_TYPE_BOOL:
+        return V_BOOL;
+    case CONFIG_TYPE_STRING:
+        return V_STRING;
+    case CONFIG_TYPE_GROUP:
+        return V_GROUP;
+    case CONFIG_TYPE_LIST:
+        return V_LIST;
+    default:
+        return 0;
+    }
+}
+
+std::string type_names(unsigned types)
+{
+    static const struct {
+        unsigned type;
+        const char* name;
+    } NAMES[] = {
+        {V_INT, "a number"}, {V_BOOL, "true or false"}, {V_STRING, "a text"}, {V_GROUP, "a group"}, {V_LIST, "a list"}};
+    std::string text;
+    for (const auto& n : NAMES) {
+        if (types & n.type)
+            text += (text.empty() ? "" : " or ") + std::string(n.name);
+    }
+    return text;
+}
+
+void check_keys(const config_setting_t* group, std::span<const key_rule> rules);
+
+void check_value(const config_setting_t* s, const key_rule& rule)
+{
+    const unsigned type = type_of(s);
+    if (!(type & rule.types)) {
+        warn("line %u: %s is not %s, and has no effect", config_setting_source_line(s), config_setting_name(s),
+             type_names(rule.types).c_str());
+        return;
+    }
+    if (type == V_GROUP) {
+        check_keys(s, rule.keys);
+        return;
+    }
+    if (type != V_LIST)
+        return;
+    const int n = config_setting_length(s);
+    for (int i = 0; i < n; ++i) {
+        const config_setting_t* elem = config_setting_get_elem(s, static_cast<unsigned>(i));
+        if (i >= static_cast<int>(MAX_LISTENERS))
+            warn("line %u: listener %d is ignored: there are four at most", config_setting_source_line(elem), i + 1);
+        else if (config_setting_is_group(elem))
+            check_keys(elem, rule.keys);
+    }
+}
+
+void check_keys(const config_setting_t* group, std::span<const key_rule> rules)
+{
+    const int n = config_setting_length(group);
+    for (int i = 0; i < n; ++i) {
+        const config_setting_t* s = config_setting_get_elem(group, static_cast<unsigned>(i));
+        const char* name = config_setting_name(s);
+        const key_rule* found = nullptr;
+        for (const key_rule& rule : rules) {
+            if (rule.name == name)
+                found = &rule;
+        }
+        if (found)
+            check_value(s, *found);
+        else
+            warn("line %u: unknown key %s", config_setting_source_line(s), name);
+    }
+}
+
+/* A listener that is given a path and a port listens on the path only. */
+void check_listener(const config_setting_t* s)
+{
+    if (config_setting_get_member(s, "domain_path") &&
+        (config_setting_get_member(s, "port") || config_setting_get_member(s, "ifc")))
+        warn("line %u: ifc and port are ignored beside domain_path", config_setting_source_line(s));
+    const char* protocol = nullptr;
+    if (config_setting_lookup_string(s, "protocol", &protocol) == CONFIG_TRUE && ci_equal(protocol, "udp"))
+        warn("line %u: a web listener over udp accepts nobody", config_setting_source_line(s));
+}
+
+void check_text(const char* path)
+{
+    config_t file;
+    config_init(&file);
+    const scope_guard destroy([&file] { config_destroy(&file); });
+    if (config_read_file(&file, path) != CONFIG_TRUE)
+        return; /* the loader has said so */
+    check_keys(config_root_setting(&file), FILE_KEYS);
+    const config_setting_t* web = config_lookup(&file, "kova.web_input.web");
+    if (web && config_setting_is_group(web)) {
+        check_listener(web);
+    } else if (web && config_setting_is_list(web)) {
+        for (int i = 0; i < config_setting_length(web); ++i)
+            check_listener(config_setting_get_elem(web, static_cast<unsigned>(i)));
+    }
+}
+
+/* ---- what it means on this machine ---- */
+
+void check_descriptors(const kova_cfg& cfg)
+{
+    size_t need = cfg.max_tasks * FDS_A_TASK + FDS_OF_ITS_OWN;
+    for (const rui_listener_cfg& l : cfg.rui.user)
+        need += l.is_valid ? FDS_A_LISTENER : 0;
+    rlimit lim{};
+    if (getrlimit(RLIMIT_NOFILE, &lim) != 0)
+        return;
+    printf("descriptors: up to %zu (3 a download, 1 a waiting client), hard limit here %lu\n", need,
+           static_cast<unsigned long>(lim.rlim_max));
+    if (need > lim.rlim_max)
+        warn("max_tasks and full queues want %zu descriptors, the hard limit is %lu", need,
+             static_cast<unsigned long>(lim.rlim_max));
+}
+
+bool is_writable_dir(const char* path)
+{
+    struct stat st {
+    };
+    return stat(path, &st) == 0 && S_ISDIR(st.st_mode) && access(path, W_OK | X_OK) == 0;
+}
+
+void check_data_dir(const kova_cfg& cfg)
+{
+    if (!is_writable_dir(cfg.data_dir))
+        warn("data_dir %s cannot be written to by this user", cfg.data_dir);
+    const size_t used = strlen(cfg.data_dir) + 1 + strlen("-Kova");
+    const size_t room = used < PATH_ROOM ? PATH_ROOM - used : 0;
+    printf("destinations: up to %zu characters below %s\n", room, cfg.data_dir);
+    if (room < SMALL_ROOM)
+        warn("data_dir leaves %zu characters for a destination", room);
+}
+
+void check_channel(const kova_cfg& cfg)
+{
+    if (!cfg.udp_cha.url[0])
+        return;
+    if (!strchr(cfg.udp_cha.url, '@'))
+        warn("anybody who reaches %s can stop the agent with one datagram; name the sender: udp://SENDER@GROUP:PORT",
+             cfg.udp_cha.url);
+    if (!cfg.udp_cha.must_lock)
+        return;
+    const std::string_view dir = cfg.udp_cha.lkdir;
+    for (const std::string_view temporary : {"/tmp", "/var/tmp", "/dev/shm"}) {
+        if (dir == temporary || (dir.starts_with(temporary) && dir[temporary.size()] == '/'))
+            warn("lock_dir %s is a temporary place: others can hold or clear locks there", cfg.udp_cha.lkdir);
+    }
+    if (!is_writable_dir(cfg.udp_cha.lkdir))
+        warn("lock_dir %s cannot be written to by this user: orders go on without their locks", cfg.udp_cha.lkdir);
+}
+
+void check_digests(const kova_cfg& cfg)
+{
+    if (cfg.lbdb.port <= 0)
+        return;
+    const std::string path = std::string(cfg.lbdb.sha1_path) + "/add_url.sha1";
+    const std::unique_ptr<FILE, releaser<fclose>> fp(fopen(path.c_str(), "re"));
+    std::array<char, 128> line{};
+    if (!fp || !fgets(line.data(), line.size(), fp.get())) {
+        warn("%s cannot be read: the agent will not start (load-scripts writes it)", path.c_str());
+        return;
+    }
+    const std::string_view digest(line.data(), strcspn(line.data(), "\r\n"));
+    if (digest.size() != SHA1_LEN || digest.find_first_not_of("0123456789abcdefABCDEF") != std::string_view::npos)
+        warn("%s does not hold a SHA1 digest: the agent will not start", path.c_str());
+}
+
+void check_daemon(const kova_cfg& cfg)
+{
+    if (cfg.rt.non_daemon)
+        return;
+    if (!cfg.log.path[0])
+        warn("a daemon needs log.file; without it only -T starts");
+    if (!cfg.rt.pidfile[0])
+        warn("a daemon needs runtime.pidfile; without it only -T starts");
+}
+
+int usage(FILE* out, int status)
+{
+    fputs(
+        "usage: kov-checkconf [--strict] [FILE]\n\n"
+        "Loads FILE (else the file that kov would find) as kov does, prints what it means, and warns of what is legal\n"
+        "but hardly meant. Nothing is started, nothing is written.\n\n"
+        "  -s, --strict   warnings give status 2\n"
+        "  -h, --help     this text\n\n"
+        "Status: 0 accepted, 1 refused, 2 accepted with warnings (only with --strict).\n",
+        out);
+    return status;
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    static const option OPTIONS[] = {
+        {"strict", no_argument, nullptr, 's'}, {"help", no_argument, nullptr, 'h'}, {nullptr, 0, nullptr, 0}};
+    bool is_strict = false;
+    for (int c = 0; (c = getopt_long(argc, argv, "sh", OPTIONS, nullptr)) != -1;) {
+        if (c == 'h')
+            return usage(stdout, 0);
+        if (c != 's')
+            return usage(stderr, STATUS_REFUSED);
+        is_strict = true;
+    }
+    const char* path = optind < argc ? argv[optind] : default_config_path();
+    if (!path || argc - optind > 1)
+        return usage(stderr, STATUS_REFUSED);
+
+    glog_init("kov-checkconf");
+    log_set_modules(g_log, WARN_level);
+    init_kova_config(&g_cfg);
+    const scope_guard free_cfg([] { free_kova_config(&g_cfg); });
+    if (load_kova_config(path, &g_cfg, 0) != 0 || validate_config(&g_cfg) != 0) {
+        printf("%s: refused\n", path);
+        return STATUS_REFUSED;
+    }
+    dump_kova_config(stdout, &g_cfg);
+    check_text(path);
+    check_descriptors(g_cfg);
+    check_data_dir(g_cfg);
+    check_channel(g_cfg);
+    check_digests(g_cfg);
+    check_daemon(g_cfg);
+    printf("%s: accepted, %d warning%s\n", path, g_warnings, g_warnings == 1 ? "" : "s");
+    return is_strict && g_warnings > 0 ? STATUS_WARNINGS : 0;
+}
