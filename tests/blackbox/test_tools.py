@@ -1,0 +1,157 @@
+"""The companion programs against a real agent, and the shipped examples."""
+
+import glob
+import os
+import re
+import subprocess
+import time
+import unittest
+
+from kov import KOV, KovTest, free_port, wait_for
+
+BIN = os.path.dirname(KOV)
+EXAMPLES = os.path.join(os.path.dirname(__file__), "../../packaging/examples")
+
+
+def run(name, *args, env=None):
+    done = subprocess.run([f"{BIN}/{name}", *args], capture_output=True, text=True, timeout=60, check=False,
+                          env={**os.environ, **(env or {})})
+    return done.returncode, done.stdout, done.stderr
+
+
+class Checkconf(KovTest):
+    def check(self, text, *args):
+        path = f"{self.root}/c.conf"
+        with open(path, "w", encoding="utf-8") as f:
+            f.write(text)
+        return run("kov-checkconf", *args, path)
+
+    def test_examples_are_accepted_by_the_checker_and_by_the_agent(self):
+        for example in glob.glob(f"{EXAMPLES}/*.conf"):
+            with open(example, encoding="utf-8") as f:
+                text = f.read()
+            port = free_port()
+            for old, new in (("@DIR@/data", self.root), ("@DIR@", self.root), ("@PORT@", str(port)), ("@REDIS@", "1"),
+                             ('"/srv/kov"', f'"{self.root}"'), ("port = 8020", f"port = {port}")):
+                text = text.replace(old, new)
+            status, out, err = self.check(text)
+            self.assertEqual(status, 0, out + err)
+            self.assertNotRegex(out, "unknown key|has no effect|is ignored")
+            if "@REDIS@" in open(example, encoding="utf-8").read() or "lbdb = {\n        host" in text:
+                continue  # does not start without its database
+            with open(f"{self.root}/c.conf", "w", encoding="utf-8") as f:
+                f.write(text.replace("/var/log/kov.log", f"{self.root}/log"))
+            with subprocess.Popen([KOV, "-C", f"{self.root}/c.conf", "-T", "-q"]) as proc:
+                wait_for(lambda: os.path.exists(f"{self.root}/log") and "STARTING" in open(f"{self.root}/log").read(), "start")
+                proc.terminate()
+                self.assertEqual(proc.wait(10), 0)
+
+    def test_warnings_and_refusals(self):
+        digests = f"{self.root}/sha1"
+        os.makedirs(digests)
+        with open(f"{digests}/add_url.sha1", "w", encoding="ascii") as f:
+            f.write("x" * 40)
+        text = (f'kova = {{ log = {{ levle = "info"; }};\nruntime = {{ quiet = 1; }};\n'
+                'web_input = { web = ( { port = 1; }, { port = 2; protocol = "udp"; }, { domain_path = "/x"; port = 3; },\n'
+                '{ port = 4; }, { port = 5; } ); };\nudp_input = { url = "239.1.1.1:5000"; };\n'
+                f'lbdb = {{ host = "h"; port = 1; sha1_dir = "{digests}"; }}; local_url_prefix = "http://h";\n'
+                'max_tasks = 9000000; }; other = 1;')
+        status, out, _ = self.check(text)
+        self.assertEqual(status, 0)
+        for line in ("line 1: unknown key levle", "line 2: quiet is not true or false, and has no effect",
+                     "line 4: listener 5 is ignored: there are four at most", "a web listener over udp accepts nobody",
+                     "ifc and port are ignored beside domain_path", "unknown key other", "the hard limit is ",
+                     "lock_dir /tmp is a temporary place", "can stop the agent with one datagram", "does not hold a SHA1 digest",
+                     "a daemon needs log.file", "a daemon needs runtime.pidfile"):
+            self.assertIn(line, out)
+        self.assertIn("Load-balancer DB: h:1\n", out)
+        self.assertEqual(self.check(text, "--strict")[0], 2)
+        good = f'kova = {{ log = {{ }}; runtime = {{ non_daemon = true; }}; web_input = {{ web = {{ port = 1; }}; }}; data_dir = "{self.root}"; max_tasks = 10; }};'
+        self.assertEqual(self.check(good, "--strict")[0], 0)
+        self.assertEqual(self.check("kova = {", "--strict")[0], 1)
+        os.makedirs(deep := f"{self.root}/" + "d" * 80)
+        self.assertRegex(self.check(good.replace(self.root, deep))[1], r"data_dir leaves \d+ characters")
+        self.assertEqual(run("kov-checkconf", "--nonsense")[0], 1)
+        self.assertEqual(run("kov-checkconf", "--help")[0], 0)
+
+
+class Ctl(KovTest):
+    def setUp(self):
+        super().setUp()
+        self.udp_port = free_port()
+        self.agent = self.start(f'udp_input = {{ url = "127.0.0.1:{self.udp_port}"; lock_dir = "{self.root}"; }};'
+                                'local_url_prefix = "http://me.example"; max_mmap_mb = 0;')
+
+    def ctl(self, *args):
+        return run("kovctl", "-C", f"{self.agent.root}/kov.conf", *args)
+
+    def test_orders(self):
+        self.assertEqual(self.ctl("ping")[:2], (0, f"127.0.0.1:{self.agent.port}: alive\n"))
+        source = self.origin.body("/a b%.ts", b"x" * 3000)
+        self.origin.paths["/a"] = self.origin.paths["/a b%.ts"]
+        status, out, _ = self.ctl("--wait", "--expiry", "77", "get", self.origin.url("/a"), "v/a b%.ts")
+        self.assertEqual((status, out), (0, f"200 started\nstored: {self.agent.path('v/a b%.ts')}, 3000 bytes\n"))
+        self.assertIn("expiry=77", self.agent.log())
+        self.assertTrue(source)
+        for args, code, words in (((self.origin.url("/a"), "v/a b%.ts"), 403, "there already"), (("ftp://h/a", "x"), 400, "not http://"),
+                                  (("http://h/" + "x" * 130, "x"), 400, "more than 127 characters")):
+            status, out, _ = self.ctl("get", *args)
+            self.assertEqual(status, 1)
+            self.assertRegex(out, f"^{code} refused: .*{words}")
+        cut = self.origin.raw("/cut", b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc", lambda conn: time.sleep(1.5))
+        status, out, _ = self.ctl("get", "--wait", cut, "cut")
+        self.assertEqual(status, 1)
+        self.assertIn("failed: ", out)
+        self.assertEqual(self.ctl("send", "job1", self.origin.url("/a"), "by-udp", "600")[0], 0)
+        self.assertEqual(self.agent.stored("by-udp"), b"x" * 3000)
+        for bad in (("job", "http://h/a", "x", "5"), ("job1", "http://h/a", "x", ""), ("job1", "http://h/" + "a" * 120, "x", "5"),
+                    ("a/bc", "http://h/a", "x", "5")):
+            self.assertEqual(self.ctl("send", *bad)[0], 2)
+        self.assertEqual(self.ctl("register", "v/a b%.ts")[0], 0)
+        self.assertEqual(self.agent.log().count("TASK-START"), 4)  # nothing was fetched to register
+        self.assertEqual(run("kovctl", "-a", f"127.0.0.1:{free_port()}", "ping")[0], 3)
+        self.assertEqual(self.ctl("dance")[0], 2)
+        self.assertEqual(self.ctl("get", "one")[0], 2)
+
+    def test_what_it_holds_and_what_was_left_behind(self):
+        running = self.origin.raw("/r", b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc", self.origin.stall)
+        self.assertEqual(self.ctl("get", running, "running")[0], 0)
+        old = time.time() - 40
+        for name in ("running-Kova", "left-Kova"):
+            with open(self.agent.path(name), "ab") as f:
+                f.write(b"" if name.startswith("running") else b"left")
+            os.utime(self.agent.path(name), (old, old))
+        for name, age in (("old", old), ("new", time.time())):
+            with open(f"{self.root}/{name}.lock", "w", encoding="ascii"):
+                pass
+            os.utime(f"{self.root}/{name}.lock", (age, age))
+        with open(self.agent.path("sparse"), "wb") as f:
+            f.truncate(1 << 20)
+        with open(self.agent.path("whole"), "wb") as f:
+            f.write(b"whole")
+        status, out, _ = self.ctl("status", "--pid", str(self.agent.pid))
+        self.assertEqual(status, 0)
+        self.assertRegex(out, rf"agent: pid {self.agent.pid}\nlistener: lo:{self.agent.port}\nchannel: 127.0.0.1:{self.udp_port}\n"
+                         r"downloads: 1 of 4096\ndescriptors: \d+ of \d+\n")
+        self.assertRegex(out, rf"unfinished: {self.agent.path('left')}-Kova, 4 bytes, 4\d s since its last change\n")
+        status, out, _ = self.ctl("verify")
+        self.assertEqual((status, out), (1, f"{self.agent.path('sparse')}: has fewer blocks than its size\n"))
+        status, out, _ = self.ctl("sweep")
+        self.assertEqual(status, 1)
+        self.assertEqual(set(out.splitlines()), {f"{self.agent.path('left')}-Kova: unfinished, and no agent writes it",
+                                                 f"{self.root}/old.lock: a lock that has lapsed"})
+        self.assertTrue(os.path.exists(self.agent.path("left-Kova")))
+        self.assertEqual(self.ctl("sweep", "--delete")[0] + self.ctl("verify", "--delete")[0], 0)
+        self.assertEqual(self.agent.files(), ["running-Kova", "whole"])
+        self.assertEqual(sorted(n for n in os.listdir(self.root) if n.endswith(".lock")), ["new.lock"])
+        self.origin.released.set()
+        self.agent.wait_log("TASK-END")
+
+    def test_help_names_every_command(self):
+        status, out, _ = run("kovctl", "--help")
+        self.assertEqual(status, 0)
+        self.assertEqual(re.findall(r"(?m)^  (\w+) ", out), ["ping", "get", "send", "status", "verify", "sweep", "register"])
+
+
+if __name__ == "__main__":
+    unittest.main()
