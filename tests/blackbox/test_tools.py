@@ -40,7 +40,7 @@ class Checkconf(KovTest):
             if "@REDIS@" in open(example, encoding="utf-8").read() or "lbdb = {\n        host" in text:
                 continue  # does not start without its database
             with open(f"{self.root}/c.conf", "w", encoding="utf-8") as f:
-                f.write(text.replace("/var/log/kov.log", f"{self.root}/log"))
+                f.write(text.replace("/var/log/kov/kov.log", f"{self.root}/log"))
             with subprocess.Popen([KOV, "-C", f"{self.root}/c.conf", "-T", "-q"]) as proc:
                 wait_for(lambda: os.path.exists(f"{self.root}/log") and "STARTING" in open(f"{self.root}/log").read(), "start")
                 proc.terminate()
@@ -151,6 +151,37 @@ class Ctl(KovTest):
         status, out, _ = run("kovctl", "--help")
         self.assertEqual(status, 0)
         self.assertEqual(re.findall(r"(?m)^  (\w+) ", out), ["ping", "get", "send", "status", "verify", "sweep", "register"])
+
+
+class Installed(KovTest):
+    def test_install_start_order_remove(self):
+        tree = f"{self.root}/tree"
+        subprocess.run(["cmake", "--install", f"{BIN}/..", "--prefix", "/usr"], check=True, capture_output=True,
+                       env={**os.environ, "DESTDIR": tree})
+        with open(f"{tree}/etc/kov/kov.conf", encoding="utf-8") as f:
+            text = f.read()
+        port = free_port()
+        data = f"{tree}/srv/kov"
+        os.makedirs(data)
+        for old, new in (("/srv/kov", data), ("/var/log/kov/kov.log", f"{tree}/log"), ("port = 8020", f"port = {port}")):
+            self.assertIn(old, text)
+            text = text.replace(old, new)
+        with open(f"{tree}/etc/kov/kov.conf", "w", encoding="utf-8") as f:
+            f.write(text)
+        conf = f"{tree}/etc/kov/kov.conf"
+        self.assertEqual(subprocess.run([f"{tree}/usr/sbin/kov-checkconf", conf], capture_output=True, check=False).returncode, 0)
+        with subprocess.Popen([f"{tree}/usr/sbin/kov", "-C", conf, "-T", "-q"]) as proc:
+            ctl = [f"{tree}/usr/bin/kovctl", "-C", conf]
+            wait_for(lambda: subprocess.run([*ctl, "ping"], capture_output=True, check=False).returncode == 0, "the agent")
+            source = self.origin.body("/f", b"installed" * 1000)
+            self.assertEqual(subprocess.run([*ctl, "get", "--wait", source, "f"], capture_output=True, check=False).returncode, 0)
+            proc.terminate()
+            self.assertEqual(proc.wait(10), 0)
+        with open(f"{data}/f", "rb") as f:
+            self.assertEqual(f.read(), b"installed" * 1000)
+        for name in ("man/man8/kov.8", "man/man5/kov.conf.5", "man/man1/kovctl.1", "man/man8/kov-checkconf.8", "kov/load-scripts",
+                     "kov/redis/add_url.lua"):
+            self.assertTrue(os.path.exists(f"{tree}/usr/share/{name}"), name)
 
 
 if __name__ == "__main__":
