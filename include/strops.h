@@ -3,6 +3,7 @@
 
 #include <charconv>
 #include <cstddef>
+#include <initializer_list>
 #include <optional>
 #include <string_view>
 
@@ -11,6 +12,10 @@
 
 /* Copies as much of s as fits with its NUL: a wanted cut. Returns the number of characters copied. */
 size_t cut_text(char* dst, size_t cap, std::string_view s) noexcept;
+
+/* Writes the parts one after the other, with a NUL, into dst[cap]. Returns the length of them all; when that is not below
+   cap, dst holds nothing of use. */
+size_t join_text(char* dst, size_t cap, std::initializer_list<std::string_view> parts) noexcept;
 
 /* Comparisons without regard to ASCII case. */
 [[nodiscard]] bool ci_equal(std::string_view a, std::string_view b) noexcept;

@@ -28,6 +28,19 @@ size_t cut_text(char* dst, size_t cap, std::string_view s) noexcept
     return n;
 }
 
+size_t join_text(char* dst, size_t cap, std::initializer_list<std::string_view> parts) noexcept
+{
+    size_t len = 0;
+    for (const std::string_view part : parts) {
+        if (len + part.size() < cap)
+            memcpy(dst + len, part.data(), part.size());
+        len += part.size();
+    }
+    if (len < cap)
+        dst[len] = '\0';
+    return len;
+}
+
 bool ci_equal(std::string_view a, std::string_view b) noexcept
 {
     return a.size() == b.size() && ci_starts_with(a, b);

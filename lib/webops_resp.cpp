@@ -3,10 +3,12 @@
 
 #include "fdio.h"
 #include "log.h"
+#include "strops.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 
@@ -68,21 +70,21 @@ static void put_line(resp_text* t, const char* name, const char* value) noexcept
 {
     if (t->failed || !value || !*value)
         return;
-    std::array<char, FIELD_MAX> line{};
-    const int n = snprintf(line.data(), line.size(), "%s: %s\r\n", name, value);
-    if (n < 1 || static_cast<size_t>(n) >= line.size() || t->pos + static_cast<size_t>(n) >= t->cap) {
+    std::array<char, FIELD_MAX> line;
+    const size_t n = join_text(line.data(), line.size(), {name, ": ", value, "\r\n"});
+    if (n >= line.size() || t->pos + n >= t->cap) {
         t->failed = true;
         return;
     }
-    memcpy(t->buf + t->pos, line.data(), static_cast<size_t>(n) + 1);
-    t->pos += static_cast<size_t>(n);
+    memcpy(t->buf + t->pos, line.data(), n + 1);
+    t->pos += n;
 }
 
 static void put_fields(resp_text* t, const http_response* r) noexcept
 {
     std::array<char, 32> length{};
     if (r->content_length >= 0)
-        snprintf(length.data(), length.size(), "%lu", static_cast<unsigned long>(r->content_length));
+        std::to_chars(length.data(), length.data() + length.size() - 1, r->content_length);
     put_line(t, "Content-Type", r->content_type);
     put_line(t, "Content-Encoding", r->content_encoding);
     put_line(t, "Content-Length", length.data());
@@ -117,11 +119,13 @@ int mk_http_xt_resp(const http_response* resp, int version, char* buf, size_t ca
         return EINVAL;
     }
     resp_text t = {buf, cap, 0, false};
-    const int n = snprintf(buf, cap, "HTTP/%d.%d %d %s\r\nServer: %s\r\n", version / 10, version % 10, resp->code,
-                           resp->reason, resp->server ? resp->server : "");
-    if (n <= 0 || static_cast<size_t>(n) >= cap)
+    std::array<char, 16> code{};
+    std::to_chars(code.data(), code.data() + code.size() - 1, resp->code);
+    t.pos = join_text(buf, cap,
+                      {version == 10 ? "HTTP/1.0 " : "HTTP/1.1 ", code.data(), " ", resp->reason,
+                       "\r\nServer: ", resp->server ? resp->server : "", "\r\n"});
+    if (t.pos >= cap)
         return -1;
-    t.pos = static_cast<size_t>(n);
     put_fields(&t, resp);
     put_ok_suffix(&t, resp);
     if (cap - t.pos >= 3) {

@@ -45,11 +45,11 @@ static int mk_host_field(const http_request* rq, std::array<char, HOST_FIELD_MAX
 {
     const char* host = rq->host_addr && *rq->host_addr ? rq->host_addr : "localhost";
     const bool with_port = rq->host_port && *rq->host_port;
-    const int n = with_port ? snprintf(field->data(), field->size(), "%s:%s", host, rq->host_port)
-                            : snprintf(field->data(), field->size(), "%s", host);
-    if (n >= 0 && static_cast<size_t>(n) < field->size())
+    const size_t n =
+        join_text(field->data(), field->size(), {host, with_port ? ":" : "", with_port ? rq->host_port : ""});
+    if (n < field->size())
         return 0;
-    LOG_ERR("%s: host buffer is too small, %d bytes needed\n", "send_http_request", n);
+    LOG_ERR("%s: host buffer is too small, %d bytes needed\n", "send_http_request", static_cast<int>(n));
     return -1;
 }
 
@@ -59,22 +59,23 @@ int send_http_request(int fd, const http_request* rq) noexcept
         LOG_ERR("%s: only GET requests are currently supported.\n", __func__);
         return -1;
     }
-    std::array<char, HOST_FIELD_MAX> host{};
+    std::array<char, HOST_FIELD_MAX> host;
     if (mk_host_field(rq, &host) != 0)
         return -1;
-    std::array<char, REQUEST_MAX> text{};
-    const int len =
-        snprintf(text.data(), text.size(),
-                 "GET %s%s HTTP/%s\r\nHost: %s\r\nConnection: %s\r\nUser-Agent: %s\r\n"
-                 "Accept: text/html,video/*, application/*\r\nAccept-Language: en-US,en,ru\r\n"
-                 "Accept-Charset: ISO-8859-1,UTF-8\r\nCache-Control: no-cache\r\n\r\n",
-                 rq->request[0] == '/' ? "" : "/", rq->request, rq->flags & RQFLAG_HTTP10_GET ? "1.0" : "1.1",
-                 host.data(), rq->flags & RQFLAG_KEEPALIVE ? "keep-alive" : "close", rq->server);
-    if (len < 0 || static_cast<size_t>(len) >= text.size()) {
+    std::array<char, REQUEST_MAX> text;
+    const size_t size = join_text(text.data(), text.size(),
+                                  {"GET ", rq->request[0] == '/' ? "" : "/", rq->request, " HTTP/",
+                                   rq->flags & RQFLAG_HTTP10_GET ? "1.0" : "1.1", "\r\nHost: ", host.data(),
+                                   "\r\nConnection: ", rq->flags & RQFLAG_KEEPALIVE ? "keep-alive" : "close",
+                                   "\r\nUser-Agent: ", rq->server,
+                                   "\r\nAccept: text/html,video/*, application/*\r\nAccept-Language: en-US,en,ru\r\n"
+                                   "Accept-Charset: ISO-8859-1,UTF-8\r\nCache-Control: no-cache\r\n\r\n"});
+    const auto len = static_cast<int>(size);
+    if (size >= text.size()) {
         LOG_ERR("%s: buffer is too small, %d bytes required.\n", __func__, len);
         return -1;
     }
-    const ssize_t n = nwrite(fd, text.data(), static_cast<size_t>(len));
+    const ssize_t n = nwrite(fd, text.data(), size);
     if (n < 1) {
         LOG_ERR("%s: error sending HTTP request to fd=%d\n", __func__, fd);
         return -1;
