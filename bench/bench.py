@@ -63,6 +63,14 @@ def memory_kib(pids, field="RssAnon"):
     return total
 
 
+def proportional_kib(pids):
+    total = 0
+    for pid in pids:
+        with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as f:
+            total += int(re.search(r"Pss:\s+(\d+)", f.read()).group(1))
+    return total
+
+
 def nginx_conf(root, port, body, workers=1):
     temp = "".join(f"{kind}_temp_path {root}/tmp;" for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
     return (f"daemon off; pid {root}/nginx.pid; error_log {root}/nginx.err crit; worker_processes {workers}; user root;"
@@ -263,14 +271,16 @@ def slow(contender, count):
             contender.load(count, count, "slow")
             time.sleep(3)
         anonymous = memory_kib(contender.pids) - idle
+        proportional = proportional_kib(contender.pids)
         wait_until(lambda: contender.stored(count), 120, 0.05)
         cpu = cpu_seconds(contender.pids) - before
         after = memory_kib(contender.pids) - idle
+        peak = memory_kib(contender.pids, "VmHWM")
         if loader:
             loader.wait(60)
     finally:
         contender.stop()
-    return {"cpu_s": cpu, "kib_task": anonymous / count, "kib_after": after}
+    return {"cpu_s": cpu, "kib_task": anonymous / count, "kib_after": after, "pss_kib": proportional, "hwm_kib": peak}
 
 
 def crowd(contender, tasks, clients):
@@ -392,7 +402,8 @@ def main():
         if wanted("one by one"):
             results["one by one"] = interleaved("one by one", bare + kov + others[:1], repeat, lambda c: latency(c, 2000 // few))
         if wanted("slow"):
-            results["1,000 slow"] = interleaved("slow", bare + kov + others[:2], 1 if args.quick else min(3, repeat),
+            chosen = [bare[1], kov[1]] if args.quick else bare + kov + others[:2]
+            results["1,000 slow"] = interleaved("slow", chosen, 1 if args.quick else min(3, repeat),
                                                 lambda c: slow(c, 1000 // few))
         if wanted("crowd"):
             for tasks, clients in ((10, 0), (1000, 0), (4000, 0), (0, 1), (0, 900)):

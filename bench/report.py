@@ -10,7 +10,7 @@ import sys
 LABELS = {"orders_s": "orders/s", "cpu_us": "CPU µs an order", "cpu_gib": "CPU s a GiB", "core": "share of its core",
           "answer_us": "answer, p50 µs", "stored_us": "stored file, p50 µs", "cpu_s": "CPU s", "kib_task": "anonymous KiB a task",
           "kib_after": "anonymous KiB afterwards", "peak_kib": "anonymous KiB at the peak", "after_kib": "anonymous KiB afterwards",
-          "calls": "system calls an order"}
+          "pss_kib": "proportional KiB", "hwm_kib": "peak resident KiB", "calls": "system calls an order"}
 
 
 def number(value):
