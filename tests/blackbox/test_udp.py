@@ -58,8 +58,11 @@ class Channel(KovTest):
                 ("#!job1 http://a/src/x 5".ljust(32), "parse_msg: URL length is too small: 14/16 bytes\n"),
                 ("#!" + "x" * 40, "parse_msg: missing URL part\n"),
                 (f"#!abc http://h/src/{source}/dst/x 5", "parse_msg: id length (3) out of bounds: 4/31\n"),
+                (f"#!{'i' * 32} http://h/src/{source}/dst/x 5", "parse_msg: id length (32) out of bounds: 4/31\n"),
+                ("#!abcd http://a/23456789 5".ljust(32), "udl_accept: [abcd] request failed; url=[http://a/23456789], rc=-"),
                 (f"!#abcd http://h/src/{source}/dst/x 5", "udl_accept: invalid message prefix\n"),
                 ("x" * 31, "udl_accept: invalid message length: 31 (min/max=32/1400)\n"),
+                ("x" * 1401, "udl_accept: invalid message length: 1401 (min/max=32/1400)\n"),
                 ("x" * 9000, "udl_accept: invalid message length: 1415 (min/max=32/1400)\n"),
                 (f"#!long {long} 5", f"web_parse_url: invalid path size: {len(long) - len('http://')}\n"),
                 (f"#!dots http://h/src/{source}/dst/../x 5", "destination leaves the data directory: [../x]\n"),
@@ -69,7 +72,7 @@ class Channel(KovTest):
             self.send(text)
             agent.wait_log(message)
             agent.wait_log(" request failed; url=[", before + 1)
-        self.send(f"#!{'i' * 31} http://h/src/{self.origin.body('/a', b'x')}/dst/y 5" + " " * 1300)
+        self.send(f"#!{'i' * 31} http://h/src/{self.origin.body('/a', b'x')}/dst/y 5".ljust(1400))
         self.assertEqual(agent.stored("y"), b"x")
         self.assertEqual(agent.files(), ["y"])
         self.assertEqual(self.held(), [])

@@ -57,7 +57,7 @@ TEST_F(Order, AcceptedOnesNameTheirFile)
     const struct {
         const char* src;
         const char* dst;
-        const char* expected; /* destination path of the spec */
+        const char* expected; /* destination path of the order */
     } cases[] = {
         {"http://h/a/b.ts", "x/y.ts", "x/y.ts"},
         {"http://h:81/a/b.ts", "", "a/b.ts"},
