@@ -17,6 +17,8 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
+constexpr char FIXED_FIELDS[] = "\r\nAccept: text/html,video/*, application/*\r\nAccept-Language: en-US,en,ru\r\n"
+                                "Accept-Charset: ISO-8859-1,UTF-8\r\nCache-Control: no-cache\r\n\r\n";
 constexpr size_t HOST_MAX = 128;
 constexpr size_t PORT_MAX = 8;
 constexpr size_t HOST_FIELD_MAX = 128;
@@ -67,9 +69,7 @@ int send_http_request(int fd, const http_request* rq) noexcept
                                   {"GET ", rq->request[0] == '/' ? "" : "/", rq->request, " HTTP/",
                                    rq->flags & RQFLAG_HTTP10_GET ? "1.0" : "1.1", "\r\nHost: ", host.data(),
                                    "\r\nConnection: ", rq->flags & RQFLAG_KEEPALIVE ? "keep-alive" : "close",
-                                   "\r\nUser-Agent: ", rq->server,
-                                   "\r\nAccept: text/html,video/*, application/*\r\nAccept-Language: en-US,en,ru\r\n"
-                                   "Accept-Charset: ISO-8859-1,UTF-8\r\nCache-Control: no-cache\r\n\r\n"});
+                                   "\r\nUser-Agent: ", rq->server, FIXED_FIELDS});
     const auto len = static_cast<int>(size);
     if (size >= text.size()) {
         LOG_ERR("%s: buffer is too small, %d bytes required.\n", __func__, len);
