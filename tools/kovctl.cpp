@@ -404,6 +404,16 @@ int cmd_verify(std::span<char* const> /*args*/)
     return r.status();
 }
 
+/* The directory may be everybody's (/tmp): a lock is an empty file of the agent's own user, named by a lock id. */
+bool is_lapsed_lock(const fs::path& path, uid_t agent)
+{
+    struct stat st {
+    };
+    const size_t len = path.stem().native().size();
+    return path.extension() == ".lock" && len >= MIN_LID_LEN && len <= MAX_LID_LEN && lstat(path.c_str(), &st) == 0 &&
+           S_ISREG(st.st_mode) && st.st_size == 0 && st.st_uid == agent && age_of(st) > STALE_SEC;
+}
+
 int cmd_sweep(std::span<char* const> /*args*/)
 {
     removal r;
@@ -411,14 +421,13 @@ int cmd_sweep(std::span<char* const> /*args*/)
         if (is_unfinished(path) && age_of(st) > STALE_SEC && !is_held(path))
             r.take(path, "unfinished, and no agent writes it");
     });
-    if (!g_set.lock_dir.empty() && fs::is_directory(g_set.lock_dir)) {
-        for (const auto& entry : fs::directory_iterator(g_set.lock_dir)) {
-            struct stat st {
-            };
-            if (entry.path().extension() == ".lock" && stat(entry.path().c_str(), &st) == 0 && st.st_size == 0 &&
-                age_of(st) > STALE_SEC)
-                r.take(entry.path(), "a lock that has lapsed");
-        }
+    struct stat data {
+    };
+    if (g_set.lock_dir.empty() || !fs::is_directory(g_set.lock_dir) || stat(g_set.data_dir.c_str(), &data) != 0)
+        return r.status();
+    for (const auto& entry : fs::directory_iterator(g_set.lock_dir)) {
+        if (is_lapsed_lock(entry.path(), data.st_uid))
+            r.take(entry.path(), "a lock that has lapsed");
     }
     return r.status();
 }

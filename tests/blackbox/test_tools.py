@@ -121,9 +121,9 @@ class Ctl(KovTest):
             with open(self.agent.path(name), "ab") as f:
                 f.write(b"" if name.startswith("running") else b"left")
             os.utime(self.agent.path(name), (old, old))
-        for name, age in (("old", old), ("new", time.time())):
-            with open(f"{self.root}/{name}.lock", "w", encoding="ascii"):
-                pass
+        for name, age in (("old1", old), ("new1", time.time()), ("old", old), ("full", old)):
+            with open(f"{self.root}/{name}.lock", "w", encoding="ascii") as f:
+                f.write("another program's" if name == "full" else "")
             os.utime(f"{self.root}/{name}.lock", (age, age))
         with open(self.agent.path("sparse"), "wb") as f:
             f.truncate(1 << 20)
@@ -139,11 +139,11 @@ class Ctl(KovTest):
         status, out, _ = self.ctl("sweep")
         self.assertEqual(status, 1)
         self.assertEqual(set(out.splitlines()), {f"{self.agent.path('left')}-Kova: unfinished, and no agent writes it",
-                                                 f"{self.root}/old.lock: a lock that has lapsed"})
+                                                 f"{self.root}/old1.lock: a lock that has lapsed"})
         self.assertTrue(os.path.exists(self.agent.path("left-Kova")))
         self.assertEqual(self.ctl("sweep", "--delete")[0] + self.ctl("verify", "--delete")[0], 0)
         self.assertEqual(self.agent.files(), ["running-Kova", "whole"])
-        self.assertEqual(sorted(n for n in os.listdir(self.root) if n.endswith(".lock")), ["new.lock"])
+        self.assertEqual(sorted(n for n in os.listdir(self.root) if n.endswith(".lock")), ["full.lock", "new1.lock", "old.lock"])  # too short, not empty: no locks
         self.origin.released.set()
         self.agent.wait_log("TASK-END")
 
