@@ -3,9 +3,13 @@
 
 #include "rqs.h"
 
+#include <getopt.h>
+
 /* Fills g_cfg from defaults, file and command line. Returns only on success; else the process ends with status 1. */
 void setup_config(int argc, char* argv[]) noexcept;
 [[noreturn]] void usage(int status) noexcept;
+/* The long options; the last one has no name. */
+extern const option LONG_OPTS[];
 
 /* Signals, daemon, user, log, pid file, limits. 0, or the failing step's status (logged). */
 [[nodiscard]] int runtime_setup() noexcept;

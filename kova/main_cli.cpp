@@ -18,7 +18,7 @@
 static const char* const OPT_LETTERS = "w:W:U:C:0D:l:L:p:P:TVqh?";
 
 /* --default has no letter of its own, so the second pass refuses it; -0 is harmless. */
-static const option LONG_OPTS[] = {
+const option LONG_OPTS[] = {
     {"webrq", required_argument, nullptr, 'w'},   {"webrq6", required_argument, nullptr, 'W'},
     {"udpcha", required_argument, nullptr, 'U'},  {"config", required_argument, nullptr, 'C'},
     {"default", no_argument, nullptr, 0},         {"dataroot", required_argument, nullptr, 'D'},

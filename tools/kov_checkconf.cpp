@@ -4,6 +4,7 @@
 #include "guard.h"
 #include "log.h"
 #include "meta.h"
+#include "options.h"
 #include "schema.h"
 #include "strops.h"
 #include "util.h"
@@ -13,7 +14,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <getopt.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -236,11 +236,10 @@ int usage(FILE* out, int status)
     fputs(
         "usage: kov-checkconf [--strict] [FILE]\n\n"
         "Loads FILE (else the file that kov would find) as kov does, prints what it means, and warns of what is legal\n"
-        "but hardly meant. Nothing is started, nothing is written.\n\n"
-        "  -s, --strict   warnings give status 2\n"
-        "  -h, --help     this text\n\n"
-        "Status: 0 accepted, 1 refused, 2 accepted with warnings (only with --strict).\n",
+        "but hardly meant. Nothing is started, nothing is written.\n\n",
         out);
+    print_options(out, CHECKCONF_OPTIONS);
+    fputs("\nStatus: 0 accepted, 1 refused, 2 accepted with warnings (only with --strict).\n", out);
     return status;
 }
 
@@ -248,10 +247,10 @@ int usage(FILE* out, int status)
 
 int main(int argc, char* argv[])
 {
-    static const option OPTIONS[] = {
-        {"strict", no_argument, nullptr, 's'}, {"help", no_argument, nullptr, 'h'}, {nullptr, 0, nullptr, 0}};
+    const std::string letters = option_letters(CHECKCONF_OPTIONS);
+    const auto options = long_options(CHECKCONF_OPTIONS);
     bool is_strict = false;
-    for (int c = 0; (c = getopt_long(argc, argv, "sh", OPTIONS, nullptr)) != -1;) {
+    for (int c = 0; (c = getopt_long(argc, argv, letters.c_str(), options.data(), nullptr)) != -1;) {
         if (c == 'h')
             return usage(stdout, 0);
         if (c != 's')

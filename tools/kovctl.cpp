@@ -3,6 +3,7 @@
 #include "data.h"
 #include "guard.h"
 #include "log.h"
+#include "options.h"
 #include "strops.h"
 #include "util.h"
 
@@ -13,7 +14,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <getopt.h>
 #include <netdb.h>
 #include <optional>
 #include <poll.h>
@@ -247,7 +247,7 @@ void each_file(const std::string& dir, F&& f)
 
 /* ---- commands ---- */
 
-int cmd_ping(std::span<char* const> /*args*/)
+int cmd_ping()
 {
     const int code = ask("/");
     printf("%s: %s\n", g_set.agent.c_str(), code == 204 ? "alive" : "answers, but not like an agent");
@@ -350,7 +350,7 @@ int cmd_send(std::span<char* const> args)
     return 0;
 }
 
-int cmd_status(std::span<char* const> /*args*/)
+int cmd_status()
 {
     const pid_t pid = find_agent();
     const fs::path proc = "/proc/" + std::to_string(pid);
@@ -394,7 +394,7 @@ struct removal {
 };
 
 /* A power cut may leave final files whose blocks never reached the disk. */
-int cmd_verify(std::span<char* const> /*args*/)
+int cmd_verify()
 {
     removal r;
     each_file(g_set.data_dir, [&r](const fs::path& path, const struct stat& st) {
@@ -414,7 +414,7 @@ bool is_lapsed_lock(const fs::path& path, uid_t agent)
            S_ISREG(st.st_mode) && st.st_size == 0 && st.st_uid == agent && age_of(st) > STALE_SEC;
 }
 
-int cmd_sweep(std::span<char* const> /*args*/)
+int cmd_sweep()
 {
     removal r;
     each_file(g_set.data_dir, [&r](const fs::path& path, const struct stat& st) {
@@ -446,56 +446,14 @@ int cmd_register(std::span<char* const> args)
     return status;
 }
 
-struct command {
-    const char* name;
-    const char* args;
-    size_t min_args;
-    size_t max_args;
-    int (*run)(std::span<char* const> args);
-    const char* help;
-};
-
-const command COMMANDS[] = {
-    {"ping", "", 0, 0, cmd_ping, "asks whether the agent lives"},
-    {"get", "SRC DST", 2, 2, cmd_get, "orders a download over HTTP; --wait until it is stored"},
-    {"send", "LID SRC DST EXPIRY", 4, 4, cmd_send, "the same order as a datagram"},
-    {"status", "", 0, 0, cmd_status, "downloads, listeners, descriptors, unfinished files"},
-    {"verify", "", 0, 0, cmd_verify, "final files with fewer blocks than their size, as a power cut leaves them"},
-    {"sweep", "", 0, 0, cmd_sweep, "unfinished files and locks older than 30 s that nobody holds"},
-    {"register", "DST...", 1, 10000, cmd_register, "registers files on disk again after the database lost them"},
-};
-
-const option OPTIONS[] = {
-    {"config", required_argument, nullptr, 'C'},
-    {"agent", required_argument, nullptr, 'a'},
-    {"udp", required_argument, nullptr, 'u'},
-    {"data-dir", required_argument, nullptr, 'D'},
-    {"pid", required_argument, nullptr, 'p'},
-    {"expiry", required_argument, nullptr, 'e'},
-    {"timeout", required_argument, nullptr, 't'},
-    {"wait", no_argument, nullptr, 'w'},
-    {"delete", no_argument, nullptr, 'd'},
-    {"help", no_argument, nullptr, 'h'},
-    {nullptr, 0, nullptr, 0},
-};
-
 int usage(FILE* out, int status)
 {
     fputs("usage: kovctl [OPTIONS] COMMAND [ARGUMENTS]\n\n", out);
-    for (const command& c : COMMANDS)
+    for (const ctl_command& c : CTL_COMMANDS)
         fprintf(out, "  %-9s %-19s %s\n", c.name, c.args, c.help);
-    fputs("\n  -C, --config FILE     the agent's configuration, for what the options do not say\n"
-          "  -a, --agent HOST:PORT  its web listener\n"
-          "  -u, --udp HOST:PORT    its channel\n"
-          "  -D, --data-dir DIR     its data directory\n"
-          "  -p, --pid PID          its process\n"
-          "  -e, --expiry SECONDS   of an order\n"
-          "  -w, --wait             until the file is stored\n"
-          "  -t, --timeout SECONDS  of --wait (600)\n"
-          "  -d, --delete           verify and sweep remove what they find\n"
-          "  -h, --help             this text\n\n"
-          "Status: 0 done; 1 refused, failed, or something was found; 2 usage; 3 no agent there.\n",
-          out);
+    fputs("\n", out);
+    print_options(out, CTL_OPTIONS);
+    fputs("\nStatus: 0 done; 1 refused, failed, or something was found; 2 usage; 3 no agent there.\n", out);
     return status;
 }
 
@@ -532,12 +490,35 @@ void complete(const char* path)
     g_set.prefix = g_cfg.seg_url_pfx;
 }
 
+int run(ctl_cmd cmd, std::span<char* const> args)
+{
+    switch (cmd) {
+    case CTL_PING:
+        return cmd_ping();
+    case CTL_GET:
+        return cmd_get(args);
+    case CTL_SEND:
+        return cmd_send(args);
+    case CTL_STATUS:
+        return cmd_status();
+    case CTL_VERIFY:
+        return cmd_verify();
+    case CTL_SWEEP:
+        return cmd_sweep();
+    case CTL_REGISTER:
+        return cmd_register(args);
+    }
+    return STATUS_USAGE;
+}
+
 } // namespace
 
 int main(int argc, char* argv[])
 {
     const char* config = default_config_path();
-    for (int c = 0; (c = getopt_long(argc, argv, "C:a:u:D:p:e:t:wdh", OPTIONS, nullptr)) != -1;) {
+    const std::string letters = option_letters(CTL_OPTIONS);
+    const auto options = long_options(CTL_OPTIONS);
+    for (int c = 0; (c = getopt_long(argc, argv, letters.c_str(), options.data(), nullptr)) != -1;) {
         switch (c) {
         case 'C':
             config = optarg;
@@ -577,13 +558,10 @@ int main(int argc, char* argv[])
     const char* name = argv[optind++];
     const std::span<char* const> args(argv + optind, static_cast<size_t>(argc - optind));
     glog_init("kovctl");
+    const auto* cmd = std::find_if(std::begin(CTL_COMMANDS), std::end(CTL_COMMANDS),
+                                   [name](const ctl_command& c) { return strcmp(c.name, name) == 0; });
+    if (cmd == std::end(CTL_COMMANDS) || args.size() < cmd->min_args || args.size() > cmd->max_args)
+        return usage(stderr, STATUS_USAGE);
     complete(config);
-    for (const command& c : COMMANDS) {
-        if (strcmp(c.name, name) != 0)
-            continue;
-        if (args.size() < c.min_args || args.size() > c.max_args)
-            return usage(stderr, STATUS_USAGE);
-        return c.run(args);
-    }
-    return usage(stderr, STATUS_USAGE);
+    return run(static_cast<ctl_cmd>(cmd - CTL_COMMANDS), args);
 }

@@ -3,14 +3,17 @@
 import glob
 import os
 import re
+import socket
 import subprocess
 import time
 import unittest
 
 from kov import KOV, KovTest, free_port, wait_for
+from services import Redis
 
 BIN = os.path.dirname(KOV)
-EXAMPLES = os.path.join(os.path.dirname(__file__), "../../packaging/examples")
+PACKAGING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../packaging")
+EXAMPLES = f"{PACKAGING}/examples"
 
 
 def run(name, *args, env=None):
@@ -151,6 +154,80 @@ class Ctl(KovTest):
         status, out, _ = run("kovctl", "--help")
         self.assertEqual(status, 0)
         self.assertEqual(re.findall(r"(?m)^  (\w+) ", out), ["ping", "get", "send", "status", "verify", "sweep", "register"])
+
+
+class Completion(unittest.TestCase):
+    def complete(self, line):
+        """What the shell would offer for the last word; it takes "=" for a word."""
+        words = line.replace("=", " = ").split(" ")
+        program = words[0].replace("-", "_")
+        script = (f'source {BIN}/../kov.bash; COMP_WORDS=({" ".join(repr(w) for w in words)}); COMP_CWORD={len(words) - 1}; '
+                  f'_{program} {words[0]} "${{COMP_WORDS[-1]}}" "${{COMP_WORDS[-2]}}"; printf "%s\\n" "${{COMPREPLY[@]}}"')
+        return subprocess.run(["bash", "-c", script], capture_output=True, text=True, check=True, cwd=EXAMPLES).stdout.split()
+
+    def test_words(self):
+        for line, offered in (("kovctl ve", ["verify"]), ("kovctl --da", ["--data-dir"]), ("kovctl -C k", ["kov.conf"]),
+                              ("kovctl --config=fl", ["fleet.conf"]), ("kovctl --expiry ", []), ("kovctl -D ../e", ["../examples"]),
+                              ("kov --level=", ["crit", "err", "norm", "warn", "info", "debug"]), ("kov -U k", []), ("kov k", []),
+                              ("kov-checkconf d", ["demo.conf"]), ("kov-checkconf -", ["--strict", "--help"])):
+            self.assertEqual(self.complete(line), offered, line)
+
+    def test_every_option_is_offered(self):
+        for program in ("kov", "kovctl", "kov-checkconf"):
+            text = "".join(run(program, "--help")[1:])
+            options = set(re.findall(r"--[a-z][a-z0-9-]*", re.sub(r"--webrq\[6\]", "--webrq --webrq6", text)))
+            # kov's help names two that it does not take, and its parser takes one that the help does not name
+            self.assertEqual(set(self.complete(f"{program} --")) ^ options - {"--default", "--runas"},
+                             {"--options"} if program == "kov" else set())
+
+
+class Metrics(KovTest):
+    maxDiff = None
+
+    def test_every_order_is_counted_once_and_every_failure_has_a_cause(self):
+        database = Redis(self.new_root())
+        udp_port = free_port()
+        agent = self.start(database.settings() + f'udp_input = {{ url = "127.0.0.1:{udp_port}"; lock_dir = "{self.root}"; }}; max_tasks = 2;',
+                           options=("-L", "norm"), tmpfs_kib=1024)
+        ok = b"HTTP/1.1 200 OK\r\n"
+        length = ok + b"Content-Length: %d\r\n\r\n"
+        good = self.origin.body("/good", b"x" * 5000)
+        failures = (("broken", self.origin.raw("/cut", length % 9000 + b"abc")), ("broken", self.origin.raw("/none", b"")),
+                    ("broken", self.origin.raw("/reset", length % 9000 + b"abc", self.origin.reset)), ("present", good),
+                    ("status", self.origin.raw("/404", b"HTTP/1.1 404 Not Found\r\n\r\n")), ("head", self.origin.raw("/nolength", ok + b"\r\n")),
+                    ("head", self.origin.raw("/garbage", b"\1\2\r\n\r\n")), ("head", self.origin.raw("/endless", b"x" * 20000)),
+                    ("connect", "http://127.0.0.1:1/x"), ("connect", "http://nosuch.invalid/x"),
+                    ("disk", self.origin.raw("/big", length % (2 << 20) + b"abc")))
+        agent.order(good, "good")
+        agent.wait_log("TASK-END")
+        for n, (cause, source) in enumerate(failures):
+            agent.order(source, "good" if cause == "present" else f"f{n}")
+            agent.wait_log("TASK-END", n + 2)
+        agent.send(b"POST /src/http://h/a/dst/x HTTP/1.1\r\nX: 2026-11-21 10:00:00 UTC 1  (NRM)  T1  downloaded: 5 bytes, \r\n\r\n")
+        for k in range(2):
+            agent.order(self.origin.raw(f"/slow{k}", length % 9 + b"abc", self.origin.stall), f"s{k}")
+        agent.order(good, "more")
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+            s.sendto(b"#!job1 http://h/src/ftp://x/dst/y 60", ("127.0.0.1", udp_port))
+        agent.wait_log("request failed")
+        self.origin.released.set()
+        agent.wait_log("TASK-END", len(failures) + 3)
+        database.stop()
+        agent.order(good, "unregistered")
+        agent.wait_log("TASK-END", len(failures) + 4)
+        done = subprocess.run(["mtail", "--one_shot", "--one_shot_format=prometheus", "--progs", f"{PACKAGING}/mtail/kov.mtail", "--logs",
+                               agent.log_path], capture_output=True, text=True, check=True, timeout=60)
+        counts = {re.sub(r",?prog=[^}]*|\{prog=[^}]*\}", "", name): int(value)
+                  for name, value in re.findall(r"(?m)^kov_(\S+) (\d+)$", done.stdout)}
+        expected = {"starts_total": 1, "assertions_total": 0, "orders_started_total": len(failures) + 4, "orders_stored_total": 2,
+                    "stored_bytes_total": 10000, "orders_failed_total": len(failures) + 2, "registrations_lost_total": 1,
+                    "out_of_resources_total": 0}
+        for cause in "malformed", "limit", "datagram":
+            expected[f'orders_refused_total{{cause="{cause}"}}'] = 1
+        for cause, _ in (*failures, ("broken", ""), ("broken", "")):
+            key = f'failures_total{{cause="{cause}"}}'
+            expected[key] = expected.get(key, 0) + 1
+        self.assertEqual(counts, expected)
 
 
 class Installed(KovTest):

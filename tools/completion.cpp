@@ -1,0 +1,79 @@
+/* Writes the bash completion of the three programs to standard output, from the tables that they parse their options
+   with. The build runs it; it is not installed. */
+#include "main.h"
+#include "options.h"
+
+#include <iterator>
+#include <string_view>
+#include <utility>
+
+namespace
+{
+
+constexpr const char* HEAD = R"(# Bash completion for kov, kovctl and kov-checkconf. Generated from their tables of options.
+
+# The words that completion falls on, "--option=value" being three of them.
+_kov_words()
+{
+    cur=$2 prev=$3
+    if [[ $cur == = ]]; then
+        cur=
+    elif [[ $prev == = ]]; then
+        prev=${COMP_WORDS[COMP_CWORD - 2]}
+    fi
+}
+
+_kov_reply()
+{
+    mapfile -t COMPREPLY < <(compgen "$@" -- "$cur")
+}
+)";
+
+/* What the value of an option is, for those where there is something to choose from. */
+constexpr std::pair<std::string_view, const char*> VALUES[] = {
+    {"config", "-f"},   {"logfile", "-f"},  {"pidfile", "-f"},
+    {"dataroot", "-d"}, {"data-dir", "-d"}, {"level", "-W 'crit err norm warn info debug'"},
+};
+
+/* The function of one program; `rest` completes a word that is no option. */
+void print_program(const char* program, std::span<const option> options, const char* rest)
+{
+    std::string function = std::string("_") + program;
+    for (char& c : function)
+        c = c == '-' ? '_' : c;
+    std::string names;
+    printf("\n%s()\n{\n    local cur prev\n    _kov_words \"$@\"\n    COMPREPLY=()\n    case $prev in\n", function.c_str());
+    for (const option& o : options) {
+        if (o.val == 0) /* kov's --default, which is refused */
+            continue;
+        names.append(names.empty() ? "--" : " --").append(o.name);
+        if (o.has_arg == no_argument)
+            continue;
+        const char* choice = nullptr;
+        for (const auto& [name, value] : VALUES)
+            choice = name == o.name ? value : choice;
+        printf("    --%s | -%c) %s%s ;;\n", o.name, o.val, choice ? "_kov_reply " : ":", choice ? choice : "");
+    }
+    printf("    *)\n        if [[ $cur == -* ]]; then\n            _kov_reply -W '%s'\n        else\n            %s\n        fi\n        ;;\n"
+           "    esac\n}\ncomplete -o filenames -F %s %s\n",
+           names.c_str(), rest, function.c_str(), program);
+}
+
+} // namespace
+
+int main()
+{
+    fputs(HEAD, stdout);
+    size_t count = 0;
+    while (LONG_OPTS[count].name)
+        ++count;
+    print_program("kov", {LONG_OPTS, count}, ":");
+    const auto ctl = long_options(CTL_OPTIONS);
+    std::string commands = "_kov_reply -W '";
+    for (const ctl_command& c : CTL_COMMANDS)
+        commands.append(c.name).append(&c == std::end(CTL_COMMANDS) - 1 ? "'" : " ");
+    print_program("kovctl", std::span(ctl).first(std::size(CTL_OPTIONS)), commands.c_str());
+    const auto checkconf = long_options(CHECKCONF_OPTIONS);
+    print_program("kov-checkconf", std::span(checkconf).first(std::size(CHECKCONF_OPTIONS)), "_kov_reply -f");
+    return ferror(stdout) ? 1 : 0;
+}

@@ -1,0 +1,79 @@
+/* The options of the companion programs: one table each, for parsing, --help and completion. */
+#pragma once
+
+#include <array>
+#include <cstdio>
+#include <getopt.h>
+#include <span>
+#include <string>
+
+struct tool_option {
+    option opt;
+    const char* arg; /* what --help calls its argument, null when it takes none */
+    const char* help;
+};
+
+inline constexpr tool_option CHECKCONF_OPTIONS[] = {
+    {{"strict", no_argument, nullptr, 's'}, nullptr, "warnings give status 2"},
+    {{"help", no_argument, nullptr, 'h'}, nullptr, "this text"},
+};
+
+inline constexpr tool_option CTL_OPTIONS[] = {
+    {{"config", required_argument, nullptr, 'C'}, "FILE", "the agent's configuration, for what the options do not say"},
+    {{"agent", required_argument, nullptr, 'a'}, "HOST:PORT", "its web listener"},
+    {{"udp", required_argument, nullptr, 'u'}, "HOST:PORT", "its channel"},
+    {{"data-dir", required_argument, nullptr, 'D'}, "DIR", "its data directory"},
+    {{"pid", required_argument, nullptr, 'p'}, "PID", "its process"},
+    {{"expiry", required_argument, nullptr, 'e'}, "SECONDS", "of an order"},
+    {{"wait", no_argument, nullptr, 'w'}, nullptr, "until the file is stored"},
+    {{"timeout", required_argument, nullptr, 't'}, "SECONDS", "of --wait (600)"},
+    {{"delete", no_argument, nullptr, 'd'}, nullptr, "verify and sweep remove what they find"},
+    {{"help", no_argument, nullptr, 'h'}, nullptr, "this text"},
+};
+
+/* A command of kovctl. */
+struct ctl_command {
+    const char* name;
+    const char* args;
+    size_t min_args;
+    size_t max_args;
+    const char* help;
+};
+
+/* Their places in the table below. */
+enum ctl_cmd { CTL_PING, CTL_GET, CTL_SEND, CTL_STATUS, CTL_VERIFY, CTL_SWEEP, CTL_REGISTER };
+
+inline constexpr ctl_command CTL_COMMANDS[] = {
+    {"ping", "", 0, 0, "asks whether the agent lives"},
+    {"get", "SRC DST", 2, 2, "orders a download over HTTP; --wait until it is stored"},
+    {"send", "LID SRC DST EXPIRY", 4, 4, "the same order as a datagram"},
+    {"status", "", 0, 0, "downloads, listeners, descriptors, unfinished files"},
+    {"verify", "", 0, 0, "final files with fewer blocks than their size, as a power cut leaves them"},
+    {"sweep", "", 0, 0, "unfinished files and locks older than 30 s that nobody holds"},
+    {"register", "DST...", 1, 10000, "registers files on disk again after the database lost them"},
+};
+
+/* getopt's tables of `options`: the long ones with their end, the letters. */
+template <size_t N> constexpr std::array<option, N + 1> long_options(const tool_option (&options)[N])
+{
+    std::array<option, N + 1> table{};
+    for (size_t i = 0; i < N; ++i)
+        table[i] = options[i].opt;
+    return table;
+}
+
+inline std::string option_letters(std::span<const tool_option> options)
+{
+    std::string letters;
+    for (const tool_option& o : options)
+        letters.append(1, static_cast<char>(o.opt.val)).append(o.arg ? ":" : "");
+    return letters;
+}
+
+inline void print_options(FILE* out, std::span<const tool_option> options)
+{
+    for (const tool_option& o : options) {
+        const std::string name = std::string(o.opt.name) + (o.arg ? std::string(" ") + o.arg : "");
+        fprintf(out, "  -%c, --%-18s %s\n", o.opt.val, name.c_str(), o.help);
+    }
+}
