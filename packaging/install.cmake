@@ -8,11 +8,11 @@ install(FILES packaging/man/kov.8 packaging/man/kov-checkconf.8 DESTINATION ${CM
 install(FILES packaging/systemd/kov.service DESTINATION lib/systemd/system)
 install(FILES packaging/systemd/kov.sysusers DESTINATION lib/sysusers.d RENAME kov.conf)
 install(FILES packaging/systemd/kov.tmpfiles DESTINATION lib/tmpfiles.d RENAME kov.conf)
-install(PROGRAMS packaging/redis/load-scripts DESTINATION ${CMAKE_INSTALL_DATADIR}/kov)
+install(PROGRAMS packaging/redis/load-scripts packaging/day-picture DESTINATION ${CMAKE_INSTALL_DATADIR}/kov)
 install(FILES packaging/mtail/kov.mtail packaging/mtail/kov.rules.yml DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/mtail)
 install(FILES packaging/redis/add_url.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/redis)
 install(FILES packaging/examples/fleet.conf packaging/examples/kov.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
-install(FILES README.md SECURITY.md docs/PROTOCOL.md docs/OPERATION.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES README.md SECURITY.md docs/PROTOCOL.md docs/OPERATION.md docs/day.svg DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES packaging/examples/kov.conf DESTINATION /etc/kov)
 # Completion is looked up by a program's name.
 foreach(program kov kovctl kov-checkconf)
