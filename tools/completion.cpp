@@ -10,7 +10,8 @@
 namespace
 {
 
-constexpr const char* HEAD = R"(# Bash completion for kov, kovctl and kov-checkconf. Generated from their tables of options.
+constexpr const char* HEAD =
+    R"(# Bash completion for kov, kovctl and kov-checkconf. Generated from their tables of options.
 
 # The words that completion falls on, "--option=value" being three of them.
 _kov_words()
@@ -42,7 +43,8 @@ void print_program(const char* program, std::span<const option> options, const c
     for (char& c : function)
         c = c == '-' ? '_' : c;
     std::string names;
-    printf("\n%s()\n{\n    local cur prev\n    _kov_words \"$@\"\n    COMPREPLY=()\n    case $prev in\n", function.c_str());
+    printf("\n%s()\n{\n    local cur prev\n    _kov_words \"$@\"\n    COMPREPLY=()\n    case $prev in\n",
+           function.c_str());
     for (const option& o : options) {
         if (o.val == 0) /* kov's --default, which is refused */
             continue;
@@ -54,7 +56,8 @@ void print_program(const char* program, std::span<const option> options, const c
             choice = name == o.name ? value : choice;
         printf("    --%s | -%c) %s%s ;;\n", o.name, o.val, choice ? "_kov_reply " : ":", choice ? choice : "");
     }
-    printf("    *)\n        if [[ $cur == -* ]]; then\n            _kov_reply -W '%s'\n        else\n            %s\n        fi\n        ;;\n"
+    printf("    *)\n        if [[ $cur == -* ]]; then\n            _kov_reply -W '%s'\n        else\n            %s\n  "
+           "      fi\n        ;;\n"
            "    esac\n}\ncomplete -o filenames -F %s %s\n",
            names.c_str(), rest, function.c_str(), program);
 }

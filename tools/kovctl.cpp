@@ -33,6 +33,7 @@ constexpr int STATUS_REFUSED = 1; /* by the agent, or something was found */
 constexpr int STATUS_USAGE = 2;
 constexpr int STATUS_UNREACHABLE = 3;
 constexpr long STALE_SEC = 30;
+constexpr const char* PACKAGED_CONFIG = "/etc/kov/kov.conf"; /* what the service unit names to the agent */
 constexpr int ANSWER_WAIT_MS = 60000;
 
 struct settings {
@@ -67,7 +68,8 @@ std::unique_ptr<addrinfo, free_addrinfo> resolve(const std::string& text, int so
 {
     const size_t colon = text.rfind(':');
     if (colon == std::string::npos)
-        fail(STATUS_USAGE, "no port in " + text);
+        fail(STATUS_USAGE, text.empty() ? "no agent given: name its configuration (-C) or its address (-a, -u)"
+                                        : "no port in " + text);
     std::string host = text.substr(0, colon);
     if (host.size() > 2 && host.front() == '[')
         host = host.substr(1, host.size() - 2);
@@ -516,6 +518,8 @@ int run(ctl_cmd cmd, std::span<char* const> args)
 int main(int argc, char* argv[])
 {
     const char* config = default_config_path();
+    if (!config && access(PACKAGED_CONFIG, R_OK) == 0)
+        config = PACKAGED_CONFIG;
     const std::string letters = option_letters(CTL_OPTIONS);
     const auto options = long_options(CTL_OPTIONS);
     for (int c = 0; (c = getopt_long(argc, argv, letters.c_str(), options.data(), nullptr)) != -1;) {

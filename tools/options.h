@@ -54,7 +54,8 @@ inline constexpr ctl_command CTL_COMMANDS[] = {
 };
 
 /* getopt's tables of `options`: the long ones with their end, the letters. */
-template <size_t N> constexpr std::array<option, N + 1> long_options(const tool_option (&options)[N])
+template <size_t N>
+constexpr std::array<option, N + 1> long_options(const tool_option (&options)[N])
 {
     std::array<option, N + 1> table{};
     for (size_t i = 0; i < N; ++i)

@@ -49,6 +49,14 @@ class Checkconf(KovTest):
                 proc.terminate()
                 self.assertEqual(proc.wait(10), 0)
 
+    def test_the_reference_example_names_every_key(self):
+        with open(f"{PACKAGING}/../tools/schema.h", encoding="utf-8") as f:
+            keys = set(re.findall(r'\{"(\w+)", V_', f.read()))
+        self.assertGreater(len(keys), 30)
+        for page in (f"{EXAMPLES}/kov.conf", f"{PACKAGING}/man/kov.conf.5"):
+            with open(page, encoding="utf-8") as f:
+                self.assertEqual(keys - set(re.findall(r"\w+", f.read())), set(), page)
+
     def test_warnings_and_refusals(self):
         digests = f"{self.root}/sha1"
         os.makedirs(digests)
