@@ -180,10 +180,11 @@ def reap_all():
 
 class Agent:
     """The program, in a terminal run unless daemon is set. settings are lines of the kova group, log, web and runtime of
-    the groups of these names, options more arguments, wrapper a command in front."""
+    the groups of these names, more_listeners goes on in the list of them, options are more arguments, wrapper is a command in
+    front."""
 
     def __init__(self, root, settings="", log="", web="", runtime="", options=(), env=None, preexec=None, tmpfs_kib=None,
-                 daemon=False, wrapper=()):
+                 daemon=False, wrapper=(), more_listeners="", arguments=("-T", "-q")):
         self.root = root
         self.data = f"{root}/d"
         self.log_path = f"{root}/log"
@@ -196,7 +197,7 @@ class Agent:
         self.config = f"""kova = {{
     log = {{ file = "{self.log_path}"; level = "info"; {log} }};
     runtime = {{ {runtime if "core" in runtime else "enforce_core_dumps = false; " + runtime} }};
-    web_input = {{ web = {{ ifc = "lo"; default_af = "inet4"; port = {self.port}; }}; {web} }};
+    web_input = {{ web = ( {{ ifc = "lo"; default_af = "inet4"; port = {self.port}; }}{more_listeners} ); {web} }};
     data_dir = "{self.data}"; task_tmout_ms = 100;
     {settings}
 }};
@@ -206,7 +207,7 @@ class Agent:
         self.errors = open(f"{root}/stderr", "wb")
         self.is_daemon = daemon
         self.pidfile = "".join(re.findall(r'pidfile = "([^"]*)"', runtime))
-        self.launch = {"args": [*wrapper, KOV, "-C", f"{root}/kov.conf", *([] if daemon else ["-T", "-q"]), *options],
+        self.launch = {"args": [*wrapper, KOV, "-C", f"{root}/kov.conf", *([] if daemon else arguments), *options],
                        "stderr": self.errors, "env": {**os.environ, **(env or {})}, "preexec_fn": preexec}
         self.run()
 

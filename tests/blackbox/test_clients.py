@@ -1,11 +1,12 @@
 """Clients that split, stall, half-close, leave, crowd."""
 
+import os
 import resource
 import socket
 import time
 import unittest
 
-from kov import ANSWERS, KovTest, read_all, wait_for
+from kov import ANSWERS, KovTest, free_port, read_all, wait_for
 
 
 class Clients(KovTest):
@@ -78,6 +79,37 @@ class Clients(KovTest):
         s.close()
         self.origin.released.set()
         self.assertEqual(agent.stored("late"), b"ok")
+
+    def test_every_kind_of_listener(self):
+        path = f"{self.root}/socket"
+        any_port, both_port, udp_port = free_port(), free_port(), free_port()
+        agent = self.start(more_listeners=f', {{ port = "{any_port}"; }}, {{ default_af = "inet6"; port = {both_port}; }},'
+                           f'{{ domain_path = "{path}"; }}')
+        places = [(socket.AF_INET, ("127.0.0.1", any_port)), (socket.AF_INET, ("127.0.0.1", both_port)),
+                  (socket.AF_INET6, ("::1", both_port)), (socket.AF_UNIX, path)]
+        source = self.origin.body("/f", b"body")
+        for n, (family, place) in enumerate(places):
+            for target, code in (("/" + "x" * 40, 400), (f"/src/{source}/dst/{n}", 200)):
+                with socket.socket(family, socket.SOCK_STREAM) as s:
+                    s.connect(place)
+                    s.sendall(f"GET {target} HTTP/1.1\r\nHost: h\r\n\r\n".encode())
+                    self.assertEqual(read_all(s), ANSWERS[code], place)
+            self.assertEqual(agent.stored(str(n)), b"body")
+            agent.wait_log("TASK-END", n + 1)
+        agent.stop()
+        self.forget(agent)
+        self.assertTrue(os.path.exists(path))  # what an agent leaves is replaced by the next
+        agent = self.start(more_listeners=f', {{ domain_path = "{path}"; }}, {{ ifc = "lo"; port = {udp_port}; protocol = "udp"; }}')
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+            s.connect(path)
+            s.sendall(b"GET / HTTP/1.1\r\nHost: agent.example.net\r\n\r\n")
+            self.assertEqual(read_all(s), ANSWERS[204])
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:  # a listener that can accept nobody is watched no more
+            s.sendto(b"GET / HTTP/1.1\r\nHost: agent.example.net\r\n\r\n", ("127.0.0.1", udp_port))
+            time.sleep(0.2)
+            before = agent.cpu_seconds()
+            time.sleep(0.5)
+            self.assertLess(agent.cpu_seconds() - before, 0.1)
 
     def test_accepting_in_batches(self):
         agent = self.start("urq_tmout_sec = 20;", web="max_accept = 3;")

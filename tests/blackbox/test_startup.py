@@ -157,6 +157,16 @@ Misc:
                 self.assertRegex(lines, f"(?m)^{line}$")
             self.forget(agent)
 
+    def test_a_terminal_run_shows_its_log(self):
+        agent = self.start(arguments=("-T",), options=("-L", "norm"))
+        agent.get("/x")
+        agent.stop()
+        self.assertIn("malformed HTTP request", agent.log())
+        records = [line for line in agent.log().splitlines() if re.search(r"\((NRM|ERR)\)", line)]
+        self.assertEqual([line for line in records if line not in agent.stderr()], [])
+        self.assertIn("data directory", agent.stderr())
+        self.forget(agent)
+
     def test_quit_with_downloads_running(self):
         self.idle_check = False
         agent = self.start()

@@ -190,6 +190,13 @@ class Channel(KovTest):
             self.assertEqual(agent.stored(f"g{n}"), b"a")
             self.assertRegex(agent.log(), r"udl_ctx_init: fd\d+ set up to listen on \[")
 
+    def test_groups_of_ipv6_are_joined(self):
+        for group, interface in (("ff12::77", "lo"), ("ff15::78", "::1")):
+            agent = self.open(group, f'mcast_ifc = "{interface}";')
+            with open("/proc/net/igmp6", encoding="ascii") as f:
+                self.assertRegex(f.read(), rf"lo +{socket.inet_pton(socket.AF_INET6, group).hex()} ")
+            self.assertIn("set up to listen on", agent.log())
+
     def test_a_source_specific_group_hears_its_source_only(self):
         agent = self.open(GROUP, 'mcast_ifc = "lo";', "udp://127.0.0.2@{}")
         self.origin.body("/a", b"a")
@@ -211,11 +218,18 @@ class Channel(KovTest):
         self.assertEqual(self.held(), [])
 
     def test_an_unreachable_channel_fails_the_start(self):
-        for url in ("http://127.0.0.1:9", "udp://192.0.2.1:9", "nonsense", f"tcp://127.0.0.1:{free_port()}", "file:///dev/null"):
+        for url, message in (("http://127.0.0.1:9", ""), ("udp://192.0.2.1:9", "bind("), ("nonsense", "unsupported type of URI [nonsense]"),
+                             (f"tcp://127.0.0.1:{free_port()}", ""), ("file:///dev/null", ""), ("udp://127.0.0.1:0x9", ""),
+                             ("udp://7:5000", "cannot accept plain number [7] as IP address"),
+                             ("udp://1.1@232.1.1.1:5000", "mk_sockaddr: cannot accept plain number [1.1] as IP address"),
+                             ("udp://[::1]:1x@232.1.1.1:5000", "invalid SSM source: "),
+                             ("udp://[2001:db8::1]:1@232.1.1.1:5000", "(SSM_JOIN) FAILED"),
+                             ("udp://[ff12::1]:5000", "network interface must be specified to use link/local-scope multicast")):
             agent = self.start(f'udp_input = {{ url = "{url}"; }};', must_run=False)
-            self.assertEqual(agent.proc.wait(10), 1)
+            self.assertEqual(agent.proc.wait(10), 1, url)
             self.assertIn(f"udl_ctx_init: failed to open [{url}]\n", agent.log())
             self.assertIn("init_kova_ctx: failed to [?], rc=-1\n", agent.log())
+            self.assertIn(message, agent.log())
 
 
 if __name__ == "__main__":

@@ -6,6 +6,7 @@ and the next good order works.
 
 import argparse
 import collections
+import itertools
 import os
 import random
 import re
@@ -209,8 +210,13 @@ def end(agent, call):
     return "lived" if lived else "ended"
 
 
+RUNS = itertools.count()
+
+
 def one(scenario, wrapper, base_fds, call, env=None):
     scenario.call = call
+    if "KOV_PROFILES" in os.environ:  # a coverage build: counters of its own for each run, since their writing may fail, too
+        env = {**(env or {}), "GCOV_PREFIX": f"{os.environ['KOV_PROFILES']}/{next(RUNS)}"}
     agent = scenario.start(wrapper, env)
     try:
         if agent.proc.poll() is None:
