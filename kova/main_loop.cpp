@@ -166,9 +166,11 @@ int on_error(int fd, uint32_t flags, void* udata, void* aux) noexcept
         pprm_task(task);
         break;
     }
-    case tag_num("UDL"):
+    case tag_num("UDL"): {
+        const log_group_guard group(mk_tag8("uDl"));
         udl_error(static_cast<udl_ctx*>(udata));
         break;
+    }
     default: /* a record that was released earlier in this round */
         break;
     }

@@ -91,7 +91,8 @@ class Ctl(KovTest):
         super().setUp()
         self.udp_port = free_port()
         self.agent = self.start(f'udp_input = {{ url = "127.0.0.1:{self.udp_port}"; lock_dir = "{self.root}"; }};'
-                                'local_url_prefix = "http://me.example"; max_mmap_mb = 0;')
+                                'local_url_prefix = "http://me.example"; max_mmap_mb = 0;',
+                                more_listeners=f', {{ domain_path = "{self.root}/socket"; }}')
 
     def ctl(self, *args):
         return run("kovctl", "-C", f"{self.agent.root}/kov.conf", *args)
@@ -104,6 +105,10 @@ class Ctl(KovTest):
         self.assertEqual((status, out), (0, f"200 started\nstored: {self.agent.path('v/a b%.ts')}, 3000 bytes\n"))
         self.assertIn("expiry=77", self.agent.log())
         self.assertTrue(source)
+        # Segments by which an order is split, a destination made from the source, one with a slash in front; a Unix-domain socket.
+        for path, dst, stored in (("/live/Dst/a", "/lead/src/a", "lead/src/a"), ("/src/dst/auto", "", "src/dst/auto")):
+            self.assertEqual(self.ctl("-a", f"{self.root}/socket", "--wait", "get", self.origin.body(path, b"split"), dst)[0], 0)
+            self.assertEqual(self.agent.stored(stored), b"split")
         for args, code, words in (((self.origin.url("/a"), "v/a b%.ts"), 403, "there already"), (("ftp://h/a", "x"), 400, "not http://"),
                                   (("http://h/" + "x" * 130, "x"), 400, "more than 127 characters")):
             status, out, _ = self.ctl("get", *args)
@@ -119,10 +124,14 @@ class Ctl(KovTest):
                     ("a/bc", "http://h/a", "x", "5")):
             self.assertEqual(self.ctl("send", *bad)[0], 2)
         self.assertEqual(self.ctl("register", "v/a b%.ts")[0], 0)
-        self.assertEqual(self.agent.log().count("TASK-START"), 4)  # nothing was fetched to register
+        self.assertEqual(self.ctl("register", "v/none")[:2], (1, f"v/none: not in {self.agent.data}\n"))
+        self.assertEqual(self.agent.log().count("TASK-START"), 6)  # nothing was fetched to register
         self.assertEqual(run("kovctl", "-a", f"127.0.0.1:{free_port()}", "ping")[0], 3)
         self.assertEqual(self.ctl("dance")[0], 2)
-        self.assertEqual(self.ctl("get", "one")[0], 2)
+        for usage in (("get", "one"), ("-t", "soon", "ping"), ("-p", "0", "status"), ("-D", "/nowhere", "verify")):
+            self.assertEqual(self.ctl(*usage)[0], 2)
+        self.assertEqual(self.ctl("-p", str(os.getpid()), "status")[0], 3)  # no agent
+        self.assertEqual(run("kovctl", "-C", "/nowhere", "ping")[0], 2)
 
     def test_what_it_holds_and_what_was_left_behind(self):
         running = self.origin.raw("/r", b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc", self.origin.stall)
@@ -142,11 +151,14 @@ class Ctl(KovTest):
             f.write(b"whole")
         status, out, _ = self.ctl("status", "--pid", str(self.agent.pid))
         self.assertEqual(status, 0)
-        self.assertRegex(out, rf"agent: pid {self.agent.pid}\nlistener: lo:{self.agent.port}\nchannel: 127.0.0.1:{self.udp_port}\n"
+        self.assertRegex(out, rf"agent: pid {self.agent.pid}\nlistener: 127.0.0.1:{self.agent.port}\nlistener: {self.root}/socket\nchannel: 127.0.0.1:{self.udp_port}\n"
                          r"downloads: 1 of 4096\ndescriptors: \d+ of \d+\n")
         self.assertRegex(out, rf"unfinished: {self.agent.path('left')}-Kova, 4 bytes, 4\d s since its last change\n")
         status, out, _ = self.ctl("verify")
         self.assertEqual((status, out), (1, f"{self.agent.path('sparse')}: has fewer blocks than its size\n"))
+        os.symlink(self.agent.data, f"{self.root}/link")
+        status, out, _ = self.ctl("-D", f"{self.root}/link", "sweep")
+        self.assertNotIn("running", out)
         status, out, _ = self.ctl("sweep")
         self.assertEqual(status, 1)
         self.assertEqual(set(out.splitlines()), {f"{self.agent.path('left')}-Kova: unfinished, and no agent writes it",

@@ -1,0 +1,133 @@
+/* The agent's files: what is being written, what a power cut or a crash has left. */
+#include "ctl.h"
+#include "data.h"
+#include "lock.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+long age_of(const struct stat& st)
+{
+    return static_cast<long>(time(nullptr) - st.st_mtime);
+}
+
+/* Every regular file below the data directory; what vanishes or may not be entered on the way is passed by. */
+template <class F> void each_file(F&& f)
+{
+    if (g_set.data_dir.empty())
+        fail(STATUS_USAGE, "no data directory given: name the configuration (-C) or the directory (-D)");
+    std::error_code ec;
+    std::vector<fs::path> dirs{g_set.data_dir};
+    if (!fs::is_directory(g_set.data_dir, ec))
+        fail(STATUS_USAGE, g_set.data_dir + ": no directory that can be looked into");
+    while (!dirs.empty()) {
+        const fs::path dir = std::move(dirs.back());
+        dirs.pop_back();
+        fs::directory_iterator it(dir, ec);
+        if (ec && ec != std::errc::no_such_file_or_directory)
+            fprintf(stderr, "kovctl: %s: %s\n", dir.c_str(), ec.message().c_str());
+        for (; !ec && it != fs::directory_iterator(); it.increment(ec)) {
+            struct stat st {
+            };
+            if (lstat(it->path().c_str(), &st) != 0)
+                continue;
+            if (S_ISDIR(st.st_mode))
+                dirs.push_back(it->path());
+            else if (S_ISREG(st.st_mode))
+                f(it->path(), st);
+        }
+    }
+}
+
+/* Lists, and with --delete removes. */
+struct removal {
+    int found = 0;
+    int removed = 0;
+
+    void take(const fs::path& path, const char* why)
+    {
+        ++found;
+        if (!g_set.is_deleting) {
+            printf("%s: %s\n", path.c_str(), why);
+        } else if (unlink(path.c_str()) == 0) {
+            ++removed;
+            printf("removed %s: %s\n", path.c_str(), why);
+        } else {
+            fprintf(stderr, "kovctl: %s: %s\n", path.c_str(), strerror(errno));
+        }
+    }
+    [[nodiscard]] int status() const { return found > removed ? STATUS_REFUSED : 0; }
+};
+
+/* The directory may be everybody's (/tmp): a lock is an empty file of the agent's own user, named by a lock id. */
+bool is_lapsed_lock(const fs::path& path, uid_t agent)
+{
+    struct stat st {
+    };
+    const size_t len = path.stem().native().size();
+    return path.extension() == ".lock" && len >= MIN_LID_LEN && len <= MAX_LID_LEN && lstat(path.c_str(), &st) == 0 &&
+           S_ISREG(st.st_mode) && st.st_size == 0 && st.st_uid == agent && age_of(st) > STALE_LOCK_SEC;
+}
+
+/* Of the running agent, or of its data directory. */
+std::optional<uid_t> owner_of_locks()
+{
+    struct stat st {
+    };
+    const auto pid = find_agent().pid;
+    const std::string place = pid ? "/proc/" + std::to_string(*pid) : g_set.data_dir;
+    return stat(place.c_str(), &st) == 0 ? std::optional(st.st_uid) : std::nullopt;
+}
+
+} // namespace
+
+bool is_unfinished(const fs::path& path)
+{
+    return std::string_view(path.native()).ends_with(UNFINISHED_SFX);
+}
+
+void print_unfinished()
+{
+    each_file([](const fs::path& path, const struct stat& st) {
+        if (is_unfinished(path))
+            printf("unfinished: %s, %jd bytes, %ld s since its last change\n", path.c_str(),
+                   static_cast<intmax_t>(st.st_size), age_of(st));
+    });
+}
+
+/* A power cut may leave final files whose blocks never reached the disk. */
+int cmd_verify()
+{
+    removal r;
+    each_file([&r](const fs::path& path, const struct stat& st) {
+        if (!is_unfinished(path) && st.st_blocks * 512 < st.st_size)
+            r.take(path, "has fewer blocks than its size");
+    });
+    return r.status();
+}
+
+int cmd_sweep()
+{
+    removal r;
+    const held_files held = all_held_files();
+    each_file([&](const fs::path& path, const struct stat& st) {
+        if (is_unfinished(path) && age_of(st) > STALE_LOCK_SEC && !held.contains({st.st_dev, st.st_ino}))
+            r.take(path, "unfinished, and no agent writes it");
+    });
+    const auto owner = owner_of_locks();
+    std::error_code ec;
+    fs::directory_iterator it(g_set.lock_dir, ec);
+    for (; owner && !ec && it != fs::directory_iterator(); it.increment(ec)) {
+        if (is_lapsed_lock(it->path(), *owner))
+            r.take(it->path(), "a lock that has lapsed");
+    }
+    return r.status();
+}
