@@ -44,9 +44,9 @@ struct dw_spec {
     char fpath[SPEC_PATH_MAX];   /* path of the unfinished file; after completion that of the final one */
     int64_t content_length;      /* announced by the order: 0 = unknown */
     char lid[MAX_LID_LEN + 1];   /* lock that this order holds, empty = none */
-    timespec lock_tm;            /* of that lock's file, when it was taken */
     time_t expiry_tm;            /* seconds as ordered, 0 = none */
     char dst_path[SPEC_DST_MAX]; /* relative to the data directory */
+    timespec lock_tm;            /* of the lock's file, when it was taken */
 };
 
 /* A transfer of one source into one file. Lives in its slot of g_ctx.tasks from add_dw to free_dw.
@@ -124,9 +124,9 @@ static_assert(offsetof(dw_urq, trk_tag) == offsetof(rui_rq_header, trk_tag));
 struct udl_ctx {
     n32_tag tag; /* "UDL" */
     bool is_ready;
-    int sockfd;      /* owned while ready */
-    bool is_watched; /* registered with the loop */
+    int sockfd; /* owned while ready */
     usock_ctx usock;
+    bool is_watched; /* sockfd is registered with the loop */
 };
 
 /* The download context. */

@@ -20,7 +20,8 @@ long age_of(const struct stat& st)
 }
 
 /* Every regular file below the data directory; what vanishes or may not be entered on the way is passed by. */
-template <class F> void each_file(F&& f)
+template <class F>
+void each_file(F&& f)
 {
     if (g_set.data_dir.empty())
         fail(STATUS_USAGE, "no data directory given: name the configuration (-C) or the directory (-D)");

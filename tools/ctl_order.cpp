@@ -87,7 +87,8 @@ int connect_agent()
 int ask(const std::string& target)
 {
     /* The agent looks at a request from its 32nd byte on, so it is never shorter. */
-    const std::string head = "GET " + target + " HTTP/1.1\r\nHost: " + (g_set.agent.starts_with('/') ? "local" : g_set.agent) +
+    const std::string head = "GET " + target +
+                             " HTTP/1.1\r\nHost: " + (g_set.agent.starts_with('/') ? "local" : g_set.agent) +
                              "\r\nUser-Agent: kovctl\r\n\r\n";
     if (head.size() > HEAD_MAX - 1)
         fail(STATUS_REFUSED, "too long: a request has at most " + std::to_string(HEAD_MAX - 1) + " bytes");

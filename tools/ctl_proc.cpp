@@ -101,7 +101,8 @@ std::vector<inet_socket> inet_sockets(const fs::path& table)
     while (std::getline(in, line)) {
         std::array<char, 33> address{};
         inet_socket s;
-        if (sscanf(line.c_str(), " %*[0-9]: %32[0-9A-F]:%x %*[0-9A-F]:%x %x %*s %*s %*s %*s %*s %lu", // NOLINT(cert-err34-c)
+        if (sscanf(line.c_str(),
+                   " %*[0-9]: %32[0-9A-F]:%x %*[0-9A-F]:%x %x %*s %*s %*s %*s %*s %lu", // NOLINT(cert-err34-c)
                    address.data(), &s.port, &s.peer_port, &s.state, &s.inode) == 5) {
             s.local = address_text(address.data(), s.port);
             sockets.push_back(std::move(s));
@@ -119,8 +120,10 @@ void print_unix_listeners(const fs::path& proc, const std::set<ino_t>& own)
         ino_t inode = 0;
         std::array<char, 128> path{};
         constexpr unsigned ACCEPTS = 0x10000;
-        if (sscanf(line.c_str(), "%*s %*s %*s %x %*s %*s %lu %127s", &flags, &inode, path.data()) == 3 && // NOLINT(cert-err34-c)
-            (flags & ACCEPTS) && own.contains(inode))
+        if (sscanf(line.c_str(), "%*s %*s %*s %x %*s %*s %lu %127s", &flags, &inode, path.data()) ==
+                3 && // NOLINT(cert-err34-c)
+            (flags & ACCEPTS) &&
+            own.contains(inode))
             printf("listener: %s\n", path.data());
     }
 }

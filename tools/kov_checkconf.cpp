@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <pwd.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -27,7 +28,8 @@ constexpr int STATUS_WARNINGS = 2;
 constexpr size_t PATH_ROOM = 126; /* data_dir/destination-Kova */
 constexpr size_t SMALL_ROOM = 64;
 constexpr size_t FDS_A_TASK = 3;
-constexpr size_t FDS_A_LISTENER = 1001; /* with its longest queue */
+constexpr size_t MANY_TASKS = 100'000'000; /* no machine has the memory */
+constexpr size_t FDS_A_LISTENER = 1001;    /* with its longest queue */
 constexpr size_t FDS_OF_ITS_OWN = 16;
 constexpr size_t SHA1_LEN = 40;
 
@@ -94,6 +96,10 @@ void check_value(const config_setting_t* s, const key_rule& rule)
         check_keys(s, rule.keys);
         return;
     }
+    if (config_setting_type(s) == CONFIG_TYPE_INT64)
+        warn("line %u: %s is beyond 32 bits, and has no effect", config_setting_source_line(s), config_setting_name(s));
+    else if (type == V_INT && config_setting_get_int(s) < 0 && rule.name != "cpunum")
+        warn("line %u: %s is negative", config_setting_source_line(s), config_setting_name(s));
     if (type != V_LIST)
         return;
     const int n = config_setting_length(s);
@@ -156,6 +162,10 @@ void check_text(const char* path)
 
 void check_descriptors(const kova_cfg& cfg)
 {
+    if (cfg.max_tasks > MANY_TASKS) {
+        warn("max_tasks %zd: the agent will not start", static_cast<ssize_t>(cfg.max_tasks));
+        return;
+    }
     size_t need = cfg.max_tasks * FDS_A_TASK + FDS_OF_ITS_OWN;
     for (const rui_listener_cfg& l : cfg.rui.user)
         need += l.is_valid ? FDS_A_LISTENER : 0;
@@ -169,17 +179,25 @@ void check_descriptors(const kova_cfg& cfg)
              static_cast<unsigned long>(lim.rlim_max));
 }
 
-bool is_writable_dir(const char* path)
+/* For the user that the agent will be. */
+bool is_writable_dir(const kova_cfg& cfg, const char* path)
 {
     struct stat st {
     };
-    return stat(path, &st) == 0 && S_ISDIR(st.st_mode) && access(path, W_OK | X_OK) == 0;
+    if (stat(path, &st) != 0 || !S_ISDIR(st.st_mode) || access(path, W_OK | X_OK) != 0)
+        return false;
+    const passwd* pw = geteuid() == 0 && cfg.rt.user[0] ? getpwnam(cfg.rt.user) : nullptr;
+    if (!pw || pw->pw_uid == 0)
+        return true;
+    const bool is_group = st.st_gid == pw->pw_gid;
+    const mode_t want = (W_OK | X_OK) << (st.st_uid == pw->pw_uid ? 6 : is_group ? 3 : 0);
+    return (st.st_mode & want) == want;
 }
 
 void check_data_dir(const kova_cfg& cfg)
 {
-    if (!is_writable_dir(cfg.data_dir))
-        warn("data_dir %s cannot be written to by this user", cfg.data_dir);
+    if (!is_writable_dir(cfg, cfg.data_dir))
+        warn("data_dir %s cannot be written to by the agent's user", cfg.data_dir);
     const size_t used = strlen(cfg.data_dir) + 1 + strlen("-Kova");
     const size_t room = used < PATH_ROOM ? PATH_ROOM - used : 0;
     printf("destinations: up to %zu characters below %s\n", room, cfg.data_dir);
@@ -201,8 +219,9 @@ void check_channel(const kova_cfg& cfg)
         if (dir == temporary || (dir.starts_with(temporary) && dir[temporary.size()] == '/'))
             warn("lock_dir %s is a temporary place: others can hold or clear locks there", cfg.udp_cha.lkdir);
     }
-    if (!is_writable_dir(cfg.udp_cha.lkdir))
-        warn("lock_dir %s cannot be written to by this user: orders go on without their locks", cfg.udp_cha.lkdir);
+    if (!is_writable_dir(cfg, cfg.udp_cha.lkdir))
+        warn("lock_dir %s cannot be written to by the agent's user: orders go on without their locks",
+             cfg.udp_cha.lkdir);
 }
 
 void check_digests(const kova_cfg& cfg)
