@@ -52,7 +52,6 @@ extern usock_flags_t usock_flags;
 
 /* The User-Agent of every request; not copied. */
 void usock_set_apptag(const char* tag) noexcept;
-[[nodiscard]] const char* usock_apptag() noexcept;
 
 /* Descriptor or -1 (logged). */
 [[nodiscard]] int usock_open(usock_ctx* ctx, const char* url) noexcept;

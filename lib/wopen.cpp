@@ -36,11 +36,6 @@ void usock_set_apptag(const char* tag) noexcept
     g_apptag = tag;
 }
 
-const char* usock_apptag() noexcept
-{
-    return g_apptag;
-}
-
 /* ---- request ---- */
 
 static int mk_host_field(const http_request* rq, std::array<char, HOST_FIELD_MAX>* field) noexcept

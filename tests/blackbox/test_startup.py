@@ -49,6 +49,10 @@ class CommandLine(unittest.TestCase):
             self.assertEqual(status, 1)
             self.assertIn("Usage: kov", text)
         self.assertIn("Invalid or unspecified config [], please use -C path\n", self.run_kov("-T")[1])
+        for name in ("marlinet.conf", "kov.conf"):  # where it looks, the second before the first
+            with open(f"{self.dir.name}/{name}", "w", encoding="utf-8") as f:
+                f.write("kova = {")
+            self.assertIn(f"Error reading/parsing config file [./{name}]", self.run_kov("-T")[1])
 
     def test_options(self):
         path = "/" + "p" * 127

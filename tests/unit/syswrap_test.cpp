@@ -1,4 +1,5 @@
 #include "fdio.h"
+#include "netops.h"
 #include "syswrap.h"
 
 #include "caught_log.h"
@@ -11,6 +12,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -130,6 +132,30 @@ TEST(Sockets, AConnectInProgressIsInfoAndAcceptIsReady)
     EXPECT_TRUE(log.has("me: poll() has timed out after 1 ms\n"));
     for (const int fd : {afd, cfd, lfd})
         close(fd);
+}
+
+TEST(Sockets, OptionsAreSet)
+{
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    for (const bool on : {true, false}) {
+        EXPECT_EQ(set_nblock(fd, on), 0);
+        EXPECT_EQ(fcntl(fd, F_GETFL) & O_NONBLOCK, on ? O_NONBLOCK : 0);
+        EXPECT_EQ(set_tcp_nodelay(fd, on), 0);
+        int value = -1;
+        socklen_t len = sizeof(value);
+        EXPECT_EQ(getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &value, &len), 0);
+        EXPECT_EQ(value, on);
+    }
+    EXPECT_EQ(set_rcv_timeout(fd, 1500), 0);
+    EXPECT_EQ(set_send_timeout(fd, 20), 0);
+    timeval tv{};
+    socklen_t len = sizeof(tv);
+    EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &len), 0);
+    EXPECT_EQ(tv.tv_sec * 1000 + tv.tv_usec / 1000, 1500);
+    close(fd);
+    caught_log log;
+    EXPECT_EQ(set_nblock(fd, true), -1);
+    EXPECT_NE(log.text().find("set_nblock: fcntl("), std::string::npos);
 }
 
 TEST_F(Wrappers, WaitToReadSeesDataAndTheEnd)

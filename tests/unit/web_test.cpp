@@ -1,5 +1,6 @@
 /* URIs, request heads, responses and the head of a source: what foreign bytes become. */
 #include "caught_log.h"
+#include "scratch_dir.h"
 #include "uri.h"
 #include "webops.h"
 #include "wopen.h"
@@ -64,6 +65,26 @@ TEST(Uri, TakesHostAndPortOutOfAPath)
         EXPECT_EQ(rest ? std::string(host.data()) + "|" + port.data() + "|" + rest : "refused",
                   c.expected ? c.expected : "refused");
     }
+}
+
+TEST(Uri, ExtractsThePartsThatAreAskedFor)
+{
+    std::array<char, URI_SCHEME_MAX> scheme{};
+    std::array<char, URI_AUTH_MAX> authority{};
+    std::array<char, URI_PATH_MAX> path{};
+    std::array<char, URI_QUERY_MAX> query{"old"};
+    EXPECT_EQ(uri_extract("UDP://10.0.0.1@232.1.1.1:5000", scheme.data(), authority.data(), path.data(), query.data()),
+              URI_UDP);
+    EXPECT_EQ(std::string(scheme.data()) + "|" + authority.data() + "|" + path.data() + "|" + query.data(),
+              "UDP|10.0.0.1|232.1.1.1:5000|");
+    EXPECT_EQ(uri_extract("http://h/a?x=1", nullptr, nullptr, nullptr, query.data()), URI_HTTP);
+    EXPECT_STREQ(query.data(), "x=1");
+    caught_log log;
+    const std::string long_path = "http://" + std::string(URI_PATH_MAX, 'p');
+    for (const char* bad : {"/a/b", "gopher://h/a", "http://", long_path.c_str()})
+        EXPECT_EQ(uri_extract(bad, nullptr, nullptr, path.data(), nullptr), URI_BAD) << bad;
+    EXPECT_NE(log.text().find("uri_extract: uri_get_path ERROR\n"), std::string::npos);
+    EXPECT_NE(log.text().find("uri_extract: error parsing URI: [gopher://h/a]\n"), std::string::npos);
 }
 
 TEST(Uri, DecodesWithinItsText)
@@ -205,6 +226,17 @@ TEST(Responses, AreExact)
         std::string(buf.data(), static_cast<size_t>(n)),
         "HTTP/1.0 200 OK\r\nServer: me\r\nContent-Type: text/plain\r\nContent-Encoding: gzip\r\nContent-Length: 5\r\n"
         "Connection: close\r\nLocation: /x\r\nX-One: 1\r\n\r\n");
+    const scratch_dir dir;
+    const std::string page = dir.put("page", "hello");
+    http_response with_file{};
+    with_file.code = 403;
+    with_file.reason = "Forbidden";
+    with_file.server = "me";
+    with_file.content_length = 5;
+    with_file.fpath = page.c_str();
+    const int m = mk_http_response(&with_file, buf.data(), buf.size());
+    EXPECT_EQ(std::string(buf.data(), static_cast<size_t>(m)),
+              "HTTP/1.1 403 Forbidden\r\nServer: me\r\nContent-Length: 5\r\n\r\nhello");
     EXPECT_EQ(mk_http_xt_resp(&full, 20, buf.data(), buf.size()), 22);
     EXPECT_EQ(mk_http_response(&full, buf.data(), 60), -1);
     const std::string long_text(130, 'x');
