@@ -190,7 +190,8 @@ bool is_writable_dir(const kova_cfg& cfg, const char* path)
     if (!pw || pw->pw_uid == 0)
         return true;
     const bool is_group = st.st_gid == pw->pw_gid;
-    const mode_t want = (W_OK | X_OK) << (st.st_uid == pw->pw_uid ? 6 : is_group ? 3 : 0);
+    constexpr mode_t WRITE_AND_ENTER = 3;
+    const mode_t want = WRITE_AND_ENTER << (st.st_uid == pw->pw_uid ? 6U : is_group ? 3U : 0U);
     return (st.st_mode & want) == want;
 }
 
