@@ -17,8 +17,8 @@ install(FILES packaging/redis/add_url.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/k
 install(FILES packaging/examples/fleet.conf packaging/examples/kov.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(FILES README.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES docs/PROTOCOL.md docs/OPERATION.md docs/ARCHITECTURE.md docs/day.svg DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs)
-# A configuration that somebody has edited stays.
-install(CODE "if(NOT EXISTS \"\$ENV{DESTDIR}/etc/kov/kov.conf\")
+# A configuration that somebody has edited stays; a prefix of a user's own gets none.
+install(CODE "if(CMAKE_INSTALL_PREFIX MATCHES \"^/usr\" AND NOT EXISTS \"\$ENV{DESTDIR}/etc/kov/kov.conf\")
   file(INSTALL \"${CMAKE_SOURCE_DIR}/packaging/examples/kov.conf\" DESTINATION \"/etc/kov\")
 endif()")
 # Completion is looked up by a program's name.

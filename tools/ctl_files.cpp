@@ -53,8 +53,13 @@ struct removal {
     int found = 0;
     int removed = 0;
 
-    void take(const fs::path& path, const char* why)
+    void take(const fs::path& path, const struct stat& seen, const char* why)
     {
+        struct stat now {
+        };
+        if (lstat(path.c_str(), &now) != 0 || now.st_ino != seen.st_ino || now.st_dev != seen.st_dev ||
+            now.st_mtime != seen.st_mtime)
+            return; /* an agent has just taken it over */
         ++found;
         if (!g_set.is_deleting) {
             printf("%s: %s\n", path.c_str(), why);
@@ -69,10 +74,9 @@ struct removal {
 };
 
 /* The directory may be everybody's (/tmp): a lock is an empty file of the agent's own user, named by a lock id. */
-bool is_lapsed_lock(const fs::path& path, uid_t agent)
+bool is_lapsed_lock(const fs::path& path, uid_t agent, struct stat* lock)
 {
-    struct stat st {
-    };
+    struct stat& st = *lock;
     const size_t len = path.stem().native().size();
     return path.extension() == ".lock" && len >= MIN_LID_LEN && len <= MAX_LID_LEN && lstat(path.c_str(), &st) == 0 &&
            S_ISREG(st.st_mode) && st.st_size == 0 && st.st_uid == agent && age_of(st) > STALE_LOCK_SEC;
@@ -110,7 +114,7 @@ int cmd_verify()
     removal r;
     each_file([&r](const fs::path& path, const struct stat& st) {
         if (!is_unfinished(path) && st.st_blocks * 512 < st.st_size)
-            r.take(path, "has fewer blocks than its size");
+            r.take(path, st, "has fewer blocks than its size");
     });
     return r.status();
 }
@@ -121,14 +125,16 @@ int cmd_sweep()
     const held_files held = all_held_files();
     each_file([&](const fs::path& path, const struct stat& st) {
         if (is_unfinished(path) && age_of(st) > STALE_LOCK_SEC && !held.contains({st.st_dev, st.st_ino}))
-            r.take(path, "unfinished, and no agent writes it");
+            r.take(path, st, "unfinished, and no agent writes it");
     });
     const auto owner = owner_of_locks();
     std::error_code ec;
     fs::directory_iterator it(g_set.lock_dir, ec);
     for (; owner && !ec && it != fs::directory_iterator(); it.increment(ec)) {
-        if (is_lapsed_lock(it->path(), *owner))
-            r.take(it->path(), "a lock that has lapsed");
+        struct stat st {
+        };
+        if (is_lapsed_lock(it->path(), *owner, &st))
+            r.take(it->path(), st, "a lock that has lapsed");
     }
     return r.status();
 }

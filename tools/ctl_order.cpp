@@ -1,6 +1,7 @@
 /* Orders: over HTTP with what the answer means, as datagrams, and the wait for the file. */
 #include "ctl.h"
 
+#include "cfg.h"
 #include "data.h"
 #include "guard.h"
 #include "netops.h"
@@ -25,6 +26,7 @@ namespace
 {
 
 constexpr int ANSWER_WAIT_MS = 60000;
+constexpr int CONNECT_WAIT_MS = 10000;
 constexpr size_t ORDER_PATH_MAX = 127; /* of a datagram's URL, from the host on */
 
 struct free_addrinfo {
@@ -53,6 +55,8 @@ addrinfo_ptr resolve(const std::string& text, int socktype)
 int connect_to(int family, const sockaddr* address, socklen_t len)
 {
     const int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd >= 0)
+        (void)set_send_timeout(fd, CONNECT_WAIT_MS); /* bounds the connect, too */
     if (fd >= 0 && connect(fd, address, len) == 0)
         return fd;
     const int err = errno;
@@ -62,12 +66,18 @@ int connect_to(int family, const sockaddr* address, socklen_t len)
     return -1;
 }
 
+/* A Unix-domain listener. */
+bool is_path(const std::string& agent)
+{
+    return agent.starts_with('/') || agent.starts_with('.');
+}
+
 int connect_agent()
 {
     if (g_set.agent.empty())
         fail(STATUS_USAGE, "no agent given: name its configuration (-C) or its listener (-a)");
     int fd = -1;
-    if (g_set.agent.front() == '/') {
+    if (is_path(g_set.agent)) {
         sockaddr_un sun{};
         sun.sun_family = AF_UNIX;
         if (!copy_text(sun.sun_path, sizeof(sun.sun_path), g_set.agent))
@@ -87,8 +97,7 @@ int connect_agent()
 int ask(const std::string& target)
 {
     /* The agent looks at a request from its 32nd byte on, so it is never shorter. */
-    const std::string head = "GET " + target +
-                             " HTTP/1.1\r\nHost: " + (g_set.agent.starts_with('/') ? "local" : g_set.agent) +
+    const std::string head = "GET " + target + " HTTP/1.1\r\nHost: " + (is_path(g_set.agent) ? "local" : g_set.agent) +
                              "\r\nUser-Agent: kovctl\r\n\r\n";
     if (head.size() > HEAD_MAX - 1)
         fail(STATUS_REFUSED, "too long: a request has at most " + std::to_string(HEAD_MAX - 1) + " bytes");
@@ -106,7 +115,8 @@ int ask(const std::string& target)
 }
 
 /* Text as a part of an order's path: bytes that would end it or that decoding would change are escaped, and so is the
-   first letter of a segment by which the agent would split the order. */
+   first letter of a segment by which the agent would split the order. Bytes above ASCII pass as they are: the agent decodes
+   their escapes to a question mark, as those of control characters, which no order can carry. */
 std::string encode(const std::string& text)
 {
     std::string out;
@@ -114,8 +124,10 @@ std::string encode(const std::string& text)
         const char c = text[i];
         const auto ch = static_cast<unsigned char>(c);
         const std::string segment = i == 0 || text[i - 1] == '/' ? text.substr(i, text.find('/', i) - i) : "";
+        if (ch < ' ' || ch == 0x7f)
+            fail(STATUS_USAGE, "no order can carry a control character");
         const bool splits = ci_equal(segment.c_str(), "src") || ci_equal(segment.c_str(), "dst");
-        if (ch > ' ' && ch < 0x7f && !strchr("%+?#", c) && !splits) {
+        if (!strchr(" %+?#@", c) && !splits) {
             out += c;
         } else {
             std::array<char, 4> hex{};
@@ -219,11 +231,17 @@ int wait_for_file(const fs::path& path)
     return STATUS_REFUSED;
 }
 
+bool is_any_ifc(const std::string& text)
+{
+    return text.empty() || ci_equal(text, "all") || ci_equal(text, "any") || text == "0.0.0.0" || text == "::";
+}
+
 /* A sender to a group goes out where the agents listen, from the one address that they hear. */
 void choose_way(int fd, const addrinfo* to)
 {
     const char* ifc = g_set.channel_ifc.c_str();
-    const std::unique_ptr<ifc_info, decltype(&free)> info(*ifc ? get_ifc_info(to->ai_family, ifc) : nullptr, free);
+    const std::unique_ptr<ifc_info, decltype(&free)> info(
+        is_any_ifc(g_set.channel_ifc) ? nullptr : get_ifc_info(to->ai_family, ifc), free);
     if (info && to->ai_family == AF_INET6) {
         (void)setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &info->idx, sizeof(info->idx));
     } else if (info) {
@@ -252,6 +270,8 @@ int cmd_get(std::span<char* const> args)
     const std::string dst = args[1];
     if (g_set.is_waiting && g_set.data_dir.empty())
         fail(STATUS_USAGE, "no data directory to watch: name the configuration (-C) or the directory (-D)");
+    if (src.find('?') != std::string::npos)
+        fputs("kovctl: the agent fetches the source without its query\n", stderr);
     const int code = ask(order_target(src, dst));
     printf("%d %s\n", code, meaning(code, src));
     if (code != 200)
@@ -290,6 +310,8 @@ int cmd_register(std::span<char* const> args)
 {
     if (g_set.prefix.empty())
         fail(STATUS_USAGE, "the configuration has no local_url_prefix: there is nothing to register");
+    if (g_cfg.lbdb.port <= 0)
+        fail(STATUS_USAGE, "the configuration has no lbdb: there is nowhere to register");
     int status = 0;
     for (const char* dst : args) {
         struct stat st {

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -64,7 +65,18 @@ std::optional<std::vector<fs::path>> descriptors_of(pid_t pid)
 
 [[noreturn]] void fail_blind(pid_t pid)
 {
-    fail(STATUS_USAGE, "may not look into the agent (pid " + std::to_string(pid) + "): run as its user or as root");
+    fail(STATUS_REFUSED, "may not look into the agent (pid " + std::to_string(pid) + "): run as root");
+}
+
+/* What a descriptor of a process leads to. False when it is gone. An agent whose directory may be read may still forbid to
+   follow: a file that it holds must not pass for one that nobody holds. */
+bool stat_descriptor(pid_t pid, const fs::path& fd, struct stat* st)
+{
+    if (stat(fd.c_str(), st) == 0)
+        return true;
+    if (errno != ENOENT && is_agent(pid))
+        fail_blind(pid);
+    return false;
 }
 
 /* One line of /proc/PID/net/tcp, tcp6 or udp. */
@@ -211,7 +223,7 @@ held_files all_held_files()
         for (const fs::path& fd : fds.value_or(std::vector<fs::path>{})) {
             struct stat st {
             };
-            if (stat(fd.c_str(), &st) == 0 && S_ISREG(st.st_mode))
+            if (stat_descriptor(pid, fd, &st) && S_ISREG(st.st_mode))
                 held.emplace(st.st_dev, st.st_ino);
         }
     }
@@ -237,7 +249,7 @@ int cmd_status()
     for (const fs::path& fd : *fds) {
         struct stat st {
         };
-        if (stat(fd.c_str(), &st) == 0 && S_ISSOCK(st.st_mode))
+        if (stat_descriptor(*agent.pid, fd, &st) && S_ISSOCK(st.st_mode))
             sockets.insert(st.st_ino);
     }
     printf("agent: pid %d\n", *agent.pid);

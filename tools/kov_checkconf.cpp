@@ -10,6 +10,7 @@
 #include "util.h"
 
 #include <array>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -96,9 +97,10 @@ void check_value(const config_setting_t* s, const key_rule& rule)
         check_keys(s, rule.keys);
         return;
     }
-    if (config_setting_type(s) == CONFIG_TYPE_INT64)
+    const long long value = type == V_INT ? config_setting_get_int64(s) : 0;
+    if (value > INT_MAX || value < INT_MIN)
         warn("line %u: %s is beyond 32 bits, and has no effect", config_setting_source_line(s), config_setting_name(s));
-    else if (type == V_INT && config_setting_get_int(s) < 0 && rule.name != "cpunum")
+    else if (value < 0 && rule.name != "cpunum")
         warn("line %u: %s is negative", config_setting_source_line(s), config_setting_name(s));
     if (type != V_LIST)
         return;
@@ -133,7 +135,8 @@ void check_keys(const config_setting_t* group, std::span<const key_rule> rules)
 /* A listener that is given a path and a port listens on the path only. */
 void check_listener(const config_setting_t* s)
 {
-    if (config_setting_get_member(s, "domain_path") &&
+    const char* path = nullptr;
+    if (config_setting_lookup_string(s, "domain_path", &path) == CONFIG_TRUE && *path &&
         (config_setting_get_member(s, "port") || config_setting_get_member(s, "ifc")))
         warn("line %u: ifc and port are ignored beside domain_path", config_setting_source_line(s));
     const char* protocol = nullptr;
@@ -186,7 +189,7 @@ bool is_writable_dir(const kova_cfg& cfg, const char* path)
     };
     if (stat(path, &st) != 0 || !S_ISDIR(st.st_mode) || access(path, W_OK | X_OK) != 0)
         return false;
-    const passwd* pw = geteuid() == 0 && cfg.rt.user[0] ? getpwnam(cfg.rt.user) : nullptr;
+    const passwd* pw = geteuid() == 0 && !cfg.rt.non_daemon && cfg.rt.user[0] ? getpwnam(cfg.rt.user) : nullptr;
     if (!pw || pw->pw_uid == 0)
         return true;
     const bool is_group = st.st_gid == pw->pw_gid;
@@ -236,7 +239,7 @@ void check_digests(const kova_cfg& cfg)
         warn("%s cannot be read: the agent will not start (load-scripts writes it)", path.c_str());
         return;
     }
-    const std::string_view digest(line.data(), strcspn(line.data(), "\r\n"));
+    const std::string_view digest(line.data(), strcspn(line.data(), "\n"));
     if (digest.size() != SHA1_LEN || digest.find_first_not_of("0123456789abcdefABCDEF") != std::string_view::npos)
         warn("%s does not hold a SHA1 digest: the agent will not start", path.c_str());
 }
@@ -249,6 +252,8 @@ void check_daemon(const kova_cfg& cfg)
         warn("a daemon needs log.file; without it only -T starts");
     if (!cfg.rt.pidfile[0])
         warn("a daemon needs runtime.pidfile; without it only -T starts");
+    if (cfg.rt.user[0] && !getpwnam(cfg.rt.user))
+        warn("run_as_user: there is no user %s here; without one only -T starts", cfg.rt.user);
 }
 
 int usage(FILE* out, int status)

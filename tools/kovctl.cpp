@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -44,7 +45,7 @@ int usage(FILE* out, int status)
 std::string place_of(const rui_listener_cfg& l)
 {
     if (l.domain_path[0])
-        return l.domain_path;
+        return l.domain_path[0] == '/' ? l.domain_path : std::string("./") + l.domain_path;
     std::array<char, NI_MAXHOST> host{"127.0.0.1"};
     if (l.ifc)
         (void)getnameinfo(reinterpret_cast<const sockaddr*>(&l.ifc->ss), sizeof(l.ifc->ss), host.data(), host.size(),
@@ -70,10 +71,14 @@ void read_channel()
         url = url.substr(at + 3);
     if (const size_t at = url.find('@'); at != std::string::npos) {
         g_set.channel_source = url.substr(0, at);
+        /* Its port, if it has one, says nothing. */
+        const size_t colon = g_set.channel_source.rfind(':');
+        if (colon != std::string::npos &&
+            (colon == g_set.channel_source.find(':') || g_set.channel_source[colon - 1] == ']'))
+            g_set.channel_source.resize(colon);
         url = url.substr(at + 1);
     }
     g_set.channel = url;
-    g_set.channel_ifc = g_cfg.udp_cha.mifc;
 }
 
 /* What no option has said is taken from the configuration. One that was not asked for may be unreadable: what is then
@@ -92,18 +97,18 @@ void complete(const char* path, bool is_named)
     read_agent();
     if (g_set.channel.empty())
         read_channel();
+    g_set.channel_ifc = g_cfg.udp_cha.mifc;
     if (g_set.data_dir.empty())
         g_set.data_dir = g_cfg.data_dir;
     g_set.lock_dir = g_cfg.udp_cha.lkdir;
     g_set.prefix = g_cfg.seg_url_pfx;
 }
 
-template <class T>
-T number_or_usage(const char* text)
+long number_or_usage(const char* text, long least)
 {
-    const auto value = parse_num<T>(text);
-    if (!value || *value < 1)
-        fail(STATUS_USAGE, std::string(text) + ": not a number above 0");
+    const auto value = parse_num<long>(text);
+    if (!value || *value < least || *value > INT_MAX)
+        fail(STATUS_USAGE, std::string(text) + ": not a number, or too small or large");
     return *value;
 }
 
@@ -150,13 +155,13 @@ int main(int argc, char* argv[])
             g_set.data_dir = optarg;
             break;
         case 'p':
-            g_set.pid = number_or_usage<pid_t>(optarg);
+            g_set.pid = static_cast<pid_t>(number_or_usage(optarg, 1));
             break;
         case 'e':
-            g_set.expiry = optarg;
+            g_set.expiry = std::to_string(number_or_usage(optarg, INT_MIN));
             break;
         case 't':
-            g_set.timeout = number_or_usage<long>(optarg);
+            g_set.timeout = number_or_usage(optarg, 1);
             break;
         case 'w':
             g_set.is_waiting = true;

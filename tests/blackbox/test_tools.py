@@ -90,8 +90,10 @@ class Ctl(KovTest):
     def setUp(self):
         super().setUp()
         self.udp_port = free_port()
-        self.agent = self.start(f'udp_input = {{ url = "127.0.0.1:{self.udp_port}"; lock_dir = "{self.root}"; }};'
-                                'local_url_prefix = "http://me.example"; max_mmap_mb = 0;',
+        self.database = Redis(self.new_root())
+        self.addCleanup(self.database.stop)
+        self.agent = self.start(self.database.settings() + f'udp_input = {{ url = "127.0.0.1:{self.udp_port}"; lock_dir = "{self.root}"; }};'
+                                'max_mmap_mb = 0;',
                                 more_listeners=f', {{ domain_path = "{self.root}/socket"; }}')
 
     def ctl(self, *args):
@@ -106,8 +108,9 @@ class Ctl(KovTest):
         self.assertIn("expiry=77", self.agent.log())
         self.assertTrue(source)
         # Segments by which an order is split, a destination made from the source, one with a slash in front; a Unix-domain socket.
-        for path, dst, stored in (("/live/Dst/a", "/lead/src/a", "lead/src/a"), ("/src/dst/auto", "", "src/dst/auto")):
-            self.assertEqual(self.ctl("-a", f"{self.root}/socket", "--wait", "get", self.origin.body(path, b"split"), dst)[0], 0)
+        for path, dst, stored in (("/live/Dst/a", "/lead/src/a", "lead/src/a"), ("/src/dst/auto", "", "src/dst/auto"), ("/f", "\u00e9 @", "\u00e9 @")):
+            status, out, _ = self.ctl("-a", f"{self.root}/socket", "--wait", "get", self.origin.body(path, b"split"), dst)
+            self.assertEqual(status, 0, out)
             self.assertEqual(self.agent.stored(stored), b"split")
         for args, code, words in (((self.origin.url("/a"), "v/a b%.ts"), 403, "there already"), (("ftp://h/a", "x"), 400, "not http://"),
                                   (("http://h/" + "x" * 130, "x"), 400, "more than 127 characters")):
@@ -118,17 +121,17 @@ class Ctl(KovTest):
         status, out, _ = self.ctl("get", "--wait", cut, "cut")
         self.assertEqual(status, 1)
         self.assertIn("failed: ", out)
-        self.assertEqual(self.ctl("send", "job1", self.origin.url("/a"), "by-udp", "600")[0], 0)
-        self.assertEqual(self.agent.stored("by-udp"), b"x" * 3000)
+        self.assertEqual(self.ctl("send", "job1", self.origin.url("/a"), "by@udp", "600")[0], 0)
+        self.assertEqual(self.agent.stored("by@udp"), b"x" * 3000)
         for bad in (("job", "http://h/a", "x", "5"), ("job1", "http://h/a", "x", ""), ("job1", "http://h/" + "a" * 120, "x", "5"),
                     ("a/bc", "http://h/a", "x", "5")):
             self.assertEqual(self.ctl("send", *bad)[0], 2)
         self.assertEqual(self.ctl("register", "v/a b%.ts")[0], 0)
         self.assertEqual(self.ctl("register", "v/none")[:2], (1, f"v/none: not in {self.agent.data}\n"))
-        self.assertEqual(self.agent.log().count("TASK-START"), 6)  # nothing was fetched to register
+        self.assertEqual(self.agent.log().count("TASK-START"), 7)  # nothing was fetched to register
         self.assertEqual(run("kovctl", "-a", f"127.0.0.1:{free_port()}", "ping")[0], 3)
         self.assertEqual(self.ctl("dance")[0], 2)
-        for usage in (("get", "one"), ("-t", "soon", "ping"), ("-p", "0", "status"), ("-D", "/nowhere", "verify")):
+        for usage in (("get", "one"), ("-t", "soon", "ping"), ("-e", "soon", "get", "http://h/a", "b"), ("get", "http://h/a", "b\n"), ("-p", "0", "status"), ("-D", "/nowhere", "verify")):
             self.assertEqual(self.ctl(*usage)[0], 2)
         self.assertEqual(self.ctl("-p", str(os.getpid()), "status")[0], 3)  # no agent
         self.assertEqual(run("kovctl", "-C", "/nowhere", "ping")[0], 2)
