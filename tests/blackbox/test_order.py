@@ -31,6 +31,12 @@ class Bodies(KovTest):
     def test_written(self):
         self.check_shapes(self.start("max_mmap_mb = 0;"))
 
+    def test_an_order_in_absolute_form(self):
+        agent = self.start()
+        url = self.origin.body("/a", b"absolute")
+        self.assertEqual(agent.send(f"GET http://agent.example/src/{url}/dst/a HTTP/1.0\r\nConnection: Close\r\n\r\n".encode()), ANSWERS[200])
+        self.assertEqual(agent.stored("a"), b"absolute")
+
     def test_the_border_between_mapping_and_writing(self):
         agent = self.start("max_mmap_mb = 1;", options=("-L", "debug"))
         for size, mode in ((MIB - 1, "mmap"), (MIB, "mmap"), (MIB + 1, "file")):

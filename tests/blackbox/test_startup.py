@@ -3,6 +3,7 @@
 import os
 import re
 import signal
+import socket
 import subprocess
 import tempfile
 import unittest
@@ -160,6 +161,36 @@ Misc:
                          r"NRM kov has been asked to quit\.", "NRM kov shut down", r"NRM kov .* EXIT\(0\)\. PID=\d+"):
                 self.assertRegex(lines, f"(?m)^{line}$")
             self.forget(agent)
+
+    def test_listeners_of_the_command_line(self):
+        """One goes into the slot before the highest free one, and listeners start up to the first gap."""
+        for count, started in ((1, ["file0"]), (2, ["cli", "file0", "file1"]), (3, ["cli", "file0", "file1"]),
+                               (4, ["cli", "file1", "file2", "file3"])):
+            ports = [free_port() for _ in range(count - 1)]
+            cli = free_port()
+            agent = self.start(more_listeners="".join(f', {{ ifc = "lo"; default_af = "inet4"; port = {p}; }}' for p in ports),
+                               options=("-W" if count == 2 else "-w", f"lo:{cli}", "-P", "0"), must_run=False)
+            agent.wait_log("STARTED listener", len(started))
+            places = {"cli": ("::1" if count == 2 else "127.0.0.1", cli), "file0": ("127.0.0.1", agent.port),
+                      **{f"file{n + 1}": ("127.0.0.1", p) for n, p in enumerate(ports)}}
+            found = []
+            for name, place in places.items():
+                try:
+                    socket.create_connection(place).close()
+                    found.append(name)
+                except ConnectionRefusedError:
+                    pass
+            self.assertEqual(sorted(found), started, count)
+            self.assertEqual("all interface slots are busy" in agent.stderr(), count == 4)
+            with open(f"/proc/{agent.pid}/status", encoding="ascii") as f:
+                self.assertIn("Cpus_allowed_list:\t0\n", f.read())
+            self.assertIn("processor affinity set to CPU0\n", agent.log())
+
+    def test_another_user_stays_in_the_foreground(self):
+        os.chmod(self.root, 0o777)
+        agent = self.start(arguments=("-q", "-l", f"{self.root}/log"), preexec=lambda: os.setuid(65534))
+        self.assertEqual(agent.get("/" + "x" * 40), ANSWERS[400])
+        self.assertIsNone(agent.proc.poll())
 
     def test_a_terminal_run_shows_its_log(self):
         agent = self.start(arguments=("-T",), options=("-L", "norm"))
