@@ -219,7 +219,7 @@ class Metrics(KovTest):
                     ("broken", self.origin.raw("/reset", length % 9000 + b"abc", self.origin.reset)), ("present", good),
                     ("status", self.origin.raw("/404", b"HTTP/1.1 404 Not Found\r\n\r\n")), ("head", self.origin.raw("/nolength", ok + b"\r\n")),
                     ("head", self.origin.raw("/garbage", b"\1\2\r\n\r\n")), ("head", self.origin.raw("/endless", b"x" * 20000)),
-                    ("connect", "http://127.0.0.1:1/x"), ("connect", "http://nosuch.invalid/x"),
+                    ("connect", "http://127.0.0.1:1/x"), ("connect", "http://255.255.255.255:1/x"),
                     ("disk", self.origin.raw("/big", length % (2 << 20) + b"abc")))
         agent.order(good, "good")
         agent.wait_log("TASK-END")
