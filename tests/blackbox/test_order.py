@@ -29,7 +29,7 @@ class Bodies(KovTest):
         self.check_shapes(self.start())
 
     def test_written(self):
-        self.check_shapes(self.start("max_mmap_mb = 0;"))
+        self.check_shapes(self.start("max_mmap_mb = 0; max_tasks = 0;"))  # as many tasks as there are descriptors
 
     def test_an_order_in_absolute_form(self):
         agent = self.start()

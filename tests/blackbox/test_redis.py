@@ -36,12 +36,20 @@ class Registration(Database):
     def test_every_stored_file_is_found_by_a_reader(self):
         udp_port = free_port()
         agent = self.start(self.db.settings() + f'udp_input = {{ url = "127.0.0.1:{udp_port}"; lock_dir = "{self.root}"; }};')
+        stalled = self.origin.raw("/s", b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc",
+                                  lambda conn: (self.origin.stall(), conn.sendall(b"defghi")))
+        self.assertEqual(agent.order(stalled, "stalled"), ANSWERS[200])
+        for fd in os.listdir(f"/proc/{agent.pid}/fd"):  # nothing that a log command could inherit
+            with open(f"/proc/{agent.pid}/fdinfo/{fd}", encoding="ascii") as f:
+                self.assertTrue(int(fd) < 3 or int(f.read().split()[3], 8) & os.O_CLOEXEC, os.readlink(f"/proc/{agent.pid}/fd/{fd}"))
+        self.origin.released.set()
+        agent.wait_log("TASK-END")
         now = int(time.time())
         self.order(agent, "v/a b%.ts", "?expiry=600")  # neither blank nor percent sign is anything to the protocol
         self.order(agent, "v/never.ts")
         self.order(agent, "v/past.ts", "?expiry=-1")
         self.order(agent, "v/fixed.ts", "?expiry=2000000000")
-        agent.wait_log("TASK-END", 4)
+        agent.wait_log("TASK-END", 5)
         ends = int(self.db.cli("zscore", "v/a b%.ts", "http://me.example/v/a b%.ts"))
         self.assertTrue(now + 600 <= ends <= now + 605, ends)
         self.assertTrue(595 <= int(self.db.cli("ttl", "v/a b%.ts")) <= 600)
@@ -58,7 +66,7 @@ class Registration(Database):
         agent.wait_log("id=[v/udp.ts], url=[http://me.example/v/udp.ts], expiry=2000000002\n")
         wait_for(lambda: self.db.urls("v/udp.ts") == {"http://me.example/v/udp.ts": "2000000002"}, "the registration")
         self.assertTrue(os.path.exists(f"{self.root}/job1.lock"))
-        self.assertEqual(agent.log().count("TASK-START"), 4)
+        self.assertEqual(agent.log().count("TASK-START"), 5)
         self.assertNotIn("(ERR)", agent.log())
 
     def test_the_script_keeps_every_host_until_it_expires(self):

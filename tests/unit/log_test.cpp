@@ -182,6 +182,15 @@ TEST_F(LogFile, RotatesBySizeWithoutLosingALine)
     EXPECT_EQ(log_rota_maxfiles(g_log), 16U);
 }
 
+TEST_F(LogFile, ARotationWithinTheSameSecondKeepsItsFile)
+{
+    ASSERT_EQ(log_open_ex(g_log, path.c_str(), 0), 0);
+    log_set_rota(g_log, 1, 1, 0);
+    for (int i = 0; i < 5; ++i)
+        LOG_ERR("rotates\n");
+    EXPECT_EQ(files(), 2U);
+}
+
 TEST_F(LogFile, PipeIsNeverRotatedAndClosesInBoundedTime)
 {
     ASSERT_EQ(log_popen(g_log, ("cat > " + path + "; sleep 4").c_str()), 0);
