@@ -39,9 +39,11 @@ class Registration(Database):
         stalled = self.origin.raw("/s", b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc",
                                   lambda conn: (self.origin.stall(), conn.sendall(b"defghi")))
         self.assertEqual(agent.order(stalled, "stalled"), ANSWERS[200])
-        for fd in os.listdir(f"/proc/{agent.pid}/fd"):  # nothing that a log command could inherit
-            with open(f"/proc/{agent.pid}/fdinfo/{fd}", encoding="ascii") as f:
-                self.assertTrue(int(fd) < 3 or int(f.read().split()[3], 8) & os.O_CLOEXEC, os.readlink(f"/proc/{agent.pid}/fd/{fd}"))
+        with agent.connect():
+            wait_for(lambda: agent.fds() >= agent.base_fds + 3, "a client besides the download")
+            for fd in os.listdir(f"/proc/{agent.pid}/fd"):  # nothing that a log command could inherit
+                with open(f"/proc/{agent.pid}/fdinfo/{fd}", encoding="ascii") as f:
+                    self.assertTrue(int(fd) < 3 or int(f.read().split()[3], 8) & os.O_CLOEXEC, os.readlink(f"/proc/{agent.pid}/fd/{fd}"))
         self.origin.released.set()
         agent.wait_log("TASK-END")
         now = int(time.time())
