@@ -103,6 +103,7 @@ def main():
     logs = sorted(glob.glob(f"{agent.log_path}*"), key=os.path.getmtime)
     with fileinput.input(logs, encoding="utf-8") as lines, open(sys.argv[1], "w", encoding="utf-8") as copy:
         copy.writelines(line for line in lines if line.startswith("2026-03-02"))  # the last minutes may be of the next day
+    database.stop()
     nginx.stop()
     origin.close()
     shutil.rmtree(root)
