@@ -1,10 +1,12 @@
 /* Client of the load-balancer database. The scripts live in the server and are called only by their digests, which are read
-   from small files at start-up. One blocking connection serves the whole life; it is never opened again. */
+   from small files at start-up. One connection serves the whole life; it is never opened again. Every
+   command is waited for, with the signals let in. */
 #include "lbquery.h"
 
 #include "config.h"
 #include "guard.h"
 #include "log.h"
+#include "netops.h"
 #include "strops.h"
 #include "util.h"
 
@@ -16,6 +18,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <hiredis/hiredis.h>
+#include <limits>
+#include <poll.h>
+#include <sys/socket.h>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
@@ -28,6 +33,11 @@ constexpr int CONNECT_TMOUT_MS = 500;
 constexpr size_t TEXT_LIMIT = 127;
 constexpr uint32_t OPT_S = 1;
 constexpr char OPT_S_TEXT[] = "-S";
+constexpr int64_t QUIT_GRACE_MS = 500;      /* what a server still gets once the agent has been asked to quit */
+constexpr size_t MAX_REPLY_BYTES = 1048576; /* more ends the connection instead of the memory */
+constexpr unsigned SERVER_GONE_MS = 5000;   /* a host that has vanished is given up after it */
+constexpr keepalive_pace SERVER_KEEPALIVE = {.idle_sec = 2, .interval_sec = 1, .probes = 3};
+constexpr int64_t NO_DEADLINE = std::numeric_limits<int64_t>::max();
 
 using reply_ptr = std::unique_ptr<redisReply, releaser<freeReplyObject>>;
 using file_ptr = std::unique_ptr<FILE, releaser<fclose>>;
@@ -41,6 +51,7 @@ struct lbdb_ctx {
     char mbget_sha1[LBQ_MAX_SHA1_LEN];
     int32_t need_func; /* LBQ_FL_* */
     char call_opt[64];
+    int64_t quit_deadline; /* ms of CLOCK_MONOTONIC; 0 = no quit signal has been met in a wait */
 };
 
 static lbdb_ctx g_ctx{};
@@ -164,14 +175,73 @@ int lbdb_init(const char* sha1_dir, int32_t need_func, uint32_t options) noexcep
 
 /* ---- connection ---- */
 
-/* One round trip. A server that hangs holds the agent up, but never a quit signal. Null: the connection is lost. */
+static int64_t now_ms() noexcept
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * int64_t{1000} + now.tv_nsec / 1000000;
+}
+
+/* Waits for the server's socket. A server that hangs holds the agent up; once a quit signal has come, it gets a last, bounded
+   time in all. 0 ready, or an errno value. */
+static int wait_for_server(short events, int64_t deadline) noexcept
+{
+    for (;;) {
+        if (g_quit && g_ctx.quit_deadline == 0)
+            g_ctx.quit_deadline = now_ms() + QUIT_GRACE_MS;
+        if (g_quit)
+            deadline = std::min(deadline, g_ctx.quit_deadline);
+        const int64_t left = deadline == NO_DEADLINE ? 0 : std::max<int64_t>(deadline - now_ms(), 0);
+        const timespec limit = {left / 1000, left % 1000 * 1000000};
+        const int rc = poll_with_signals(g_ctx.redis->fd, events, deadline == NO_DEADLINE ? nullptr : &limit);
+        if (rc > 0)
+            return 0;
+        if (rc == 0)
+            return g_quit ? EINTR : ETIMEDOUT;
+        if (errno != EINTR)
+            return errno;
+    }
+}
+
+/* Sends what is left of the command and takes in what has come. False: the connection is lost. */
+static bool exchange(int* is_sent, size_t* received) noexcept
+{
+    redisContext* c = g_ctx.redis;
+    if (!*is_sent && redisBufferWrite(c, is_sent) != REDIS_OK)
+        return false;
+    if (wait_for_server(static_cast<short>(*is_sent ? POLLIN : POLLIN | POLLOUT), NO_DEADLINE) != 0)
+        return false;
+    const size_t before = c->reader->len;
+    if (redisBufferRead(c) != REDIS_OK)
+        return false;
+    *received += c->reader->len - before;
+    return *received <= MAX_REPLY_BYTES;
+}
+
+static redisReply* await_reply() noexcept
+{
+    int is_sent = 0;
+    size_t received = 0;
+    void* reply = nullptr;
+    while (redisReaderGetReply(g_ctx.redis->reader, &reply) == REDIS_OK) {
+        if (reply)
+            return static_cast<redisReply*>(reply);
+        if (!exchange(&is_sent, &received))
+            break;
+    }
+    /* Nothing can be told from the stream any more: all later commands fail at once. */
+    if (!g_ctx.redis->err)
+        g_ctx.redis->err = REDIS_ERR_OTHER;
+    return nullptr;
+}
+
+/* One round trip. Null: the connection is lost. */
 template <class... Args>
 static reply_ptr command(const char* format, Args... args) noexcept
 {
-    if (g_ctx.redis->err)
+    if (g_ctx.redis->err || redisAppendCommand(g_ctx.redis, format, args...) != REDIS_OK)
         return nullptr; /* the library would keep the command, and all later ones */
-    const quit_interrupts guard(g_ctx.redis->fd);
-    return reply_ptr(static_cast<redisReply*>(redisCommand(g_ctx.redis, format, args...)));
+    return reply_ptr(await_reply());
 }
 
 /* One element that is an integer; complaints go to standard error. */
@@ -242,12 +312,19 @@ static void bound_arrays(redisReader* reader) noexcept
     reader->fn = &g_bounded_fns;
 }
 
+/* Waits for the end of the connect. 0, or an errno value. */
+static int finish_connect(timeval tmout) noexcept
+{
+    if (const int err = wait_for_server(POLLOUT, now_ms() + tmout.tv_sec * int64_t{1000} + tmout.tv_usec / 1000))
+        return err;
+    int err = 0;
+    socklen_t len = sizeof(err);
+    return getsockopt(g_ctx.redis->fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0 ? errno : err;
+}
+
 static int open_connection(const char* host, int port, timeval tmout) noexcept
 {
-    {
-        const quit_interrupts guard(-1); /* a signal ends the wait */
-        g_ctx.redis = redisConnectWithTimeout(host, port, tmout);
-    }
+    g_ctx.redis = redisConnectNonBlock(host, port);
     if (!g_ctx.redis) {
         LOG_ERR("%s: redisConnectWithTimeout: cannot allocate context\n", "lbdb_connect");
         return -1;
@@ -256,7 +333,13 @@ static int open_connection(const char* host, int port, timeval tmout) noexcept
         LOG_ERR("%s: redisConnectWithTimeout ERROR(%d): %s\n", "lbdb_connect", g_ctx.redis->err, g_ctx.redis->errstr);
         return -1;
     }
+    if (const int err = finish_connect(tmout)) {
+        LOG_ERR("%s: redisConnectWithTimeout ERROR(%d): %s\n", "lbdb_connect", REDIS_ERR_IO, strerror(err));
+        return -1;
+    }
     (void)fcntl(g_ctx.redis->fd, F_SETFD, FD_CLOEXEC);
+    (void)set_keepalive(g_ctx.redis->fd, SERVER_KEEPALIVE);
+    (void)set_user_timeout(g_ctx.redis->fd, SERVER_GONE_MS);
     bound_arrays(g_ctx.redis->reader);
     LOG_INFO("%s: connected to %s:%d\n", "lbdb_connect", host, port);
     return 0;

@@ -1,4 +1,5 @@
-/* Client of the load-balancer database: scripts in Redis, called by their SHA1 digests over one blocking connection. */
+/* Client of the load-balancer database: scripts in Redis, called by their SHA1 digests over one connection. A call waits for the answer
+   of its command: for ever, but no longer than 500 ms once a quit signal has come. */
 #pragma once
 
 #include <cstddef>
@@ -33,7 +34,7 @@ struct lbdb_cfg {
 [[nodiscard]] int lbdb_connect(const char* host, int port, timeval tmout) noexcept;
 void lbdb_disconnect() noexcept;
 void lbdb_destroy() noexcept;
-/* Registers url under id with its expiry (seconds). 0 or -1 (logged). Blocks for one round trip. */
+/* Registers url under id with its expiry (seconds). 0 or -1 (logged). Waits for one round trip. */
 [[nodiscard]] int lbdb_add_segurl(const char* id, const char* url, long expiry) noexcept;
 
 [[nodiscard]] int check_script_exists(const char* sha1) noexcept;

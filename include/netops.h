@@ -60,6 +60,14 @@ int set_nblock(int fd, bool on) noexcept;
 int set_tcp_nodelay(int fd, bool on) noexcept;
 int set_rcv_timeout(int fd, long ms) noexcept;
 int set_send_timeout(int fd, long ms) noexcept;
+struct keepalive_pace {
+    int idle_sec;     /* without a byte before the first probe */
+    int interval_sec; /* between probes */
+    int probes;       /* unanswered ones that end the connection */
+};
+int set_keepalive(int fd, const keepalive_pace& pace) noexcept;
+/* Data that the peer's host does not acknowledge for so long end the connection. */
+int set_user_timeout(int fd, unsigned ms) noexcept;
 /* The pending SO_ERROR, logged when it is non-zero. */
 [[nodiscard]] int socket_error(int fd) noexcept;
 

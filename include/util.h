@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <cstddef>
+#include <ctime>
 #include <span>
 #include <string_view>
 #include <sys/types.h>
@@ -34,19 +35,9 @@ void block_handled_signals() noexcept;
 [[nodiscard]] const sigset_t* wait_sigmask() noexcept;
 /* Lets pending handled signals run their handlers now. One system call when none is pending. */
 void deliver_pending_signals() noexcept;
-/* Around a call that may block on a socket: while it lives, handled signals run their handlers at once, and a quit signal
-   shuts the socket (if any) down, so that the call returns. One at a time. */
-class [[nodiscard]] quit_interrupts
-{
-public:
-    explicit quit_interrupts(int sockfd) noexcept;
-    ~quit_interrupts();
-    quit_interrupts(const quit_interrupts&) = delete;
-    quit_interrupts& operator=(const quit_interrupts&) = delete;
-
-private:
-    sigset_t old_;
-};
+/* poll() of one descriptor with the handled signals let in, for a wait outside the loop. limit null = none. As ppoll: -1 with
+   EINTR when a handler has run. */
+[[nodiscard]] int poll_with_signals(int fd, short events, const timespec* limit) noexcept;
 
 /* Opens /dev/null on each of the descriptors 0, 1, 2 that is closed, so that no socket or data file ever gets them. */
 void fill_std_fds() noexcept;

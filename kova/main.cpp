@@ -66,7 +66,13 @@ static int run() noexcept
 
     LOG_NORM("%s STARTING. PID=%ld\n", get_app_info(APP_NAME, nullptr), static_cast<long>(getpid()));
     LOG_INFO("Config read from [%s]\n", g_cfg.config_path);
-    const int rc = rqs_event_loop();
+    return rqs_event_loop();
+}
+
+/* A quit signal may also come while the start waits for the database; whatever it has cut short is no failure. */
+static int run_until_asked() noexcept
+{
+    const int rc = run();
     if (!g_quit)
         return rc;
     LOG_NORM("%s has been asked to quit.\n", APP_NAME);
@@ -96,7 +102,7 @@ int main(int argc, char* argv[])
     if (trace && strcmp(trace, "1") == 0)
         g_mod_ll[MOD_SYSWRAP] = DEBUG_level;
 
-    const int rc = run();
+    const int rc = run_until_asked();
     app_shutdown();
     free_kova_config(&g_cfg);
 

@@ -207,6 +207,22 @@ int set_send_timeout(int fd, long ms) noexcept
     return set_timeval(__func__, fd, SO_SNDTIMEO, ms);
 }
 
+int set_keepalive(int fd, const keepalive_pace& pace) noexcept
+{
+    const int on = 1;
+    /* The idle time comes last: on a socket that keeps itself alive the kernel then counts from the last byte received. */
+    if (W_setsockopt(__func__, fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on)) != 0 ||
+        W_setsockopt(__func__, fd, IPPROTO_TCP, TCP_KEEPINTVL, &pace.interval_sec, sizeof(int)) != 0 ||
+        W_setsockopt(__func__, fd, IPPROTO_TCP, TCP_KEEPCNT, &pace.probes, sizeof(int)) != 0)
+        return -1;
+    return W_setsockopt(__func__, fd, IPPROTO_TCP, TCP_KEEPIDLE, &pace.idle_sec, sizeof(int));
+}
+
+int set_user_timeout(int fd, unsigned ms) noexcept
+{
+    return W_setsockopt(__func__, fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &ms, sizeof(ms));
+}
+
 int socket_error(int fd) noexcept
 {
     int err = 0;

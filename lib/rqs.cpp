@@ -21,7 +21,7 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 constexpr int EPOLL_SIZE_HINT = 128;
 constexpr size_t EVENTS_GROWBLK = 10;
 constexpr int MANY_EVENTS = 15;
-constexpr long SIGNAL_CHECK_NS = 10000000; /* while the loop never sleeps, pending signals are let in this often */
+constexpr long SIGNAL_CHECK_NS = 10000000; /* pending signals are looked for this often while events are handled */
 
 rqs_context g_rqs = {.loopfd = -1,
                      .events = {},
@@ -247,10 +247,12 @@ static int wait_limit_ms() noexcept
     return static_cast<int>(g_rqs.tmout.tv_sec * 1000 + g_rqs.tmout.tv_nsec / 1000000);
 }
 
-/* A wait that has events at hand returns without letting signals in, however many are pending. */
+/* Signals get in while the loop waits; a wait that has events at hand lets none in, and one event may take long (the look-up of
+   a name, a registration). */
 static void check_signals() noexcept
 {
-    const timespec& now = g_rqs.itime;
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
     const long ns = (now.tv_sec - g_last_signal_check.tv_sec) * 1000000000 + now.tv_nsec - g_last_signal_check.tv_nsec;
     if (ns < SIGNAL_CHECK_NS)
         return;
@@ -309,6 +311,7 @@ static int on_event(const epoll_event& ev) noexcept
     return -1;
 }
 
+/* The events left over when a quit signal has come are dropped: what they belong to ends anyway. */
 static size_t dispatch_events(int n) noexcept
 {
     size_t failed = 0;
@@ -316,8 +319,10 @@ static size_t dispatch_events(int n) noexcept
         LOG_DEBUG("%s: processing %d pollable events\n", "rqs_event_loop", n);
     g_rqs.loop_stage = ELOOP_EV;
     const auto* events = static_cast<const epoll_event*>(g_rqs.events.data);
-    for (int i = 0; i < n; ++i)
+    for (int i = 0; i < n && !g_quit; ++i) {
         failed += on_event(events[i]) != 0;
+        check_signals();
+    }
     return failed;
 }
 

@@ -10,10 +10,10 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <getopt.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,7 +29,6 @@ volatile sig_atomic_t g_hup = 0;
 volatile sig_atomic_t g_usr1 = 0;
 volatile sig_atomic_t g_tdbg = 0;
 
-static volatile sig_atomic_t g_quit_sockfd = -1; /* shut down by a quit signal */
 static sigset_t g_wait_mask;
 static bool g_is_masked = false; /* g_wait_mask is set */
 
@@ -112,8 +111,6 @@ void on_sigquit(int signo) noexcept
     g_quit = 1;
     if (signo != SIGQUIT)
         g_goodbye = 1;
-    if (g_quit_sockfd >= 0)
-        (void)shutdown(g_quit_sockfd, SHUT_RDWR);
     for (const int other : {SIGCHLD, SIGHUP, SIGUSR1})
         (void)install(other, SIG_IGN);
     LOG_NORM("QUIT-SIG(%d)\n", signo);
@@ -174,17 +171,10 @@ void deliver_pending_signals() noexcept
     }
 }
 
-quit_interrupts::quit_interrupts(int sockfd) noexcept : old_{}
+int poll_with_signals(int fd, short events, const timespec* limit) noexcept
 {
-    const sigset_t set = handled_set();
-    g_quit_sockfd = sockfd;
-    sigprocmask(SIG_UNBLOCK, &set, &old_);
-}
-
-quit_interrupts::~quit_interrupts()
-{
-    sigprocmask(SIG_SETMASK, &old_, nullptr);
-    g_quit_sockfd = -1;
+    pollfd p = {fd, events, 0};
+    return ppoll(&p, 1, limit, wait_sigmask());
 }
 
 /* ---- descriptors ---- */

@@ -221,8 +221,11 @@ class Start(Database):
             start = time.monotonic()
             agent = self.start(settings.replace("= 700", "= 60000"), must_run=False)
             time.sleep(0.5)
+            agent.proc.send_signal(signal.SIGUSR2)
+            agent.wait_log("T-DBG SIG(12)")
             agent.proc.send_signal(signal.SIGTERM)
-            self.assertEqual(agent.proc.wait(20), 1)
+            self.assertEqual(agent.proc.wait(20), 0)
+            self.assertIn("kov has been asked to quit.\n", agent.log())
             self.assertLess(time.monotonic() - start, 3)
             for s in fillers:
                 s.close()
