@@ -17,6 +17,7 @@ constexpr int RC_FAVICON = 1028;
 constexpr int RC_PING = 1029;
 constexpr int HTTP_OK_CODE = 200;
 constexpr int HTTP_OK_END = 299;
+constexpr int HTTP_CODE_MAX = 999;
 constexpr size_t HTTP_RESP_MAX = 4096; /* the shared output buffer */
 
 [[nodiscard]] constexpr bool is_HTTP_OK(int code) noexcept
@@ -71,6 +72,9 @@ extern http_response g_resp_gwtmout; /* 504 */
 /* Decimal value of the field name (without colon) that starts a line of head, any case; none when absent or not a plain
    decimal number in range. */
 [[nodiscard]] std::optional<int64_t> extract_num_hdr(std::string_view name, std::string_view head) noexcept;
+
+/* True when the field name (without colon) starts a line of head, any case. */
+[[nodiscard]] bool has_hdr(std::string_view name, std::string_view head) noexcept;
 
 /* Request head to source and destination, each of cap bytes, decoded; the query is appended to the source. 0; -3 empty
    path; RC_FAVICON; RC_PING; -7, -1, 7 and others: refused (logged). */

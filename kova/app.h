@@ -31,6 +31,10 @@ int is_ptr_match(void* data, size_t idx, void* ptr) noexcept;
 /* Writable, readable: 0 always; a failure lists the task for reaping. */
 [[nodiscard]] int dw_write(dw_task* task) noexcept;
 [[nodiscard]] int dw_read(dw_task* task) noexcept;
+/* Error or hang-up of the source: a client that still waits is answered 500, and the task is listed for reaping. */
+void dw_broken(dw_task* task) noexcept;
+/* Every byte of the body has come: the task completes with its next event, whatever that says of the source. */
+[[nodiscard]] bool is_whole(const dw_task* task) noexcept;
 [[nodiscard]] int request_data_stream(dw_task* task) noexcept;
 /* 0 head accepted, file made, client answered; 11 more is awaited; else failed. */
 [[nodiscard]] int read_src_response(dw_task* task) noexcept;
@@ -55,4 +59,8 @@ void pprm_requests() noexcept;
 void pprm_all_tasks() noexcept;
 [[nodiscard]] bool is_iocheck_time() noexcept;
 int time_out_requests() noexcept;
+/* The task's source waits for its keep-alive, or does so no more. */
+void set_unguarded(dw_task* task, bool on) noexcept;
+/* Gives the sources that have lasted until the second's end their keep-alive. From the idle step. */
+void guard_sources() noexcept;
 void rm_all_tasks() noexcept;

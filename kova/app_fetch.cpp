@@ -84,7 +84,9 @@ static void answer_client(dw_task* task, http_response* chosen, int rc, int code
         LOG_DEBUG("%s: no client, skipping response\n", fn);
         return;
     }
-    if (!chosen && rc != 0 && code == 0) {
+    const bool is_final = code >= HTTP_OK_CODE && code <= HTTP_CODE_MAX;
+    if (!chosen && rc != 0 && !is_final) {
+        /* No status of the source's, or one that would read as success: what failed is never answered 200. */
         chosen = &g_resp_err;
         LOG_DEBUG("%s: defaulting to HTTP%d\n", fn, chosen->code);
     } else if (!chosen) {
@@ -139,6 +141,18 @@ int read_src_response(dw_task* task) noexcept
         set_dw_state(task, DW_DNL);
     }
     return rc;
+}
+
+bool is_whole(const dw_task* task) noexcept
+{
+    return task->state.num == DW_DNL.num && task->nleft == 0;
+}
+
+void dw_broken(dw_task* task) noexcept
+{
+    if (!task->is_quitting)
+        answer_client(task, nullptr, -1, 0);
+    pprm_task(task);
 }
 
 int dw_read(dw_task* task) noexcept

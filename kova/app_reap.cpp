@@ -3,6 +3,7 @@
 #include "app.h"
 
 #include "log.h"
+#include "netops.h"
 #include "rqs.h"
 #include "timeop.h"
 #include "tmout.h"
@@ -11,6 +12,8 @@
 #include <limits>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr keepalive_pace SRC_KEEPALIVE = {.idle_sec = 60, .interval_sec = 10, .probes = 6};
 
 int pprm_task(dw_task* task) noexcept
 {
@@ -79,6 +82,45 @@ int time_out_requests() noexcept
         rui_tmout_all(&g_ctx.rui, static_cast<uint32_t>(std::min<uint64_t>(ms, UINT32_MAX)));
     }
     return 0;
+}
+
+/* ---- sources that vanish ---- */
+
+void set_unguarded(dw_task* task, bool on) noexcept
+{
+    if (task->is_unguarded == on)
+        return;
+    task->is_unguarded = on;
+    if (on) {
+        ++g_ctx.nunguarded;
+        set_timeout(SRC_GUARD_TMOUT, SRC_GUARD_TMOUT_MS);
+    } else {
+        --g_ctx.nunguarded;
+        rm_timeout(SRC_GUARD_TMOUT);
+    }
+}
+
+static int guard_source(void* data, size_t idx) noexcept
+{
+    dw_task* task = static_cast<dw_task*>(data) + idx;
+    if (!task->is_unguarded)
+        return 0;
+    set_unguarded(task, false);
+    (void)set_keepalive(task->sfd, SRC_KEEPALIVE);
+    return 0;
+}
+
+/* A source whose host has lost its power sends nothing, not even an end: only a keep-alive tells it from a slow one. Most
+   downloads are over before the second is and are spared the calls; nothing is lost by asking late, since the kernel counts
+   from the last byte. */
+void guard_sources() noexcept
+{
+    timespec pace{};
+    ms2timespec(SRC_GUARD_TMOUT_MS, &pace);
+    if (g_ctx.nunguarded == 0 || !timed_out(g_ctx.last_guard_check, pace))
+        return;
+    rqs_set_now(&g_ctx.last_guard_check);
+    xvlst_each(&g_ctx.tasks, guard_source, nullptr);
 }
 
 /* Shutdown has listed and freed every live task before, so the table is empty here; the callback takes the slots for

@@ -64,15 +64,19 @@ static int read_urq(dw_urq* urq, uint32_t flags) noexcept
     return 0;
 }
 
+static int broken_task(const char* fn, dw_task* task, uint32_t flags) noexcept
+{
+    LOG_ERR("%s: task [%s] (%p) err=%d\n", fn, task->trk_tag.sym8, static_cast<void*>(task), static_cast<int>(flags));
+    dw_broken(task);
+    return 0;
+}
+
 static int read_task(dw_task* task, uint32_t flags) noexcept
 {
     const log_group_guard group(task->trk_tag);
-    if (is_readable(task->sfd, flags))
+    if (is_whole(task) || is_readable(task->sfd, flags))
         return dw_read(task);
-    LOG_ERR("%s: task [%s] (%p) err=%d\n", "on_read", task->trk_tag.sym8, static_cast<void*>(task),
-            static_cast<int>(flags));
-    pprm_task(task);
-    return 0;
+    return broken_task("on_read", task, flags);
 }
 
 static int on_srv_accept(uint32_t flags, rui_socket_ctx* srv) noexcept
@@ -162,9 +166,7 @@ int on_error(int fd, uint32_t flags, void* udata, void* aux) noexcept
     case tag_num("DOW"): {
         dw_task* task = static_cast<dw_task*>(udata);
         const log_group_guard group(task->trk_tag);
-        LOG_ERR("%s: task [%s] (%p) err=%d\n", __func__, task->trk_tag.sym8, udata, static_cast<int>(flags));
-        pprm_task(task);
-        break;
+        return is_whole(task) ? dw_read(task) : broken_task(__func__, task, flags);
     }
     case tag_num("UDL"): {
         const log_group_guard group(mk_tag8("uDl"));
@@ -201,6 +203,7 @@ static void toggle_debug() noexcept
 int do_idle_tasks() noexcept
 {
     time_out_requests();
+    guard_sources();
     if (!g_tdbg)
         return 0;
     toggle_debug();

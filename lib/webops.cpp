@@ -53,7 +53,8 @@ const char* find_http_header(const char* name, const char* text, size_t* len) no
     return p;
 }
 
-std::optional<int64_t> extract_num_hdr(std::string_view name, std::string_view head) noexcept
+/* The value of the field name that starts a line of head, without the blanks around it; none when there is no such line. */
+static std::optional<std::string_view> find_field_line(std::string_view name, std::string_view head) noexcept
 {
     while (!head.empty()) {
         const size_t eol = head.find('\n');
@@ -71,9 +72,20 @@ std::optional<int64_t> extract_num_hdr(std::string_view name, std::string_view h
             line.remove_prefix(1);
         while (!line.empty() && (is_space(line.back()) || line.back() == '\0'))
             line.remove_suffix(1);
-        return !line.empty() && line.front() != '-' ? parse_num<int64_t>(line) : std::nullopt;
+        return line;
     }
     return std::nullopt;
+}
+
+bool has_hdr(std::string_view name, std::string_view head) noexcept
+{
+    return find_field_line(name, head).has_value();
+}
+
+std::optional<int64_t> extract_num_hdr(std::string_view name, std::string_view head) noexcept
+{
+    const std::string_view value = find_field_line(name, head).value_or("");
+    return !value.empty() && value.front() != '-' ? parse_num<int64_t>(value) : std::nullopt;
 }
 
 static void take_host(const char* fields, http_header* hdr) noexcept
