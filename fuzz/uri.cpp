@@ -2,7 +2,7 @@
    their ends is seen. */
 #include "fuzz.h"
 
-#include "seg.h"
+#include "unfinished.h"
 #include "uri.h"
 #include "webops.h"
 

@@ -8,10 +8,10 @@
 #include "log.h"
 #include "rq.h"
 #include "rqs.h"
-#include "seg.h"
 #include "strops.h"
 #include "syswrap.h"
 #include "udl.h"
+#include "unfinished.h"
 #include "util.h"
 
 #include <algorithm>
@@ -70,7 +70,7 @@ static int build_ctx(const char** step) noexcept
     }
 
     rqs_set_now(&g_ctx.last_tmout_check);
-    g_ctx.last_rq_check = g_ctx.last_tmout_check;
+    g_ctx.last_rq_check = g_ctx.last_guard_check = g_ctx.last_tmout_check;
     g_ctx.last_task_id = 0;
     g_ctx.is_ready = true;
     return 0;
@@ -181,6 +181,7 @@ static int start_task(dw_task* task, int client_fd) noexcept
         return rc;
     }
     task->is_watched = true;
+    set_unguarded(task, true);
     set_dw_state(task, DW_INI);
     ASSERT(task->tag.num == TAG_DOW.num);
     return 0;
@@ -237,6 +238,7 @@ int unhash_task(dw_task* task) noexcept
 /* Descriptor 0 is never closed here: start-up keeps it occupied, so a task's descriptor is always above it. */
 static void close_task_fds(dw_task* task) noexcept
 {
+    set_unguarded(task, false);
     if (task->sfd > 0) {
         if (task->is_watched)
             rqs_rm_fd(task->sfd, false, false);
@@ -270,19 +272,6 @@ static void unmap_task(dw_task* task) noexcept
               task->buflen);
 }
 
-static void remove_unfinished(dw_task* task) noexcept
-{
-    if (!is_unfinished_seg(task->spec.fpath))
-        return;
-    LOG_WARN("%s: removing unfinished [%s]\n", "free_dw", task->spec.fpath);
-    /* A task that ended before its file was made has none. */
-    if (unlink(task->spec.fpath) != 0 && errno != ENOENT) {
-        const int err = errno;
-        LOG_ERR("%s: unlink(%s) ERROR(%d): %s\n", "free_dw", task->spec.fpath, err, strerror(err));
-    }
-    task->spec.fpath[0] = '\0';
-}
-
 void free_dw(dw_task* task) noexcept
 {
     LOG_DEBUG("%s: %s (%p) url=[%s], dst=[%s], idx=%zd\n", __func__, task->trk_tag.sym8, static_cast<void*>(task),
@@ -291,9 +280,11 @@ void free_dw(dw_task* task) noexcept
         log_task("TASK-END", task);
     task->tag.sym[0] = '#';
     unhash_task(task);
+    const bool is_owed = owes_removal(task); /* while its descriptor says whose file it is */
     close_task_fds(task);
     unmap_task(task);
-    remove_unfinished(task);
+    if (is_owed)
+        remove_unfinished(task);
     task->hresp = nullptr;
     if (task->spec.lid[0]) {
         lid_unlock(task->spec.lid, task->spec.lock_tm);

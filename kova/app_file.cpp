@@ -5,9 +5,10 @@
 #include "fdio.h"
 #include "log.h"
 #include "rqs.h"
-#include "seg.h"
 #include "strops.h"
 #include "syswrap.h"
+#include "tmout.h"
+#include "unfinished.h"
 
 #include <algorithm>
 #include <array>
@@ -59,6 +60,8 @@ static int reserve_blocks(const dw_task* task, bool* reserved) noexcept
     const int err = errno;
     LOG_ERR("%s: fallocate(fd%d, %zu) ERROR(%d): %s\n", "mk_dest_file", task->dfd, task->content_length, err,
             strerror(err));
+    /* What it got before the disk was full is there for the other orders of this round, not only after its end. */
+    (void)W_ftruncate("mk_dest_file", task->dfd, 0);
     return err;
 }
 
@@ -117,9 +120,14 @@ static int open_for_writes(dw_task* task, std::string_view tail) noexcept
 /* Creates the unfinished file at its full length. */
 static int create_dest(dw_task* task) noexcept
 {
+    if (task->spec.takes_over)
+        take_over_unfinished(task);
     task->dfd = W_open("mk_dest_file", task->spec.fpath, O_RDWR | O_CREAT | O_EXCL, DST_MODE);
-    if (task->dfd == -1)
+    if (task->dfd == -1) {
+        task->has_leftover = errno == EEXIST;
         return errno;
+    }
+    rqs_set_now(&task->touch_tm);
     if (const int rc = W_ftruncate("mk_dest_file", task->dfd, static_cast<off_t>(task->content_length)))
         return rc;
     LOG_DEBUG("%s: destination fd%d opened [%s], %zu bytes\n", "mk_dest_file", task->dfd, task->spec.fpath,
@@ -131,6 +139,10 @@ int mk_dest_file(dw_task* task, const char* head, const http_resp_ctx* resp) noe
 {
     const auto total = static_cast<size_t>(resp->total);
     const size_t head_len = resp->tail >= 1 ? static_cast<size_t>(resp->tail) : total;
+    if (has_hdr("Transfer-Encoding", {head, head_len})) {
+        LOG_ERR("%s: transfer encodings are not supported\n", __func__);
+        return EINVAL;
+    }
     const int64_t length = extract_num_hdr("Content-Length", {head, head_len}).value_or(0);
     if (length <= 0) {
         LOG_ERR("%s: invalid/missing content length: %zd\n", __func__, static_cast<ssize_t>(length));
@@ -154,6 +166,18 @@ int mk_dest_file(dw_task* task, const char* head, const http_resp_ctx* resp) noe
     return 0;
 }
 
+/* The time of the last byte tells a stalled file from one that is being written. Bytes that the kernel puts into a mapping
+   leave the file's time as it is. */
+static void touch_mapped(dw_task* task) noexcept
+{
+    static constexpr timespec PACE = {1, 0};
+
+    if (!timed_out(task->touch_tm, PACE))
+        return;
+    rqs_set_now(&task->touch_tm);
+    (void)futimens(task->dfd, nullptr); /* the own file of this process: it can always be done */
+}
+
 /* One read from the source into the mapping, or through the buffer into the file. The count, or -1 with *rc set. */
 static ssize_t receive(dw_task* task, int* rc) noexcept
 {
@@ -166,7 +190,9 @@ static ssize_t receive(dw_task* task, int* rc) noexcept
         *rc = n == 0 ? ECONNRESET : errno; /* bytes are missing, so an end of the stream is a break */
         return -1;
     }
-    if (!task->is_mmapped) {
+    if (task->is_mmapped) {
+        touch_mapped(task);
+    } else {
         const ssize_t nw = nwrite(task->dfd, buf.data(), static_cast<size_t>(n));
         if (nw != n) {
             LOG_ERR("%s: under-write to fd%d: %zd/%zd\n", "read_fragment", task->dfd, n, nw);
@@ -197,26 +223,21 @@ int read_fragment(dw_task* task) noexcept
     return rc;
 }
 
-/* Renames the unfinished file, provided that it is the one written here: another order may have taken a stale one for
-   left behind and put its own in its place. */
-static int publish(const char* unfinished, const char* final_path, const struct stat& own) noexcept
+static int rename_failed(const char* unfinished, const char* final_path, int err) noexcept
+{
+    LOG_ERR("%s: rename(%s, %s) ERROR(%d): %s\n", "complete_download", unfinished, final_path, err, strerror(err));
+    return -1;
+}
+
+/* Only what this task has written, and all of it, gets the final name: another order may have taken the destination over, or
+   somebody may have cut the file. 0, or an errno value. */
+static int check_complete(const dw_task* task) noexcept
 {
     struct stat st {
     };
-    int rc = stat(unfinished, &st);
-    if (rc == 0 && (st.st_dev != own.st_dev || st.st_ino != own.st_ino)) {
-        rc = -1;
-        errno = ESTALE;
-    }
-    if (rc == 0)
-        rc = rename(unfinished, final_path);
-    if (rc != 0) {
-        const int err = errno;
-        LOG_ERR("%s: rename(%s, %s) ERROR(%d): %s\n", "complete_download", unfinished, final_path, err, strerror(err));
-        return -1;
-    }
-    LOG_DEBUG("%s: rename(%s, %s): OK\n", "complete_download", unfinished, final_path);
-    return 0;
+    if (const int err = check_own_unfinished(task, &st))
+        return err;
+    return static_cast<size_t>(st.st_size) == task->content_length ? 0 : EIO;
 }
 
 int complete_download(dw_task* task) noexcept
@@ -227,23 +248,26 @@ int complete_download(dw_task* task) noexcept
                 task->dfd, err, strerror(err));
         return -1;
     }
-    struct stat own {
-    };
-    if (fstat(task->dfd, &own) != 0) {
-        const int err = errno;
-        LOG_ERR("%s: fstat(fd%d,..) ERROR(%d): %s\n", __func__, task->dfd, err, strerror(err));
-        return -1;
-    }
+    std::array<char, SPEC_PATH_MAX> final_path{};
+    cut_text(final_path.data(), final_path.size(), task->spec.fpath);
+    ASSERT(cutoff_segext(final_path.data()) == 0);
+    if (const int err = check_complete(task))
+        return rename_failed(task->spec.fpath, final_path.data(), err);
     /* A network file system may report here that written bytes were lost. */
     const int rc_close = W_close(__func__, task->dfd);
     task->dfd = -1;
-    if (rc_close != 0)
+    if (rc_close != 0) {
+        task->has_leftover = true; /* its own, which no descriptor proves any more */
         return -1;
-
+    }
     std::array<char, SPEC_PATH_MAX> unfinished{};
     cut_text(unfinished.data(), unfinished.size(), task->spec.fpath);
-    ASSERT(cutoff_segext(task->spec.fpath) == 0);
-    const int rc = publish(unfinished.data(), task->spec.fpath, own);
+    cut_text(task->spec.fpath, sizeof(task->spec.fpath), final_path.data());
+    int rc = rename(unfinished.data(), final_path.data());
+    if (rc != 0)
+        rc = rename_failed(unfinished.data(), final_path.data(), errno);
+    else
+        LOG_DEBUG("%s: rename(%s, %s): OK\n", __func__, unfinished.data(), final_path.data());
     /* The registration follows whatever became of the rename, and its result changes nothing. */
     if (g_cfg.lbdb.port > 0)
         (void)add_lbdb_url(&task->spec);

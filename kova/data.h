@@ -32,6 +32,9 @@ constexpr int MIN_URL_LEN = 16;
 /* Kinds in the time-out registry. */
 enum { IDLE_TASK_TMOUT = 0, URQ_TMOUT = 1, MAX_TMOUT = 2 };
 constexpr long URQ_TMOUT_MS = 5000;
+/* Registry kind held for each task whose source has no keep-alive yet. */
+constexpr int SRC_GUARD_TMOUT = 4;
+constexpr long SRC_GUARD_TMOUT_MS = 1000;
 
 /* Object tags, read by the dispatch. */
 inline constexpr n32_tag TAG_URQ = mk_tag("URQ");
@@ -47,6 +50,7 @@ struct dw_spec {
     time_t expiry_tm;            /* seconds as ordered, 0 = none */
     char dst_path[SPEC_DST_MAX]; /* relative to the data directory */
     timespec lock_tm;            /* of the lock's file, when it was taken */
+    bool takes_over;             /* a stalled task wrote its unfinished file when the order was checked */
 };
 
 /* A transfer of one source into one file. Lives in its slot of g_ctx.tasks from add_dw to free_dw.
@@ -70,12 +74,15 @@ struct dw_task {
     size_t buflen;         /* length of the mapping */
     char* buf;             /* shared mapping of the file (mapped mode) */
     timespec last_io_tm;   /* loop clock of the last read from the source */
+    timespec touch_tm;     /* loop clock at which the mapped file's time was last set */
     n32_tag state;         /* changed by set_dw_state only */
     http_response* hresp;  /* chosen for the client; shared */
     bool is_hashed;        /* in g_ctx.task_ht */
     bool is_mmapped;
-    bool is_quitting; /* listed for reaping */
-    bool is_watched;  /* sfd is registered with the loop */
+    bool is_quitting;  /* listed for reaping */
+    bool is_watched;   /* sfd is registered with the loop */
+    bool is_unguarded; /* sfd waits for its keep-alive and holds SRC_GUARD_TMOUT */
+    bool has_leftover; /* a file under its unfinished name is to go at its end, though no descriptor says whose it is */
 };
 inline constexpr n32_tag DW_INI = mk_tag("ini");
 inline constexpr n32_tag DW_RSP = mk_tag("rsp");
@@ -140,6 +147,8 @@ struct kova_ctx {
     size_t last_task_id;
     timespec last_tmout_check;
     timespec last_rq_check;
+    timespec last_guard_check;
+    size_t nunguarded; /* tasks whose source has no keep-alive yet */
 };
 
 extern kova_ctx g_ctx;

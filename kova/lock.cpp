@@ -35,7 +35,7 @@ static bool mk_lock_path(const char* fn, const char* lid, lock_path* path) noexc
     return false;
 }
 
-int check_and_expire(const char* path, long max_age) noexcept
+int check_age(const char* path, long max_age, long* age) noexcept
 {
     struct stat st {
     };
@@ -43,18 +43,29 @@ int check_and_expire(const char* path, long max_age) noexcept
         const int err = errno;
         if (err == ENOENT)
             return 0;
-        LOG_ERR("%s: stat(%s, ..) ERROR(%d): %s\n", __func__, path, err, strerror(err));
+        LOG_ERR("%s: stat(%s, ..) ERROR(%d): %s\n", "check_and_expire", path, err, strerror(err));
         return -1;
     }
-    const long age = static_cast<long>(time(nullptr) - st.st_mtime);
-    if (age <= max_age) {
-        LOG_INFO("%s: upstanding lock [%s] (age=%ld) found\n", __func__, path, age);
-        return EBUSY;
-    }
-    if (W_unlink(__func__, path) != 0)
+    *age = static_cast<long>(time(nullptr) - st.st_mtime);
+    if (*age > max_age)
+        return ESTALE;
+    LOG_INFO("%s: upstanding lock [%s] (age=%ld) found\n", "check_and_expire", path, *age);
+    return EBUSY;
+}
+
+int expire_file(const char* path, long age) noexcept
+{
+    if (W_unlink("check_and_expire", path) != 0)
         return -1;
-    LOG_DEBUG("%s: expired stale lock [%s], age=%ld sec\n", __func__, path, age);
+    LOG_DEBUG("%s: expired stale lock [%s], age=%ld sec\n", "check_and_expire", path, age);
     return 0;
+}
+
+int check_and_expire(const char* path, long max_age) noexcept
+{
+    long age = 0;
+    const int rc = check_age(path, max_age, &age);
+    return rc == ESTALE ? expire_file(path, age) : rc;
 }
 
 int lid_lock(const char* lid, timespec* taken) noexcept

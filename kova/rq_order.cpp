@@ -2,10 +2,9 @@
    Nothing is made on disk but missing directories, and those only once the order is acceptable. */
 #include "rq.h"
 
-#include "lock.h"
 #include "log.h"
-#include "seg.h"
 #include "strops.h"
+#include "unfinished.h"
 #include "util.h"
 
 #include <array>
@@ -163,10 +162,5 @@ int setup_dw_spec(const char* src, char* dst, size_t dst_cap, dw_spec* spec) noe
         return rc;
     if (const int rc = init_spec(g_cfg.data_dir, src, dst, spec))
         return rc;
-    const int rc = check_and_expire(spec->fpath, STALE_LOCK_SEC);
-    if (rc == EBUSY) {
-        LOG_ERR("%s: [%s] already exists\n", __func__, spec->fpath);
-        return EEXIST;
-    }
-    return rc;
+    return check_unfinished(spec);
 }

@@ -3,7 +3,7 @@
 #include "data.h"
 #include "rq.h"
 #include "scratch_dir.h"
-#include "seg.h"
+#include "unfinished.h"
 #include "strops.h"
 
 #include <cerrno>

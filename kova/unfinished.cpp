@@ -1,0 +1,117 @@
+/* Unfinished files: whose they are. One question, asked by an order, by the rename and by the end of a task: which running
+   task writes the file at this path? Several tasks may have been ordered to one destination; only one of them writes it. */
+#include "unfinished.h"
+
+#include "lock.h"
+#include "log.h"
+#include "syswrap.h"
+
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+bool is_unfinished_seg(const char* path) noexcept
+{
+    return std::string_view(path).ends_with(UNFINISHED_SFX);
+}
+
+int cutoff_segext(char* path) noexcept
+{
+    if (!*path)
+        return EINVAL;
+    if (!is_unfinished_seg(path))
+        return ESRCH;
+    path[strlen(path) - (sizeof(UNFINISHED_SFX) - 1)] = '\0';
+    return 0;
+}
+
+static bool is_same_file(const struct stat& a, const struct stat& b) noexcept
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+/* A match for the walk over the task table. The descriptor keeps the inode's number from being given to another file. */
+static int writes_file(void* data, size_t idx, void* arg) noexcept
+{
+    const dw_task& task = static_cast<const dw_task*>(data)[idx];
+    struct stat st {
+    };
+    return task.dfd > 0 && !task.is_quitting && fstat(task.dfd, &st) == 0 &&
+           is_same_file(st, *static_cast<const struct stat*>(arg));
+}
+
+dw_task* unfinished_writer(const char* path) noexcept
+{
+    struct stat st {
+    };
+    size_t idx = 0;
+    if (stat(path, &st) != 0 || !xvlst_find(&g_ctx.tasks, &st, writes_file, &idx))
+        return nullptr;
+    return static_cast<dw_task*>(g_ctx.tasks.data) + idx;
+}
+
+int check_own_unfinished(const dw_task* task, struct stat* own) noexcept
+{
+    struct stat st {
+    };
+    if (fstat(task->dfd, own) != 0 || stat(task->spec.fpath, &st) != 0)
+        return errno;
+    return is_same_file(*own, st) ? 0 : ESTALE;
+}
+
+int check_unfinished(dw_spec* spec) noexcept
+{
+    long age = 0;
+    const int rc = check_age(spec->fpath, STALE_LOCK_SEC, &age);
+    if (rc == EBUSY) {
+        LOG_ERR("%s: [%s] already exists\n", "setup_dw_spec", spec->fpath);
+        return EEXIST;
+    }
+    if (rc != ESTALE)
+        return rc;
+    /* The order may yet be a repetition, or be refused, or find no source: the file goes when there is one in its place. */
+    spec->takes_over = unfinished_writer(spec->fpath) != nullptr;
+    return spec->takes_over ? 0 : expire_file(spec->fpath, age);
+}
+
+void take_over_unfinished(const dw_task* task) noexcept
+{
+    const char* path = task->spec.fpath;
+    const dw_task* former = unfinished_writer(path);
+    long age = 0;
+    if (!former || check_age(path, STALE_LOCK_SEC, &age) != ESTALE)
+        return;
+    LOG_WARN("%s: [%s] of %s from [%s], not written to for %ld s, is taken over from [%s]\n", "mk_dest_file", path,
+             former->trk_tag.sym8, former->spec.url, age, task->spec.url);
+    W_unlink("mk_dest_file", path);
+}
+
+bool owes_removal(const dw_task* task) noexcept
+{
+    const char* path = task->spec.fpath;
+    struct stat st {
+    };
+    if (!is_unfinished_seg(path))
+        return false;
+    if (task->dfd > 0) {
+        const int err = check_own_unfinished(task, &st);
+        /* What cannot be looked at is its own as long as nobody else is known to write it. */
+        return err == 0 || (err != ESTALE && err != ENOENT && !unfinished_writer(path));
+    }
+    return task->has_leftover && lstat(path, &st) == 0 && !unfinished_writer(path);
+}
+
+void remove_unfinished(dw_task* task) noexcept
+{
+    const char* path = task->spec.fpath;
+    LOG_WARN("%s: removing unfinished [%s]\n", "free_dw", path);
+    if (unlink(path) != 0 && errno != ENOENT) {
+        const int err = errno;
+        LOG_ERR("%s: unlink(%s) ERROR(%d): %s\n", "free_dw", path, err, strerror(err));
+    }
+    task->spec.fpath[0] = '\0';
+}

@@ -1,0 +1,28 @@
+/* Unfinished files: their names, and whose they are. A task owns the file that it has made from the open to the rename or
+   the removal; the file itself (device and inode) tells it from another of the same name. */
+#pragma once
+
+#include "data.h"
+
+#include <sys/stat.h>
+
+/* Removes a trailing "-Kova". 0; 22 empty text; 3 no such suffix. */
+[[nodiscard]] int cutoff_segext(char* path) noexcept;
+[[nodiscard]] bool is_unfinished_seg(const char* path) noexcept;
+
+/* The running task of this agent that writes the file now at path, by whatever name it was ordered; null: none does. */
+[[nodiscard]] dw_task* unfinished_writer(const char* path) noexcept;
+/* Is the file at the task's unfinished name the one behind its descriptor? 0: it is, and *own is what fstat says of it;
+   ESTALE: it is another's; else the errno of the look. */
+[[nodiscard]] int check_own_unfinished(const dw_task* task, struct stat* own) noexcept;
+
+/* May the order write at its unfinished name? 0: nothing is there, or what was left behind has been removed, or a task that
+   has stalled writes it (spec->takes_over): that file stays until this order's own can take its place. 17 it is being
+   written (logged); -1 error (logged). */
+[[nodiscard]] int check_unfinished(dw_spec* spec) noexcept;
+/* Removes the stalled file that the order may take over, if it is still stalled. Call before the order's own is made. */
+void take_over_unfinished(const dw_task* task) noexcept;
+/* At its end: is the file at the task's unfinished name to go? Its own is, and one that stood in its way and that nobody writes.
+   Call while the task's descriptor is open. */
+[[nodiscard]] bool owes_removal(const dw_task* task) noexcept;
+void remove_unfinished(dw_task* task) noexcept;
