@@ -30,11 +30,14 @@ class Sources(KovTest):
                 (OK + b"Content-Length: -5\r\n\r\n", "invalid/missing content length"),
                 (OK + b"Content-Length: 5x\r\n\r\n12345", "invalid/missing content length"),
                 (OK + b"X-Content-Length: 5\r\n\r\n12345", "invalid/missing content length"),
+                (OK + b"transfer-encoding : chunked\r\nContent-Length: 5\r\n\r\n5\r\nab", "encodings are not supported"),
                 (OK + b"Content-Length: 18446744073709551617\r\n\r\n", "invalid/missing content length"),
                 (OK + b"Content-Length: 9223372036854775807\r\n\r\n", "ERROR("))):
             before = len(agent.log())
             self.assertEqual(agent.order(self.origin.raw(f"/{i}", head), f"f{i}"), ANSWERS[500], head)
             self.assertIn(message, agent.log()[before:], head)
+        reset = self.origin.raw("/reset", b"", self.origin.reset)
+        self.assertEqual(agent.order(reset, "r"), ANSWERS[500])
         wait_for(lambda: agent.files() == [], "no file")
 
     def test_partial_head_is_not_kept(self):
@@ -67,10 +70,18 @@ class Sources(KovTest):
         before = agent.cpu_seconds()
         time.sleep(1)
         self.assertLess(agent.cpu_seconds() - before, 0.05)
+        wait_for(lambda: self.keep_alive_timers() == 21, "a keep-alive for every source")
         self.origin.released.set()
         agent.wait_log("TASK-END", 21)
         client.close()
         wait_for(lambda: agent.files() == [], "no file")
+
+    def keep_alive_timers(self):
+        """The agent's connections to the source that will be probed within 60 s."""
+        with open("/proc/net/tcp", encoding="ascii") as f:
+            rows = [line.split() for line in f]
+        return sum(row[2].endswith(f":{self.origin.port:04X}") and row[5].startswith("02:") and
+                   0 < int(row[5][3:], 16) <= 6000 for row in rows[1:])
 
     def test_full_disk(self):
         for settings, answer in (("", 500), ("max_mmap_mb = 0;", 200)):
