@@ -25,11 +25,22 @@ static bool is_locking() noexcept
     return g_cfg.udp_cha.must_lock;
 }
 
-/* The path of a lock; a longer one is cut. False (logged) for an id that has none: it would name another directory. */
+/* An id that names another directory or that no listing shows as it is has no lock. */
+static bool is_file_name(const char* lid) noexcept
+{
+    for (const char* p = lid; *p; ++p) {
+        const auto byte = static_cast<unsigned char>(*p);
+        if (byte < 0x20 || byte == 0x7f || byte == '/')
+            return false;
+    }
+    return true;
+}
+
+/* The path of a lock; a longer one is cut. False (logged) for an id that has none. */
 static bool mk_lock_path(const char* fn, const char* lid, lock_path* path) noexcept
 {
     const int n = snprintf(path->data(), path->size() - 1, "%s/%s.lock", g_cfg.udp_cha.lkdir, lid);
-    if (n >= MIN_LOCK_PATH && !strchr(lid, '/'))
+    if (n >= MIN_LOCK_PATH && is_file_name(lid))
         return true;
     LOG_ERR("%s: invalid lock path (n=%d): %s\n", fn, n, path->data());
     return false;

@@ -138,3 +138,5 @@ TEST_F(Lock, ErrorsTakeNothing)
 }
 
 } // namespace
+    EXPECT_EQ(lid_lock("abc\n", &taken), -1);
+    EXPECT_EQ(lid_lock("abc\x7f", &taken), -1);
