@@ -43,6 +43,12 @@ bool ends_with_port(const char* s) noexcept
     return colon && colon[1] && strspn(colon + 1, "0123456789") == strlen(colon + 1);
 }
 
+bool is_port(const char* text) noexcept
+{
+    const std::optional<uint16_t> port = parse_num<uint16_t>(text);
+    return port && (*port != 0 || strcmp(text, "0") == 0);
+}
+
 bool is_valid_port(const char* text) noexcept
 {
     const int port = atoi(text); // NOLINT(cert-err34-c): anything but a number is 0, which is refused
@@ -121,7 +127,7 @@ static int split_endpoint(const char* text, std::array<char, ENDPOINT_MAX>* copy
         LOG_ERR("%s: cannot accept plain number [%s] as IP address\n", "mk_sockaddr", *host);
         return EINVAL;
     }
-    if (!is_decimal(*port)) {
+    if (!is_port(*port)) {
         LOG_ERR("%s: port must be plain decimal number [%s]\n", "mk_sockaddr", *port);
         return EINVAL;
     }
@@ -314,7 +320,7 @@ static int open_one(const addrinfo* ai, socket_spec* spec, const char* ifc, ifc_
 
 static int check_endpoint(const char* address, const char* port) noexcept
 {
-    if (port && (!*port || (strtol(port, nullptr, 10) == 0 && strcmp(port, "0") != 0))) {
+    if (port && !is_port(port)) {
         LOG_ERR("%s: empty or invalid port [%s]\n", "open_socket", port);
         return -1;
     }
@@ -396,7 +402,7 @@ int open_socket(const char* address, const char* port, const char* ssm_src, sock
 static int open_on_ifc(const ifc_info* ifc, const char* port, int socktype, uint32_t flags) noexcept
 {
     const char* fn = socktype == SOCK_STREAM ? "open_listener" : "open_udp_listener";
-    if (!is_decimal(port)) {
+    if (!is_port(port)) {
         LOG_ERR("%s: invalid port number: %s\n", fn, port);
         return -1;
     }
@@ -428,7 +434,7 @@ int open_udp_listener(const ifc_info* ifc, const char* port) noexcept
 
 int open_anyaddr_listener(int family, const char* port, uint32_t flags) noexcept
 {
-    if (!is_decimal(port)) {
+    if (!is_port(port)) {
         LOG_ERR("%s: invalid port number: %s\n", __func__, port);
         return -1;
     }

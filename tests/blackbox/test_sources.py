@@ -13,7 +13,11 @@ class Sources(KovTest):
     def test_refused_connection(self):
         agent = self.start()
         self.assertEqual(agent.order(f"http://127.0.0.1:{free_port()}/a", "a"), ANSWERS[400])
-        self.assertEqual(agent.order("http://127.0.0.1:port/a", "a"), ANSWERS[500])
+        for port in ("port", self.origin.port + 65536, self.origin.port - 65536, f"{self.origin.port}x", "+1"):
+            source = f"http://127.0.0.1:{port}/a".replace("+", "%2b")
+            self.assertEqual(agent.order(source, "a"), ANSWERS[500], port)
+            self.assertIn(f"open_socket: empty or invalid port [{port}]\n", agent.log())
+        self.assertEqual(self.origin.requests, [])
         self.assertEqual(agent.order("http://127.0.0.1", "a"), ANSWERS[400])
         self.assertEqual(agent.files(), [])
 

@@ -116,8 +116,10 @@ class CommandLine(unittest.TestCase):
     def test_failing_steps_give_their_status(self):
         port = free_port()
         web = f'log = {{ }}; runtime = {{ }}; web_input = {{ web = {{ ifc = "lo"; port = {port}; }}; }};'
+        two = f'log = {{ }}; runtime = {{ }}; web_input = {{ web = ( {{ port = {port}; }}, {{ port = {free_port()}; }} ); }};'
         for config, args, message in (
                 (web + "max_tasks = -1;", (), "init_kova_ctx: failed to [init sources], rc=-1\n"),
+                (two, ("-w", "lo:99999"), "open_listener: invalid port number: 99999\n"),
                 (web, ("-P", "2000"), "Failed to pin this kov("),
                 (web, ("-l", "/nonexistent/log"), "do_open: uid/gig="),
                 (web + "max_tasks = 5000001;", (), "failed to [creating task HT], rc=75\n")):
