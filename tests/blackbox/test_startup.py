@@ -118,8 +118,8 @@ class CommandLine(unittest.TestCase):
         web = f'log = {{ }}; runtime = {{ }}; web_input = {{ web = {{ ifc = "lo"; port = {port}; }}; }};'
         two = f'log = {{ }}; runtime = {{ }}; web_input = {{ web = ( {{ port = {port}; }}, {{ port = {free_port()}; }} ); }};'
         for config, args, message in (
-                (web + "max_tasks = -1;", (), "init_kova_ctx: failed to [init sources], rc=-1\n"),
                 (two, ("-w", "lo:99999"), "open_listener: invalid port number: 99999\n"),
+                (web + "max_tasks = -1;", (), "init_kova_ctx: failed to [init sources], rc=-1\n"),
                 (web, ("-P", "2000"), "Failed to pin this kov("),
                 (web, ("-l", "/nonexistent/log"), "do_open: uid/gig="),
                 (web + "max_tasks = 5000001;", (), "failed to [creating task HT], rc=75\n")):
@@ -200,6 +200,16 @@ Misc:
             with open(f"/proc/{agent.pid}/status", encoding="ascii") as f:
                 self.assertIn("Cpus_allowed_list:\t0\n", f.read())
             self.assertIn("processor affinity set to CPU0\n", agent.log())
+
+    def test_a_table_for_a_million_tasks_costs_address_space_only(self):
+        agent = self.start("max_tasks = 1000000;")
+        with open(f"/proc/{agent.pid}/smaps", encoding="ascii") as f:
+            areas = re.split(r"(?m)^(?=[0-9a-f]+-)", f.read())
+        table = [area for area in areas if re.search(r"(?m)^VmFlags:.* nr ", area)
+                 and int(re.search(r"Size: +(\d+)", area).group(1)) > 500_000]
+        self.assertTrue(any(re.search(r"(?m)^Rss: +\d{1,2} kB$", area) for area in table), table)
+        self.assertEqual(agent.order(self.origin.body("/a", b"a"), "a"), ANSWERS[200])
+        self.assertEqual(agent.stored("a"), b"a")
 
     def test_another_user_stays_in_the_foreground(self):
         os.chmod(self.root, 0o777)
