@@ -201,6 +201,16 @@ Misc:
                 self.assertIn("Cpus_allowed_list:\t0\n", f.read())
             self.assertIn("processor affinity set to CPU0\n", agent.log())
 
+    def test_interfaces_by_label_and_by_any_spelling_of_an_address(self):
+        ports = [free_port(), free_port()]
+        label = 'ip link set lo up && ip addr add 127.0.0.9/8 dev lo label lo:9 && exec "$0" "$@"'
+        agent = self.start(more_listeners=f', {{ ifc = "lo:9"; port = {ports[0]}; }}, {{ ifc = "0:0::1"; port = {ports[1]}; }}',
+                           wrapper=("unshare", "-n", "sh", "-c", label), must_run=False)
+        agent.wait_log("STARTED listener", 3)
+        for table, place in (("tcp", f"0900007F:{ports[0]:04X}"), ("tcp6", f"{'0' * 24}01000000:{ports[1]:04X}")):
+            with open(f"/proc/{agent.pid}/net/{table}", encoding="ascii") as f:
+                self.assertIn(f" {place} ", f.read())
+
     def test_a_table_for_a_million_tasks_costs_address_space_only(self):
         agent = self.start("max_tasks = 1000000;")
         with open(f"/proc/{agent.pid}/smaps", encoding="ascii") as f:
