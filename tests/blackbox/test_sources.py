@@ -1,6 +1,11 @@
 """Sources that refuse, break, lie, stall, crowd."""
 
+import os
+import random
+import re
 import resource
+import socket
+import threading
 import time
 import unittest
 
@@ -119,6 +124,57 @@ class ManyOrders(KovTest):
         if "asan" not in agent.proc.args[0]:
             self.assertLess(agent.rss_kib() - base_kib, 4096, "memory at base line")
         resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
+
+
+class Names(KovTest):
+    """A name server of its own, slow and without any answer, behind the agent's resolver."""
+
+    def setUp(self):
+        super().setUp()
+        self.server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.addCleanup(self.server.close)
+        self.address = f"127.{os.getpid() % 250}.{random.randrange(250)}.53"
+        try:
+            self.server.bind((self.address, 53))
+        except PermissionError as error:
+            raise unittest.SkipTest("a name server needs port 53") from error
+        self.asked = []
+        threading.Thread(target=self.serve, daemon=True).start()
+
+    def serve(self):
+        try:
+            while True:
+                query, peer = self.server.recvfrom(512)
+                self.asked.append(query[12:].split(b"\0")[0])
+                threading.Timer(0.55, self.server.sendto, (query[:2] + b"\x81\x83" + query[4:], peer)).start()  # no such name
+        except OSError:
+            pass
+
+    def test_a_slow_look_up_in_vain_closes_the_road_for_names_for_a_while(self):
+        resolv = f"{self.root}/resolv.conf"
+        with open(resolv, "w", encoding="ascii") as f:
+            f.write(f"nameserver {self.address}\noptions timeout:5 attempts:1\n")
+        agent = self.start(wrapper=("unshare", "-m", "sh", "-c", f'mount --bind {resolv} /etc/resolv.conf && exec "$0" "$@"'))
+        by_name = self.origin.body("/a", b"a").replace("127.0.0.1", "localhost")
+        self.assertEqual(agent.order("http://slow.example/a", "slow"), ANSWERS[500])
+        line = r"\(WRN\) .*open_socket: looking up \[slow\.example\] took (\d+) ms in vain: sources given by name are refused for (\d+) ms\n"
+        self.assertRegex(agent.log(), line)
+        took, closed = map(int, re.search(line, agent.log()).groups())
+        self.assertEqual(closed, took * 10)
+        self.assertGreater(took, 500)
+        opens = time.monotonic() + closed / 1000
+        for n in range(5):
+            self.assertEqual(agent.order(f"http://n{n}.example/a", "name"), ANSWERS[500])
+        self.assertEqual(agent.order(by_name, "local"), ANSWERS[500])
+        self.assertEqual(agent.order(self.origin.url("/a"), "address"), ANSWERS[200])
+        self.assertEqual(agent.get("/"), ANSWERS[204])
+        self.assertEqual(set(self.asked), {b"\4slow\7example"})
+        self.assertNotIn("looked up again", agent.log())
+        wait_for(lambda: time.monotonic() > opens, "the road to open", took / 100 + 5)
+        self.assertEqual(agent.order(by_name, "local"), ANSWERS[200])
+        self.assertEqual(agent.stored("local"), b"a")
+        self.assertEqual(agent.log().count("sources given by name are "), 2)
+        self.assertRegex(agent.log(), r"\(WRN\) .*open_socket: sources given by name are looked up again\n")
 
 
 if __name__ == "__main__":
