@@ -2,7 +2,9 @@
 
 import os
 import resource
+import signal
 import socket
+import subprocess
 import time
 import unittest
 
@@ -151,6 +153,25 @@ class Clients(KovTest):
         self.assertEqual(agent.log().count("out of resources"), 1)
         for s in clients:
             s.close()
+
+
+class Listeners(KovTest):
+    def test_accepting_that_fails_pauses_and_is_said_once_an_episode(self):
+        for error, when, why, episodes in (("EPERM", "1..3", "accepting fails, ERROR(1)", 1),
+                                           ("EINVAL", "1..3", "accepting fails, ERROR(22)", 1),
+                                           ("EMFILE", "1+2", "out of resources, ERROR(24)", 2)):
+            agent = self.start(web="max_accept = 1;", wrapper=["strace", "-D", "-qq", "-o", "/dev/null", "-e", "trace=accept4",
+                                                               "-e", f"inject=accept4:error={error}:when={when}"])
+            for _ in range(2):  # the first ends an episode by being taken
+                self.assertEqual(agent.get("/"), ANSWERS[204])
+            self.assertEqual(agent.log().count(f"): {why}: waiting clients stay queued until some come back\n"), episodes)
+
+    def test_a_listener_that_is_destroyed_ends_the_agent(self):
+        agent = self.start(must_run=False).wait_ready()
+        subprocess.run(["ss", "-K", "-t", "state", "listening", "sport", f"= :{agent.port}"], stdout=subprocess.DEVNULL,
+                       check=True)
+        self.assertEqual(agent.proc.wait(10), -signal.SIGABRT)
+        self.assertRegex(agent.log(), r"on_srv_accept: \[lo:\d+\] ERR/HUP\n(.*\n){1,3}.*rui_crash_on_error: HUP listener\[")
 
 
 if __name__ == "__main__":
