@@ -26,6 +26,8 @@ static int setup_signals() noexcept
     if (const int rc = ignore_sigpipe())
         return rc;
     return handle_sig(SIGUSR2, on_tdbg);
+    if (const int rc = handle_sig(SIGXFSZ, SIG_IGN)) /* a file at its size limit is a write that fails, not an end */
+        return rc;
 }
 
 static int become_daemon() noexcept
