@@ -71,6 +71,18 @@ class Background(KovTest):
         self.assertEqual(os.readlink(f"/proc/{agent.pid}/cwd"), "/")
         self.assertEqual(self.status(agent)["Uid"].split(), ["0"] * 4)
 
+    def test_a_relative_data_directory_is_where_the_operator_stood(self):
+        root = self.next_root()
+        name = "x" * (128 - len(root) - 1)
+        statuses, errors, _ = self.failed_start(options=("-D", name), preexec=lambda: os.chdir(root))
+        self.assertEqual(statuses, [1], errors)  # before the first fork
+        self.assertIn("is too long (128), max = 127 characters.\n", errors)
+        root = self.next_root()
+        agent = self.background(options=("-D", "d"), preexec=lambda: os.chdir(root))
+        self.assertIn(f"\tdata directory       = [{root}/d]\n", agent.log())
+        self.assertEqual(agent.order(self.origin.body("/a", b"here"), "sub/a"), ANSWERS[200])
+        self.assertEqual(agent.stored("sub/a"), b"here")
+
     def test_core_limit(self):
         for user, hard, message in (("", resource.RLIM_INFINITY, ""),
                                     ("nobody", 0, "set_unlimited_core: setrlimit ERROR(1): ")):
