@@ -17,6 +17,8 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr mode_t LOCK_MODE = 0644;
 constexpr int MIN_LOCK_PATH = 5;
+constexpr long STRANGE_AGE_SEC = 86400;
+constexpr timespec SECOND_LOOK = {0, 100'000'000};
 
 using lock_path = std::array<char, 128>;
 
@@ -46,26 +48,66 @@ static bool mk_lock_path(const char* fn, const char* lid, lock_path* path) noexc
     return false;
 }
 
-int check_and_expire(const char* path, long max_age) noexcept
+/* Age of a file by its time of change, in seconds. A link to nowhere has its own: it is in the way of an exclusive creation
+   like any file. 0; -1 with errno. */
+static int file_age(const char* path, long* age) noexcept
 {
     struct stat st {
     };
-    if (stat(path, &st) != 0) {
+    if (stat(path, &st) != 0 && (errno != ENOENT || lstat(path, &st) != 0))
+        return -1;
+    *age = static_cast<long>(time(nullptr) - st.st_mtime);
+    return 0;
+}
+
+/* The age that a descriptor of one's own sees: on NFS a file that another host is just creating shows a strange time until its
+   maker's second step, and an attribute cache may keep that time. As file_age. */
+static int look_again(const char* path, long* age) noexcept
+{
+    nanosleep(&SECOND_LOOK, nullptr);
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0)
+        return file_age(path, age); /* gone, a link to nowhere, or closed to this user */
+    struct stat st {
+    };
+    if (fstat(fd, &st) == 0)
+        *age = static_cast<long>(time(nullptr) - st.st_mtime);
+    W_close("lid_lock", fd);
+    return 0;
+}
+
+/* The verdict on a file of this age. 0 it was removed, 16, -1. */
+static int expire(const char* path, long age, long max_age) noexcept
+{
+    if (age <= max_age) {
+        LOG_INFO("%s: upstanding lock [%s] (age=%ld) found\n", "check_and_expire", path, age);
+        return EBUSY;
+    }
+    if (W_unlink("check_and_expire", path) != 0)
+        return -1;
+    LOG_DEBUG("%s: expired stale lock [%s], age=%ld sec\n", "check_and_expire", path, age);
+    return 0;
+}
+
+static int check_file(const char* path, long max_age, bool is_lock) noexcept
+{
+    long age = 0;
+    int rc = file_age(path, &age);
+    if (rc == 0 && is_lock && age > STRANGE_AGE_SEC)
+        rc = look_again(path, &age);
+    if (rc != 0) {
         const int err = errno;
         if (err == ENOENT)
             return 0;
-        LOG_ERR("%s: stat(%s, ..) ERROR(%d): %s\n", __func__, path, err, strerror(err));
+        LOG_ERR("%s: stat(%s, ..) ERROR(%d): %s\n", "check_and_expire", path, err, strerror(err));
         return -1;
     }
-    const long age = static_cast<long>(time(nullptr) - st.st_mtime);
-    if (age <= max_age) {
-        LOG_INFO("%s: upstanding lock [%s] (age=%ld) found\n", __func__, path, age);
-        return EBUSY;
-    }
-    if (W_unlink(__func__, path) != 0)
-        return -1;
-    LOG_DEBUG("%s: expired stale lock [%s], age=%ld sec\n", __func__, path, age);
-    return 0;
+    return expire(path, age, max_age);
+}
+
+int check_and_expire(const char* path, long max_age) noexcept
+{
+    return check_file(path, max_age, false);
 }
 
 int lid_lock(const char* lid, timespec* taken) noexcept
@@ -76,7 +118,7 @@ int lid_lock(const char* lid, timespec* taken) noexcept
     lock_path path{};
     if (!mk_lock_path(__func__, lid, &path))
         return -1;
-    if (const int rc = check_and_expire(path.data(), STALE_LOCK_SEC))
+    if (const int rc = check_file(path.data(), STALE_LOCK_SEC, true))
         return rc;
     const int fd = open(path.data(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, LOCK_MODE);
     if (fd >= 0) {

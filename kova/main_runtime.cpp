@@ -26,8 +26,8 @@ static int setup_signals() noexcept
         return rc;
     if (const int rc = ignore_sigpipe())
         return rc;
-    return handle_sig(SIGUSR2, on_tdbg);
     if (const int rc = handle_sig(SIGXFSZ, SIG_IGN)) /* a file at its size limit is a write that fails, not an end */
+        return rc;
     return handle_sig(SIGUSR2, on_tdbg);
 }
 
@@ -46,7 +46,6 @@ static int fix_data_dir(const char* cwd) noexcept
     }
     cut_text(dir, sizeof(g_cfg.data_dir), path.data());
     return 0;
-        return rc;
 }
 
 static int become_daemon() noexcept
@@ -60,9 +59,9 @@ static int become_daemon() noexcept
         const int err = errno;
         LOG_ERR("getcwd ERROR(%d) : %s\n", err, strerror(err));
         return -1;
+    }
     if (const int rc = fix_data_dir(home.data()))
         return rc;
-    }
     if (const int rc = daemonize()) {
         log_default(g_log, stderr);
         LOG_ERR("Failed to make the process a daemon, quitting.\n");
