@@ -94,8 +94,8 @@ void rui_ctx_destroy(rui_ctx* ctx) noexcept;
 [[nodiscard]] int rui_enable_listeners(rui_socket_ctx* srv) noexcept;
 void rui_stop_listener(rui_socket_ctx* srv) noexcept;
 
-/* Takes up to max waiting connections; when descriptors run out or accepting keeps failing, the listener is not watched for
-   a while. */
+/* Takes up to max waiting connections; when descriptors run out or accepting keeps failing, the listener is not
+   watched for a while. */
 [[nodiscard]] int rui_accept(rui_socket_ctx* srv, size_t max, uint32_t flags, void* udata) noexcept;
 [[nodiscard]] int rui_add_request(int fd, rui_socket_ctx* srv, void* udata) noexcept;
 /* Removes a request now; not from inside its own handler's caller that still uses it. */

@@ -116,8 +116,8 @@ static bool is_datagram(const rui_socket_ctx* srv) noexcept
     return srv->lc->proto == IPPROTO_UDP && !srv->lc->domain_path[0];
 }
 
-/* Any other error is left alone once, since it may have been that client's. Twice in a row it is the listener's, which would
-   be reported without end. */
+/* Any other error is left alone once, since it may have been that client's. Twice in a row it is the listener's,
+   which would be reported without end. */
 static void accept_failed(rui_socket_ctx* srv, int err) noexcept
 {
     if (is_datagram(srv) && (err == EOPNOTSUPP || err == EINVAL))

@@ -48,8 +48,8 @@ static bool mk_lock_path(const char* fn, const char* lid, lock_path* path) noexc
     return false;
 }
 
-/* Age of a file by its time of change, in seconds. A link to nowhere has its own: it is in the way of an exclusive creation
-   like any file. 0; -1 with errno. */
+/* Age of a file by its time of change, in seconds. A link to nowhere has its own: it is in the way of an exclusive
+   creation like any file. 0; -1 with errno. */
 static int file_age(const char* path, long* age) noexcept
 {
     struct stat st {
@@ -60,8 +60,8 @@ static int file_age(const char* path, long* age) noexcept
     return 0;
 }
 
-/* The age that a descriptor of one's own sees: on NFS a file that another host is just creating shows a strange time until its
-   maker's second step, and an attribute cache may keep that time. As file_age. */
+/* The age that a descriptor of one's own sees: on NFS a file that another host is just creating shows a strange time
+   until its maker's second step, and an attribute cache may keep that time. As file_age. */
 static int look_again(const char* path, long* age) noexcept
 {
     nanosleep(&SECOND_LOOK, nullptr);

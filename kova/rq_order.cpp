@@ -93,7 +93,7 @@ static int derive_dst(const char* src, char* dst, size_t cap) noexcept
     return 0;
 }
 
-/* A raw control byte would write lines of its own into the GET that is sent, and into the log. Not quoted, therefore. */
+/* A raw control byte would write lines of its own into the GET that is sent, and into the log. Not quoted. */
 static int check_bytes(const char* what, const char* text) noexcept
 {
     for (const char* p = text; *p; ++p) {

@@ -1,6 +1,6 @@
-/* The text of a configuration file before the parser library sees it. The library follows an include directive by itself and
-   ends the process when the file behind it opens but cannot be read, as a directory does; so every directive is found first,
-   by the library's own rules. */
+/* The text of a configuration file before the parser library sees it. The library follows an include directive by
+   itself and ends the process when the file behind it opens but cannot be read, as a directory does; so every
+   directive is found first, by the library's own rules. */
 #include "config.h"
 
 #include "guard.h"
@@ -155,7 +155,7 @@ static bool unescape(std::string_view text, std::array<char, INCLUDE_PATH_MAX>* 
 
 static int check_includes(const char* path, std::string_view text, int depth) noexcept;
 
-/* A file behind a directive, and what it includes. Only a regular file can be read here and once more by the library. */
+/* A file behind a directive, and what it includes. Only a regular file can be read here and again by the library. */
 static int check_included(const char* path, unsigned line, std::string_view name, int depth) noexcept
 {
     std::array<char, INCLUDE_PATH_MAX> file{};

@@ -381,8 +381,8 @@ static bool may_look_up(const char* address) noexcept
     return true;
 }
 
-/* A source's name. A look-up blocks everything else: one that took long and was in vain closes the road for all names, whose
-   servers are the same. */
+/* A source's name. A look-up blocks everything else: one that took long and was in vain closes the road for all
+   names, whose servers are the same. */
 static addrinfo* look_up_source(const char* address, const char* port, const addrinfo* hints) noexcept
 {
     if (!may_look_up(address))

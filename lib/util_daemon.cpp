@@ -167,7 +167,8 @@ static int write_pid(int fd, pid_t pid) noexcept
 
 static int fill_pidfile(const char* path, pid_t pid, ino_t* inode, int flags) noexcept
 {
-    /* Root writes here, perhaps in a directory of the daemon's user: not through a link, and never waiting for a reader. */
+    /* Root writes here, perhaps in a directory of the daemon's user: not through a link, and never waiting for a
+       reader. */
     const int fd =
         W_open("create_pidfile_extra", path, O_WRONLY | O_CREAT | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK, PIDFILE_MODE);
     if (fd < 0)

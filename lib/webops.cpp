@@ -229,8 +229,8 @@ bool is_ping_request(const char* path) noexcept
     return slash_match(*path == '/' ? path + 1 : path, "ping");
 }
 
-/* The path in which an order is looked for. An absolute URL begins with a host, whose name must not be taken for a segment;
-   the first '/' behind it is no part of the path, as in a URL without a host. */
+/* The path in which an order is looked for. An absolute URL begins with a host, whose name must not be taken for a
+   segment; the first '/' behind it is no part of the path, as in a URL without a host. */
 static std::string_view order_path(const uri_layout& u) noexcept
 {
     const std::string_view path(u.path, u.p_len);

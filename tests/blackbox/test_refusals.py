@@ -68,7 +68,8 @@ class Refusals(KovTest):
             self.assertEqual(agent.stored(stored), b"nested")
         # The host of an absolute target is no segment.
         for n, host in enumerate(("udp", "RTP:80", "src", "hls-m3u", "hls-fra", "dst")):
-            self.assertEqual(agent.get(f"http://{host}/src/{self.origin.body(f'/h{n}', b'host')}/dst/h{n}"), ANSWERS[200], host)
+            source = self.origin.body(f"/h{n}", b"host")
+            self.assertEqual(agent.get(f"http://{host}/src/{source}/dst/h{n}"), ANSWERS[200], host)
             self.assertEqual(agent.stored(f"h{n}"), b"host")
         self.assertTrue(url)
 

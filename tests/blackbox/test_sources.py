@@ -9,7 +9,7 @@ import threading
 import time
 import unittest
 
-from kov import ANSWERS, KovTest, free_port, wait_for
+from kov import ANSWERS, KovTest, free_port, needs_namespaces, wait_for
 
 OK = b"HTTP/1.1 200 OK\r\n"
 
@@ -126,6 +126,7 @@ class ManyOrders(KovTest):
         resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
 
 
+@needs_namespaces
 class Names(KovTest):
     """A name server of its own, slow and without any answer, behind the agent's resolver."""
 
@@ -134,10 +135,7 @@ class Names(KovTest):
         self.server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.addCleanup(self.server.close)
         self.address = f"127.{os.getpid() % 250}.{random.randrange(250)}.53"
-        try:
-            self.server.bind((self.address, 53))
-        except PermissionError as error:
-            raise unittest.SkipTest("a name server needs port 53") from error
+        self.server.bind((self.address, 53))
         self.asked = []
         threading.Thread(target=self.serve, daemon=True).start()
 
@@ -146,7 +144,8 @@ class Names(KovTest):
             while True:
                 query, peer = self.server.recvfrom(512)
                 self.asked.append(query[12:].split(b"\0")[0])
-                threading.Timer(0.55, self.server.sendto, (query[:2] + b"\x81\x83" + query[4:], peer)).start()  # no such name
+                no_such_name = query[:2] + b"\x81\x83" + query[4:]
+                threading.Timer(0.55, self.server.sendto, (no_such_name, peer)).start()
         except OSError:
             pass
 
@@ -154,10 +153,12 @@ class Names(KovTest):
         resolv = f"{self.root}/resolv.conf"
         with open(resolv, "w", encoding="ascii") as f:
             f.write(f"nameserver {self.address}\noptions timeout:5 attempts:1\n")
-        agent = self.start(wrapper=("unshare", "-m", "sh", "-c", f'mount --bind {resolv} /etc/resolv.conf && exec "$0" "$@"'))
+        mount = f'mount --bind {resolv} /etc/resolv.conf && exec "$0" "$@"'
+        agent = self.start(wrapper=("unshare", "-m", "sh", "-c", mount))
         by_name = self.origin.body("/a", b"a").replace("127.0.0.1", "localhost")
         self.assertEqual(agent.order("http://slow.example/a", "slow"), ANSWERS[500])
-        line = r"\(WRN\) .*open_socket: looking up \[slow\.example\] took (\d+) ms in vain: sources given by name are refused for (\d+) ms\n"
+        line = (r"\(WRN\) .*open_socket: looking up \[slow\.example\] took (\d+) ms in vain: "
+                r"sources given by name are refused for (\d+) ms\n")
         self.assertRegex(agent.log(), line)
         took, closed = map(int, re.search(line, agent.log()).groups())
         self.assertEqual(closed, took * 10)

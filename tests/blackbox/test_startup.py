@@ -8,7 +8,7 @@ import subprocess
 import tempfile
 import unittest
 
-from kov import ANSWERS, KOV, KovTest, free_port
+from kov import ANSWERS, KOV, KovTest, free_port, needs_namespaces
 
 GOOD = 'log = { }; runtime = { }; web_input = { web = { ifc = "lo"; port = 8020; }; };'
 
@@ -80,7 +80,8 @@ class CommandLine(unittest.TestCase):
                 ('\n@include "/nonexistent"\n', "c]: line 2: cannot open include file\n"),
                 ('/*\n@include "/tmp"\n*/ a = "\n@include \\"/tmp\\"";', "load_config: missing log section\n"),
                 ("log = { max_files = -5000000000L; };", "max_files value is out of range: -5000000000\n"),
-                ("log = { }; runtime = { }; web_input = { max_accept = 5000000000L; };", "max_accept value is out of range: 5"),
+                ("log = { }; runtime = { }; web_input = { max_accept = 5000000000L; };",
+                 "max_accept value is out of range: 5000000000\n"),
                 ('log = { }; runtime = { }; lbdb = { host = "h"; port = 65537; };', "invalid port value: 65537\n"),
                 (GOOD + "max_tasks = 5000000000L;", "kova.max_tasks value is out of range: 5000000000\n"),
                 ('log = { level = "loud"; };', "Invalid log level: loud\n"),
@@ -116,7 +117,8 @@ class CommandLine(unittest.TestCase):
     def test_failing_steps_give_their_status(self):
         port = free_port()
         web = f'log = {{ }}; runtime = {{ }}; web_input = {{ web = {{ ifc = "lo"; port = {port}; }}; }};'
-        two = f'log = {{ }}; runtime = {{ }}; web_input = {{ web = ( {{ port = {port}; }}, {{ port = {free_port()}; }} ); }};'
+        two = (f"log = {{ }}; runtime = {{ }};"
+               f"web_input = {{ web = ( {{ port = {port}; }}, {{ port = {free_port()}; }} ); }};")
         for config, args, message in (
                 (two, ("-w", "lo:99999"), "open_listener: invalid port number: 99999\n"),
                 (web + "max_tasks = -1;", (), "init_kova_ctx: failed to [init sources], rc=-1\n"),
@@ -201,11 +203,12 @@ Misc:
                 self.assertIn("Cpus_allowed_list:\t0\n", f.read())
             self.assertIn("processor affinity set to CPU0\n", agent.log())
 
+    @needs_namespaces
     def test_interfaces_by_label_and_by_any_spelling_of_an_address(self):
         ports = [free_port(), free_port()]
         label = 'ip link set lo up && ip addr add 127.0.0.9/8 dev lo label lo:9 && exec "$0" "$@"'
-        agent = self.start(more_listeners=f', {{ ifc = "lo:9"; port = {ports[0]}; }}, {{ ifc = "0:0::1"; port = {ports[1]}; }}',
-                           wrapper=("unshare", "-n", "sh", "-c", label), must_run=False)
+        more = f', {{ ifc = "lo:9"; port = {ports[0]}; }}, {{ ifc = "0:0::1"; port = {ports[1]}; }}'
+        agent = self.start(more_listeners=more, wrapper=("unshare", "-n", "sh", "-c", label), must_run=False)
         agent.wait_log("STARTED listener", 3)
         for table, place in (("tcp", f"0900007F:{ports[0]:04X}"), ("tcp6", f"{'0' * 24}01000000:{ports[1]:04X}")):
             with open(f"/proc/{agent.pid}/net/{table}", encoding="ascii") as f:
