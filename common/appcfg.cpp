@@ -37,8 +37,9 @@ int load_log_config(const config_setting_t* group, log_cfg* cfg) noexcept
         fprintf(stderr, "Invalid time format: %s\n", word.data());
         return -1;
     }
-    cfg->max_size_mb = config_setting_int(group, "max_size_mb", 64);
-    cfg->max_files = config_setting_int(group, "max_files", 16);
+    if (load_config_setting_int(group, "max_size_mb", &cfg->max_size_mb, 64) != 0 ||
+        load_config_setting_int(group, "max_files", &cfg->max_files, 16) != 0)
+        return -1;
     cfg->enable_syslog = config_setting_flag(group, "enable_syslog", true);
     cfg->eod_rotate = config_setting_flag(group, "eod_rotate", false);
     return 0;
@@ -51,7 +52,8 @@ int load_rt_config(const config_setting_t* group, rt_cfg* cfg) noexcept
     cfg->non_daemon = config_setting_flag(group, "non_daemon", false);
     cfg->quiet = config_setting_flag(group, "quiet", false);
     cfg->enforce_core_dumps = config_setting_flag(group, "enforce_core_dumps", true);
-    cfg->cpunum = config_setting_int(group, "cpunum", -1);
+    if (load_config_setting_int(group, "cpunum", &cfg->cpunum, -1) != 0)
+        return -1;
     return load_config_setting_str(group, "run_as_user", cfg->user, USER_LIMIT, "");
 }
 
@@ -116,10 +118,11 @@ static int load_ifc(const config_setting_t* setting, rui_listener_cfg* cfg) noex
 /* A number is checked as a number before it becomes text, which holds five digits. */
 static int load_port(const config_setting_t* setting, rui_listener_cfg* cfg) noexcept
 {
-    int number = 0;
-    std::array<char, 16> text{};
-    if (config_setting_lookup_int(setting, "port", &number) == CONFIG_TRUE) {
-        snprintf(text.data(), text.size(), "%d", number);
+    const config_setting_t* s = config_setting_get_member(setting, "port");
+    if (s && config_setting_is_number(s) && config_setting_type(s) != CONFIG_TYPE_FLOAT) {
+        std::array<char, 24> text{};
+        const long long number = config_setting_get_int64(s);
+        snprintf(text.data(), text.size(), "%lld", number);
         if (number < 1 || number > 65535) {
             LOG_ERR("%s: invalid port value: [%s]\n", "load_listener_from", text.data());
             return -1;

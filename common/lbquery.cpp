@@ -78,12 +78,16 @@ int load_lbdb_cfg(const config_setting_t* group, lbdb_cfg* cfg) noexcept
         LOG_ERR("%s: missing host setting\n", __func__);
         return -1;
     }
-    cfg->port = config_setting_int(group, "port", 0);
-    if (cfg->port < 0) {
+    if (load_config_setting_int(group, "port", &cfg->port, 0) != 0)
+        return -1;
+    if (cfg->port < 0 || cfg->port > 65535) {
         LOG_ERR("%s: invalid port value: %d\n", __func__, cfg->port);
         return -1;
     }
-    const int ms = std::max(config_setting_int(group, "connect_tmout_ms", CONNECT_TMOUT_MS), 0);
+    int ms = 0;
+    if (load_config_setting_int(group, "connect_tmout_ms", &ms, CONNECT_TMOUT_MS) != 0)
+        return -1;
+    ms = std::max(ms, 0);
     cfg->tmout = {ms / 1000, (ms % 1000) * 1000L};
     if (load_config_setting_str(group, "sha1_dir", cfg->sha1_path, TEXT_LIMIT, "") != 0)
         return -1;

@@ -67,7 +67,8 @@ struct rui_socket_ctx {
     bool deferred;
     timespec paused_tm; /* loop clock of the pause */
     bool is_paused;     /* not watched until descriptors come back */
-    bool is_short;      /* from the first shortage until nobody waits any more: one warning */
+    bool is_short;      /* from the first pause until a client is taken: one warning */
+    bool has_failed;    /* the last accept failed in a way of its own */
     size_t rqcount;     /* counter of tracking tags; kept by the request code */
     ssize_t nblk_count;
     rui_listener_cfg* lc;
@@ -93,7 +94,8 @@ void rui_ctx_destroy(rui_ctx* ctx) noexcept;
 [[nodiscard]] int rui_enable_listeners(rui_socket_ctx* srv) noexcept;
 void rui_stop_listener(rui_socket_ctx* srv) noexcept;
 
-/* Takes up to max waiting connections; when descriptors run out, the listener is not watched until some come back. */
+/* Takes up to max waiting connections; when descriptors run out or accepting keeps failing, the listener is not
+   watched for a while. */
 [[nodiscard]] int rui_accept(rui_socket_ctx* srv, size_t max, uint32_t flags, void* udata) noexcept;
 [[nodiscard]] int rui_add_request(int fd, rui_socket_ctx* srv, void* udata) noexcept;
 /* Removes a request now; not from inside its own handler's caller that still uses it. */

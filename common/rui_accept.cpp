@@ -11,14 +11,15 @@
 
 #include <array>
 #include <cerrno>
+#include <netinet/in.h>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr size_t ADDR_TEXT_MAX = 64;
 
-/* ---- shortage of descriptors ---- */
+/* ---- when accepting fails ---- */
 
-static void pause_listener(rui_socket_ctx* srv, int err) noexcept
+static void pause_listener(rui_socket_ctx* srv, const char* why, int err) noexcept
 {
     if (srv->is_paused || rqs_mod(srv->sockfd, srv, 0) != 0)
         return;
@@ -26,8 +27,8 @@ static void pause_listener(rui_socket_ctx* srv, int err) noexcept
     rqs_set_now(&srv->paused_tm);
     set_timeout(LSN_PAUSE_TMOUT, LSN_PAUSE_TMOUT_MS);
     if (!srv->is_short)
-        LOG_WARN("%s(%s): out of resources, ERROR(%d): waiting clients stay queued until some come back\n",
-                 "rui_accept", srv->lc->alias, err);
+        LOG_WARN("%s(%s): %s, ERROR(%d): waiting clients stay queued until some come back\n", "rui_accept",
+                 srv->lc->alias, why, err);
     srv->is_short = true;
 }
 
@@ -110,6 +111,22 @@ static int take_client(int fd, const sockaddr_storage& peer, socklen_t len, rui_
     return rc;
 }
 
+static bool is_datagram(const rui_socket_ctx* srv) noexcept
+{
+    return srv->lc->proto == IPPROTO_UDP && !srv->lc->domain_path[0];
+}
+
+/* Any other error is left alone once, since it may have been that client's. Twice in a row it is the listener's,
+   which would be reported without end. */
+static void accept_failed(rui_socket_ctx* srv, int err) noexcept
+{
+    if (is_datagram(srv) && (err == EOPNOTSUPP || err == EINVAL))
+        (void)rqs_mod(srv->sockfd, srv, 0); /* it accepts nothing, ever */
+    else if (srv->has_failed)
+        pause_listener(srv, "accepting fails", err);
+    srv->has_failed = true;
+}
+
 /* What a failed accept asks for. True: try again at once. */
 static bool goes_on(rui_socket_ctx* srv, int err) noexcept
 {
@@ -121,21 +138,17 @@ static bool goes_on(rui_socket_ctx* srv, int err) noexcept
         LOG_INFO("%s(%s): connection aborted/reset before accept()\n", "rui_accept", srv->lc->alias);
         return true;
     case EAGAIN:
-        srv->is_short = false; /* every waiting client was served: the shortage is over */
+        srv->has_failed = false;
         LOG_DEBUG("%s(%s): end of accept queue reached\n", "rui_accept", srv->lc->alias);
         return false;
     case EMFILE:
     case ENFILE:
     case ENOBUFS:
     case ENOMEM:
-        pause_listener(srv, err);
-        return false;
-    case EOPNOTSUPP:
-    case EINVAL:
-        /* A datagram socket, which accepts nothing: it would be reported without end. */
-        (void)rqs_mod(srv->sockfd, srv, 0);
+        pause_listener(srv, "out of resources", err);
         return false;
     default:
+        accept_failed(srv, err);
         return false;
     }
 }
@@ -157,6 +170,7 @@ int rui_accept(rui_socket_ctx* srv, size_t max, uint32_t flags, void* udata) noe
                 break;
             continue;
         }
+        srv->is_short = srv->has_failed = false;
         rc = take_client(fd, peer, len, srv, flags, udata);
         ++(rc == 0 ? accepted : refused);
     }

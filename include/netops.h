@@ -53,7 +53,9 @@ struct ifc_info {
 
 [[nodiscard]] bool is_decimal(const char* s) noexcept; /* a sign is accepted */
 [[nodiscard]] bool ends_with_port(const char* s) noexcept;
-[[nodiscard]] bool is_valid_port(const char* text) noexcept; /* 1..65535 */
+/* What a socket can be opened on: digits alone that make 1..65535, or exactly "0" (any free one). */
+[[nodiscard]] bool is_port(const char* text) noexcept;
+[[nodiscard]] bool is_valid_port(const char* text) noexcept; /* the number at the start of text is 1..65535 */
 
 /* 0, or -1 (logged). */
 int set_nblock(int fd, bool on) noexcept;

@@ -46,6 +46,9 @@ void xvec_reset(xvec* v) noexcept;
 
 /* Room for n slots. 0, -1 no memory, ERR_XV_FIXED. */
 [[nodiscard]] int xvlst_reserve(xvlst* l, size_t n, size_t size, size_t growblk) noexcept;
+/* Makes an empty list a fixed one of n slots in a mapping that costs address space, and memory only where elements are
+   used: they never move. 0, or -1 no memory. */
+[[nodiscard]] int xvlst_mmap_fixed(xvlst* l, size_t n, size_t size) noexcept;
 [[nodiscard]] int xvlst_expand(xvlst* l, size_t plus, size_t size, size_t growblk) noexcept;
 /* Takes the lowest free slot: its index, or a negative failure. The element's bytes are left as they are. */
 [[nodiscard]] ssize_t xvlst_add(xvlst* l, size_t size, size_t growblk) noexcept;

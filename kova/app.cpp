@@ -53,7 +53,7 @@ static int build_ctx(const char** step) noexcept
     const size_t ntasks = task_table_size();
     *step = "init sources";
     xvlst_reset(&g_ctx.tasks);
-    if (const int rc = xvlst_reserve(&g_ctx.tasks, ntasks, sizeof(dw_task), 1))
+    if (const int rc = xvlst_mmap_fixed(&g_ctx.tasks, ntasks, sizeof(dw_task)))
         return rc;
     *step = "init pprm-tasks";
     xvlst_reset(&g_ctx.pprm_tasks);

@@ -43,6 +43,11 @@ void init_kova_config(kova_cfg* cfg) noexcept
 
 /* ---- the file ---- */
 
+static size_t not_negative(int value) noexcept
+{
+    return static_cast<size_t>(std::max(0, value));
+}
+
 static int load_udp_input(const config_setting_t* group, udp_lstn_cfg* cfg) noexcept
 {
     if (load_config_setting_str(group, "url", cfg->url, PATH_LIMIT, "") != 0)
@@ -64,7 +69,10 @@ static int load_web_input(const config_setting_t* group, rui_cfg* cfg) noexcept
         LOG_ERR("%s: failed to load web listener(s)\n", "load_config");
         return -1;
     }
-    cfg->max_accept = static_cast<size_t>(std::max(0, config_setting_int(group, "max_accept", D_MAX_ACCEPT)));
+    int max_accept = 0;
+    if (const int rc = load_config_setting_int(group, "max_accept", &max_accept, D_MAX_ACCEPT))
+        return rc;
+    cfg->max_accept = not_negative(max_accept);
     cfg->user_request_tmout = WEB_RQ_TMOUT_MS;
     return 0;
 }
@@ -73,14 +81,14 @@ static int load_web_input(const config_setting_t* group, rui_cfg* cfg) noexcept
 static int load_groups(const config_t* file, kova_cfg* cfg) noexcept
 {
     const config_setting_t* group = config_lookup(file, "kova.log");
-    if (!group) {
+    if (!group || !config_setting_is_group(group)) {
         LOG_ERR("%s: missing log section\n", "load_config");
         return -1;
     }
     if (const int rc = load_log_config(group, &cfg->log))
         return rc;
     group = config_lookup(file, "kova.runtime");
-    if (!group) {
+    if (!group || !config_setting_is_group(group)) {
         LOG_ERR("%s: missing runtime section\n", "load_config");
         return -1;
     }
@@ -125,9 +133,23 @@ static int load_url_prefix(const config_t* file, kova_cfg* cfg) noexcept
     return 0;
 }
 
-static size_t not_negative(int value) noexcept
+static int load_numbers(const config_t* file, kova_cfg* cfg) noexcept
 {
-    return static_cast<size_t>(std::max(0, value));
+    int urq_sec = 0;
+    int ntasks = 0;
+    int task_ms = 0;
+    int mmap_mb = 0;
+    if (load_config_int(file, "kova.urq_tmout_sec", &urq_sec, 1) != 0 ||
+        load_config_int(file, "kova.max_tasks", &ntasks, D_MAX_TASKS) != 0 ||
+        load_config_int(file, "kova.task_tmout_ms", &task_ms, D_DW_TMOUT_MS) != 0 ||
+        load_config_int(file, "kova.max_mmap_mb", &mmap_mb, D_MAX_MMAP_MB) != 0)
+        return -1;
+    cfg->urq_tmout_sec = std::max(0, urq_sec);
+    /* A negative number becomes a size that no table can have: the start fails where the table is made. */
+    cfg->max_tasks = static_cast<size_t>(ntasks);
+    cfg->task_tmout_ms = not_negative(task_ms);
+    cfg->max_mmap_mb = not_negative(mmap_mb);
+    return 0;
 }
 
 static int load_config(const config_t* file, kova_cfg* cfg, int reload) noexcept
@@ -140,11 +162,8 @@ static int load_config(const config_t* file, kova_cfg* cfg, int reload) noexcept
         return rc;
     if (const int rc = load_url_prefix(file, cfg))
         return rc;
-    cfg->urq_tmout_sec = std::max(0, config_int(file, "kova.urq_tmout_sec", 1));
-    /* A negative number becomes a size that no table can have: the start fails where the table is made. */
-    cfg->max_tasks = static_cast<size_t>(config_int(file, "kova.max_tasks", D_MAX_TASKS));
-    cfg->task_tmout_ms = not_negative(config_int(file, "kova.task_tmout_ms", D_DW_TMOUT_MS));
-    cfg->max_mmap_mb = not_negative(config_int(file, "kova.max_mmap_mb", D_MAX_MMAP_MB));
+    if (const int rc = load_numbers(file, cfg))
+        return rc;
     if (reload)
         LOG_INFO("%s: configuration re-loaded\n", __func__);
     return 0;
@@ -173,11 +192,8 @@ static int read_config(const char* path, kova_cfg* cfg, int reload) noexcept
     const std::unique_ptr<FILE, releaser<fclose>> fp(open_config(path));
     if (!fp)
         return -1;
-    if (config_read(&file, fp.get()) != CONFIG_TRUE) {
-        LOG_ERR("Error reading/parsing config file [%s]: line %d: %s\n", path, config_error_line(&file),
-                config_error_text(&file));
-        return -1;
-    }
+    if (const int rc = parse_config(&file, path, fp.get()))
+        return rc;
     cut_text(cfg->config_path, sizeof(cfg->config_path), path);
     return load_config(&file, cfg, reload);
 }

@@ -17,6 +17,8 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr mode_t LOCK_MODE = 0644;
 constexpr int MIN_LOCK_PATH = 5;
+constexpr long STRANGE_AGE_SEC = 86400;
+constexpr timespec SECOND_LOOK = {0, 100'000'000};
 
 using lock_path = std::array<char, 128>;
 
@@ -25,32 +27,77 @@ static bool is_locking() noexcept
     return g_cfg.udp_cha.must_lock;
 }
 
-/* The path of a lock; a longer one is cut. False (logged) for an id that has none: it would name another directory. */
+/* An id that names another directory or that no listing shows as it is has no lock. */
+static bool is_file_name(const char* lid) noexcept
+{
+    for (const char* p = lid; *p; ++p) {
+        const auto byte = static_cast<unsigned char>(*p);
+        if (byte < 0x20 || byte == 0x7f || byte == '/')
+            return false;
+    }
+    return true;
+}
+
+/* The path of a lock; a longer one is cut. False (logged) for an id that has none. */
 static bool mk_lock_path(const char* fn, const char* lid, lock_path* path) noexcept
 {
     const int n = snprintf(path->data(), path->size() - 1, "%s/%s.lock", g_cfg.udp_cha.lkdir, lid);
-    if (n >= MIN_LOCK_PATH && !strchr(lid, '/'))
+    if (n >= MIN_LOCK_PATH && is_file_name(lid))
         return true;
     LOG_ERR("%s: invalid lock path (n=%d): %s\n", fn, n, path->data());
     return false;
 }
 
-int check_age(const char* path, long max_age, long* age) noexcept
+/* Age of a file by its time of change, in seconds. A link to nowhere has its own: it is in the way of an exclusive
+   creation like any file. 0; -1 with errno. */
+static int file_age(const char* path, long* age) noexcept
 {
     struct stat st {
     };
-    if (stat(path, &st) != 0) {
+    if (stat(path, &st) != 0 && (errno != ENOENT || lstat(path, &st) != 0))
+        return -1;
+    *age = static_cast<long>(time(nullptr) - st.st_mtime);
+    return 0;
+}
+
+/* The age that a descriptor of one's own sees: on NFS a file that another host is just creating shows a strange time
+   until its maker's second step, and an attribute cache may keep that time. As file_age. */
+static int look_again(const char* path, long* age) noexcept
+{
+    nanosleep(&SECOND_LOOK, nullptr);
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0)
+        return file_age(path, age); /* gone, a link to nowhere, or closed to this user */
+    struct stat st {
+    };
+    if (fstat(fd, &st) == 0)
+        *age = static_cast<long>(time(nullptr) - st.st_mtime);
+    W_close("lid_lock", fd);
+    return 0;
+}
+
+/* As check_age. */
+static int judge_age(const char* path, long max_age, bool is_lock, long* age) noexcept
+{
+    int rc = file_age(path, age);
+    if (rc == 0 && is_lock && *age > STRANGE_AGE_SEC)
+        rc = look_again(path, age);
+    if (rc != 0) {
         const int err = errno;
         if (err == ENOENT)
             return 0;
         LOG_ERR("%s: stat(%s, ..) ERROR(%d): %s\n", "check_and_expire", path, err, strerror(err));
         return -1;
     }
-    *age = static_cast<long>(time(nullptr) - st.st_mtime);
     if (*age > max_age)
         return ESTALE;
     LOG_INFO("%s: upstanding lock [%s] (age=%ld) found\n", "check_and_expire", path, *age);
     return EBUSY;
+}
+
+int check_age(const char* path, long max_age, long* age) noexcept
+{
+    return judge_age(path, max_age, false, age);
 }
 
 int expire_file(const char* path, long age) noexcept
@@ -76,7 +123,11 @@ int lid_lock(const char* lid, timespec* taken) noexcept
     lock_path path{};
     if (!mk_lock_path(__func__, lid, &path))
         return -1;
-    if (const int rc = check_and_expire(path.data(), STALE_LOCK_SEC))
+    long age = 0;
+    int rc = judge_age(path.data(), STALE_LOCK_SEC, true, &age);
+    if (rc == ESTALE)
+        rc = expire_file(path.data(), age);
+    if (rc != 0)
         return rc;
     const int fd = open(path.data(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, LOCK_MODE);
     if (fd >= 0) {

@@ -83,13 +83,13 @@ static int on_srv_accept(uint32_t flags, rui_socket_ctx* srv) noexcept
 {
     if (flags) {
         LOG_ERR("%s: [%s] ERR/HUP\n", __func__, srv->lc->alias);
-    } else {
-        if (rui_accept(srv, g_cfg.rui.max_accept, 0, nullptr) != 0)
-            LOG_ERR("%s: error accepting requests on [%s]\n", __func__, srv->lc->alias);
-        /* A listener that may never accept would stay readable for ever. */
-        if (g_cfg.rui.max_accept == 0 && rqs_mod(srv->sockfd, srv, 0) != 0)
-            return 1;
+        rui_crash_on_error(srv, flags & RQS_SOCKHUP); /* broken, it would be reported readable for ever */
     }
+    if (rui_accept(srv, g_cfg.rui.max_accept, 0, nullptr) != 0)
+        LOG_ERR("%s: error accepting requests on [%s]\n", __func__, srv->lc->alias);
+    /* A listener that may never accept would stay readable for ever. */
+    if (g_cfg.rui.max_accept == 0 && rqs_mod(srv->sockfd, srv, 0) != 0)
+        return 1;
     if (g_quit) {
         LOG_NORM("%s: quitting with the app\n", __func__);
         return 1;

@@ -4,6 +4,7 @@
 #include "data.h"
 #include "log.h"
 #include "meta.h"
+#include "strops.h"
 #include "util.h"
 #include "wopen.h"
 
@@ -25,7 +26,26 @@ static int setup_signals() noexcept
         return rc;
     if (const int rc = ignore_sigpipe())
         return rc;
+    if (const int rc = handle_sig(SIGXFSZ, SIG_IGN)) /* a file at its size limit is a write that fails, not an end */
+        return rc;
     return handle_sig(SIGUSR2, on_tdbg);
+}
+
+/* A data directory given from where the operator stood, before the daemon leaves that place. */
+static int fix_data_dir(const char* cwd) noexcept
+{
+    char* dir = g_cfg.data_dir;
+    if (!dir[0] || dir[0] == '/')
+        return 0;
+    std::array<char, sizeof(g_cfg.data_dir)> path{};
+    const size_t len = join_text(path.data(), path.size(), {cwd, strcmp(cwd, "/") == 0 ? "" : "/", dir});
+    if (len >= path.size()) {
+        LOG_ERR("%s: data directory [%s/%s] is too long (%zu), max = %zu characters.\n", "runtime_setup", cwd, dir, len,
+                path.size() - 1);
+        return -1;
+    }
+    cut_text(dir, sizeof(g_cfg.data_dir), path.data());
+    return 0;
 }
 
 static int become_daemon() noexcept
@@ -40,6 +60,8 @@ static int become_daemon() noexcept
         LOG_ERR("getcwd ERROR(%d) : %s\n", err, strerror(err));
         return -1;
     }
+    if (const int rc = fix_data_dir(home.data()))
+        return rc;
     if (const int rc = daemonize()) {
         log_default(g_log, stderr);
         LOG_ERR("Failed to make the process a daemon, quitting.\n");

@@ -92,6 +92,19 @@ static int derive_dst(const char* src, char* dst, size_t cap) noexcept
     return 0;
 }
 
+/* A raw control byte would write lines of its own into the GET that is sent, and into the log. Not quoted. */
+static int check_bytes(const char* what, const char* text) noexcept
+{
+    for (const char* p = text; *p; ++p) {
+        const auto byte = static_cast<unsigned char>(*p);
+        if (byte < 0x20 || byte == 0x7f) {
+            LOG_ERR("%s: control byte 0x%02x at %td of the %s\n", "setup_dw_spec", byte, p - text, what);
+            return EINVAL;
+        }
+    }
+    return 0;
+}
+
 /* A destination must stay below the data directory. No segment of it may look like an unfinished file: a directory of such
    a name would be in the way of the order for that file. */
 static int check_dst(const char* dst) noexcept
@@ -158,6 +171,10 @@ int setup_dw_spec(const char* src, char* dst, size_t dst_cap, dw_spec* spec) noe
         if (const int rc = derive_dst(src, dst, dst_cap))
             return rc;
     }
+    if (const int rc = check_bytes("source", src))
+        return rc;
+    if (const int rc = check_bytes("destination", dst))
+        return rc;
     if (const int rc = check_dst(dst))
         return rc;
     if (const int rc = init_spec(g_cfg.data_dir, src, dst, spec))

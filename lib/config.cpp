@@ -4,6 +4,7 @@
 #include "log.h"
 #include "strops.h"
 
+#include <climits>
 #include <cstring>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
@@ -41,16 +42,29 @@ int load_config_setting_str(const config_setting_t* group, const char* key, char
     return take_str(__func__, key, text, dst, limit, deflt);
 }
 
-int config_int(const config_t* cfg, const char* path, int deflt) noexcept
+/* s is null for an absent value. */
+static int take_int(const char* fn, const char* key, const config_setting_t* s, int* value, int deflt) noexcept
 {
-    int value = 0;
-    return config_lookup_int(cfg, path, &value) == CONFIG_TRUE ? value : deflt;
+    *value = deflt;
+    if (!s || (config_setting_type(s) != CONFIG_TYPE_INT && config_setting_type(s) != CONFIG_TYPE_INT64))
+        return 0;
+    const long long number = config_setting_get_int64(s);
+    if (number < INT_MIN || number > INT_MAX) {
+        LOG_ERR("%s: %s value is out of range: %lld\n", fn, key, number);
+        return -1;
+    }
+    *value = static_cast<int>(number);
+    return 0;
 }
 
-int config_setting_int(const config_setting_t* group, const char* key, int deflt) noexcept
+int load_config_int(const config_t* cfg, const char* path, int* value, int deflt) noexcept
 {
-    int value = 0;
-    return config_setting_lookup_int(group, key, &value) == CONFIG_TRUE ? value : deflt;
+    return take_int(__func__, path, config_lookup(cfg, path), value, deflt);
+}
+
+int load_config_setting_int(const config_setting_t* group, const char* key, int* value, int deflt) noexcept
+{
+    return take_int(__func__, key, config_setting_get_member(group, key), value, deflt);
 }
 
 bool config_setting_flag(const config_setting_t* group, const char* key, bool deflt) noexcept

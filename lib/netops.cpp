@@ -43,6 +43,12 @@ bool ends_with_port(const char* s) noexcept
     return colon && colon[1] && strspn(colon + 1, "0123456789") == strlen(colon + 1);
 }
 
+bool is_port(const char* text) noexcept
+{
+    const std::optional<uint16_t> port = parse_num<uint16_t>(text);
+    return port && (*port != 0 || strcmp(text, "0") == 0);
+}
+
 bool is_valid_port(const char* text) noexcept
 {
     const int port = atoi(text); // NOLINT(cert-err34-c): anything but a number is 0, which is refused
@@ -121,7 +127,7 @@ static int split_endpoint(const char* text, std::array<char, ENDPOINT_MAX>* copy
         LOG_ERR("%s: cannot accept plain number [%s] as IP address\n", "mk_sockaddr", *host);
         return EINVAL;
     }
-    if (!is_decimal(*port)) {
+    if (!is_port(*port)) {
         LOG_ERR("%s: port must be plain decimal number [%s]\n", "mk_sockaddr", *port);
         return EINVAL;
     }
@@ -330,7 +336,7 @@ static int open_one(const addrinfo* ai, socket_spec* spec, const char* ifc, ifc_
 
 static int check_endpoint(const char* address, const char* port) noexcept
 {
-    if (port && (!*port || (strtol(port, nullptr, 10) == 0 && strcmp(port, "0") != 0))) {
+    if (port && !is_port(port)) {
         LOG_ERR("%s: empty or invalid port [%s]\n", "open_socket", port);
         return -1;
     }
@@ -361,6 +367,55 @@ static int parse_ssm_source(const char* source, socket_spec* spec) noexcept
     return 0;
 }
 
+/* ---- names ---- */
+
+constexpr long SLOW_LOOKUP_MS = 500;
+constexpr long CLOSED_FACTOR = 10; /* so that a name server that never answers costs a tenth of the time at most */
+
+static long g_names_closed_until = 0; /* ms of CLOCK_MONOTONIC; 0 = sources are looked up */
+
+/* Not the loop's clock, which stands still while a look-up blocks. */
+static long clock_ms() noexcept
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000 + now.tv_nsec / 1'000'000;
+}
+
+/* Whether a source's name may be looked up now; opens the road again when its time has come. */
+static bool may_look_up(const char* address) noexcept
+{
+    if (g_names_closed_until == 0)
+        return true;
+    const long left = g_names_closed_until - clock_ms();
+    if (left > 0) {
+        LOG_ERR("%s: [%s] is not looked up: names are refused for %ld ms more\n", "open_socket", address, left);
+        return false;
+    }
+    g_names_closed_until = 0;
+    LOG_WARN("%s: sources given by name are looked up again\n", "open_socket");
+    return true;
+}
+
+/* A source's name. A look-up blocks everything else: one that took long and was in vain closes the road for all
+   names, whose servers are the same. */
+static addrinfo* look_up_source(const char* address, const char* port, const addrinfo* hints) noexcept
+{
+    if (!may_look_up(address))
+        return nullptr;
+    addrinfo* list = nullptr;
+    const long start = clock_ms();
+    if (W_getaddrinfo("open_socket", address, port, hints, &list) == 0)
+        return list;
+    const long end = clock_ms();
+    if (end - start > SLOW_LOOKUP_MS) {
+        g_names_closed_until = end + CLOSED_FACTOR * (end - start);
+        LOG_WARN("%s: looking up [%s] took %ld ms in vain: sources given by name are refused for %ld ms\n",
+                 "open_socket", address, end - start, CLOSED_FACTOR * (end - start));
+    }
+    return nullptr;
+}
+
 /* A numeric address is resolved without files and name servers; only a name takes the long road. */
 static addrinfo* resolve(const char* address, const char* port, const socket_spec* spec) noexcept
 {
@@ -372,6 +427,8 @@ static addrinfo* resolve(const char* address, const char* port, const socket_spe
     if (getaddrinfo(address, port, &hints, &list) == 0)
         return list;
     hints.ai_flags = 0;
+    if (spec->socktype == SOCK_STREAM && !spec->passive)
+        return look_up_source(address, port, &hints);
     return W_getaddrinfo("open_socket", address, port, &hints, &list) == 0 ? list : nullptr;
 }
 
@@ -412,7 +469,7 @@ int open_socket(const char* address, const char* port, const char* ssm_src, sock
 static int open_on_ifc(const ifc_info* ifc, const char* port, int socktype, uint32_t flags) noexcept
 {
     const char* fn = socktype == SOCK_STREAM ? "open_listener" : "open_udp_listener";
-    if (!is_decimal(port)) {
+    if (!is_port(port)) {
         LOG_ERR("%s: invalid port number: %s\n", fn, port);
         return -1;
     }
@@ -444,7 +501,7 @@ int open_udp_listener(const ifc_info* ifc, const char* port) noexcept
 
 int open_anyaddr_listener(int family, const char* port, uint32_t flags) noexcept
 {
-    if (!is_decimal(port)) {
+    if (!is_port(port)) {
         LOG_ERR("%s: invalid port number: %s\n", __func__, port);
         return -1;
     }

@@ -47,10 +47,11 @@ static void copy_addr(const sockaddr* sa, sockaddr_storage* ss) noexcept
 
 /* ---- interfaces ---- */
 
-static int ifc_addr_lookup(const ifaddrs* list, int family, ifc_info* info) noexcept
+/* name is an interface's, or the label of one of its addresses (eth0:1), which stands there as a name. */
+static int ifc_addr_lookup(const ifaddrs* list, int family, const char* name, ifc_info* info) noexcept
 {
     for (const ifaddrs* ifa = list; ifa; ifa = ifa->ifa_next) {
-        if (!ifa->ifa_addr || strcmp(ifa->ifa_name, info->name) != 0)
+        if (!ifa->ifa_addr || strcmp(ifa->ifa_name, name) != 0)
             continue;
         const int af = ifa->ifa_addr->sa_family;
         if (af == family || (family == AF_UNSPEC && (af == AF_INET || af == AF_INET6))) {
@@ -58,19 +59,27 @@ static int ifc_addr_lookup(const ifaddrs* list, int family, ifc_info* info) noex
             return 0;
         }
     }
-    LOG_ERR("%s: failed to look up address for ifc=%s\n", "get_ifc_info", info->name);
+    LOG_ERR("%s: failed to look up address for ifc=%s\n", "get_ifc_info", name);
     return -1;
+}
+
+/* An address has many spellings. */
+static bool is_addr_text(const sockaddr* sa, int family, const char* text) noexcept
+{
+    in6_addr addr{};
+    if (family == AF_INET)
+        return inet_pton(AF_INET, text, &addr) == 1 && memcmp(&addr, &as_in(sa)->sin_addr, sizeof(in_addr)) == 0;
+    return family == AF_INET6 && inet_pton(AF_INET6, text, &addr) == 1 &&
+           IN6_ARE_ADDR_EQUAL(&addr, &as_in6(sa)->sin6_addr);
 }
 
 /* Finds the entry whose name or address is text; an address match fills ss. */
 static bool match_ifc(const ifaddrs* list, int family, const char* text, ifc_info* info) noexcept
 {
-    std::array<char, INET6_ADDRSTRLEN> addr{};
     for (const ifaddrs* ifa = list; ifa; ifa = ifa->ifa_next) {
         const int af = ifa->ifa_addr ? ifa->ifa_addr->sa_family : AF_UNSPEC;
-        addr_text(ifa->ifa_addr, af, &addr);
         const bool by_name = strcmp(ifa->ifa_name, text) == 0;
-        const bool by_addr = addr[0] && strcmp(addr.data(), text) == 0 && (family == AF_UNSPEC || af == family);
+        const bool by_addr = (family == AF_UNSPEC || af == family) && is_addr_text(ifa->ifa_addr, af, text);
         if (!by_name && !by_addr)
             continue;
         info->idx = if_nametoindex(ifa->ifa_name);
@@ -101,7 +110,7 @@ ifc_info* get_ifc_info(int family, const char* text) noexcept
         LOG_ERR("%s: if_indextoname(%d, buf): %s\n", __func__, static_cast<int>(info->idx), strerror(errno));
         return nullptr;
     }
-    if (info->ss.ss_family == AF_UNSPEC && ifc_addr_lookup(list.get(), family, info.get()) != 0)
+    if (info->ss.ss_family == AF_UNSPEC && ifc_addr_lookup(list.get(), family, text, info.get()) != 0)
         return nullptr;
     return info.release();
 }

@@ -167,15 +167,14 @@ static int write_pid(int fd, pid_t pid) noexcept
 
 static int fill_pidfile(const char* path, pid_t pid, ino_t* inode, int flags) noexcept
 {
-    const int fd = W_open("create_pidfile_extra", path, O_WRONLY | O_CREAT | O_NOCTTY, PIDFILE_MODE);
+    /* Root writes here, perhaps in a directory of the daemon's user: not through a link, and never waiting for a
+       reader. */
+    const int fd =
+        W_open("create_pidfile_extra", path, O_WRONLY | O_CREAT | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK, PIDFILE_MODE);
     if (fd < 0)
         return -1;
     /* The lock ends with the descriptor: it guards only the moment of writing. */
     const scope_guard close_fd([fd] { W_close("create_pidfile_extra", fd); });
-    if (lock_pidfile(fd, path, flags) != 0 || write_pid(fd, pid) != 0)
-        return -1;
-    if (!inode)
-        return 0;
     struct stat st {
     };
     if (fstat(fd, &st) != 0) {
@@ -183,7 +182,14 @@ static int fill_pidfile(const char* path, pid_t pid, ino_t* inode, int flags) no
         LOG_ERR("%s: fstat(fd%d,..) ERROR(%d): %s\n", "create_pidfile_extra", fd, err, strerror(err));
         return -1;
     }
-    *inode = st.st_ino;
+    if (!S_ISREG(st.st_mode)) {
+        LOG_ERR("%s: [%s] is not a regular file\n", "create_pidfile_extra", path);
+        return -1;
+    }
+    if (lock_pidfile(fd, path, flags) != 0 || write_pid(fd, pid) != 0)
+        return -1;
+    if (inode)
+        *inode = st.st_ino;
     return 0;
 }
 

@@ -241,15 +241,26 @@ bool is_ping_request(const char* path) noexcept
     return slash_match(*path == '/' ? path + 1 : path, "ping");
 }
 
-/* Pings and requests that are no orders. 0: go on. */
-static int special_path(const uri_layout& u) noexcept
+/* The path in which an order is looked for. An absolute URL begins with a host, whose name must not be taken for a
+   segment; the first '/' behind it is no part of the path, as in a URL without a host. */
+static std::string_view order_path(const uri_layout& u) noexcept
 {
-    if (!u.path || u.p_len == 0) {
-        LOG_WARN("%s: no path in URL [%.256s]\n", "web_parse_urq", u.path ? u.path : "");
+    const std::string_view path(u.path, u.p_len);
+    if (!u.scheme)
+        return path;
+    const size_t slash = path.find('/');
+    return path.substr(slash == std::string_view::npos ? path.size() : slash + 1);
+}
+
+/* Pings and requests that are no orders. 0: go on. */
+static int special_path(std::string_view path) noexcept
+{
+    if (path.empty()) {
+        LOG_WARN("%s: no path in URL [%.256s]\n", "web_parse_urq", path.data());
         return RC_EMPTY_PATH;
     }
     std::array<char, 16> word{};
-    if (!copy_text(word.data(), word.size(), {u.path, u.p_len}))
+    if (!copy_text(word.data(), word.size(), path))
         return 0;
     if (ci_equal(word.data(), "favicon.ico")) {
         LOG_DEBUG("%s: favicon request received.\n", "web_parse_urq");
@@ -288,10 +299,11 @@ int web_parse_urq(char* hbuf, size_t hlen, char* src, char* dst, size_t cap, htt
                 static_cast<unsigned long>(u.q_len), static_cast<unsigned long>(URI_QUERY_MAX));
         return RC_LONG_QUERY;
     }
-    if (const int rc = special_path(u))
+    const std::string_view path = order_path(u);
+    if (const int rc = special_path(path))
         return rc;
-    if (const int rc = uri_extract_endpts_ext(u.path, u.p_len, src, dst, cap)) {
-        LOG_ERR("%s: error(%d) parsing request data [%.1024s]\n", __func__, rc, u.path);
+    if (const int rc = uri_extract_endpts_ext(path.data(), path.size(), src, dst, cap)) {
+        LOG_ERR("%s: error(%d) parsing request data [%.1024s]\n", __func__, rc, path.data());
         return -1;
     }
     if (!uri_decode(src, cap) || !uri_decode(dst, cap)) {
@@ -318,10 +330,9 @@ int web_parse_url(const char* url, char* src, char* dst, size_t cap) noexcept
         LOG_ERR("%s: invalid path size: %zu\n", __func__, u.p_len);
         return -1;
     }
-    std::array<char, URI_PATH_MAX> path{};
-    cut_text(path.data(), path.size(), {u.path, u.p_len});
-    if (const int rc = uri_extract_endpts_ext(path.data(), u.p_len, src, dst, cap)) {
-        LOG_ERR("%s: error(%d) parsing path [%s]\n", __func__, rc, path.data());
+    const std::string_view order = order_path(u);
+    if (const int rc = uri_extract_endpts_ext(order.data(), order.size(), src, dst, cap)) {
+        LOG_ERR("%s: error(%d) parsing path [%.*s]\n", __func__, rc, static_cast<int>(u.p_len), u.path);
         return -1;
     }
     if (!uri_decode(src, cap) || !uri_decode(dst, cap)) {

@@ -42,8 +42,10 @@ static int mk_host_field(const http_request* rq, std::array<char, HOST_FIELD_MAX
 {
     const char* host = rq->host_addr && *rq->host_addr ? rq->host_addr : "localhost";
     const bool with_port = rq->host_port && *rq->host_port;
+    const bool is_ipv6 = strchr(host, ':') != nullptr; /* a bare one would read as a name and a port */
     const size_t n =
-        join_text(field->data(), field->size(), {host, with_port ? ":" : "", with_port ? rq->host_port : ""});
+        join_text(field->data(), field->size(),
+                  {is_ipv6 ? "[" : "", host, is_ipv6 ? "]" : "", with_port ? ":" : "", with_port ? rq->host_port : ""});
     if (n < field->size())
         return 0;
     LOG_ERR("%s: host buffer is too small, %d bytes needed\n", "send_http_request", static_cast<int>(n));

@@ -97,6 +97,30 @@ int xvlst_reserve(xvlst* l, size_t n, size_t size, size_t growblk) noexcept
     return 0;
 }
 
+int xvlst_mmap_fixed(xvlst* l, size_t n, size_t size) noexcept
+{
+    ASSERT(l && !l->data && size);
+    size_t slots = 0;
+    size_t bytes = 0;
+    if (n == 0 || __builtin_add_overflow(n, 1, &slots) || __builtin_mul_overflow(slots, size, &bytes))
+        return no_memory();
+    auto* taken = static_cast<uint8_t*>(calloc(n, 1)); /* large: untouched pages cost nothing here either */
+    if (!taken)
+        return no_memory();
+    void* data = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (data == MAP_FAILED) {
+        free(taken);
+        return no_memory();
+    }
+    *l = xvlst{};
+    l->data = data;
+    l->taken = taken;
+    l->max_len = n;
+    l->flags = XV_FIXED_SIZE | XV_MMAP;
+    l->meta.num = size;
+    return 0;
+}
+
 int xvlst_expand(xvlst* l, size_t plus, size_t size, size_t growblk) noexcept
 {
     ASSERT(l && plus && size && growblk);
@@ -233,6 +257,7 @@ void xvlst_reset(xvlst* l) noexcept
         ASSERT(l->meta.num);
         if (munmap(l->data, l->meta.num * (l->max_len + 1)) != 0)
             PANIC("%s: munmap FAILED\n", __func__);
+        free(l->taken);
     }
     *l = xvlst{};
 }

@@ -1,6 +1,7 @@
 /* Checks a configuration before an agent is restarted with it: loads it with the agent's own loader, prints the dump, then
    says what the agent itself cannot say. */
 #include "cfg.h"
+#include "config.h"
 #include "guard.h"
 #include "log.h"
 #include "meta.h"
@@ -10,11 +11,14 @@
 #include "util.h"
 
 #include <array>
+#include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <pwd.h>
 #include <string>
 #include <sys/resource.h>
@@ -98,9 +102,7 @@ void check_value(const config_setting_t* s, const key_rule& rule)
         return;
     }
     const long long value = type == V_INT ? config_setting_get_int64(s) : 0;
-    if (value > INT_MAX || value < INT_MIN)
-        warn("line %u: %s is beyond 32 bits, and has no effect", config_setting_source_line(s), config_setting_name(s));
-    else if (value < 0 && rule.name != "cpunum")
+    if (value < 0 && rule.name != "cpunum")
         warn("line %u: %s is negative", config_setting_source_line(s), config_setting_name(s));
     if (type != V_LIST)
         return;
@@ -144,8 +146,30 @@ void check_listener(const config_setting_t* s)
         warn("line %u: a web listener over udp accepts nobody", config_setting_source_line(s));
 }
 
+/* The parser library cuts a number without an L at its end to 32 bits and says nothing. */
+void check_numbers(const std::string& path)
+{
+    std::ifstream file(path);
+    const std::string text((std::istreambuf_iterator<char>(file)), {});
+    config_scan scan{.rest = text};
+    std::string_view word;
+    for (config_word kind{}; (kind = config_next_word(&scan, &word)) != config_word::END;) {
+        if (kind == config_word::INCLUDE) {
+            check_numbers(std::string(word)); /* the loader has bounded the depth */
+            continue;
+        }
+        const bool is_hex = word.starts_with("0x") || word.starts_with("0X");
+        errno = 0;
+        const long long value = strtoll(std::string(word).c_str(), nullptr, is_hex ? 16 : 10);
+        if (errno == ERANGE || value > INT_MAX || value < INT_MIN)
+            warn("%s, line %u: %.*s is beyond 32 bits, and is taken for another number", path.c_str(), scan.line,
+                 static_cast<int>(word.size()), word.data());
+    }
+}
+
 void check_text(const char* path)
 {
+    check_numbers(path);
     config_t file;
     config_init(&file);
     const scope_guard destroy([&file] { config_destroy(&file); });

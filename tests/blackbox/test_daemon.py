@@ -71,6 +71,18 @@ class Background(KovTest):
         self.assertEqual(os.readlink(f"/proc/{agent.pid}/cwd"), "/")
         self.assertEqual(self.status(agent)["Uid"].split(), ["0"] * 4)
 
+    def test_a_relative_data_directory_is_where_the_operator_stood(self):
+        root = self.next_root()
+        name = "x" * (128 - len(root) - 1)
+        statuses, errors, _ = self.failed_start(options=("-D", name), preexec=lambda: os.chdir(root))
+        self.assertEqual(statuses, [1], errors)  # before the first fork
+        self.assertIn("is too long (128), max = 127 characters.\n", errors)
+        root = self.next_root()
+        agent = self.background(options=("-D", "d"), preexec=lambda: os.chdir(root))
+        self.assertIn(f"\tdata directory       = [{root}/d]\n", agent.log())
+        self.assertEqual(agent.order(self.origin.body("/a", b"here"), "sub/a"), ANSWERS[200])
+        self.assertEqual(agent.stored("sub/a"), b"here")
+
     def test_core_limit(self):
         for user, hard, message in (("", resource.RLIM_INFINITY, ""),
                                     ("nobody", 0, "set_unlimited_core: setrlimit ERROR(1): ")):
@@ -131,6 +143,13 @@ class Background(KovTest):
         self.addCleanup(holder.close)
         fcntl.lockf(holder, fcntl.LOCK_EX)
         pid = f'pidfile = "{self.root}/pid";'
+        link, target, fifo, read = (f"{self.root}/{name}" for name in ("link", "target", "fifo", "read"))
+        with open(target, "w", encoding="ascii") as f:
+            f.write("not a pid")
+        os.symlink(target, link)
+        os.mkfifo(fifo)
+        os.mkfifo(read)
+        self.addCleanup(os.close, os.open(read, os.O_RDONLY | os.O_NONBLOCK))
         for arguments, where, message in (
                 ({"runtime": pid + 'run_as_user = "no-such-user";'}, "stderr",
                  "run_as_user: getpwnam: user no-such-user not found\n"),
@@ -140,20 +159,18 @@ class Background(KovTest):
                 ({"runtime": 'pidfile = "/nonexistent/pid";'}, "log",
                  "create_pidfile_extra: failed to create pidfile [/nonexistent/pid] with pid="),
                 ({"runtime": f'pidfile = "{locked}";'}, "log", "Another instance is already running\n"),
-                ({"runtime": 'pidfile = "/dev/full";'}, "log",
-                 "create_pidfile_extra: failed to create pidfile [/dev/full] with pid="),
+                ({"runtime": f'pidfile = "{link}";'}, "log", f"open('{link}', "),
+                ({"runtime": f'pidfile = "{fifo}";'}, "log", "ERROR(6): "),
+                ({"runtime": f'pidfile = "{read}";'}, "log", f"create_pidfile_extra: [{read}] is not a regular file\n"),
                 ({"runtime": pid, "options": ("-P", "2000")}, "log", "Failed to pin this kov(pid=")):
-            if "/dev/full" in arguments["runtime"]:
-                link = f"{self.root}/full"
-                os.symlink("/dev/full", link)
-                arguments["runtime"] = f'pidfile = "{link}";'
-                message = f"create_pidfile_extra: failed to create pidfile [{link}] with pid="
             statuses, errors, log = self.failed_start(**arguments)
             text = errors if where == "stderr" else log
             self.assertEqual(statuses, [0, 0, 1], text)
             for line in (message, "runtime_setup: FAILED (rc=-1)\n", "kov shut down\n", "EXIT(1). PID="):
                 self.assertIn(line, text)
             self.assertFalse(os.path.exists(f"{self.root}/pid"))
+        with open(target, encoding="ascii") as f:
+            self.assertEqual(f.read(), "not a pid")
         self.assertFalse(os.path.exists(locked))  # the refused instance unlinks the other one's file
 
     def test_start_in_a_removed_directory(self):

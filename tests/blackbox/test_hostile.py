@@ -158,6 +158,19 @@ class Directories(KovTest):
         self.assertEqual(agent.stored("x/b"), b"b")
 
 
+class FileSizeLimit(KovTest):
+    def test_it_fails_the_body_and_the_log_but_not_the_agent(self):
+        limit = 1 << 16
+        for settings in ("", "max_mmap_mb = 0;"):
+            agent = self.start(settings, preexec=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit)))
+            self.assertEqual(agent.order(self.origin.body("/big", b"x" * (limit + 1)), "big"), ANSWERS[500])
+            agent.wait_log("ERROR(27): ")
+            while os.path.getsize(agent.log_path) < limit:
+                self.assertEqual(agent.get("/" + "x" * 500), ANSWERS[400])
+            self.assertEqual(agent.order(self.origin.body("/fits", b"y" * limit), "fits"), ANSWERS[200])
+            self.assertEqual(agent.stored("fits"), b"y" * limit)
+
+
 class Death(KovTest):
     def test_killed_again_and_again(self):
         rounds = 20 if QUICK else 200

@@ -34,6 +34,10 @@ class Refusals(KovTest):
                 (src + "a/%2e%2e/x", "destination leaves the data directory"),
                 (src + "a/..", "destination leaves the data directory"),
                 (src + "x-Kova", "destination names an unfinished file"),
+                (src + "x-Kova/y", "destination names an unfinished file"),
+                (src + "new/\x7f", "setup_dw_spec: control byte 0x7f at 4 of the destination"),
+                ("/src/http://h\x01/new/a/dst/", "setup_dw_spec: control byte 0x01 at 8 of the source"),
+                ("http://src/http://h/a/dst/b", "web_parse_urq: error(-14) parsing request data [http://h/a/dst/b]"),
                 (src + "x" * (room + 1), "init_spec: full path was cut"),
                 (src + "x" * (room + 2), "init_spec: full path is too long: 128/128"),
                 (f"/src/http://h/{'s' * 119}/dst/x", "init_spec: source URL is too long: 128/128"),
@@ -62,6 +66,11 @@ class Refusals(KovTest):
             self.origin.paths["/src/a/dst/b"] = self.origin.paths["/src/a/dst/b c"]
             self.assertEqual(agent.get(target), ANSWERS[200], target)
             self.assertEqual(agent.stored(stored), b"nested")
+        # The host of an absolute target is no segment.
+        for n, host in enumerate(("udp", "RTP:80", "src", "hls-m3u", "hls-fra", "dst")):
+            source = self.origin.body(f"/h{n}", b"host")
+            self.assertEqual(agent.get(f"http://{host}/src/{source}/dst/h{n}"), ANSWERS[200], host)
+            self.assertEqual(agent.stored(f"h{n}"), b"host")
         self.assertTrue(url)
 
     def test_heads(self):
@@ -79,6 +88,9 @@ class Refusals(KovTest):
                 (b"\0\1\2\3" * 20 + b"\r\n\r\n", 400),
                 (b"GET                    \r\nHost: h.example.net\r\n\r\n", 400),
                 (b"get / http/1.1 this is long enough\r\n\r\n", 400),
+                (b"GET http://agent/ HTTP/1.1\r\nHost: h.example.net\r\n\r\n", 204),
+                (b"GET http://agent HTTP/1.1\r\nHost: h.example.net\r\n\r\n", 204),
+                (b"GET http://agent/favicon.ico HTTP/1.1\r\nHost: h\r\n\r\n", 400),
                 (b"get / HTTP/1.9 this is long enough\r\n\r\n", 204),
                 (b"GET\t/src/%s/dst/t1 HTTP/1.0\n\n" % ok.encode(), 200),
                 (b"GET /src/%s/dst/t2 HTTP/1.1\r\nAccept-Encoding: %s\r\nHost: %s\r\nUser-Agent: %s\r\n\r\n"

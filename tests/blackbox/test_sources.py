@@ -1,10 +1,15 @@
 """Sources that refuse, break, lie, stall, crowd."""
 
+import os
+import random
+import re
 import resource
+import socket
+import threading
 import time
 import unittest
 
-from kov import ANSWERS, KovTest, free_port, wait_for
+from kov import ANSWERS, KovTest, free_port, needs_namespaces, wait_for
 
 OK = b"HTTP/1.1 200 OK\r\n"
 
@@ -13,7 +18,11 @@ class Sources(KovTest):
     def test_refused_connection(self):
         agent = self.start()
         self.assertEqual(agent.order(f"http://127.0.0.1:{free_port()}/a", "a"), ANSWERS[400])
-        self.assertEqual(agent.order("http://127.0.0.1:port/a", "a"), ANSWERS[500])
+        for port in ("port", self.origin.port + 65536, self.origin.port - 65536, f"{self.origin.port}x", "+1"):
+            source = f"http://127.0.0.1:{port}/a".replace("+", "%2b")
+            self.assertEqual(agent.order(source, "a"), ANSWERS[500], port)
+            self.assertIn(f"open_socket: empty or invalid port [{port}]\n", agent.log())
+        self.assertEqual(self.origin.requests, [])
         self.assertEqual(agent.order("http://127.0.0.1", "a"), ANSWERS[400])
         self.assertEqual(agent.files(), [])
 
@@ -126,6 +135,58 @@ class ManyOrders(KovTest):
         if "asan" not in agent.proc.args[0]:
             self.assertLess(agent.rss_kib() - base_kib, 4096, "memory at base line")
         resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
+
+
+@needs_namespaces
+class Names(KovTest):
+    """A name server of its own, slow and without any answer, behind the agent's resolver."""
+
+    def setUp(self):
+        super().setUp()
+        self.server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.addCleanup(self.server.close)
+        self.address = f"127.{os.getpid() % 250}.{random.randrange(250)}.53"
+        self.server.bind((self.address, 53))
+        self.asked = []
+        threading.Thread(target=self.serve, daemon=True).start()
+
+    def serve(self):
+        try:
+            while True:
+                query, peer = self.server.recvfrom(512)
+                self.asked.append(query[12:].split(b"\0")[0])
+                no_such_name = query[:2] + b"\x81\x83" + query[4:]
+                threading.Timer(0.55, self.server.sendto, (no_such_name, peer)).start()
+        except OSError:
+            pass
+
+    def test_a_slow_look_up_in_vain_closes_the_road_for_names_for_a_while(self):
+        resolv = f"{self.root}/resolv.conf"
+        with open(resolv, "w", encoding="ascii") as f:
+            f.write(f"nameserver {self.address}\noptions timeout:5 attempts:1\n")
+        mount = f'mount --bind {resolv} /etc/resolv.conf && exec "$0" "$@"'
+        agent = self.start(wrapper=("unshare", "-m", "sh", "-c", mount))
+        by_name = self.origin.body("/a", b"a").replace("127.0.0.1", "localhost")
+        self.assertEqual(agent.order("http://slow.example/a", "slow"), ANSWERS[500])
+        line = (r"\(WRN\) .*open_socket: looking up \[slow\.example\] took (\d+) ms in vain: "
+                r"sources given by name are refused for (\d+) ms\n")
+        self.assertRegex(agent.log(), line)
+        took, closed = map(int, re.search(line, agent.log()).groups())
+        self.assertEqual(closed, took * 10)
+        self.assertGreater(took, 500)
+        opens = time.monotonic() + closed / 1000
+        for n in range(5):
+            self.assertEqual(agent.order(f"http://n{n}.example/a", "name"), ANSWERS[500])
+        self.assertEqual(agent.order(by_name, "local"), ANSWERS[500])
+        self.assertEqual(agent.order(self.origin.url("/a"), "address"), ANSWERS[200])
+        self.assertEqual(agent.get("/"), ANSWERS[204])
+        self.assertEqual(set(self.asked), {b"\4slow\7example"})
+        self.assertNotIn("looked up again", agent.log())
+        wait_for(lambda: time.monotonic() > opens, "the road to open", took / 100 + 5)
+        self.assertEqual(agent.order(by_name, "local"), ANSWERS[200])
+        self.assertEqual(agent.stored("local"), b"a")
+        self.assertEqual(agent.log().count("sources given by name are "), 2)
+        self.assertRegex(agent.log(), r"\(WRN\) .*open_socket: sources given by name are looked up again\n")
 
 
 if __name__ == "__main__":

@@ -8,7 +8,7 @@ import subprocess
 import tempfile
 import unittest
 
-from kov import ANSWERS, KOV, KovTest, free_port
+from kov import ANSWERS, KOV, KovTest, free_port, needs_namespaces
 
 GOOD = 'log = { }; runtime = { }; web_input = { web = { ifc = "lo"; port = 8020; }; };'
 
@@ -74,6 +74,16 @@ class CommandLine(unittest.TestCase):
         for config, message in (
                 ("", "load_config: missing log section\n"),
                 ("log = { };", "load_config: missing runtime section\n"),
+                ("log = 5; runtime = { };", "load_config: missing log section\n"),
+                ('log = { }; runtime = "x";', "load_config: missing runtime section\n"),
+                ('\n@include "/tmp"\n', "c]: line 2: cannot open include file\n"),
+                ('\n@include "/nonexistent"\n', "c]: line 2: cannot open include file\n"),
+                ('/*\n@include "/tmp"\n*/ a = "\n@include \\"/tmp\\"";', "load_config: missing log section\n"),
+                ("log = { max_files = -5000000000L; };", "max_files value is out of range: -5000000000\n"),
+                ("log = { }; runtime = { }; web_input = { max_accept = 5000000000L; };",
+                 "max_accept value is out of range: 5000000000\n"),
+                ('log = { }; runtime = { }; lbdb = { host = "h"; port = 65537; };', "invalid port value: 65537\n"),
+                (GOOD + "max_tasks = 5000000000L;", "kova.max_tasks value is out of range: 5000000000\n"),
                 ('log = { level = "loud"; };', "Invalid log level: loud\n"),
                 ('log = { time_format = "now"; };', "Invalid time format: now\n"),
                 (f'log = {{ file = "{long}"; }};', "file value is too long (127), max = 127 characters.\n"),
@@ -107,7 +117,10 @@ class CommandLine(unittest.TestCase):
     def test_failing_steps_give_their_status(self):
         port = free_port()
         web = f'log = {{ }}; runtime = {{ }}; web_input = {{ web = {{ ifc = "lo"; port = {port}; }}; }};'
+        two = (f"log = {{ }}; runtime = {{ }};"
+               f"web_input = {{ web = ( {{ port = {port}; }}, {{ port = {free_port()}; }} ); }};")
         for config, args, message in (
+                (two, ("-w", "lo:99999"), "open_listener: invalid port number: 99999\n"),
                 (web + "max_tasks = -1;", (), "init_kova_ctx: failed to [init sources], rc=-1\n"),
                 (web, ("-P", "2000"), "Failed to pin this kov("),
                 (web, ("-l", "/nonexistent/log"), "do_open: uid/gig="),
@@ -189,6 +202,27 @@ Misc:
             with open(f"/proc/{agent.pid}/status", encoding="ascii") as f:
                 self.assertIn("Cpus_allowed_list:\t0\n", f.read())
             self.assertIn("processor affinity set to CPU0\n", agent.log())
+
+    @needs_namespaces
+    def test_interfaces_by_label_and_by_any_spelling_of_an_address(self):
+        ports = [free_port(), free_port()]
+        label = 'ip link set lo up && ip addr add 127.0.0.9/8 dev lo label lo:9 && exec "$0" "$@"'
+        more = f', {{ ifc = "lo:9"; port = {ports[0]}; }}, {{ ifc = "0:0::1"; port = {ports[1]}; }}'
+        agent = self.start(more_listeners=more, wrapper=("unshare", "-n", "sh", "-c", label), must_run=False)
+        agent.wait_log("STARTED listener", 3)
+        for table, place in (("tcp", f"0900007F:{ports[0]:04X}"), ("tcp6", f"{'0' * 24}01000000:{ports[1]:04X}")):
+            with open(f"/proc/{agent.pid}/net/{table}", encoding="ascii") as f:
+                self.assertIn(f" {place} ", f.read())
+
+    def test_a_table_for_a_million_tasks_costs_address_space_only(self):
+        agent = self.start("max_tasks = 1000000;")
+        with open(f"/proc/{agent.pid}/smaps", encoding="ascii") as f:
+            areas = re.split(r"(?m)^(?=[0-9a-f]+-)", f.read())
+        table = [area for area in areas if re.search(r"(?m)^VmFlags:.* nr ", area)
+                 and int(re.search(r"Size: +(\d+)", area).group(1)) > 500_000]
+        self.assertTrue(any(re.search(r"(?m)^Rss: +\d{1,2} kB$", area) for area in table), table)
+        self.assertEqual(agent.order(self.origin.body("/a", b"a"), "a"), ANSWERS[200])
+        self.assertEqual(agent.stored("a"), b"a")
 
     def test_another_user_stays_in_the_foreground(self):
         os.chmod(self.root, 0o777)

@@ -77,6 +77,10 @@ class Checkconf(KovTest):
             self.assertIn(line, out)
         self.assertIn("Load-balancer DB: h:1\n", out)
         self.assertEqual(self.check(text, "--strict")[0], 2)
+        text = text.replace("max_tasks = 9000000;", "max_tasks = 4294967297; /* 99999999999 */ h = 0x80000000; "
+                            's = "99999999999"; l = 99999999999L; f = 9999999999.5; n99999999999 = -2147483648;')
+        cut = re.findall(r"line 7: (\S+) is beyond 32 bits, and is taken for another number", self.check(text)[1])
+        self.assertEqual(cut, ["4294967297", "0x80000000"])
         good = f'kova = {{ log = {{ }}; runtime = {{ non_daemon = true; }}; web_input = {{ web = {{ port = 1; }}; }}; data_dir = "{self.root}"; max_tasks = 10; }};'
         self.assertEqual(self.check(good, "--strict")[0], 0)
         self.assertEqual(self.check("kova = {", "--strict")[0], 1)

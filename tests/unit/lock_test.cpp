@@ -7,9 +7,29 @@
 #include "strops.h"
 
 #include <cerrno>
+#include <cstring>
 #include <ctime>
+#include <fcntl.h>
+#include <functional>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+namespace
+{
+
+std::function<void(long ms)> g_on_sleep; /* what others do while the room sleeps */
+
+} // namespace
+
+/* In place of the library's, so that a test can act within the pause. */
+extern "C" int nanosleep(const timespec* time, timespec* left)
+{
+    if (!g_on_sleep)
+        return clock_nanosleep(CLOCK_REALTIME, 0, time, left);
+    g_on_sleep(time->tv_sec * 1000 + time->tv_nsec / 1000000);
+    return 0;
+}
 
 namespace
 {
@@ -24,7 +44,11 @@ protected:
         cut_text(g_cfg.udp_cha.lkdir, sizeof(g_cfg.udp_cha.lkdir), dir.path);
         g_cfg.udp_cha.must_lock = true;
     }
-    ~Lock() override { g_cfg = {}; }
+    ~Lock() override
+    {
+        g_cfg = {};
+        g_on_sleep = nullptr;
+    }
 
     /* check_and_expire on a file of this age, within one second of the clock. */
     int check_aged(const std::string& path, long age)
@@ -58,6 +82,47 @@ TEST_F(Lock, CountsUntilItIsOlderThanTheLimit)
     EXPECT_TRUE(log.has("check_and_expire: upstanding lock [" + path + "] (age=30) found\n"));
     EXPECT_TRUE(log.has("check_and_expire: expired stale lock [" + path + "], age=31 sec\n"));
     EXPECT_EQ(check_and_expire(dir.at("none").c_str(), STALE_LOCK_SEC), 0);
+}
+
+TEST_F(Lock, ALinkToNowhereHasAnAgeOfItsOwn)
+{
+    const std::string path = dir.at("job-1.lock");
+    ASSERT_EQ(symlink("/nonexistent", path.c_str()), 0);
+    EXPECT_EQ(lid_lock("job-1", &taken), EBUSY);
+    EXPECT_TRUE(log.has("upstanding lock [" + path + "] (age="));
+    for (const long age : {100L, 2 * 86400L}) {
+        unlink(path.c_str());
+        ASSERT_EQ(symlink("/nonexistent", path.c_str()), 0);
+        const timespec old[2] = {{time(nullptr) - age, 0}, {time(nullptr) - age, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), old, AT_SYMLINK_NOFOLLOW), 0);
+        EXPECT_EQ(lid_lock("job-1", &taken), 0) << age;
+    }
+}
+
+TEST_F(Lock, OfAStrangeAgeIsLookedAtTwice)
+{
+    const struct {
+        long age;
+        const char* meanwhile; /* what its maker does; null = nothing is waited for */
+        int rc;
+    } cases[] = {
+        {86400 + 10, "touch", EBUSY}, {86400 + 10, "nothing", 0}, {86400 + 10, "unlink", 0}, {100, nullptr, 0}};
+    for (const auto& c : cases) {
+        const std::string path = dir.put("job-1.lock");
+        set_age(path, time(nullptr), c.age);
+        long slept = 0;
+        g_on_sleep = [&](long ms) {
+            slept += ms;
+            if (strcmp(c.meanwhile, "touch") == 0)
+                set_age(path, time(nullptr), 0);
+            else if (strcmp(c.meanwhile, "unlink") == 0)
+                unlink(path.c_str());
+        };
+        EXPECT_EQ(lid_lock("job-1", &taken), c.rc) << c.age << c.meanwhile;
+        EXPECT_EQ(slept, c.meanwhile ? 100 : 0);
+        EXPECT_TRUE(dir.has("job-1.lock"));
+    }
+    EXPECT_EQ(log.count("ERROR"), 0U) << log.text();
 }
 
 TEST_F(Lock, CheckReportsWhatItCannotSeeOrRemove)
@@ -131,6 +196,8 @@ TEST_F(Lock, ErrorsTakeNothing)
     EXPECT_TRUE(dir.has("sub/abcd.lock"));
     EXPECT_TRUE(log.has("lid_lock: invalid lock path (n=")) << log.text();
     EXPECT_TRUE(log.has("lid_unlock: invalid lock path (n=")) << log.text();
+    EXPECT_EQ(lid_lock("abc\n", &taken), -1);
+    EXPECT_EQ(lid_lock("abc\x7f", &taken), -1);
 
     cut_text(g_cfg.udp_cha.lkdir, sizeof(g_cfg.udp_cha.lkdir), dir.at("none"));
     EXPECT_EQ(lid_lock("job-1", &taken), -1);

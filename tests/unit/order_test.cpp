@@ -99,6 +99,9 @@ TEST_F(Order, RefusedOnesMakeNothing)
         {"http://h/a", "d/../../x", "leaves the data directory: [d/../../x]\n"},
         {"http://h/a", "d/..", "leaves the data directory: [d/..]\n"},
         {"http://h/a/../b", "", "leaves the data directory: [a/../b]\n"},
+        {"http://h/a\r\nX: y", "d/x", "setup_dw_spec: control byte 0x0d at 10 of the source\n"},
+        {"http://h/d/\x1f", "", "setup_dw_spec: control byte 0x1f at 11 of the source\n"},
+        {"http://h/a", "d/x\x7f", "setup_dw_spec: control byte 0x7f at 3 of the destination\n"},
         {"http://h/a", "d/x-Kova", "setup_dw_spec: destination names an unfinished file: [d/x-Kova]\n"},
     };
     for (const auto& c : cases) {

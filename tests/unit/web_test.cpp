@@ -309,6 +309,12 @@ TEST_F(SourceHead, RequestNamesHostAndPath)
               "GET /a?q=1 HTTP/1.0\r\nHost: h:81\r\nConnection: keep-alive\r\nUser-Agent: me\r\n"
               "Accept: text/html,video/*, application/*\r\nAccept-Language: en-US,en,ru\r\n"
               "Accept-Charset: ISO-8859-1,UTF-8\r\nCache-Control: no-cache\r\n\r\n");
+    for (const auto& [url, host] : {std::pair("http://[::1]:81/a", "[::1]:81"), std::pair("http://[::1]/a", "[::1]")}) {
+        ASSERT_EQ(usock_http_get(fds[1], url, &ctx), 0);
+        const ssize_t len = read(fds[0], buf.data(), buf.size());
+        EXPECT_NE(std::string(buf.data(), static_cast<size_t>(len)).find("\r\nHost: " + std::string(host) + "\r\n"),
+                  std::string::npos);
+    }
     EXPECT_EQ(usock_http_get(fds[1], "http://h", &ctx), -1); /* no path tail */
     const http_request bare = {
         .type = 0, .flags = 0, .request = "x", .server = "me", .host_addr = "", .host_port = nullptr};

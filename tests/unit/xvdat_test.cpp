@@ -126,6 +126,25 @@ TEST_F(SlotList, PurgeLetsItsCallbackDelete)
     EXPECT_EQ(l.last, 0u);
 }
 
+TEST_F(SlotList, MappedOnesNeverMoveNorGrow)
+{
+    ASSERT_EQ(xvlst_mmap_fixed(&l, 1 << 20, 1 << 12), 0) << "4 GiB of address space";
+    EXPECT_EQ(l.meta.num, 1u << 12);
+    EXPECT_EQ(l.flags, XV_FIXED_SIZE | XV_MMAP);
+    void* const data = l.data;
+    for (ssize_t i = 0; i < 1 << 20; ++i)
+        ASSERT_EQ(xvlst_add(&l, 1 << 12, 1), i);
+    EXPECT_EQ(xvlst_add(&l, 1 << 12, 1), ERR_XV_FIXED);
+    EXPECT_EQ(l.data, data);
+    xvlst_del(&l, 7, nullptr);
+    EXPECT_EQ(xvlst_add(&l, 1 << 12, 1), 7);
+    static_cast<char*>(l.data)[(size_t(1) << 32) - 1] = 1;
+    xvlst_reset(&l);
+    EXPECT_EQ(l.data, nullptr);
+    for (const size_t n : {SIZE_MAX, SIZE_MAX / 2, size_t(0)})
+        EXPECT_EQ(xvlst_mmap_fixed(&l, n, 4096), -1);
+}
+
 TEST_F(SlotList, ExpandNeedsAllItsArguments)
 {
     EXPECT_DEATH((void)xvlst_expand(&l, 1, SZ, 0), "growblk");
