@@ -5,6 +5,7 @@
 #include "log.h"
 #include "strops.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -13,6 +14,8 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr int ZONE_CAP = 16;
 constexpr long NS_PER_US = 1000;
+constexpr time_t EOD_SEARCH = 10800; /* no clock change is longer */
+constexpr time_t EOD_STEP = 900;
 
 struct timefmt_word {
     const char* word;
@@ -128,6 +131,15 @@ void set_real_now(timespec* ts) noexcept
     set_clk_now(ts, CLOCK_REALTIME);
 }
 
+/* The local date of t as a number that grows from day to day; -1 on failure. */
+static long local_date(time_t t) noexcept
+{
+    tm parts{};
+    return localtime_r(&t, &parts) ? (parts.tm_year + 1900L) * 1000 + parts.tm_yday : -1;
+}
+
+/* 23:59:59 is an hour off, missing or there twice when the clock changes on that day. So it is only where the search begins:
+   back from there to a time that is not in a later day, in steps shorter than any stay in a day that was entered twice. */
 time_t get_endofday_utime(time_t t) noexcept
 {
     tm parts{};
@@ -135,10 +147,24 @@ time_t get_endofday_utime(time_t t) noexcept
         LOG_ERR("%s: localtime_r() FAILED\n", __func__);
         return -1;
     }
+    const long date = (parts.tm_year + 1900L) * 1000 + parts.tm_yday;
     parts.tm_hour = EOD_HOUR;
     parts.tm_min = EOD_MIN;
     parts.tm_sec = 59;
-    return mktime(&parts);
+    const time_t usual = mktime(&parts);
+    if (usual == -1) {
+        LOG_ERR("%s: mktime() FAILED\n", __func__);
+        return -1;
+    }
+    time_t later = std::max(usual, t) + EOD_SEARCH;
+    while (later - EOD_STEP > t && local_date(later - EOD_STEP) > date)
+        later -= EOD_STEP;
+    time_t end = later - EOD_STEP > t ? later - EOD_STEP : t;
+    while (later - end > 1) {
+        const time_t middle = end + (later - end) / 2;
+        (local_date(middle) > date ? later : end) = middle;
+    }
+    return end;
 }
 
 void ms2timespec(long ms, timespec* ts) noexcept
