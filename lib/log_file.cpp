@@ -43,7 +43,8 @@ static FILE* open_file(const char* path) noexcept
     return fp;
 }
 
-/* Starts the command with an empty signal mask and default signals, which it must not inherit from this process. */
+/* Starts the command with an empty signal mask and with defaults for what this process ignores or handles. What whoever
+   started this process ignores (SIGHUP under nohup) stays ignored. */
 static int spawn_command(const char* command, int in_fd, pid_t* pid) noexcept
 {
     posix_spawnattr_t attr;
@@ -59,7 +60,7 @@ static int spawn_command(const char* command, int in_fd, pid_t* pid) noexcept
     sigset_t defaults;
     sigemptyset(&none);
     sigemptyset(&defaults);
-    for (const int signo : {SIGPIPE, SIGTERM, SIGQUIT, SIGINT, SIGUSR1, SIGUSR2, SIGHUP, SIGCHLD})
+    for (const int signo : {SIGPIPE, SIGXFSZ, SIGTERM, SIGQUIT, SIGINT, SIGUSR2})
         sigaddset(&defaults, signo);
     posix_spawnattr_setsigmask(&attr, &none);
     posix_spawnattr_setsigdefault(&attr, &defaults);

@@ -4,6 +4,7 @@ import glob
 import os
 import re
 import shutil
+import signal
 import time
 import unittest
 
@@ -111,6 +112,18 @@ class Rotation(KovTest):
         self.fill(agent, 200)
         self.assertEqual(agent.order(self.origin.body("/a", b"stored"), "a"), ANSWERS[200])
         self.assertEqual(agent.stored("a"), b"stored")
+
+    def test_a_command_keeps_what_its_starter_ignores(self):
+        out = f"{self.root}/signals"
+
+        def ignore():
+            for signo in (signal.SIGHUP, signal.SIGUSR1, signal.SIGXFSZ, signal.SIGINT):
+                signal.signal(signo, signal.SIG_IGN)
+        self.start(options=("-l", f"|grep ^Sig /proc/self/status >{out}; cat >/dev/null"), preexec=ignore)
+        wait_for(lambda: os.path.exists(out) and "SigCgt" in self.read(out), "the command's signals")
+        masks = {name: int(bits, 16) for name, bits in re.findall(r"(\w+):\s+(\w+)", self.read(out))}
+        self.assertEqual(masks["SigBlk"], 0)
+        self.assertEqual(masks["SigIgn"] & 0x7fffffff, 1 << signal.SIGHUP - 1 | 1 << signal.SIGUSR1 - 1)
 
     @unittest.skipIf(not FAKETIME or "asan" in os.environ["KOV"],
                      "needs libfaketime, which cannot be loaded together with the address sanitizer")
