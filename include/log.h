@@ -148,8 +148,10 @@ int log_rotate(log_ctx* log) noexcept;
 
 void logbuf_reset() noexcept;
 [[nodiscard]] bool logbuf_empty() noexcept;
-/* Builds the record in the one line buffer. 0, or -1: the record does not fit or has no time, and the buffer is empty. */
+/* Builds the record in the one line buffer. Control bytes in the message show as "?": all but its own newline, or, with
+   _head, all but line ends. 0, or -1: the record does not fit or has no time, and the buffer is empty. */
 [[gnu::format(printf, 3, 4)]] int logbuf_prepare(log_ctx* log, int level, const char* format, ...) noexcept;
+[[gnu::format(printf, 3, 4)]] int logbuf_prepare_head(log_ctx* log, int level, const char* format, ...) noexcept;
 void log_flush(log_ctx* log, int level) noexcept;
 [[nodiscard]] inline bool lard_enabled(const log_ctx* log) noexcept
 {
@@ -162,17 +164,21 @@ void log_lard(log_ctx* log, int level) noexcept;
     return c.sec < 0 ? g_mod_ll[c.mod] >= level : g_sec_ll[c.sec] <= g_mod_ll[c.mod];
 }
 
-#define LOG_AT(level, ...)                                                                                             \
+#define LOG_WITH(prepare, level, ...)                                                                                  \
     do {                                                                                                               \
         if (log_passes(g_ll, (level)) || lard_enabled(g_log)) [[unlikely]] {                                           \
             logbuf_reset();                                                                                            \
-            (void)logbuf_prepare(g_log, (level), __VA_ARGS__);                                                         \
+            (void)prepare(g_log, (level), __VA_ARGS__);                                                                \
             if (lard_enabled(g_log))                                                                                   \
                 log_lard(g_log, (level));                                                                              \
             if (log_passes(g_ll, (level)))                                                                             \
                 log_flush(g_log, (level));                                                                             \
         }                                                                                                              \
     } while (0)
+
+#define LOG_AT(level, ...) LOG_WITH(logbuf_prepare, level, __VA_ARGS__)
+/* For a record that shows a head, or another text of several lines, as it stands. */
+#define LOG_HEAD(level, ...) LOG_WITH(logbuf_prepare_head, level, __VA_ARGS__)
 
 #define LOG_ERR(...) LOG_AT(ERR_level, __VA_ARGS__)
 #define LOG_CRIT(...) LOG_AT(CRIT_level, __VA_ARGS__)

@@ -354,7 +354,54 @@ static bool put_head(log_ctx* log, int level) noexcept
     return put_field("group", true, log->group.sym8);
 }
 
-int logbuf_prepare(log_ctx* log, int level, const char* format, ...) noexcept
+/* ---- text from outside must not command a terminal ---- */
+
+constexpr uint64_t bytes_of(unsigned char c) noexcept
+{
+    return 0x0101010101010101ULL * c;
+}
+
+constexpr unsigned char C1_LEAD = 0xc2; /* in UTF-8 the C1 controls are this byte with one of 0x80 to 0x9f */
+
+/* Whether one of eight bytes is below 0x20, 0x7f or C1_LEAD. */
+static bool is_suspect(uint64_t w) noexcept
+{
+    const uint64_t del = w ^ bytes_of(0x7f);
+    const uint64_t c1 = w ^ bytes_of(C1_LEAD);
+    return (((w - bytes_of(0x20)) & ~w) | ((del - bytes_of(1)) & ~del) | ((c1 - bytes_of(1)) & ~c1)) & bytes_of(0x80);
+}
+
+/* Writes "?" over the control bytes of text[len], which has a NUL behind it. */
+static void hide_controls(char* text, size_t len, bool keeps_line_ends) noexcept
+{
+    for (size_t i = 0; i < len; ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        const auto next = static_cast<unsigned char>(text[i + 1]);
+        const bool is_c1 = c == C1_LEAD && next >= 0x80 && next <= 0x9f;
+        if ((c >= 0x20 && c != 0x7f && !is_c1) || (keeps_line_ends && (c == '\n' || (c == '\r' && next == '\n'))))
+            continue;
+        text[i] = '?';
+        if (is_c1)
+            text[++i] = '?';
+    }
+}
+
+/* Most records have nothing to hide, and are only looked at, eight bytes at a time. */
+static void clean_message(char* text, size_t len, bool keeps_line_ends) noexcept
+{
+    if (len > 0 && text[len - 1] == '\n')
+        --len;
+    size_t i = 0;
+    for (uint64_t w = 0; i + sizeof(w) <= len; i += sizeof(w)) {
+        memcpy(&w, text + i, sizeof(w));
+        if (is_suspect(w)) [[unlikely]]
+            break;
+    }
+    hide_controls(text + i, len - i, keeps_line_ends);
+}
+
+[[gnu::format(printf, 4, 0)]] static int prepare(log_ctx* log, int level, bool keeps_line_ends, const char* format,
+                                                 va_list ap) noexcept
 {
     const int err = errno; /* "%m" and the callers behind us still want it */
     logbuf_reset();
@@ -362,20 +409,36 @@ int logbuf_prepare(log_ctx* log, int level, const char* format, ...) noexcept
         logbuf_reset();
         return -1;
     }
-    va_list ap;
-    va_start(ap, format);
     errno = err;
     const int n = vsnprintf(line_end(), line_room(), format, ap);
-    va_end(ap);
     if (n < 0 || static_cast<size_t>(n) >= line_room()) {
         perror("fprintf/vfprintf");
         logbuf_reset();
         errno = err;
         return -1;
     }
+    clean_message(line_end(), static_cast<size_t>(n), keeps_line_ends);
     g_line.len += static_cast<size_t>(n);
     errno = err;
     return 0;
+}
+
+int logbuf_prepare(log_ctx* log, int level, const char* format, ...) noexcept
+{
+    va_list ap;
+    va_start(ap, format);
+    const int rc = prepare(log, level, false, format, ap);
+    va_end(ap);
+    return rc;
+}
+
+int logbuf_prepare_head(log_ctx* log, int level, const char* format, ...) noexcept
+{
+    va_list ap;
+    va_start(ap, format);
+    const int rc = prepare(log, level, true, format, ap);
+    va_end(ap);
+    return rc;
 }
 
 static bool is_std_stream(const FILE* fp) noexcept
@@ -476,7 +539,7 @@ static void log_btrace(const char* title) noexcept
 {
     std::array<char, BTRACE_CAP> trace{};
     if (btrace_to_buf(trace.data(), trace.size() - 1) == 0)
-        LOG_AT(PANIC_level, "%s at:\n%s==\n", title, trace.data());
+        LOG_HEAD(PANIC_level, "%s at:\n%s==\n", title, trace.data());
     if (g_log->fp)
         (void)fflush(g_log->fp);
 }

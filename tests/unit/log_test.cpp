@@ -54,6 +54,32 @@ TEST(Record, ThatDoesNotFitIsDroppedWhole)
     EXPECT_EQ(log.text(), "(ERR)  " + most);
 }
 
+TEST(Record, ShowsControlBytesAsQuestionMarks)
+{
+    const struct {
+        const char* text;
+        const char* line; /* of an ordinary record */
+        const char* head; /* of one that shows a head */
+    } cases[] = {
+        {"plain text of a url\n", "plain text of a url\n", "plain text of a url\n"},
+        {"no newline\x1b", "no newline?", "no newline?"},
+        {"\x1b]0;title\x07 \x7f\t\x01", "?]0;title? ???", "?]0;title? ???"},
+        {"GET / HTTP/1.1\r\nA: b\n\r\n", "GET / HTTP/1.1??A: b??\n", "GET / HTTP/1.1\r\nA: b\n\r\n"},
+        {"over\rwritten\r\r\nend\r\n", "over?written???end?\n", "over?written?\r\nend\r\n"},
+        {"12345678\x1b[2J 123456789\x1f\n", "12345678?[2J 123456789?\n", "12345678?[2J 123456789?\n"},
+        {"csi \xc2\x9b"
+         "31m \xc2\xa9 \xc3\x9b \xc2",
+         "csi ??31m \xc2\xa9 \xc3\x9b \xc2", "csi ??31m \xc2\xa9 \xc3\x9b \xc2"},
+        {"\n", "\n", "\n"},
+    };
+    for (const auto& c : cases) {
+        caught_log log;
+        LOG_ERR("%s", c.text);
+        LOG_HEAD(ERR_level, "%s", c.text);
+        EXPECT_EQ(log.text(), std::string("(ERR)  ") + c.line + "(ERR)  " + c.head);
+    }
+}
+
 TEST(Levels, ArePushedOnceAndPopped)
 {
     caught_log log;
