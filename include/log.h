@@ -80,6 +80,7 @@ struct log_ctx {
         int facility;
     } syslg;
     pid_t pipe_pid;         /* process behind a pipe log, 0 = none */
+    bool is_rotatable;      /* fp is a regular file, and name is its own */
     bool is_stalled;        /* nobody takes what is written to fp: lines are dropped until somebody does */
     bool is_mirror_stalled; /* the same for mirror_fp */
 };
@@ -97,8 +98,9 @@ void glog_init(const char* app_tag) noexcept;
 [[nodiscard]] const char* glog_app_tag() noexcept;
 /* Writes to stream (not owned) from now on, closing nothing. */
 void log_default(log_ctx* log, FILE* stream) noexcept;
-/* Opens path for appending; without F_APPEND_OLD a non-empty old file is first renamed to path.MTIME. A null path means
-   standard error. 0, or -1 (said on standard error). */
+/* Opens path for appending; without F_APPEND_OLD a non-empty old file is first renamed to path.MTIME. What is no regular
+   file (a FIFO, a device, a link to a standard descriptor) is written to and never renamed. A null path means standard
+   error. 0, or -1 (said on standard error). */
 [[nodiscard]] int log_open_ex(log_ctx* log, const char* path, uint32_t flags) noexcept;
 /* Pipes the log into a shell command, which gets a clean signal mask and default SIGPIPE. 0, or -1. */
 [[nodiscard]] int log_popen(log_ctx* log, const char* command) noexcept;

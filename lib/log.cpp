@@ -78,6 +78,7 @@ void log_default(log_ctx* log, FILE* stream) noexcept
 {
     log->fp = stream;
     log->is_pipe = 0;
+    log->is_rotatable = false;
     log->name[0] = '\0';
     if (log == g_log && !log->llst.sec_ll_set)
         std::fill(std::begin(g_sec_ll), std::end(g_sec_ll), SECTION_level);
@@ -451,7 +452,7 @@ static bool g_is_rotating = false;
 
 static bool must_rotate(log_ctx* log) noexcept
 {
-    if (log->is_pipe || g_is_rotating)
+    if (!log->is_rotatable || g_is_rotating)
         return false;
     bool due = log->rota.max_total > 0 && log->total_out >= log->rota.max_total;
     if (log->rota.max_log_tm > 0) {
@@ -488,7 +489,7 @@ void log_flush(log_ctx* log, int level) noexcept
         put_line(log->mirror_fp, &log->is_mirror_stalled);
     if (!g_in_signal && level < 0 && log->syslg.enabled)
         syslog_put(level, log->syslg.facility, g_line.text);
-    if (!g_in_signal && !is_std_stream(log->fp) && must_rotate(log)) {
+    if (!g_in_signal && must_rotate(log)) {
         g_is_rotating = true;
         (void)log_rotate(log); /* it has said what went wrong */
         g_is_rotating = false;

@@ -27,6 +27,18 @@ constexpr long PIPE_WAIT_STEP_NS = 10000000;
 
 /* ---- opening ---- */
 
+/* Whether st is of what one of the standard descriptors refers to. That one, or -1. */
+static int find_std_fd(const struct stat& st) noexcept
+{
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        struct stat other {
+        };
+        if (fstat(fd, &other) == 0 && other.st_dev == st.st_dev && other.st_ino == st.st_ino)
+            return fd;
+    }
+    return -1;
+}
+
 /* The mode is LOG_MODE whatever the umask: other users' tools read the log. */
 static FILE* open_file(const char* path) noexcept
 {
@@ -93,6 +105,15 @@ static FILE* open_pipe(const char* command, pid_t* pid) noexcept
     return fp;
 }
 
+/* Whether path, behind which is a file of status st, may be renamed: a regular file, and not one that whoever started this
+   process has opened and path is only a link to, like /dev/stdout. */
+static bool is_own_file(const char* path, const struct stat& st) noexcept
+{
+    struct stat link {
+    };
+    return S_ISREG(st.st_mode) && (lstat(path, &link) != 0 || !S_ISLNK(link.st_mode) || find_std_fd(st) < 0);
+}
+
 int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
 {
     ASSERT(log_is_ready());
@@ -115,6 +136,7 @@ int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
     cut_text(log->name, sizeof(log->name), path);
     log->fp = fp;
     log->is_pipe = is_pipe ? 1 : 0;
+    log->is_rotatable = false;
     log->pipe_pid = pid;
     log->total_out = 0;
     if (is_pipe)
@@ -126,6 +148,7 @@ int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
         fprintf(stderr, "%s: fstat(%s) ERROR(%d): %s\n", "do_open", path, err, strerror(err));
     } else if (S_ISREG(st.st_mode)) {
         log->total_out = static_cast<size_t>(st.st_size);
+        log->is_rotatable = is_own_file(path, st);
     }
     return 0;
 }
@@ -141,7 +164,7 @@ static void move_aside(const char* path) noexcept
             fprintf(stderr, "stat(%s) ERROR(%d): %s\n", path, err, strerror(err));
         return;
     }
-    if (!S_ISREG(st.st_mode) || st.st_size == 0)
+    if (!is_own_file(path, st) || st.st_size == 0)
         return;
     std::array<char, ROTATED_NAME_MAX> aside{};
     snprintf(aside.data(), aside.size(), "%s.%lu", path, static_cast<unsigned long>(st.st_mtime));
@@ -289,6 +312,10 @@ static int refuse_rotation(const log_ctx* log) noexcept
     }
     if (log->is_pipe || log->name[0] == '|') {
         fprintf(stderr, "%s: not supported for pipe-based streams.\n", "log_rotate");
+        return -1;
+    }
+    if (!log->is_rotatable) {
+        fprintf(stderr, "%s: not supported for what is no regular file.\n", "log_rotate");
         return -1;
     }
     return 0;

@@ -5,6 +5,7 @@ import os
 import re
 import shutil
 import signal
+import stat
 import time
 import unittest
 
@@ -106,6 +107,31 @@ class Rotation(KovTest):
         self.assertEqual(glob.glob(f"{self.root}/piped.*") + self.rotated(agent), [])
         self.assertNotIn("rotat", self.read(out).split("Misc:")[1] + agent.stderr())
         self.forget(agent)
+
+    def test_what_is_no_regular_file_is_never_renamed(self):
+        os.mkfifo(f"{self.root}/fifo")
+        reader = os.open(f"{self.root}/fifo", os.O_RDWR | os.O_NONBLOCK)
+        self.addCleanup(os.close, reader)
+        os.symlink("/proc/self/fd/1", f"{self.root}/stdout")  # like /dev/stdout
+        with open(f"{self.root}/redirected", "wb") as f:
+            f.write(b"old\n")
+        names = ["fifo", "stdout"]
+        try:
+            os.mknod(f"{self.root}/null", 0o600 | stat.S_IFCHR, os.makedev(1, 3))
+            names.append("null")
+        except PermissionError:
+            pass  # a device of its own cannot be made here
+        for name in names:
+            with self.subTest(name):
+                path = f"{self.root}/{name}"
+                before = os.lstat(path)
+                agent = self.start(log="max_size_mb = 1;", options=("-l", path),
+                                   wrapper=("sh", "-c", f'exec "$0" "$@" >>{self.root}/redirected'))
+                self.fill(agent, 800)
+                after = os.lstat(path)
+                self.assertEqual((before.st_ino, before.st_mode), (after.st_ino, after.st_mode))
+                self.assertEqual(glob.glob(f"{path}.*"), [])
+        self.assertGreater(os.stat(f"{self.root}/redirected").st_size, 1 << 20)
 
     def test_a_command_that_does_not_read_holds_nothing_up(self):
         agent = self.start(options=("-l", "|sleep 30", "-L", "debug"))
