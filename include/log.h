@@ -1,4 +1,5 @@
-/* The process log: records, levels, outputs, rotation, assertions.
+/* The process log: records, levels, outputs, rotation, assertions. No output is ever waited for longer than a moment,
+   and all together less than half a second in any five: then lines are dropped until somebody takes them again.
 
    A source file declares its log context once, near its top:
        static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
@@ -57,6 +58,24 @@ struct rotation_ctx {
     time_t max_log_tm;               /* next end of day, 0 or less = no rotation at the day's end */
 };
 
+/* How a text gets to what is behind an output without waiting for its reader. */
+enum log_out_kind {
+    OUT_PLAIN,    /* a regular file, or a non-blocking description of our own */
+    OUT_TERMINAL, /* the same of a terminal */
+    OUT_SOCKET,
+    OUT_SHARED, /* somebody else's description, which could not be opened anew */
+};
+
+/* An output. All zero: not looked at yet, which the first text does. */
+struct log_out {
+    int fd; /* what is written to; -1 = a stream in memory */
+    log_out_kind kind;
+    bool is_attached;
+    bool is_own;     /* fd was opened for this alone */
+    bool is_stalled; /* nobody takes what is written: texts are dropped until somebody does */
+    bool is_torn;    /* the last text was cut: the next one begins with a line end */
+};
+
 struct lard; /* a recorder; none is ever attached in this program */
 
 struct log_ctx {
@@ -79,9 +98,10 @@ struct log_ctx {
         int option;
         int facility;
     } syslg;
-    pid_t pipe_pid;         /* process behind a pipe log, 0 = none */
-    bool is_stalled;        /* nobody takes what is written to fp: lines are dropped until somebody does */
-    bool is_mirror_stalled; /* the same for mirror_fp */
+    pid_t pipe_pid;     /* process behind a pipe log, 0 = none */
+    bool is_rotatable;  /* fp is a regular file, and name is its own */
+    log_out out;        /* what is behind fp */
+    log_out mirror_out; /* what is behind mirror_fp */
 };
 
 /* The one log that every record goes to. */
@@ -97,10 +117,12 @@ void glog_init(const char* app_tag) noexcept;
 [[nodiscard]] const char* glog_app_tag() noexcept;
 /* Writes to stream (not owned) from now on, closing nothing. */
 void log_default(log_ctx* log, FILE* stream) noexcept;
-/* Opens path for appending; without F_APPEND_OLD a non-empty old file is first renamed to path.MTIME. A null path means
-   standard error. 0, or -1 (said on standard error). */
+/* Opens path for appending; without F_APPEND_OLD a non-empty old file is first renamed to path.MTIME. What is no
+   regular file (a FIFO, a device, a socket, a link to a standard descriptor) is written to and never renamed. A null
+   path means standard error. 0, or -1 (said on standard error). */
 [[nodiscard]] int log_open_ex(log_ctx* log, const char* path, uint32_t flags) noexcept;
-/* Pipes the log into a shell command, which gets a clean signal mask and default SIGPIPE. 0, or -1. */
+/* Pipes the log into a shell command, which gets a clean signal mask and defaults for the signals that this process
+   ignores or handles. 0, or -1. */
 [[nodiscard]] int log_popen(log_ctx* log, const char* command) noexcept;
 /* Closes file or pipe (waiting a bounded time for the command) and syslog. */
 void log_close(log_ctx* log) noexcept;
@@ -148,9 +170,15 @@ int log_rotate(log_ctx* log) noexcept;
 
 void logbuf_reset() noexcept;
 [[nodiscard]] bool logbuf_empty() noexcept;
-/* Builds the record in the one line buffer. 0, or -1: the record does not fit or has no time, and the buffer is empty. */
+/* Builds the record in the one line buffer. Control bytes in the message show as "?": all but its own newline, or, with
+   _head, all but line ends. 0, or -1: the record does not fit or has no time, and the buffer is empty. */
 [[gnu::format(printf, 3, 4)]] int logbuf_prepare(log_ctx* log, int level, const char* format, ...) noexcept;
+[[gnu::format(printf, 3, 4)]] int logbuf_prepare_head(log_ctx* log, int level, const char* format, ...) noexcept;
 void log_flush(log_ctx* log, int level) noexcept;
+/* Writes a ready text of several lines to the log's stream and its mirror. */
+void log_put_text(log_ctx* log, const char* text, size_t len) noexcept;
+/* Says on standard error what cannot stand in the log: its own troubles. Never waits long, keeps errno. */
+[[gnu::format(printf, 1, 2)]] void log_trouble(const char* format, ...) noexcept;
 [[nodiscard]] inline bool lard_enabled(const log_ctx* log) noexcept
 {
     return log->lh != nullptr;
@@ -162,17 +190,21 @@ void log_lard(log_ctx* log, int level) noexcept;
     return c.sec < 0 ? g_mod_ll[c.mod] >= level : g_sec_ll[c.sec] <= g_mod_ll[c.mod];
 }
 
-#define LOG_AT(level, ...)                                                                                             \
+#define LOG_WITH(prepare, level, ...)                                                                                  \
     do {                                                                                                               \
         if (log_passes(g_ll, (level)) || lard_enabled(g_log)) [[unlikely]] {                                           \
             logbuf_reset();                                                                                            \
-            (void)logbuf_prepare(g_log, (level), __VA_ARGS__);                                                         \
+            (void)prepare(g_log, (level), __VA_ARGS__);                                                                \
             if (lard_enabled(g_log))                                                                                   \
                 log_lard(g_log, (level));                                                                              \
             if (log_passes(g_ll, (level)))                                                                             \
                 log_flush(g_log, (level));                                                                             \
         }                                                                                                              \
     } while (0)
+
+#define LOG_AT(level, ...) LOG_WITH(logbuf_prepare, level, __VA_ARGS__)
+/* For a record that shows a head, or another text of several lines, as it stands. */
+#define LOG_HEAD(level, ...) LOG_WITH(logbuf_prepare_head, level, __VA_ARGS__)
 
 #define LOG_ERR(...) LOG_AT(ERR_level, __VA_ARGS__)
 #define LOG_CRIT(...) LOG_AT(CRIT_level, __VA_ARGS__)

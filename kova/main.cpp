@@ -43,14 +43,18 @@ void app_shutdown() noexcept
 /* Into the log, and for a terminal run also to the terminal, where all later lines are mirrored. */
 static void write_config_dump() noexcept
 {
-    if (FILE* fp = log_fp(g_log)) {
-        dump_kova_config(fp, &g_cfg);
-        (void)fflush(fp);
-    }
-    if (!g_cfg.rt.quiet && g_cfg.rt.non_daemon && g_cfg.log.path[0]) {
+    if (!g_cfg.rt.quiet && g_cfg.rt.non_daemon && g_cfg.log.path[0])
         log_mirror(g_log, stderr);
-        dump_kova_config(stderr, &g_cfg);
+    char* text = nullptr;
+    size_t len = 0;
+    FILE* fp = open_memstream(&text, &len);
+    if (fp) {
+        dump_kova_config(fp, &g_cfg);
+        (void)fclose(fp);
     }
+    if (text)
+        log_put_text(g_log, text, len);
+    free(text);
 }
 
 /* From the prepared configuration to the end of the loop. */

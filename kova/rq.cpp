@@ -167,8 +167,8 @@ int read_http_rq(dw_urq* urq) noexcept
         hrq->hpos += static_cast<size_t>(n);
         ASSERT(hrq->hpos < hrq->hlen);
         hrq->hbuf[hrq->hpos] = '\0';
-        LOG_DEBUG("%s: %s HTTP buffer [%ld bytes] received:\n%s\n", __func__, eoh > 0 ? "complete" : "partial",
-                  static_cast<long>(n), hrq->hbuf);
+        LOG_HEAD(DEBUG_level, "%s: %s HTTP buffer [%ld bytes] received:\n%s\n", __func__,
+                 eoh > 0 ? "complete" : "partial", static_cast<long>(n), hrq->hbuf);
         if (eoh > 0)
             return cut_tail(hrq, eoh);
         if (is_first)
@@ -205,7 +205,7 @@ static int serve_head(dw_urq* urq) noexcept
         }
         /* The parser has ended the URI in place; the line shows the whole head. */
         std::replace(urq->hrq.hbuf, urq->hrq.hbuf + urq->hrq.hpos, '\0', ' ');
-        LOG_ERR("%s: malformed HTTP request: %s\n", "urq_read", urq->hrq.hbuf);
+        LOG_HEAD(ERR_level, "%s: malformed HTTP request: %s\n", "urq_read", urq->hrq.hbuf);
         if (!urq->hresp)
             urq->hresp = &g_resp_bad;
         return rc;

@@ -3,6 +3,7 @@
 #include "log_internal.h"
 
 #include "guard.h"
+#include "log_out.h"
 #include "log_syslog.h"
 #include "strops.h"
 #include "timeop.h"
@@ -17,7 +18,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <execinfo.h>
-#include <poll.h>
 #include <string_view>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
@@ -26,7 +26,6 @@ constexpr size_t LOG_BUF_CAP = LOG_LINE_MAX + 1;
 constexpr size_t TIME_CAP = 64;
 constexpr int BTRACE_FRAMES = 16;
 constexpr size_t BTRACE_CAP = 512;
-constexpr int STALL_WAIT_MS = 500;
 
 int g_mod_ll[LL_MAX_MODULES];
 int g_sec_ll[LL_MAX_SECTIONS];
@@ -76,8 +75,10 @@ bool log_is_ready() noexcept
 
 void log_default(log_ctx* log, FILE* stream) noexcept
 {
+    out_detach(&log->out);
     log->fp = stream;
     log->is_pipe = 0;
+    log->is_rotatable = false;
     log->name[0] = '\0';
     if (log == g_log && !log->llst.sec_ll_set)
         std::fill(std::begin(g_sec_ll), std::end(g_sec_ll), SECTION_level);
@@ -117,6 +118,7 @@ void log_mirror(log_ctx* log, FILE* stream) noexcept
 {
     if (stream)
         (void)setvbuf(stream, nullptr, _IOLBF, 0);
+    out_detach(&log->mirror_out);
     log->mirror_fp = stream;
 }
 
@@ -127,7 +129,7 @@ FILE* log_mirror_fp(const log_ctx* log) noexcept
 
 void config_syslog(log_ctx* log, const char* ident, int option, int facility) noexcept
 {
-    syslog_open(ident, option, facility);
+    syslog_open(ident, option);
     log->syslg = {true, option, facility};
 }
 
@@ -266,7 +268,7 @@ static size_t line_room() noexcept
 static bool put_field(const char* what, bool two_blanks, std::string_view text) noexcept
 {
     if (text.size() + 3 > line_room()) {
-        fprintf(stderr, "%s: %s buffer error (n=%d)", "logbuf_prepare", what, static_cast<int>(text.size()));
+        log_trouble("%s: %s buffer error (n=%d)", "logbuf_prepare", what, static_cast<int>(text.size()));
         return false;
     }
     memcpy(line_end(), text.data(), text.size());
@@ -302,7 +304,7 @@ static bool make_time(const timespec& now, uint32_t format) noexcept
     g_time.usec_at = 0;
     const int n = mk_timestr(&now, format, g_time.text, TIME_CAP);
     if (n < 1 || n >= static_cast<int>(TIME_CAP)) {
-        fprintf(stderr, "%s: time buffer error (n=%d)\n", "logbuf_prepare", n);
+        log_trouble("%s: time buffer error (n=%d)\n", "logbuf_prepare", n);
         return false;
     }
     g_time.len = static_cast<size_t>(n);
@@ -319,12 +321,12 @@ static bool put_time(uint32_t format) noexcept
         return true;
     const uint32_t timer = format & f_TIMER_ID;
     if (timer > f_MONOTONIC_TIMER) {
-        fprintf(stderr, "%s: unsupported timer value: %u\n", "logbuf_prepare", timer);
+        log_trouble("%s: unsupported timer value: %u\n", "logbuf_prepare", timer);
         return false;
     }
     timespec now{};
     if (clock_gettime(timer == f_MONOTONIC_TIMER ? CLOCK_MONOTONIC : CLOCK_REALTIME, &now) != 0) {
-        perror("clock_gettime");
+        log_trouble("%s: %s\n", "clock_gettime", strerror(errno));
         return false;
     }
     return (patch_time(now, format) || make_time(now, format)) && put_field("time", false, {g_time.text, g_time.len});
@@ -354,7 +356,54 @@ static bool put_head(log_ctx* log, int level) noexcept
     return put_field("group", true, log->group.sym8);
 }
 
-int logbuf_prepare(log_ctx* log, int level, const char* format, ...) noexcept
+/* ---- text from outside must not command a terminal ---- */
+
+constexpr uint64_t bytes_of(unsigned char c) noexcept
+{
+    return 0x0101010101010101ULL * c;
+}
+
+constexpr unsigned char C1_LEAD = 0xc2; /* in UTF-8 the C1 controls are this byte with one of 0x80 to 0x9f */
+
+/* Whether one of eight bytes is below 0x20, 0x7f or C1_LEAD. */
+static bool is_suspect(uint64_t w) noexcept
+{
+    const uint64_t del = w ^ bytes_of(0x7f);
+    const uint64_t c1 = w ^ bytes_of(C1_LEAD);
+    return (((w - bytes_of(0x20)) & ~w) | ((del - bytes_of(1)) & ~del) | ((c1 - bytes_of(1)) & ~c1)) & bytes_of(0x80);
+}
+
+/* Writes "?" over the control bytes of text[len], which has a NUL behind it. */
+static void hide_controls(char* text, size_t len, bool keeps_line_ends) noexcept
+{
+    for (size_t i = 0; i < len; ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        const auto next = static_cast<unsigned char>(text[i + 1]);
+        const bool is_c1 = c == C1_LEAD && next >= 0x80 && next <= 0x9f;
+        if ((c >= 0x20 && c != 0x7f && !is_c1) || (keeps_line_ends && (c == '\n' || (c == '\r' && next == '\n'))))
+            continue;
+        text[i] = '?';
+        if (is_c1)
+            text[++i] = '?';
+    }
+}
+
+/* Most records have nothing to hide, and are only looked at, eight bytes at a time. */
+static void clean_message(char* text, size_t len, bool keeps_line_ends) noexcept
+{
+    if (len > 0 && text[len - 1] == '\n')
+        --len;
+    size_t i = 0;
+    for (uint64_t w = 0; i + sizeof(w) <= len; i += sizeof(w)) {
+        memcpy(&w, text + i, sizeof(w));
+        if (is_suspect(w)) [[unlikely]]
+            break;
+    }
+    hide_controls(text + i, len - i, keeps_line_ends);
+}
+
+[[gnu::format(printf, 4, 0)]] static int prepare(log_ctx* log, int level, bool keeps_line_ends, const char* format,
+                                                 va_list ap) noexcept
 {
     const int err = errno; /* "%m" and the callers behind us still want it */
     logbuf_reset();
@@ -362,25 +411,36 @@ int logbuf_prepare(log_ctx* log, int level, const char* format, ...) noexcept
         logbuf_reset();
         return -1;
     }
-    va_list ap;
-    va_start(ap, format);
     errno = err;
     const int n = vsnprintf(line_end(), line_room(), format, ap);
-    va_end(ap);
     if (n < 0 || static_cast<size_t>(n) >= line_room()) {
-        perror("fprintf/vfprintf");
+        log_trouble("%s: %s\n", "fprintf/vfprintf", strerror(errno));
         logbuf_reset();
         errno = err;
         return -1;
     }
+    clean_message(line_end(), static_cast<size_t>(n), keeps_line_ends);
     g_line.len += static_cast<size_t>(n);
     errno = err;
     return 0;
 }
 
-static bool is_std_stream(const FILE* fp) noexcept
+int logbuf_prepare(log_ctx* log, int level, const char* format, ...) noexcept
 {
-    return fp == stdout || fp == stderr;
+    va_list ap;
+    va_start(ap, format);
+    const int rc = prepare(log, level, false, format, ap);
+    va_end(ap);
+    return rc;
+}
+
+int logbuf_prepare_head(log_ctx* log, int level, const char* format, ...) noexcept
+{
+    va_list ap;
+    va_start(ap, format);
+    const int rc = prepare(log, level, true, format, ap);
+    va_end(ap);
+    return rc;
 }
 
 /* The records of a rotation itself never start another one. */
@@ -388,7 +448,7 @@ static bool g_is_rotating = false;
 
 static bool must_rotate(log_ctx* log) noexcept
 {
-    if (log->is_pipe || g_is_rotating)
+    if (!log->is_rotatable || g_is_rotating)
         return false;
     bool due = log->rota.max_total > 0 && log->total_out >= log->rota.max_total;
     if (log->rota.max_log_tm > 0) {
@@ -401,14 +461,14 @@ static bool must_rotate(log_ctx* log) noexcept
     return due;
 }
 
-/* A pipe or terminal that nobody reads must not hold the agent up: it is waited for once, and lines are dropped from then
-   on until it takes some again. A pipe that is writable has room for a whole record. */
-static void put_line(FILE* fp, bool* is_stalled) noexcept
+void log_put_text(log_ctx* log, const char* text, size_t len) noexcept
 {
-    pollfd p = {fileno(fp), POLLOUT, 0};
-    *is_stalled = poll(&p, 1, *is_stalled ? 0 : STALL_WAIT_MS) == 0;
-    if (!*is_stalled)
-        (void)fputs(g_line.text, fp);
+    if (!log->fp)
+        return;
+    out_line(log->fp, &log->out, {text, len});
+    log->total_out += len;
+    if (log->mirror_fp && fileno(log->mirror_fp) != fileno(log->fp))
+        out_line(log->mirror_fp, &log->mirror_out, {text, len});
 }
 
 void log_flush(log_ctx* log, int level) noexcept
@@ -416,16 +476,10 @@ void log_flush(log_ctx* log, int level) noexcept
     if (logbuf_empty() || !log->fp)
         return;
     const int err = errno;
-    if (log->is_pipe || is_std_stream(log->fp))
-        put_line(log->fp, &log->is_stalled);
-    else
-        (void)fputs(g_line.text, log->fp);
-    log->total_out += g_line.len;
-    if (log->mirror_fp && fileno(log->mirror_fp) != fileno(log->fp))
-        put_line(log->mirror_fp, &log->is_mirror_stalled);
+    log_put_text(log, g_line.text, g_line.len);
     if (!g_in_signal && level < 0 && log->syslg.enabled)
-        syslog_put(level, log->syslg.facility, g_line.text);
-    if (!g_in_signal && !is_std_stream(log->fp) && must_rotate(log)) {
+        syslog_put(level, log->syslg.facility, {g_line.text, g_line.len});
+    if (!g_in_signal && must_rotate(log)) {
         g_is_rotating = true;
         (void)log_rotate(log); /* it has said what went wrong */
         g_is_rotating = false;
@@ -454,12 +508,12 @@ int btrace_to_buf(char* buf, size_t size) noexcept
     std::array<void*, BTRACE_FRAMES> frames{};
     const int n = backtrace(frames.data(), BTRACE_FRAMES);
     if (n <= 0) {
-        perror("backtrace");
+        log_trouble("%s: %s\n", "backtrace", strerror(errno));
         return -1;
     }
     const std::unique_ptr<char*, releaser<free>> names(backtrace_symbols(frames.data(), n));
     if (!names) {
-        perror("backtrace_symbols");
+        log_trouble("%s: %s\n", "backtrace_symbols", strerror(errno));
         return -1;
     }
     size_t pos = 0;
@@ -476,7 +530,7 @@ static void log_btrace(const char* title) noexcept
 {
     std::array<char, BTRACE_CAP> trace{};
     if (btrace_to_buf(trace.data(), trace.size() - 1) == 0)
-        LOG_AT(PANIC_level, "%s at:\n%s==\n", title, trace.data());
+        LOG_HEAD(PANIC_level, "%s at:\n%s==\n", title, trace.data());
     if (g_log->fp)
         (void)fflush(g_log->fp);
 }
@@ -490,5 +544,6 @@ void panic_abort() noexcept
 void assert_failed(const char* text, const char* file, unsigned line, const char* func) noexcept
 {
     log_btrace("ASSERT");
+    unblock_stderr();
     __assert_fail(text, file, line, func);
 }

@@ -2,6 +2,7 @@
 #include "log_internal.h"
 
 #include "guard.h"
+#include "log_out.h"
 #include "log_syslog.h"
 #include "strops.h"
 #include "timeop.h"
@@ -20,6 +21,7 @@
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr mode_t LOG_MODE = 0644;
+constexpr int PIPE_CAPACITY = 1 << 20; /* a command may be busy for a while before lines are dropped */
 constexpr size_t ROTATED_NAME_MAX = 160;
 constexpr size_t DEFAULT_ROTATED = 16;
 constexpr int PIPE_WAIT_STEPS = 30; /* of 10 ms: a command that ignores the end of its input is left behind */
@@ -27,15 +29,44 @@ constexpr long PIPE_WAIT_STEP_NS = 10000000;
 
 /* ---- opening ---- */
 
-/* The mode is LOG_MODE whatever the umask: other users' tools read the log. */
+/* Whether st is of what one of the standard descriptors refers to. That one, or -1. */
+static int find_std_fd(const struct stat& st) noexcept
+{
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        struct stat other {
+        };
+        if (fstat(fd, &other) == 0 && other.st_dev == st.st_dev && other.st_ino == st.st_ino)
+            return fd;
+    }
+    return -1;
+}
+
+/* A socket cannot be opened: /dev/stdout that is one is duplicated, a bound one connected to. */
+static int open_socket_file(const char* path) noexcept
+{
+    struct stat st {
+    };
+    if (stat(path, &st) != 0 || !S_ISSOCK(st.st_mode)) {
+        errno = ENXIO;
+        return -1;
+    }
+    const int fd = find_std_fd(st);
+    bool is_stream = false;
+    return fd >= 0 ? fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : connect_unix(path, &is_stream);
+}
+
+/* The mode is LOG_MODE whatever the umask: other users' tools read the log. Opening a FIFO or a device does not wait
+   for its other end, nor does writing; a regular file does not know the difference. */
 static FILE* open_file(const char* path) noexcept
 {
     const mode_t mask = umask(0);
-    const int fd = open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, LOG_MODE);
+    int fd = open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, LOG_MODE);
     umask(mask);
+    if (fd < 0 && errno == ENXIO)
+        fd = open_socket_file(path);
     if (fd < 0)
         return nullptr;
-    FILE* fp = fdopen(fd, "a+");
+    FILE* fp = fdopen(fd, "r+");
     if (!fp)
         close(fd);
     else
@@ -43,7 +74,8 @@ static FILE* open_file(const char* path) noexcept
     return fp;
 }
 
-/* Starts the command with an empty signal mask and default signals, which it must not inherit from this process. */
+/* Starts the command with an empty signal mask and with defaults for what this process ignores or handles. What whoever
+   started this process ignores (SIGHUP under nohup) stays ignored. */
 static int spawn_command(const char* command, int in_fd, pid_t* pid) noexcept
 {
     posix_spawnattr_t attr;
@@ -59,7 +91,7 @@ static int spawn_command(const char* command, int in_fd, pid_t* pid) noexcept
     sigset_t defaults;
     sigemptyset(&none);
     sigemptyset(&defaults);
-    for (const int signo : {SIGPIPE, SIGTERM, SIGQUIT, SIGINT, SIGUSR1, SIGUSR2, SIGHUP, SIGCHLD})
+    for (const int signo : {SIGPIPE, SIGXFSZ, SIGTERM, SIGQUIT, SIGINT, SIGUSR2})
         sigaddset(&defaults, signo);
     posix_spawnattr_setsigmask(&attr, &none);
     posix_spawnattr_setsigdefault(&attr, &defaults);
@@ -84,12 +116,23 @@ static FILE* open_pipe(const char* command, pid_t* pid) noexcept
     scope_guard close_out([&fds] { close(fds[1]); });
     if (spawn_command(command, fds[0], pid) != 0)
         return nullptr;
+    (void)fcntl(fds[1], F_SETFL, O_NONBLOCK);         /* this end only */
+    (void)fcntl(fds[1], F_SETPIPE_SZ, PIPE_CAPACITY); /* refused: the command has to be quicker */
     FILE* fp = fdopen(fds[1], "w");
     if (!fp)
         return nullptr;
     close_out.release();
     (void)setvbuf(fp, nullptr, _IOLBF, 0);
     return fp;
+}
+
+/* Whether path, behind which is a file of status st, may be renamed: a regular file, and not one that whoever started
+   this process has opened and path is only a link to, like /dev/stdout. */
+static bool is_own_file(const char* path, const struct stat& st) noexcept
+{
+    struct stat link {
+    };
+    return S_ISREG(st.st_mode) && (lstat(path, &link) != 0 || !S_ISLNK(link.st_mode) || find_std_fd(st) < 0);
 }
 
 int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
@@ -100,20 +143,22 @@ int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
         return 0;
     }
     if (strlen(path) >= sizeof(log->name)) {
-        fprintf(stderr, "Log pathname/command is too long, %ld bytes allowed\n", static_cast<long>(LOG_PATHNAME_MAX));
+        log_trouble("Log pathname/command is too long, %ld bytes allowed\n", static_cast<long>(LOG_PATHNAME_MAX));
         return -1;
     }
     pid_t pid = 0;
     FILE* fp = is_pipe ? open_pipe(path, &pid) : open_file(path);
     if (!fp) {
         const int err = errno;
-        fprintf(stderr, "%s: uid/gig=%ld/%ld %s(%s) ERROR(%d): %s\n", "do_open", static_cast<long>(geteuid()),
-                static_cast<long>(getegid()), is_pipe ? "popen" : "fopen", path, err, strerror(err));
+        log_trouble("%s: uid/gig=%ld/%ld %s(%s) ERROR(%d): %s\n", "do_open", static_cast<long>(geteuid()),
+                    static_cast<long>(getegid()), is_pipe ? "popen" : "fopen", path, err, strerror(err));
         return -1;
     }
     cut_text(log->name, sizeof(log->name), path);
+    out_detach(&log->out);
     log->fp = fp;
     log->is_pipe = is_pipe ? 1 : 0;
+    log->is_rotatable = false;
     log->pipe_pid = pid;
     log->total_out = 0;
     if (is_pipe)
@@ -122,9 +167,10 @@ int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
     };
     if (fstat(fileno(fp), &st) != 0) {
         const int err = errno;
-        fprintf(stderr, "%s: fstat(%s) ERROR(%d): %s\n", "do_open", path, err, strerror(err));
+        log_trouble("%s: fstat(%s) ERROR(%d): %s\n", "do_open", path, err, strerror(err));
     } else if (S_ISREG(st.st_mode)) {
         log->total_out = static_cast<size_t>(st.st_size);
+        log->is_rotatable = is_own_file(path, st);
     }
     return 0;
 }
@@ -137,16 +183,16 @@ static void move_aside(const char* path) noexcept
     if (stat(path, &st) != 0) {
         const int err = errno;
         if (err != ENOENT)
-            fprintf(stderr, "stat(%s) ERROR(%d): %s\n", path, err, strerror(err));
+            log_trouble("stat(%s) ERROR(%d): %s\n", path, err, strerror(err));
         return;
     }
-    if (!S_ISREG(st.st_mode) || st.st_size == 0)
+    if (!is_own_file(path, st) || st.st_size == 0)
         return;
     std::array<char, ROTATED_NAME_MAX> aside{};
     snprintf(aside.data(), aside.size(), "%s.%lu", path, static_cast<unsigned long>(st.st_mtime));
     if (rename(path, aside.data()) != 0) {
         const int err = errno;
-        fprintf(stderr, "Cannot rename(%s, %s): ERROR(%d): %s\n", path, aside.data(), err, strerror(err));
+        log_trouble("Cannot rename(%s, %s): ERROR(%d): %s\n", path, aside.data(), err, strerror(err));
     }
 }
 
@@ -182,6 +228,7 @@ int log_close_stream(log_ctx* log) noexcept
 {
     FILE* fp = log->fp;
     const pid_t pid = log->pipe_pid;
+    out_detach(&log->out);
     log->fp = nullptr;
     log->pipe_pid = 0;
     const int rc = fclose(fp);
@@ -196,10 +243,12 @@ void log_close(log_ctx* log) noexcept
         const bool is_pipe = log->is_pipe;
         if (log_close_stream(log) != 0) {
             const int err = errno;
-            fprintf(stderr, "%s: %s error(%d) for the application log: %s\n", __func__, is_pipe ? "pclose" : "fclose",
-                    err, strerror(err));
+            log_trouble("%s: %s error(%d) for the application log: %s\n", __func__, is_pipe ? "pclose" : "fclose", err,
+                        strerror(err));
         }
     }
+    out_detach(&log->out);
+    out_detach(&log->mirror_out);
     log->fp = nullptr;
     log->mirror_fp = nullptr;
     disable_syslog(log);
@@ -242,8 +291,8 @@ static bool mk_rotated_name(const char* fn, const log_ctx* log, time_t tm, rotat
     const int n = snprintf(name->data(), name->size(), "%s.%lu", log->name, static_cast<unsigned long>(tm));
     if (n > 0 && n < static_cast<int>(name->size()))
         return true;
-    fprintf(stderr, "%s: log log->name is too long (%d bytes), max=%lu\n", fn, n,
-            static_cast<unsigned long>(name->size() - 1));
+    log_trouble("%s: log log->name is too long (%d bytes), max=%lu\n", fn, n,
+                static_cast<unsigned long>(name->size() - 1));
     return false;
 }
 
@@ -279,15 +328,19 @@ static void handle_rotation(log_ctx* log, time_t tm, const char* name) noexcept
 static int refuse_rotation(const log_ctx* log) noexcept
 {
     if (!log->fp || !log->name[0]) {
-        fprintf(stderr, "%s: nothing to rotate.\n", "log_rotate");
+        log_trouble("%s: nothing to rotate.\n", "log_rotate");
         return -1;
     }
     if (log->fp == stdout || log->fp == stderr) {
-        fprintf(stderr, "%s: stdout and stderr cannot be rotated.\n", "log_rotate");
+        log_trouble("%s: stdout and stderr cannot be rotated.\n", "log_rotate");
         return -1;
     }
     if (log->is_pipe || log->name[0] == '|') {
-        fprintf(stderr, "%s: not supported for pipe-based streams.\n", "log_rotate");
+        log_trouble("%s: not supported for pipe-based streams.\n", "log_rotate");
+        return -1;
+    }
+    if (!log->is_rotatable) {
+        log_trouble("%s: not supported for what is no regular file.\n", "log_rotate");
         return -1;
     }
     return 0;
@@ -303,7 +356,7 @@ int log_rotate(log_ctx* log) noexcept
         return -1;
     if (log_close_stream(log) != 0) {
         const int err = errno;
-        fprintf(stderr, "%s: failed to close [%s], ERROR(%d): %s\n", __func__, log->name, err, strerror(err));
+        log_trouble("%s: failed to close [%s], ERROR(%d): %s\n", __func__, log->name, err, strerror(err));
         return -1;
     }
     std::array<char, 512> failure{};
@@ -311,7 +364,7 @@ int log_rotate(log_ctx* log) noexcept
         const int err = errno;
         snprintf(failure.data(), failure.size(), "%s: failed to rename [%s] to [%s], ERROR(%d): %s", __func__,
                  log->name, name.data(), err, strerror(err));
-        fprintf(stderr, "%s - rotation is to be stopped\n", failure.data());
+        log_trouble("%s - rotation is to be stopped\n", failure.data());
     }
     std::array<char, LOG_PATHNAME_MAX> path{};
     cut_text(path.data(), path.size(), log->name);

@@ -5,14 +5,18 @@
 #include "log.h"
 #include "strops.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr int ZONE_CAP = 16;
 constexpr long NS_PER_US = 1000;
+constexpr time_t EOD_SEARCH = 10800; /* no clock change is longer */
+constexpr time_t EOD_STEP = 900;
 
 struct timefmt_word {
     const char* word;
@@ -54,13 +58,13 @@ const char* get_timezone(int refresh) noexcept
     const time_t now = time(nullptr);
     tm parts{};
     if (!localtime_r(&now, &parts)) {
-        perror("localtime_r");
+        log_trouble("%s: %s\n", "localtime_r", strerror(errno));
         return nullptr;
     }
     const size_t n = strftime(zone.data(), ZONE_CAP - 1, " %Z", &parts);
     if (n >= 1 && n < static_cast<size_t>(ZONE_CAP))
         return zone.data();
-    perror("strftime");
+    log_trouble("%s: %s\n", "strftime", strerror(errno));
     (void)copy_text(zone.data(), zone.size(), "#ERR#");
     return nullptr;
 }
@@ -78,7 +82,7 @@ static bool break_down(const timespec* ts, uint32_t flags, tm* parts, int* rc) n
     const tm* ok = (flags & f_GMT_TIME) ? gmtime_r(&ts->tv_sec, parts) : localtime_r(&ts->tv_sec, parts);
     is_busy = false;
     if (!ok) {
-        perror("gmtime_r/localtime_r");
+        log_trouble("%s: %s\n", "gmtime_r/localtime_r", strerror(errno));
         *rc = -1;
         return false;
     }
@@ -107,8 +111,7 @@ int mk_timestr(const timespec* ts, uint32_t flags, char* buf, size_t len) noexce
                      t.tm_hour, t.tm_min, t.tm_sec, ts->tv_nsec / NS_PER_US, zone);
     }
     if (n < 0 || static_cast<size_t>(n) > len) {
-        fprintf(stderr, "%s: timestamp buffer needs %d bytes, only %ld provided\n", __func__, n,
-                static_cast<long>(len));
+        log_trouble("%s: timestamp buffer needs %d bytes, only %ld provided\n", __func__, n, static_cast<long>(len));
         return -1;
     }
     return n;
@@ -118,7 +121,7 @@ void set_clk_now(timespec* ts, clockid_t id) noexcept
 {
     timespec now{};
     if (clock_gettime(id, &now) != 0)
-        perror("clock_gettime");
+        log_trouble("%s: %s\n", "clock_gettime", strerror(errno));
     else
         *ts = now;
 }
@@ -128,6 +131,16 @@ void set_real_now(timespec* ts) noexcept
     set_clk_now(ts, CLOCK_REALTIME);
 }
 
+/* The local date of t as a number that grows from day to day; -1 on failure. */
+static long local_date(time_t t) noexcept
+{
+    tm parts{};
+    return localtime_r(&t, &parts) ? (parts.tm_year + 1900L) * 1000 + parts.tm_yday : -1;
+}
+
+/* 23:59:59 is an hour off, missing or there twice when the clock changes on that day. So it is only where the search
+   begins: back from there to a time that is not in a later day, in steps shorter than any stay in a day that was
+   entered twice. */
 time_t get_endofday_utime(time_t t) noexcept
 {
     tm parts{};
@@ -135,10 +148,24 @@ time_t get_endofday_utime(time_t t) noexcept
         LOG_ERR("%s: localtime_r() FAILED\n", __func__);
         return -1;
     }
+    const long date = (parts.tm_year + 1900L) * 1000 + parts.tm_yday;
     parts.tm_hour = EOD_HOUR;
     parts.tm_min = EOD_MIN;
     parts.tm_sec = 59;
-    return mktime(&parts);
+    const time_t usual = mktime(&parts);
+    if (usual == -1) {
+        LOG_ERR("%s: mktime() FAILED\n", __func__);
+        return -1;
+    }
+    time_t later = std::max(usual, t) + EOD_SEARCH;
+    while (later - EOD_STEP > t && local_date(later - EOD_STEP) > date)
+        later -= EOD_STEP;
+    time_t end = later - EOD_STEP > t ? later - EOD_STEP : t;
+    while (later - end > 1) {
+        const time_t middle = end + (later - end) / 2;
+        (local_date(middle) > date ? later : end) = middle;
+    }
+    return end;
 }
 
 void ms2timespec(long ms, timespec* ts) noexcept

@@ -147,7 +147,7 @@ static int parse_method(char* p, http_header* hdr, char** rest) noexcept
     char* end = p + strcspn(p, " \t");
     const std::string_view method(p, static_cast<size_t>(end - p));
     if (method.size() < MIN_METHOD_LEN || method.size() > MAX_METHOD_LEN) {
-        LOG_ERR("%s: failed to get HTTP method from %7s\n", "parse_http_header", p);
+        LOG_HEAD(ERR_level, "%s: failed to get HTTP method from %7s\n", "parse_http_header", p);
         return -1;
     }
     std::array<char, MAX_METHOD_LEN + 1> text{};
@@ -189,7 +189,7 @@ static int parse_protocol(char* p, http_header* hdr, char** rest) noexcept
 {
     p = skip_space(p);
     if (strncmp(p, HTTP1, sizeof(HTTP1) - 1) != 0) {
-        LOG_ERR("%s: expected [%s] to follow the URI path, got [%s]\n", "parse_http_header", HTTP1, p);
+        LOG_HEAD(ERR_level, "%s: expected [%s] to follow the URI path, got [%s]\n", "parse_http_header", HTTP1, p);
         return -1;
     }
     LOG_DEBUG("%s: request protocol: [%.*s]\n", "parse_http_header", 8, p);
@@ -203,7 +203,7 @@ static int parse_protocol(char* p, http_header* hdr, char** rest) noexcept
 
 int parse_http_header(char* buf, size_t len, http_header* hdr, char* full_url, size_t full_url_cap) noexcept
 {
-    LOG_DEBUG("%s: %lu bytes [%.1024s]\n", __func__, static_cast<unsigned long>(len), buf);
+    LOG_HEAD(DEBUG_level, "%s: %lu bytes [%.1024s]\n", __func__, static_cast<unsigned long>(len), buf);
     *hdr = http_header{};
     char* p = buf;
     if (const int rc = parse_method(p, hdr, &p))
@@ -218,7 +218,7 @@ int parse_http_header(char* buf, size_t len, http_header* hdr, char* full_url, s
         LOG_WARN("%s: no header sections found\n", __func__);
         return 0;
     }
-    LOG_DEBUG("%s: p=[%.1024s]\n", __func__, p);
+    LOG_HEAD(DEBUG_level, "%s: p=[%.1024s]\n", __func__, p);
     take_host(p, hdr);
     take_user_agent(p, hdr);
     take_connection(p, hdr);

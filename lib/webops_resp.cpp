@@ -136,8 +136,8 @@ int mk_http_xt_resp(const http_response* resp, int version, char* buf, size_t ca
     }
     const size_t head = t.pos;
     put_file(&t, resp);
-    LOG_DEBUG("%s: header:%d/total:%d bytes\n%.*s\n", __func__, static_cast<int>(head), static_cast<int>(t.pos),
-              static_cast<int>(std::min<size_t>(head, 1024)), buf);
+    LOG_HEAD(DEBUG_level, "%s: header:%d/total:%d bytes\n%.*s\n", __func__, static_cast<int>(head),
+             static_cast<int>(t.pos), static_cast<int>(std::min<size_t>(head, 1024)), buf);
     return t.failed ? -1 : static_cast<int>(t.pos);
 }
 
@@ -162,7 +162,7 @@ int send_http_response(int fd, const http_response* resp) noexcept
         LOG_WARN("%s: only %ld out of %ld bytes sent to fd=%d\n", __func__, static_cast<long>(n),
                  static_cast<long>(len), fd);
     else
-        LOG_DEBUG("%s: sent HTTP response (%ld bytes) to fd=%d:\n%.1024s\n", __func__, static_cast<long>(n), fd,
-                  buf.data());
+        LOG_HEAD(DEBUG_level, "%s: sent HTTP response (%ld bytes) to fd=%d:\n%.1024s\n", __func__, static_cast<long>(n),
+                 fd, buf.data());
     return 0;
 }

@@ -81,7 +81,7 @@ int send_http_request(int fd, const http_request* rq) noexcept
         LOG_WARN("%s: only %ld out of %d bytes sent to fd=%d\n", __func__, static_cast<long>(n), len, fd);
         return -1;
     }
-    LOG_DEBUG("%s: sent %ld bytes to fd=%d:\n%.1024s", __func__, static_cast<long>(n), fd, text.data());
+    LOG_HEAD(DEBUG_level, "%s: sent %ld bytes to fd=%d:\n%.1024s", __func__, static_cast<long>(n), fd, text.data());
     return 0;
 }
 
@@ -200,8 +200,8 @@ int recv_http_response(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexc
     if (const int rc = read_head(fd, buf, cap, resp))
         return rc;
     buf[resp->tail - 1] = '\0'; /* the head's last line end: the body's first byte stays */
-    LOG_DEBUG("%s: total=%lu, tail=%lu; buf=[%.1024s]\n", __func__, static_cast<unsigned long>(resp->total),
-              static_cast<unsigned long>(resp->tail), buf);
+    LOG_HEAD(DEBUG_level, "%s: total=%lu, tail=%lu; buf=[%.1024s]\n", __func__, static_cast<unsigned long>(resp->total),
+             static_cast<unsigned long>(resp->tail), buf);
     int major = 0;
     int minor = 0;
     int code = 0;

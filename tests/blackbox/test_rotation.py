@@ -4,6 +4,8 @@ import glob
 import os
 import re
 import shutil
+import signal
+import stat
 import time
 import unittest
 
@@ -106,11 +108,48 @@ class Rotation(KovTest):
         self.assertNotIn("rotat", self.read(out).split("Misc:")[1] + agent.stderr())
         self.forget(agent)
 
+    def test_what_is_no_regular_file_is_never_renamed(self):
+        os.mkfifo(f"{self.root}/fifo")
+        reader = os.open(f"{self.root}/fifo", os.O_RDWR | os.O_NONBLOCK)
+        self.addCleanup(os.close, reader)
+        os.symlink("/proc/self/fd/1", f"{self.root}/stdout")  # like /dev/stdout
+        with open(f"{self.root}/redirected", "wb") as f:
+            f.write(b"old\n")
+        names = ["fifo", "stdout"]
+        try:
+            os.mknod(f"{self.root}/null", 0o600 | stat.S_IFCHR, os.makedev(1, 3))
+            names.append("null")
+        except PermissionError:
+            pass  # a device of its own cannot be made here
+        for name in names:
+            with self.subTest(name):
+                path = f"{self.root}/{name}"
+                before = os.lstat(path)
+                agent = self.start(log="max_size_mb = 1;", options=("-l", path),
+                                   wrapper=("sh", "-c", f'exec "$0" "$@" >>{self.root}/redirected'))
+                self.fill(agent, 800)
+                after = os.lstat(path)
+                self.assertEqual((before.st_ino, before.st_mode), (after.st_ino, after.st_mode))
+                self.assertEqual(glob.glob(f"{path}.*"), [])
+        self.assertGreater(os.stat(f"{self.root}/redirected").st_size, 1 << 20)
+
     def test_a_command_that_does_not_read_holds_nothing_up(self):
         agent = self.start(options=("-l", "|sleep 30", "-L", "debug"))
         self.fill(agent, 200)
         self.assertEqual(agent.order(self.origin.body("/a", b"stored"), "a"), ANSWERS[200])
         self.assertEqual(agent.stored("a"), b"stored")
+
+    def test_a_command_keeps_what_its_starter_ignores(self):
+        out = f"{self.root}/signals"
+
+        def ignore():
+            for signo in (signal.SIGHUP, signal.SIGUSR1, signal.SIGXFSZ, signal.SIGINT):
+                signal.signal(signo, signal.SIG_IGN)
+        self.start(options=("-l", f"|grep ^Sig /proc/self/status >{out}; cat >/dev/null"), preexec=ignore)
+        wait_for(lambda: os.path.exists(out) and "SigCgt" in self.read(out), "the command's signals")
+        masks = {name: int(bits, 16) for name, bits in re.findall(r"(\w+):\s+(\w+)", self.read(out))}
+        self.assertEqual(masks["SigBlk"], 0)
+        self.assertEqual(masks["SigIgn"] & 0x7fffffff, 1 << signal.SIGHUP - 1 | 1 << signal.SIGUSR1 - 1)
 
     @unittest.skipIf(not FAKETIME or "asan" in os.environ["KOV"],
                      "needs libfaketime, which cannot be loaded together with the address sanitizer")

@@ -54,6 +54,32 @@ TEST(Record, ThatDoesNotFitIsDroppedWhole)
     EXPECT_EQ(log.text(), "(ERR)  " + most);
 }
 
+TEST(Record, ShowsControlBytesAsQuestionMarks)
+{
+    const struct {
+        const char* text;
+        const char* line; /* of an ordinary record */
+        const char* head; /* of one that shows a head */
+    } cases[] = {
+        {"plain text of a url\n", "plain text of a url\n", "plain text of a url\n"},
+        {"no newline\x1b", "no newline?", "no newline?"},
+        {"\x1b]0;title\x07 \x7f\t\x01", "?]0;title? ???", "?]0;title? ???"},
+        {"GET / HTTP/1.1\r\nA: b\n\r\n", "GET / HTTP/1.1??A: b??\n", "GET / HTTP/1.1\r\nA: b\n\r\n"},
+        {"over\rwritten\r\r\nend\r\n", "over?written???end?\n", "over?written?\r\nend\r\n"},
+        {"12345678\x1b[2J 123456789\x1f\n", "12345678?[2J 123456789?\n", "12345678?[2J 123456789?\n"},
+        {"csi \xc2\x9b"
+         "31m \xc2\xa9 \xc3\x9b \xc2",
+         "csi ??31m \xc2\xa9 \xc3\x9b \xc2", "csi ??31m \xc2\xa9 \xc3\x9b \xc2"},
+        {"\n", "\n", "\n"},
+    };
+    for (const auto& c : cases) {
+        caught_log log;
+        LOG_ERR("%s", c.text);
+        LOG_HEAD(ERR_level, "%s", c.text);
+        EXPECT_EQ(log.text(), std::string("(ERR)  ") + c.line + "(ERR)  " + c.head);
+    }
+}
+
 TEST(Levels, ArePushedOnceAndPopped)
 {
     caught_log log;
@@ -91,12 +117,37 @@ TEST(TimeText, FollowsItsFlags)
         EXPECT_EQ(mk_timestr(&ts, c.flags, buf.data(), buf.size()), static_cast<int>(strlen(c.text)));
         EXPECT_STREQ(buf.data(), c.text);
     }
-    EXPECT_EQ(get_endofday_utime(1000000000), 1000000000 + 20 * 3600 + 13 * 60 + 19);
     EXPECT_EQ(match_timefmt("Raw_Mono"), f_RAW_TIME | f_MONOTONIC_TIMER);
     EXPECT_EQ(match_timefmt("now"), f_BAD_TIME);
     unsetenv("TZ");
     tzset();
     get_timezone(1);
+}
+
+TEST(EndOfDay, IsTheLastSecondOfTheLocalDayAlsoWhenTheClockChanges)
+{
+    /* Rules written out: no zone files are needed. M3.5.0/2 is the last Sunday of March at 2:00. */
+    const struct {
+        const char* tz;
+        time_t t;
+        time_t end;
+    } cases[] = {
+        {"XYZ-2", 1000000000, 1000072799},
+        {"CET-1CEST,M3.5.0,M10.5.0/3", 1774742400, 1774821599},          /* spring: from 00:00 */
+        {"CET-1CEST,M3.5.0,M10.5.0/3", 1774778400, 1774821599},          /* and from noon */
+        {"CET-1CEST,M3.5.0,M10.5.0/3", 1792886400, 1792969199},          /* autumn */
+        {"<-03>3<-02>,M10.3.0/0,M2.3.0/0", 1771081200, 1771124399},      /* back at midnight: 23:59:59 twice */
+        {"<-03>3<-02>,M10.3.0/0,M2.3.0/0", 1771123600, 1771124399},      /* and when it is 23:46 again */
+        {"<-02>2<-01>,M3.5.0/-1,M10.5.0/0", 1774700000, 1774745999},     /* from 23:00 on to the next day */
+        {"NST3:30NDT,M3.2.0/0:01,M11.1.0/0:01", 1793460600, 1793503799}, /* back out of the next day's first minute */
+    };
+    for (const auto& c : cases) {
+        setenv("TZ", c.tz, 1);
+        tzset();
+        EXPECT_EQ(get_endofday_utime(c.t), c.end) << c.tz << ' ' << c.t;
+    }
+    unsetenv("TZ");
+    tzset();
 }
 
 class LogFile : public testing::Test
