@@ -252,12 +252,12 @@ static reply_ptr command(const char* format, Args... args) noexcept
 static int script_in_array(const redisReply* reply) noexcept
 {
     if (reply->elements != 1) {
-        fprintf(stderr, "%s: more than 1 element (%zu) returned\n", "check_script_exists", reply->elements);
+        log_trouble("%s: more than 1 element (%zu) returned\n", "check_script_exists", reply->elements);
         return EINVAL;
     }
     const redisReply* e = reply->element[0];
     if (e->type != REDIS_REPLY_INTEGER) {
-        fprintf(stderr, "%s: expected integer, got %d\n", "check_script_exists", e->type);
+        log_trouble("%s: expected integer, got %d\n", "check_script_exists", e->type);
         return EINVAL;
     }
     return e->integer == 1 ? 0 : 2;

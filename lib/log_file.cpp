@@ -24,7 +24,7 @@ constexpr mode_t LOG_MODE = 0644;
 constexpr int PIPE_CAPACITY = 1 << 20; /* a command may be busy for a while before lines are dropped */
 constexpr size_t ROTATED_NAME_MAX = 160;
 constexpr size_t DEFAULT_ROTATED = 16;
-constexpr int PIPE_WAIT_STEPS = 30; /* of 10 ms: a command that ignores the end of its input is left behind */
+constexpr int PIPE_WAIT_STEPS = 15; /* of 10 ms: a command that ignores the end of its input is left behind */
 constexpr long PIPE_WAIT_STEP_NS = 10000000;
 
 /* ---- opening ---- */
