@@ -142,10 +142,11 @@ class Bare(Contender):
 
 
 class Kov(Contender):
-    def __init__(self, root, source_port, mode, level="norm"):
+    def __init__(self, root, source_port, mode, level="norm", program=f"{BIN}/kov"):
         super().__init__(root, source_port)
         self.mode = mode
         self.level = level
+        self.program = program
         self.name = f"kov, {mode}" + ("" if level == "norm" else f", log at {level}")
 
     def launch(self, wrapper=()):
@@ -154,7 +155,7 @@ class Kov(Contender):
                     f"runtime = {{ enforce_core_dumps = false; }}; data_dir = \"{self.files}\"; max_tasks = 4200; urq_tmout_sec = 60;"
                     f'web_input = {{ web = {{ ifc = "lo"; default_af = "inet4"; port = {self.port}; }}; }};'
                     f"max_mmap_mb = {8 if self.mode == 'mapped' else 0}; }};")
-        self.proc = subprocess.Popen([*wrapper, *pinned(0, f"{BIN}/kov", "-C", f"{self.root}/kov.conf", "-T", "-q")],
+        self.proc = subprocess.Popen([*wrapper, *pinned(0, self.program, "-C", f"{self.root}/kov.conf", "-T", "-q")],
                                      stderr=subprocess.DEVNULL)
         self.pids = [self.proc.pid]
 

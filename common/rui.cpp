@@ -12,7 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -26,6 +26,7 @@ constexpr size_t PPRM_ROOM = 8;
 constexpr size_t PPRM_GROWBLK = 4;
 constexpr n32_tag TAG_RSC = mk_tag("Rsc");
 constexpr size_t TRKNUM_DIGITS = 5;
+constexpr size_t TRKNUM_PAD = 4; /* shorter numbers get leading zeros */
 
 static rui_socket_cb g_cb[RUI_MAX];
 
@@ -351,10 +352,13 @@ void rui_mk_trknum(size_t* counter, n64_tag* tag, char kind, size_t max) noexcep
     ++*counter;
     tag->num64 = 0;
     tag->sym8[0] = kind;
-    std::array<char, 24> digits{};
-    const int n = snprintf(digits.data(), digits.size(), "%04lu", static_cast<unsigned long>(*counter));
+    std::array<char, 24> text;
+    text.fill('0');
+    char* digits = text.data() + TRKNUM_PAD - 1;
+    const auto n = std::to_chars(digits, text.data() + text.size(), *counter).ptr - digits;
     ASSERT(n > 0 && n <= 6);
-    cut_text(tag->sym8 + 1, TRKNUM_DIGITS + 1, digits.data());
+    const size_t zeros = static_cast<size_t>(n) < TRKNUM_PAD ? TRKNUM_PAD - static_cast<size_t>(n) : 0;
+    cut_text(tag->sym8 + 1, TRKNUM_DIGITS + 1, {digits - zeros, zeros + static_cast<size_t>(n)});
 }
 
 void rui_crash_on_error(rui_socket_ctx* srv, uint32_t flags) noexcept

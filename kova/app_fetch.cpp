@@ -8,16 +8,17 @@
 #include "rqs.h"
 #include "syswrap.h"
 
+#include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <memory>
+#include <new>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr size_t SRC_HEAD_CAP = 2048;
 constexpr int SRC_TMOUT_MS = 3000;
 
-using head_ptr = std::unique_ptr<char, releaser<free>>;
+using src_head = std::array<char, SRC_HEAD_CAP>;
 
 int connect_to_src(const char* url, usock_ctx* sctx) noexcept
 {
@@ -106,13 +107,13 @@ static void answer_client(dw_task* task, http_response* chosen, int rc, int code
 
 int read_src_response(dw_task* task) noexcept
 {
-    head_ptr head(static_cast<char*>(calloc(1, SRC_HEAD_CAP)));
+    std::unique_ptr<src_head> head(new (std::nothrow) src_head{});
     if (!head)
         return -ENOMEM;
 
     LOG_DEBUG("%s: reading HTTP response from fd=%d\n", __func__, task->sfd);
     http_resp_ctx resp{};
-    int rc = recv_http_response(task->sfd, head.get(), SRC_HEAD_CAP - 1, &resp);
+    int rc = recv_http_response(task->sfd, head->data(), head->size() - 1, &resp);
     http_response* chosen = nullptr;
     if (rc == EAGAIN) {
         LOG_DEBUG("%s: expecting more data from fd%d\n", __func__, task->sfd);
@@ -124,7 +125,7 @@ int read_src_response(dw_task* task) noexcept
         if (rc == -EBUSY) {
             chosen = &g_resp_denied;
         } else {
-            rc = mk_dest_file(task, head.get(), &resp);
+            rc = mk_dest_file(task, head->data(), &resp);
             if (rc == EAGAIN) /* a file's failure must not read as "the head is not complete" */
                 rc = -1;
             chosen = rc == 0 ? &g_resp_ok : &g_resp_err;

@@ -9,7 +9,7 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 
@@ -37,11 +37,12 @@ static long cut_expiry(char* src) noexcept
     const char* query = mark + 1;
     const char* field = strstr(query, "expiry=");
     long expiry = 0;
-    /* An empty input counts as no number, like any other text without one. */
-    const int n = sscanf(field ? field : query, "expiry=%ld%*s", &expiry); // NOLINT(cert-err34-c)
-    if (n == 1)
+    text_scan s = {.p = field ? field : query, .count = 0, .failed = false};
+    scan_literal(&s, "expiry=");
+    scan_num(&s, SIZE_MAX, &expiry);
+    if (s.count == 1)
         return expiry;
-    LOG_WARN("%s: NO EXPIRY: sscanf('%s',..) expected 1, got %d\n", "parse_dw_get", field ? field : query, n);
+    LOG_WARN("%s: NO EXPIRY: sscanf('%s',..) expected 1, got %d\n", "parse_dw_get", field ? field : query, s.count);
     return 0;
 }
 
@@ -131,11 +132,13 @@ static int mk_fpath(const char* data_dir, const char* dst, dw_spec* spec) noexce
 {
     const size_t len = strlen(data_dir);
     const char* slash = len > 0 && data_dir[len - 1] == '/' ? "" : "/";
-    const int n = snprintf(spec->fpath, FPATH_LIMIT, "%s%s%s%s", data_dir, slash, dst, UNFINISHED_SFX);
-    if (n < 0 || n >= static_cast<int>(SPEC_PATH_MAX)) {
+    std::array<char, SPEC_PATH_MAX> path;
+    const size_t n = join_text(path.data(), path.size(), {data_dir, slash, dst, UNFINISHED_SFX});
+    if (n >= path.size()) {
         LOG_ERR("%s: full path is too long: %zd/%zu\n", "init_spec", static_cast<ssize_t>(n), SPEC_PATH_MAX);
         return ERANGE;
     }
+    cut_text(spec->fpath, FPATH_LIMIT, {path.data(), n});
     if (!is_unfinished_seg(spec->fpath)) {
         LOG_ERR("%s: full path was cut: [%s]\n", "init_spec", spec->fpath);
         return ERANGE;

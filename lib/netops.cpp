@@ -416,6 +416,24 @@ static addrinfo* look_up_source(const char* address, const char* port, const add
     return nullptr;
 }
 
+/* A dotted address with a plain port needs no resolver at all: *ai, over *sin, is what it would find. */
+static bool numeric4(const char* address, const char* port, const socket_spec* spec, sockaddr_in* sin,
+                     addrinfo* ai) noexcept
+{
+    const std::optional<uint16_t> number = port ? parse_num<uint16_t>(port) : std::nullopt;
+    if (!number || (spec->family != AF_UNSPEC && spec->family != AF_INET) ||
+        inet_pton(AF_INET, address, &sin->sin_addr) != 1)
+        return false;
+    sin->sin_family = AF_INET;
+    sin->sin_port = htons(*number);
+    ai->ai_family = AF_INET;
+    ai->ai_socktype = spec->socktype;
+    ai->ai_protocol = spec->socktype == SOCK_STREAM ? IPPROTO_TCP : IPPROTO_UDP;
+    ai->ai_addr = reinterpret_cast<sockaddr*>(sin);
+    ai->ai_addrlen = sizeof(*sin);
+    return true;
+}
+
 /* A numeric address is resolved without files and name servers; only a name takes the long road. */
 static addrinfo* resolve(const char* address, const char* port, const socket_spec* spec) noexcept
 {
@@ -447,10 +465,16 @@ int open_socket(const char* address, const char* port, const char* ssm_src, sock
     if (!address)
         address = spec->family == AF_INET6 ? "::" : "0.0.0.0";
 
-    const std::unique_ptr<addrinfo, releaser<freeaddrinfo>> list(resolve(address, port, spec));
+    sockaddr_in sin{};
+    addrinfo numeric{};
     int fd = -1;
-    for (const addrinfo* ai = list.get(); ai && fd < 0; ai = ai->ai_next)
-        fd = open_one(ai, spec, ifc, ifc_used);
+    if (numeric4(address, port, spec, &sin, &numeric)) {
+        fd = open_one(&numeric, spec, ifc, ifc_used);
+    } else {
+        const std::unique_ptr<addrinfo, releaser<freeaddrinfo>> list(resolve(address, port, spec));
+        for (const addrinfo* ai = list.get(); ai && fd < 0; ai = ai->ai_next)
+            fd = open_one(ai, spec, ifc, ifc_used);
+    }
     if (fd < 0)
         return -1;
     if (spec->async_connect) {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 static char lower(char c) noexcept
 {
@@ -41,6 +42,80 @@ size_t join_text(char* dst, size_t cap, std::initializer_list<std::string_view> 
     return len;
 }
 
+/* ---- taking apart ---- */
+
+static bool is_blank(char c) noexcept
+{
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+static void scan_fail(text_scan* s) noexcept
+{
+    s->failed = true;
+    if (*s->p == '\0' && s->count == 0)
+        s->count = -1;
+}
+
+void scan_literal(text_scan* s, std::string_view text) noexcept
+{
+    for (size_t i = 0; i < text.size() && !s->failed; ++i) {
+        if (*s->p == text[i])
+            ++s->p;
+        else
+            scan_fail(s);
+    }
+}
+
+void scan_blanks(text_scan* s) noexcept
+{
+    while (!s->failed && is_blank(*s->p))
+        ++s->p;
+}
+
+/* Whether there is something behind the blanks. */
+static bool begin_item(text_scan* s) noexcept
+{
+    scan_blanks(s);
+    if (!s->failed && *s->p == '\0')
+        scan_fail(s);
+    return !s->failed;
+}
+
+void scan_num(text_scan* s, size_t width, long* value) noexcept
+{
+    if (!begin_item(s))
+        return;
+    const char* end = s->p + strnlen(s->p, width);
+    const bool is_negative = *s->p == '-';
+    if (is_negative || *s->p == '+')
+        ++s->p;
+    const char* digits = s->p;
+    long v = 0;
+    for (; s->p < end && *s->p >= '0' && *s->p <= '9'; ++s->p) {
+        const long digit = *s->p - '0';
+        if (__builtin_mul_overflow(v, 10, &v) || __builtin_add_overflow(v, is_negative ? -digit : digit, &v))
+            v = is_negative ? std::numeric_limits<long>::min() : std::numeric_limits<long>::max();
+    }
+    s->failed = s->p == digits; /* a sign alone is no number, at the end of the text too */
+    if (s->failed)
+        return;
+    *value = v;
+    ++s->count;
+}
+
+void scan_word(text_scan* s, char* word, size_t cap) noexcept
+{
+    if (!begin_item(s))
+        return;
+    const char* end = s->p;
+    while (*end && !is_blank(*end))
+        ++end;
+    s->p += cut_text(word, cap, {s->p, static_cast<size_t>(end - s->p)});
+    ++s->count;
+}
+
+/* ---- without regard to case ---- */
+
 bool ci_equal(std::string_view a, std::string_view b) noexcept
 {
     return a.size() == b.size() && ci_starts_with(a, b);
@@ -54,7 +129,12 @@ bool ci_starts_with(std::string_view s, std::string_view prefix) noexcept
 
 size_t ci_find(std::string_view s, std::string_view word) noexcept
 {
-    const auto it =
-        std::search(s.begin(), s.end(), word.begin(), word.end(), [](char x, char y) { return lower(x) == lower(y); });
-    return it == s.end() && !word.empty() ? std::string_view::npos : static_cast<size_t>(it - s.begin());
+    if (word.empty())
+        return 0;
+    const char first = lower(word.front());
+    for (size_t at = 0; at + word.size() <= s.size(); ++at) {
+        if (lower(s[at]) == first && ci_starts_with(s.substr(at), word))
+            return at;
+    }
+    return std::string_view::npos;
 }

@@ -4,9 +4,11 @@
 #include "log.h"
 #include "strops.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
@@ -151,10 +153,8 @@ int uri_extract(const char* url, char* scheme, char* authority, char* path, char
 static const char* path_parse(const char* p, const char* end, char* host, size_t hostcap, char* port,
                               size_t portcap) noexcept
 {
-    const auto find_any = [end](const char* from, const char* set) {
-        while (from < end && !strchr(set, *from))
-            ++from;
-        return from;
+    const auto find_any = [end](const char* from, std::string_view set) {
+        return std::find_first_of(from, end, set.begin(), set.end());
     };
     while (p < end && (is_blank(*p) || *p == '/'))
         ++p;

@@ -4,7 +4,6 @@
 #include "strops.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <string_view>
 
@@ -59,12 +58,10 @@ static int put_endpts(std::string_view prefix, std::string_view source, std::str
                       size_t cap) noexcept
 {
     if (!source.empty() && source.back() == '/')
-        source.remove_suffix(1); /* the one before "dst" */
-    const int n = snprintf(src, cap, "%.*s%.*s", static_cast<int>(prefix.size()), prefix.data(),
-                           static_cast<int>(source.size()), source.data());
-    if (n < 0 || static_cast<size_t>(n) >= cap || !copy_text(dst, cap, dest))
-        return E2BIG;
-    return 0;
+        source.remove_suffix(1);                 /* the one before "dst" */
+    const size_t n = cut_text(src, cap, prefix); /* what does not fit is cut: the refusal's line shows it */
+    cut_text(src + n, cap - n, source);
+    return prefix.size() + source.size() < cap && copy_text(dst, cap, dest) ? 0 : E2BIG;
 }
 
 /* From the text after "src/" up to the "dst" that matches it, counting nested pairs. */

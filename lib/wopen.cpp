@@ -9,7 +9,7 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -105,12 +105,14 @@ int fwd_http_rq(int fd, const char* url, const char* apptag, uint32_t flags) noe
         flags |= RQFLAG_HTTP10_GET;
     }
     std::array<char, PATH_QUERY_MAX> request{};
-    const int n = u.q_len > 0 ? snprintf(request.data(), request.size(), "%.*s?%.*s", static_cast<int>(tail_len), tail,
-                                         static_cast<int>(u.q_len), u.query)
-                              : snprintf(request.data(), request.size(), "%.*s", static_cast<int>(tail_len), tail);
-    if (n < 0 || static_cast<size_t>(n) >= request.size())
-        LOG_WARN("%s: GET query is too long [%d bytes], max=%ld bytes.\n", __func__, n,
-                 static_cast<long>(request.size() - 1));
+    const std::string_view mark(u.q_len > 0 ? "?" : "");
+    const std::string_view query(u.q_len > 0 ? u.query : "", u.q_len);
+    size_t n = 0;
+    for (const std::string_view part : {std::string_view(tail, tail_len), mark, query})
+        n += cut_text(request.data() + n, request.size() - n, part);
+    if (tail_len + mark.size() + query.size() >= request.size())
+        LOG_WARN("%s: GET query is too long [%d bytes], max=%ld bytes.\n", __func__,
+                 static_cast<int>(tail_len + mark.size() + query.size()), static_cast<long>(request.size() - 1));
     const http_request rq = {.type = 0,
                              .flags = flags,
                              .request = request.data(),
@@ -129,11 +131,15 @@ int usock_http_get(int fd, const char* url, usock_ctx* ctx) noexcept
 
 size_t head_eod(const char* buf, size_t len) noexcept
 {
-    for (size_t i = 1; i < len; ++i) {
-        if (buf[i] != '\n')
-            continue;
-        if (buf[i - 1] == '\n' || (i >= 3 && memcmp(buf + i - 3, "\r\n\r", 3) == 0))
+    size_t i = 0;
+    while (i < len) {
+        const void* lf = memchr(buf + i, '\n', len - i);
+        if (!lf)
+            break;
+        i = static_cast<size_t>(static_cast<const char*>(lf) - buf);
+        if ((i >= 1 && buf[i - 1] == '\n') || (i >= 3 && memcmp(buf + i - 3, "\r\n\r", 3) == 0))
             return i + 1;
+        ++i;
     }
     return 0;
 }
@@ -195,6 +201,30 @@ static int read_head(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcep
     return -1;
 }
 
+/* The line as scanf reads it: its leniency towards blanks, numbers and words is what sources may rely on. 0 or -1. */
+static int parse_status_line(int fd, const char* text, int* status) noexcept
+{
+    const char* fn = "recv_http_response";
+    long major = 0;
+    long minor = 0;
+    long code = 0;
+    std::array<char, 32> reason{};
+    text_scan s = {.p = text, .count = 0, .failed = false};
+    scan_literal(&s, "HTTP/");
+    scan_num(&s, 1, &major);
+    scan_literal(&s, ".");
+    scan_num(&s, 1, &minor);
+    scan_num(&s, SIZE_MAX, &code);
+    scan_word(&s, reason.data(), reason.size());
+    if (s.count < 4) {
+        LOG_ERR("%s: parsed %d < 4 elements (expected to be parsed)\n", fn, s.count);
+        return -1;
+    }
+    *status = static_cast<int>(code);
+    LOG_DEBUG("%s: fd=%d received: HTTP/%ld.%ld %d %s\n", fn, fd, major, minor, *status, reason.data());
+    return 0;
+}
+
 int recv_http_response(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcept
 {
     if (const int rc = read_head(fd, buf, cap, resp))
@@ -202,18 +232,7 @@ int recv_http_response(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexc
     buf[resp->tail - 1] = '\0'; /* the head's last line end: the body's first byte stays */
     LOG_HEAD(DEBUG_level, "%s: total=%lu, tail=%lu; buf=[%.1024s]\n", __func__, static_cast<unsigned long>(resp->total),
              static_cast<unsigned long>(resp->tail), buf);
-    int major = 0;
-    int minor = 0;
-    int code = 0;
-    std::array<char, 32> reason{};
-    const int n = sscanf(buf, "HTTP/%1d.%1d %d %31s\r\n", &major, &minor, &code, reason.data()); // NOLINT(cert-err34-c)
-    if (n < 4) {
-        LOG_ERR("%s: parsed %d < 4 elements (expected to be parsed)\n", __func__, n);
-        return -1;
-    }
-    resp->code = code;
-    LOG_DEBUG("%s: fd=%d received: HTTP/%d.%d %d %s\n", __func__, fd, major, minor, code, reason.data());
-    return 0;
+    return parse_status_line(fd, buf, &resp->code);
 }
 
 /* ---- opening ---- */

@@ -1,11 +1,14 @@
 /* URIs, request heads, responses and the head of a source: what foreign bytes become. */
 #include "caught_log.h"
 #include "scratch_dir.h"
+#include "strops.h"
 #include "uri.h"
 #include "webops.h"
 #include "wopen.h"
 
 #include <array>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -249,6 +252,56 @@ TEST(Responses, AreExact)
     EXPECT_EQ(http_code_resp(201), &g_resp_ok);
     EXPECT_EQ(http_code_resp(418), &g_resp_err);
     EXPECT_NE(log.text().find("no response for HTTP418 defined, please update the lib!\n"), std::string::npos);
+}
+
+/* What sources have been getting away with, and the counts in the refusals, are those of the C library. */
+TEST(TextScan, TakesAndCountsAsScanfDoes)
+{
+    for (const char* text : {"",
+                             "HT",
+                             "junk",
+                             "http/1.1 200 OK",
+                             "HTTP/",
+                             "HTTP/ ",
+                             "HTTP/x",
+                             "HTTP/1",
+                             "HTTP/1 .1 200 OK",
+                             "HTTP/1. 1 200 OK",
+                             "HTTP/11 200 OK",
+                             "HTTP/-1.1 200 OK",
+                             "HTTP/1.1",
+                             "HTTP/1.1200 OK",
+                             "HTTP/1.1 +",
+                             "HTTP/1.1 - 200",
+                             "HTTP/1.1 200",
+                             "HTTP/1.1 200 \r\n",
+                             "HTTP/1.1 200\r\nContent-Length: 5",
+                             "HTTP/1.1\t\v+200 OK",
+                             "HTTP/1.1 0x1 OK",
+                             "HTTP/1.1 -7 OK",
+                             "HTTP/1.1 200 1234567890123456789012345678901234567890 b",
+                             "HTTP/1.1 99999999999999999999999 OK",
+                             "HTTP/1.1 -99999999999999999999999 OK",
+                             "HTTP/1.1 4294967496 OK"}) {
+        int theirs[3] = {};
+        std::array<char, 32> their_word{};
+        const int n =
+            sscanf(text, "HTTP/%1d.%1d %d %31s\r\n", &theirs[0], &theirs[1], &theirs[2], // NOLINT(cert-err34-c)
+                   their_word.data());
+        long ours[3] = {};
+        std::array<char, 32> our_word{};
+        text_scan s = {.p = text, .count = 0, .failed = false};
+        scan_literal(&s, "HTTP/");
+        scan_num(&s, 1, &ours[0]);
+        scan_literal(&s, ".");
+        scan_num(&s, 1, &ours[1]);
+        scan_num(&s, SIZE_MAX, &ours[2]);
+        scan_word(&s, our_word.data(), our_word.size());
+        EXPECT_EQ(s.count, n) << text;
+        for (size_t i = 0; i < 3; ++i)
+            EXPECT_EQ(static_cast<int>(ours[i]), theirs[i]) << text;
+        EXPECT_STREQ(our_word.data(), their_word.data()) << text;
+    }
 }
 
 class SourceHead : public testing::Test
