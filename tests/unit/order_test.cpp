@@ -3,8 +3,8 @@
 #include "data.h"
 #include "rq.h"
 #include "scratch_dir.h"
-#include "unfinished.h"
 #include "strops.h"
+#include "unfinished.h"
 
 #include <cerrno>
 #include <ctime>
