@@ -239,11 +239,17 @@ static redisReply* await_reply() noexcept
     return nullptr;
 }
 
+/* A server that says more than it was asked for would shift every later answer by one. */
+static bool is_in_step() noexcept
+{
+    return !g_ctx.redis->err && g_ctx.redis->reader->pos == g_ctx.redis->reader->len;
+}
+
 /* One round trip. Null: the connection is lost. */
 template <class... Args>
 static reply_ptr command(const char* format, Args... args) noexcept
 {
-    if (g_ctx.redis->err || redisAppendCommand(g_ctx.redis, format, args...) != REDIS_OK)
+    if (!is_in_step() || redisAppendCommand(g_ctx.redis, format, args...) != REDIS_OK)
         return nullptr; /* the library would keep the command, and all later ones */
     return reply_ptr(await_reply());
 }

@@ -53,7 +53,9 @@ int request_data_stream(dw_task* task) noexcept
         LOG_DEBUG("%s: awaiting response from %s\n", __func__, task->spec.url);
         return 0;
     }
-    task->hresp = &g_resp_bad;
+    const bool is_broken = errno == ECONNRESET || errno == EPIPE;
+    /* A connection that was made and has broken is the source's fault; one that was not made is the order's. */
+    task->hresp = is_broken ? &g_resp_err : &g_resp_bad;
     task->hresp->server = get_app_tag(APP_NAME);
     (void)send_http_response(task->cfd, task->hresp); /* without a client, too: the failed send stands in the log */
     if (pprm_task(task) != 0) {

@@ -120,8 +120,7 @@ static int open_for_writes(dw_task* task, std::string_view tail) noexcept
 /* Creates the unfinished file at its full length. */
 static int create_dest(dw_task* task) noexcept
 {
-    if (task->spec.takes_over)
-        take_over_unfinished(task);
+    clear_the_way(task);
     task->dfd = W_open("mk_dest_file", task->spec.fpath, O_RDWR | O_CREAT | O_EXCL, DST_MODE);
     if (task->dfd == -1) {
         task->has_leftover = errno == EEXIST;
@@ -133,6 +132,13 @@ static int create_dest(dw_task* task) noexcept
     LOG_DEBUG("%s: destination fd%d opened [%s], %zu bytes\n", "mk_dest_file", task->dfd, task->spec.fpath,
               task->content_length);
     return 0;
+}
+
+static int make_dest(dw_task* task, std::string_view tail) noexcept
+{
+    if (const int rc = create_dest(task))
+        return rc;
+    return can_mmap_dw(task) ? map_dest(task, tail) : open_for_writes(task, tail);
 }
 
 int mk_dest_file(dw_task* task, const char* head, const http_resp_ctx* resp) noexcept
@@ -153,16 +159,17 @@ int mk_dest_file(dw_task* task, const char* head, const http_resp_ctx* resp) noe
               static_cast<ssize_t>(ntail));
     task->content_length = task->nleft = static_cast<size_t>(length);
 
-    if (const int rc = create_dest(task))
-        return rc;
     /* What a source sends beyond the announced length is ignored. */
     const std::string_view tail(head + head_len, std::min(ntail, task->nleft));
-    const bool is_mapped = can_mmap_dw(task);
-    if (const int rc = is_mapped ? map_dest(task, tail) : open_for_writes(task, tail))
+    const bool is_takeover = begin_takeover(task);
+    const int rc = make_dest(task, tail);
+    if (is_takeover)
+        end_takeover(task, rc == 0);
+    if (rc != 0)
         return rc;
     task->f_pos += static_cast<off_t>(tail.size());
     task->nleft -= tail.size();
-    LOG_DEBUG("%s: created %s for [%s]\n", __func__, is_mapped ? "mmap" : "file", task->spec.fpath);
+    LOG_DEBUG("%s: created %s for [%s]\n", __func__, task->is_mmapped ? "mmap" : "file", task->spec.fpath);
     return 0;
 }
 

@@ -14,6 +14,7 @@
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr keepalive_pace SRC_KEEPALIVE = {.idle_sec = 60, .interval_sec = 10, .probes = 6};
+constexpr unsigned SRC_GONE_MS = 120000; /* the same for a GET that is never acknowledged, which stops the probes */
 
 int pprm_task(dw_task* task) noexcept
 {
@@ -107,6 +108,7 @@ static int guard_source(void* data, size_t idx) noexcept
         return 0;
     set_unguarded(task, false);
     (void)set_keepalive(task->sfd, SRC_KEEPALIVE);
+    (void)set_user_timeout(task->sfd, SRC_GONE_MS);
     return 0;
 }
 

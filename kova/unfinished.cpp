@@ -4,9 +4,12 @@
 
 #include "lock.h"
 #include "log.h"
+#include "strops.h"
 #include "syswrap.h"
 
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <string_view>
 #include <sys/stat.h>
@@ -78,16 +81,53 @@ int check_unfinished(dw_spec* spec) noexcept
     return spec->takes_over ? 0 : expire_file(spec->fpath, age);
 }
 
-void take_over_unfinished(const dw_task* task) noexcept
+/* Where a stalled file waits while its successor is made: no order can be for that name. */
+using aside_path = std::array<char, SPEC_PATH_MAX + sizeof(UNFINISHED_SFX)>;
+
+static aside_path aside_of(const dw_task* task) noexcept
 {
-    const char* path = task->spec.fpath;
-    const dw_task* former = unfinished_writer(path);
+    aside_path aside{};
+    join_text(aside.data(), aside.size(), {task->spec.fpath, UNFINISHED_SFX});
+    return aside;
+}
+
+bool begin_takeover(const dw_task* task) noexcept
+{
     long age = 0;
-    if (!former || check_age(path, STALE_LOCK_SEC, &age) != ESTALE)
+    if (!task->spec.takes_over || check_age(task->spec.fpath, STALE_LOCK_SEC, &age) != ESTALE)
+        return false;
+    return rename(task->spec.fpath, aside_of(task).data()) == 0; /* if not, the order finds it in its way */
+}
+
+void end_takeover(const dw_task* task, bool is_made) noexcept
+{
+    const aside_path aside = aside_of(task);
+    const dw_task* former = unfinished_writer(aside.data());
+    if (!is_made && former) {
+        (void)rename(aside.data(), task->spec.fpath); /* as it was, in place of what could not be made */
         return;
-    LOG_WARN("%s: [%s] of %s from [%s], not written to for %ld s, is taken over from [%s]\n", "mk_dest_file", path,
-             former->trk_tag.sym8, former->spec.url, age, task->spec.url);
-    W_unlink("mk_dest_file", path);
+    }
+    if (former)
+        LOG_WARN("%s: [%s] of %s from [%s] has stalled and is taken over from [%s]\n", "mk_dest_file", task->spec.fpath,
+                 former->trk_tag.sym8, former->spec.url, task->spec.url);
+    W_unlink("mk_dest_file", aside.data());
+}
+
+/* A match for the walk over the tasks that have ended in this round. */
+static int has_path(void* data, size_t idx, void* arg) noexcept
+{
+    const dw_task* task = static_cast<dw_task**>(data)[idx];
+    return task->dfd > 0 && strcmp(task->spec.fpath, static_cast<const char*>(arg)) == 0;
+}
+
+void clear_the_way(dw_task* task) noexcept
+{
+    size_t idx = 0;
+    if (!xvlst_find(&g_ctx.pprm_tasks, task->spec.fpath, has_path, &idx))
+        return;
+    dw_task* ended = static_cast<dw_task**>(g_ctx.pprm_tasks.data)[idx];
+    if (owes_removal(ended))
+        remove_unfinished(ended);
 }
 
 bool owes_removal(const dw_task* task) noexcept
@@ -108,8 +148,9 @@ bool owes_removal(const dw_task* task) noexcept
 void remove_unfinished(dw_task* task) noexcept
 {
     const char* path = task->spec.fpath;
-    LOG_WARN("%s: removing unfinished [%s]\n", "free_dw", path);
-    if (unlink(path) != 0 && errno != ENOENT) {
+    if (unlink(path) == 0) {
+        LOG_WARN("%s: removing unfinished [%s]\n", "free_dw", path);
+    } else if (errno != ENOENT) {
         const int err = errno;
         LOG_ERR("%s: unlink(%s) ERROR(%d): %s\n", "free_dw", path, err, strerror(err));
     }

@@ -20,8 +20,12 @@
    has stalled writes it (spec->takes_over): that file stays until this order's own can take its place. 17 it is being
    written (logged); -1 error (logged). */
 [[nodiscard]] int check_unfinished(dw_spec* spec) noexcept;
-/* Removes the stalled file that the order may take over, if it is still stalled. Call before the order's own is made. */
-void take_over_unfinished(const dw_task* task) noexcept;
+/* Around the making of a task's file: a stalled file that the order may take over is set aside, if it is still stalled. True: it
+   was, and end_takeover follows, which removes it when the new one is made and puts it back when not. */
+[[nodiscard]] bool begin_takeover(const dw_task* task) noexcept;
+void end_takeover(const dw_task* task, bool is_made) noexcept;
+/* Removes what a task that has ended earlier in this round leaves at the same name, before it is in the way. */
+void clear_the_way(dw_task* task) noexcept;
 /* At its end: is the file at the task's unfinished name to go? Its own is, and one that stood in its way and that nobody writes.
    Call while the task's descriptor is open. */
 [[nodiscard]] bool owes_removal(const dw_task* task) noexcept;

@@ -107,14 +107,17 @@ class Ownership(KovTest):
         for n, settings in enumerate(MODES):
             agent = self.start(settings + db.settings())
             former, gate = self.start_stalled(agent, "/former", f"x{n}")
-            self.assertEqual(agent.order(self.origin.raw("/gone", GONE), f"x{n}"), ANSWERS[404])
+            inode = os.stat(agent.path(f"x{n}-Kova")).st_ino
+            for answer, head in ((404, GONE), (500, HEAD4.replace(b"4", b"9223372036854775807"))):
+                self.assertEqual(agent.order(self.origin.raw("/no", head), f"x{n}"), ANSWERS[answer])
+            self.assertEqual(os.stat(agent.path(f"x{n}-Kova")).st_ino, inode)
             self.assertNotIn("taken over", agent.log())  # nothing came that could take its place
             url, gate_own = self.gated("/own", HEAD4 + b"wx", b"yz")
             self.assertEqual(agent.order(url, f"x{n}"), ANSWERS[200])
-            self.assertRegex(agent.log(), rf"\(WRN\)  T0003  .*\[{former}\].* taken over from \[{url}\]\n")
+            self.assertRegex(agent.log(), rf"\(WRN\)  T0004  .*\[{former}\].* taken over from \[{url}\]\n")
             gate.set()
             agent.wait_log("removing T0001 due to error")
-            agent.wait_log("TASK-END", 2)
+            agent.wait_log("TASK-END", 3)
             self.assertEqual(agent.files(), [f"x{n}-Kova"])
             self.assertEqual(db.urls(f"x{n}"), {})
             gate_own.set()

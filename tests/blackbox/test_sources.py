@@ -26,6 +26,18 @@ class Sources(KovTest):
         self.assertEqual(agent.order("http://127.0.0.1", "a"), ANSWERS[400])
         self.assertEqual(agent.files(), [])
 
+    def test_a_source_that_hangs_up_on_every_caller(self):
+        agent = self.start()
+        with socket.create_server(("127.0.0.1", 0)) as server:
+            def hang_up():
+                for _ in range(20):
+                    conn, _ = server.accept()
+                    self.origin.reset(conn)
+                    conn.close()
+            threading.Thread(target=hang_up, daemon=True).start()
+            for n in range(20):  # before the GET, behind it, or in between
+                self.assertEqual(agent.order(f"http://127.0.0.1:{server.getsockname()[1]}/{n}", "a"), ANSWERS[500])
+
     def test_heads_that_are_refused(self):
         agent = self.start()
         for i, (head, message) in enumerate((
