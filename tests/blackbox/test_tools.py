@@ -1,6 +1,7 @@
 """The companion programs against a real agent, and the shipped examples."""
 
 import glob
+import json
 import os
 import re
 import socket
@@ -20,6 +21,11 @@ def run(name, *args, env=None):
     done = subprocess.run([f"{BIN}/{name}", *args], capture_output=True, text=True, timeout=60, check=False,
                           env={**os.environ, **(env or {})})
     return done.returncode, done.stdout, done.stderr
+
+
+def extra_listener(port):
+    """For an agent that listens where another one does, too."""
+    return f', {{ ifc = "lo"; default_af = "inet4"; port = {port}; }}'
 
 
 class Checkconf(KovTest):
@@ -77,12 +83,43 @@ class Checkconf(KovTest):
             self.assertIn(line, out)
         self.assertIn("Load-balancer DB: h:1\n", out)
         self.assertEqual(self.check(text, "--strict")[0], 2)
-        good = f'kova = {{ log = {{ }}; runtime = {{ non_daemon = true; }}; web_input = {{ web = {{ port = 1; }}; }}; data_dir = "{self.root}"; max_tasks = 10; }};'
+        good = f'kova = {{ log = {{ }}; runtime = {{ non_daemon = true; }}; web_input = {{ web = {{ port = 2000; }}; }}; data_dir = "{self.root}"; max_tasks = 10; }};'
         self.assertEqual(self.check(good, "--strict")[0], 0)
         self.assertEqual(self.check("kova = {", "--strict")[0], 1)
         os.makedirs(deep := f"{self.root}/" + "d" * 80)
         self.assertRegex(self.check(good.replace(self.root, deep))[1], r"data_dir leaves \d+ characters")
         self.assertEqual(run("kov-checkconf", "--nonsense")[0], 1)
+        status, out, _ = self.check(good.replace("max_tasks", "max_taks").replace("port = 2000", "port = 0"))
+        self.assertEqual(status, 1)  # and yet the misspelt key is named
+        self.assertIn("line 1: unknown key max_taks", out)
+
+    def test_what_this_machine_makes_of_it(self):
+        os.mkfifo(f"{self.root}/fifo")
+        os.chmod(self.root, 0o777)
+        with socket.create_server(("127.0.0.1", 0)) as other:
+            taken = other.getsockname()[1]
+            out = self.check(f'kova = {{ log = {{ file = "{self.root}/fifo"; }}; runtime = {{ cpunum = 4000; pidfile = "{self.root}/pid"; }};\n'
+                             f'web_input = {{ max_accept = 0; web = ( {{ port = {taken}; }}, {{ ifc = "lo"; port = {taken}; }}, {{ port = 80; }} ); }};'
+                             f'udp_input = {{ url = "127.0.0.1:1"; lock_dir = "{"l" * 90}"; }};'
+                             f'lbdb = {{ host = "h"; port = 1; sha1_dir = "sha1"; }}; local_url_prefix = "http://h/{"p" * 60}"; data_dir = "{self.root}"; }};')[1]
+        for line in ("log.file .* is no regular file", "cpunum 4000: this machine has the CPUs 0 to", "pidfile .*: everybody may put a file of that name",
+                     "sha1_dir sha1: a daemon changes its directory", "lock_dir l+ is missing", "lock_dir leaves 30 characters for a lock id",
+                     "local_url_prefix leaves 57 characters", "max_accept 0: no client is ever taken", "listeners 1 and 2 meet at 127.0.0.1",
+                     "port 80 is root's", rf"\*:{taken}: python3 \(pid {os.getpid()}\) listens there already"):
+            self.assertRegex(out, f"(?m)^warning: {line}")
+        user = 'kova = { log = { file = "/nowhere/log"; }; runtime = { non_daemon = true; run_as_user = "kov"; }; web_input = { web = { port = 2000; }; }; };'
+        self.assertRegex(self.check(user)[1], "(?s)log.file: the directory /nowhere is missing.*run_as_user has no effect beside non_daemon")
+
+    def test_waits_for_the_database(self):
+        database = Redis(self.new_root())
+        text = (f'kova = {{ log = {{ }}; runtime = {{ non_daemon = true; }}; web_input = {{ web = {{ port = 2000; }}; }}; data_dir = "{self.root}";'
+                f'{database.settings()} }};')
+        self.addCleanup(database.stop)
+        self.assertEqual(self.check(text, "--wait", "60")[0], 0)
+        database.stop()
+        status, out, _ = self.check(text, "--wait", "1")
+        self.assertEqual((status, "refused: no database answers at 127.0.0.1" in out), (1, True), out)
+        self.assertEqual(self.check(text, "--wait", "soon")[0], 1)
         self.assertEqual(run("kov-checkconf", "--help")[0], 0)
 
 
@@ -115,8 +152,9 @@ class Ctl(KovTest):
         for args, code, words in (((self.origin.url("/a"), "v/a b%.ts"), 403, "there already"), (("ftp://h/a", "x"), 400, "not http://"),
                                   (("http://h/" + "x" * 130, "x"), 400, "more than 127 characters")):
             status, out, _ = self.ctl("get", *args)
-            self.assertEqual(status, 1)
+            self.assertEqual(status, 4 if code == 403 else 1)
             self.assertRegex(out, f"^{code} refused: .*{words}")
+        self.assertEqual(self.ctl("get", self.origin.raw("/404", b"HTTP/1.1 404 Not Found\r\n\r\n"), "x")[0], 6)
         cut = self.origin.raw("/cut", b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc", lambda conn: time.sleep(1.5))
         status, out, _ = self.ctl("get", "--wait", cut, "cut")
         self.assertEqual(status, 1)
@@ -126,23 +164,54 @@ class Ctl(KovTest):
         for bad in (("job", "http://h/a", "x", "5"), ("job1", "http://h/a", "x", ""), ("job1", "http://h/" + "a" * 120, "x", "5"),
                     ("a/bc", "http://h/a", "x", "5")):
             self.assertEqual(self.ctl("send", *bad)[0], 2)
-        self.assertEqual(self.ctl("register", "v/a b%.ts")[0], 0)
+        self.assertEqual(self.ctl("register", "v/a b%.ts")[:2], (0, "v/a b%.ts: registered\n"))
         self.assertEqual(self.ctl("register", "v/none")[:2], (1, f"v/none: not in {self.agent.data}\n"))
-        self.assertEqual(self.agent.log().count("TASK-START"), 7)  # nothing was fetched to register
+        self.assertEqual(self.agent.log().count("TASK-START"), 8)  # nothing was fetched to register
+        self.database.stop()
+        self.assertRegex(self.ctl("register", "v/a b%.ts")[1], "NOT registered")
+        self.assertEqual(self.ctl("register", "v/a b%.ts")[0], 7)
         self.assertEqual(run("kovctl", "-a", f"127.0.0.1:{free_port()}", "ping")[0], 3)
         self.assertEqual(self.ctl("dance")[0], 2)
         for usage in (("get", "one"), ("-t", "soon", "ping"), ("-e", "soon", "get", "http://h/a", "b"), ("get", "http://h/a", "b\n"), ("-p", "0", "status"), ("-D", "/nowhere", "verify")):
             self.assertEqual(self.ctl(*usage)[0], 2)
         self.assertEqual(self.ctl("-p", str(os.getpid()), "status")[0], 3)  # no agent
+        with socket.create_server(("127.0.0.1", 0)) as mute:  # takes clients, answers none
+            begin = time.monotonic()
+            mute_place = f"127.0.0.1:{mute.getsockname()[1]}"
+            self.assertEqual(run("kovctl", "-a", mute_place, "ping")[0], 5)
+            self.assertLess(time.monotonic() - begin, 10)
+            self.assertEqual(run("kovctl", "-a", mute_place, "-t", "1", "ready")[0], 5)
         self.assertEqual(run("kovctl", "-C", "/nowhere", "ping")[0], 2)
+
+    def test_each_agent_is_found_by_its_listeners(self):
+        other = self.start(more_listeners=extra_listener(self.agent.port))
+        for agent in (self.agent, other):
+            status, out, _ = run("kovctl", "-C", f"{agent.root}/kov.conf", "--pid", str(agent.pid), "status")
+            self.assertEqual(status, 0)
+            mate = other if agent is self.agent else self.agent
+            self.assertIn(f"listener: 127.0.0.1:{self.agent.port}, shared with pid {mate.pid} (kov)\n", out)
+        self.assertRegex(self.ctl("status")[2], "more than one agent listens at ")
+        self.assertEqual(run("kovctl", "-a", f"127.0.0.1:{other.port}", "status")[1].splitlines()[0], f"agent: pid {other.pid}")
+        conf = f"{self.agent.root}/kov.conf"
+        self.assertRegex(run("kov-checkconf", conf)[1], rf"127.0.0.1:{self.agent.port}: an agent \(pid {self.agent.pid}\) listens there already")
+        self.assertEqual(other.stop()[0], 0)
+        self.forget(other)
+        self.assertEqual(self.ctl("status")[1].splitlines()[0], f"agent: pid {self.agent.pid}")
+        self.assertEqual(run("kovctl", "-C", f"{other.root}/kov.conf", "-D", "/tmp", "status")[0], 0)  # they share a place still
+        self.assertEqual(self.agent.stop()[0], 0)
+        status, _, err = self.ctl("status")
+        self.assertEqual((status, "no agent listens at " in err), (3, True), err)
+        self.assertIn('\nkov_up{agent="kov"} 0\n', self.ctl("metrics")[1])
+        self.agent.run()
+        self.assertEqual(self.ctl("ready")[0], 0)
 
     def test_what_it_holds_and_what_was_left_behind(self):
         running = self.origin.raw("/r", b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc", self.origin.stall)
-        self.assertEqual(self.ctl("get", running, "running")[0], 0)
+        self.assertEqual(self.ctl("get", running, 'run"ning')[0], 0)
         old = time.time() - 40
-        for name in ("running-Kova", "left-Kova"):
+        for name in ('run"ning-Kova', "left-Kova"):
             with open(self.agent.path(name), "ab") as f:
-                f.write(b"" if name.startswith("running") else b"left")
+                f.write(b"" if name.startswith("run") else b"left")
             os.utime(self.agent.path(name), (old, old))
         for name, age in (("old1", old), ("new1", time.time()), ("old", old), ("full", old)):
             with open(f"{self.root}/{name}.lock", "w", encoding="ascii") as f:
@@ -152,23 +221,29 @@ class Ctl(KovTest):
             f.truncate(1 << 20)
         with open(self.agent.path("whole"), "wb") as f:
             f.write(b"whole")
-        status, out, _ = self.ctl("status", "--pid", str(self.agent.pid))
+        status, out, _ = self.ctl("status")
         self.assertEqual(status, 0)
         self.assertRegex(out, rf"agent: pid {self.agent.pid}\nlistener: 127.0.0.1:{self.agent.port}\nlistener: {self.root}/socket\nchannel: 127.0.0.1:{self.udp_port}\n"
-                         r"downloads: 1 of 4096\ndescriptors: \d+ of \d+\n")
-        self.assertRegex(out, rf"unfinished: {self.agent.path('left')}-Kova, 4 bytes, 4\d s since its last change\n")
+                         r"clients: 0, 0 waiting\ndownloads: 1 of 4096, 0 bytes/s\ndescriptors: \d+ of \d+\n"
+                         rf'unfinished: {self.agent.data}/run"ning-Kova, 3 of 9 bytes, 4\d s since its last change\n$')
+        state = json.loads(self.ctl("status", "--json")[1])
+        self.assertEqual((state["downloads"]["running"], state["downloads"]["max"]), (1, 4096))
+        self.assertEqual([(f["path"], f["bytes"], f["written"]) for f in state["unfinished"]["files"]], [(self.agent.path('run"ning-Kova'), 9, 3)])
+        text = self.ctl("metrics")[1]
+        self.assertRegex(text, r"(?s)^(# (TYPE|HELP) kov_\w+ [^\n]+\n|kov_\w+\{[^\n]*\} \d+\n)+# EOF\n$")
+        self.assertIn('\nkov_downloads{agent="kov"} 1\n', text)
         status, out, _ = self.ctl("verify")
         self.assertEqual((status, out), (1, f"{self.agent.path('sparse')}: has fewer blocks than its size\n"))
         os.symlink(self.agent.data, f"{self.root}/link")
         status, out, _ = self.ctl("-D", f"{self.root}/link", "sweep")
-        self.assertNotIn("running", out)
+        self.assertNotIn("run", out)
         status, out, _ = self.ctl("sweep")
         self.assertEqual(status, 1)
         self.assertEqual(set(out.splitlines()), {f"{self.agent.path('left')}-Kova: unfinished, and no agent writes it",
                                                  f"{self.root}/old1.lock: a lock that has lapsed"})
         self.assertTrue(os.path.exists(self.agent.path("left-Kova")))
         self.assertEqual(self.ctl("sweep", "--delete")[0] + self.ctl("verify", "--delete")[0], 0)
-        self.assertEqual(self.agent.files(), ["running-Kova", "whole"])
+        self.assertEqual(self.agent.files(), ['run"ning-Kova', "whole"])
         self.assertEqual(sorted(n for n in os.listdir(self.root) if n.endswith(".lock")), ["full.lock", "new1.lock", "old.lock"])  # too short, not empty: no locks
         self.origin.released.set()
         self.agent.wait_log("TASK-END")
@@ -176,7 +251,7 @@ class Ctl(KovTest):
     def test_help_names_every_command(self):
         status, out, _ = run("kovctl", "--help")
         self.assertEqual(status, 0)
-        self.assertEqual(re.findall(r"(?m)^  (\w+) ", out), ["ping", "get", "send", "status", "verify", "sweep", "register"])
+        self.assertEqual(re.findall(r"(?m)^  (\w+) ", out), ["ping", "ready", "get", "send", "status", "metrics", "verify", "sweep", "register"])
 
 
 class Completion(unittest.TestCase):
@@ -192,7 +267,7 @@ class Completion(unittest.TestCase):
         for line, offered in (("kovctl ve", ["verify"]), ("kovctl --da", ["--data-dir"]), ("kovctl -C k", ["kov.conf"]),
                               ("kovctl --config=fl", ["fleet.conf"]), ("kovctl --expiry ", []), ("kovctl -D ../e", ["../examples"]),
                               ("kov --level=", ["crit", "err", "norm", "warn", "info", "debug"]), ("kov -U k", []), ("kov k", []),
-                              ("kov-checkconf d", ["demo.conf"]), ("kov-checkconf -", ["--strict", "--help"])):
+                              ("kov-checkconf d", ["demo.conf"]), ("kov-checkconf -", ["--strict", "--wait", "--help"])):
             self.assertEqual(self.complete(line), offered, line)
 
     def test_every_option_is_offered(self):
