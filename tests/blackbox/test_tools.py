@@ -13,6 +13,7 @@ from kov import KOV, KovTest, free_port, wait_for
 from services import Redis
 
 BIN = os.path.dirname(KOV)
+FAKETIME = glob.glob("/usr/lib/*/faketime/libfaketime.so.1")[0]
 PACKAGING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../packaging")
 EXAMPLES = f"{PACKAGING}/examples"
 
@@ -254,6 +255,32 @@ class Ctl(KovTest):
         self.assertEqual(re.findall(r"(?m)^  (\w+) ", out), ["ping", "ready", "get", "send", "status", "metrics", "verify", "sweep", "register"])
 
 
+class LoadScripts(KovTest):
+    def test_the_least_that_redis_must_allow(self):
+        database = Redis(self.new_root())
+        self.addCleanup(database.stop)
+        with open(f"{PACKAGING}/../SECURITY.md", encoding="utf-8") as f:
+            for user in re.findall(r"(?m)^    user (.*)", f.read()):  # the default user, who may then do no more, is the last
+                self.assertEqual(database.cli("acl", "setuser", *user.split()), "OK")
+        with open(f"{self.root}/password", "w", encoding="ascii") as f:
+            f.write("SECRET\n")
+        digest = f"{database.sha1_dir}/add_url.sha1"
+        os.unlink(digest)
+        load = [f"{PACKAGING}/redis/load-scripts", "-p", str(database.port)]
+        where = [f"{PACKAGING}/redis", database.sha1_dir]
+        self.assertEqual(subprocess.run([*load, *where], capture_output=True, check=False).returncode, 1)
+        self.assertFalse(os.path.exists(digest))
+        subprocess.run([*load, "-u", "loader", "-a", f"{self.root}/password", *where], check=True, capture_output=True, umask=0o077)
+        self.assertEqual(os.stat(digest).st_mode & 0o777, 0o644)
+        agent = self.start(database.settings())
+        agent.order(self.origin.body("/a", b"a"), "a", "?expiry=60")
+        agent.wait_log("TASK-END")
+        self.assertNotIn("(ERR)", agent.log())
+        login = ("--user", "balancer", "--pass", "SECRET", "--no-auth-warning")
+        self.assertEqual(database.cli(*login, "zrangebyscore", "a", "-inf", "+inf"), "http://me.example/a")
+        self.assertIn("NOPERM", database.cli("del", "a") + database.cli("get", "a"))
+
+
 class Completion(unittest.TestCase):
     def complete(self, line):
         """What the shell would offer for the last word; it takes "=" for a word."""
@@ -345,15 +372,32 @@ class Installed(KovTest):
             f.write(text)
         conf = f"{tree}/etc/kov/kov.conf"
         self.assertEqual(subprocess.run([f"{tree}/usr/sbin/kov-checkconf", conf], capture_output=True, check=False).returncode, 0)
-        with subprocess.Popen([f"{tree}/usr/sbin/kov", "-C", conf, "-T", "-q"]) as proc:
+        with open(f"{tree}/usr/lib/systemd/system/kov.service", encoding="utf-8") as f:
+            umask = int(re.search(r"\nUMask=(\d+)", f.read()).group(1), 8)
+        with subprocess.Popen([f"{tree}/usr/sbin/kov", "-C", conf, "-T", "-q"], umask=umask) as proc:
             ctl = [f"{tree}/usr/bin/kovctl", "-C", conf]
             wait_for(lambda: subprocess.run([*ctl, "ping"], capture_output=True, check=False).returncode == 0, "the agent")
             source = self.origin.body("/f", b"installed" * 1000)
-            self.assertEqual(subprocess.run([*ctl, "get", "--wait", source, "f"], capture_output=True, check=False).returncode, 0)
+            self.assertEqual(subprocess.run([*ctl, "get", "--wait", source, "d/f"], capture_output=True, check=False).returncode, 0)
             proc.terminate()
             self.assertEqual(proc.wait(10), 0)
-        with open(f"{data}/f", "rb") as f:
+        with open(f"{data}/d/f", "rb") as f:
             self.assertEqual(f.read(), b"installed" * 1000)
+        # A web server of another user reads it.
+        self.assertEqual((os.stat(f"{data}/d").st_mode & 0o5, os.stat(f"{data}/d/f").st_mode & 0o4), (0o5, 0o4))
+        # Rotated logs age out, the live one of a quiet agent does not.
+        logs = f"{tree}/var/log/kov"
+        os.makedirs(logs)
+        for name, line in (("passwd", "kov:x:0:0::/:/bin/sh\n"), ("group", "kov:x:0:\n")):
+            with open(f"{tree}/etc/{name}", "w", encoding="ascii") as f:
+                f.write(line)
+        for name in ("kov.log", "kov.log.1700000000"):
+            open(f"{logs}/{name}", "w", encoding="ascii").close()
+        done = subprocess.run(["systemd-tmpfiles", f"--root={tree}", "--clean", f"{tree}/usr/lib/tmpfiles.d/kov.conf"], capture_output=True,
+                              text=True, check=False, env={**os.environ, "LD_PRELOAD": FAKETIME, "FAKETIME": "+40d"})
+        self.assertEqual(os.listdir(logs), ["kov.log"], done.stderr)
+        for name in ("systemd/system/kov@.service", "systemd/system/kov-watch.timer"):
+            self.assertTrue(os.path.exists(f"{tree}/usr/lib/{name}"), name)
         for name in ("man/man8/kov.8", "man/man5/kov.conf.5", "man/man1/kovctl.1", "man/man8/kov-checkconf.8", "kov/load-scripts",
                      "kov/redis/add_url.lua"):
             self.assertTrue(os.path.exists(f"{tree}/usr/share/{name}"), name)
