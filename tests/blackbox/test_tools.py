@@ -4,6 +4,7 @@ import glob
 import json
 import os
 import re
+import resource
 import socket
 import subprocess
 import time
@@ -337,19 +338,33 @@ class Metrics(KovTest):
         agent.wait_log("request failed")
         self.origin.released.set()
         agent.wait_log("TASK-END", len(failures) + 3)
+        ends = len(failures) + 3
+        subprocess.run(["mount", "-o", "remount,ro", agent.data], check=True)
+        agent.order(good, "forbidden/file")
+        agent.wait_log("malformed", 2)
+        subprocess.run(["mount", "-o", "remount,rw", agent.data], check=True)
+        limits = resource.prlimit(agent.pid, resource.RLIMIT_NOFILE)
+        with agent.connect():  # takes the agent's next descriptor; the next client another one, its duplicate the third
+            wait_for(lambda: agent.fds() == agent.base_fds + 1, "the client")
+            resource.prlimit(agent.pid, resource.RLIMIT_NOFILE, (agent.base_fds + 3, limits[1]))
+            agent.order(good, "no-socket")
+            agent.wait_log("TASK-END", ends + 1)
+            resource.prlimit(agent.pid, resource.RLIMIT_NOFILE, limits)
         database.stop()
         agent.order(good, "unregistered")
-        agent.wait_log("TASK-END", len(failures) + 4)
+        agent.wait_log("TASK-END", ends + 2)
+        failed_start = subprocess.run([KOV, "-C", f"{agent.root}/kov.conf", "-T", "-q", "-l", f"{self.root}/second"], check=False)
+        self.assertNotEqual(failed_start.returncode, 0)
         done = subprocess.run(["mtail", "--one_shot", "--one_shot_format=prometheus", "--progs", f"{PACKAGING}/mtail/kov.mtail", "--logs",
-                               agent.log_path], capture_output=True, text=True, check=True, timeout=60)
-        counts = {re.sub(r",?prog=[^}]*|\{prog=[^}]*\}", "", name): int(value)
+                               agent.log_path, "--logs", f"{self.root}/second"], capture_output=True, text=True, check=True, timeout=60)
+        counts = {re.sub(r',?prog="[^"]*",?', "", name).replace("{}", ""): int(value)
                   for name, value in re.findall(r"(?m)^kov_(\S+) (\d+)$", done.stdout)}
-        expected = {"starts_total": 1, "assertions_total": 0, "orders_started_total": len(failures) + 4, "orders_stored_total": 2,
-                    "stored_bytes_total": 10000, "orders_failed_total": len(failures) + 2, "registrations_lost_total": 1,
-                    "out_of_resources_total": 0}
-        for cause in "malformed", "limit", "datagram":
+        expected = {"starts_total": 1, "assertions_total": 0, "orders_started_total": len(failures) + 5, "orders_stored_total": 2,
+                    "stored_bytes_total": 10000, "orders_failed_total": len(failures) + 3, "registrations_lost_total": 1,
+                    "out_of_resources_total": counts["out_of_resources_total"], f'exits_total{{status="{failed_start.returncode}"}}': 1}
+        for cause in "malformed", "limit", "datagram", "disk":
             expected[f'orders_refused_total{{cause="{cause}"}}'] = 1
-        for cause, _ in (*failures, ("broken", ""), ("broken", "")):
+        for cause, _ in (*failures, ("broken", ""), ("broken", ""), ("resources", "")):
             key = f'failures_total{{cause="{cause}"}}'
             expected[key] = expected.get(key, 0) + 1
         self.assertEqual(counts, expected)
