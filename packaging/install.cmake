@@ -19,10 +19,11 @@ set(CONFIG /etc/kov/%i.conf)
 set(OF \" %i\")
 set(RUNDIR kov-%i)
 configure_file(\"\${UNITS}/kov.service\" \"\${MADE}/kov@.service\" @ONLY)
-foreach(file kov-watch.service kov-watch.timer redis.conf)
+foreach(file kov-watch.service kov-watch.timer kov-expire@.service kov-expire@.timer redis.conf)
   configure_file(\"\${UNITS}/\${file}\" \"\${MADE}/\${file}\" @ONLY)
 endforeach()
 file(INSTALL \"\${MADE}/kov.service\" \"\${MADE}/kov@.service\" \"\${MADE}/kov-watch.service\" \"\${MADE}/kov-watch.timer\"
+  \"\${MADE}/kov-expire@.service\" \"\${MADE}/kov-expire@.timer\"
   DESTINATION \"\${CMAKE_INSTALL_PREFIX}/lib/systemd/system\")
 file(INSTALL \"\${MADE}/redis.conf\" DESTINATION \"\${DATADIR}/systemd\")")
 install(FILES packaging/systemd/kov.sysusers DESTINATION lib/sysusers.d RENAME kov.conf)

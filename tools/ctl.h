@@ -37,6 +37,7 @@ struct ctl_settings {
     std::string expiry;
     std::optional<long> timeout; /* s; each wait has its own default */
     bool is_json = false;
+    bool is_from_log = false;
     bool is_waiting = false;
     bool is_deleting = false;
 };
@@ -53,6 +54,16 @@ extern ctl_settings g_set;
 [[nodiscard]] int cmd_get(std::span<char* const> args);
 [[nodiscard]] int cmd_send(std::span<char* const> args);
 [[nodiscard]] int cmd_register(std::span<char* const> args);
+/* One order over HTTP, one registration: said on standard output, the program's status. */
+[[nodiscard]] int place_order(const std::string& src, const std::string& dst);
+[[nodiscard]] int register_one(const std::string& dst);
+
+/* ---- what the log tells (ctl_log.cpp); the arguments are logs, none: the configuration's ---- */
+
+[[nodiscard]] int cmd_lost(std::span<char* const> args);
+[[nodiscard]] int cmd_replay(std::span<char* const> args);
+[[nodiscard]] int cmd_register_from_log(std::span<char* const> args);
+[[nodiscard]] int cmd_expire(std::span<char* const> args);
 
 /* ---- the agent's process (ctl_proc.cpp) ---- */
 
@@ -88,6 +99,15 @@ using held_files = std::set<std::pair<dev_t, ino_t>>;
 
 [[nodiscard]] int cmd_verify();
 [[nodiscard]] int cmd_sweep();
+/* Lists files, and with --delete removes them. */
+struct removal {
+    int found = 0;
+    int removed = 0;
+
+    /* Not when the file has changed since it was seen. */
+    void take(const std::filesystem::path& path, const struct stat& seen, const char* why);
+    [[nodiscard]] int status() const { return found > removed ? STATUS_REFUSED : 0; }
+};
 [[nodiscard]] bool is_unfinished(const std::filesystem::path& path);
 [[nodiscard]] long age_of(const struct stat& st); /* s since the last change */
 /* Text from outside without what commands a terminal. */

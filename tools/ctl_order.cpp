@@ -389,6 +389,18 @@ int cmd_get(std::span<char* const> args)
     return g_set.is_waiting ? wait_for_file(final_path(src, dst)) : 0;
 }
 
+int place_order(const std::string& src, const std::string& dst)
+{
+    const outcome o = try_ask(order_target(src, dst), answer_wait_ms(ANSWER_WAIT_SEC));
+    if (!o.is_late && o.err)
+        fail(STATUS_UNREACHABLE, g_set.agent + ": " + strerror(o.err));
+    if (o.is_late)
+        printf("%s: no answer: the agent hangs, or the source is silent\n", printable(dst).c_str());
+    else
+        printf("%s: %d %s\n", printable(dst).c_str(), o.code, meaning(o.code, src));
+    return o.is_late ? STATUS_GAVE_UP : status_of(o.code);
+}
+
 int cmd_send(std::span<char* const> args)
 {
     const std::string lid = args[0];
@@ -416,13 +428,12 @@ int cmd_send(std::span<char* const> args)
     return 0;
 }
 
-bool can_register()
+static void need_database()
 {
     if (g_set.prefix.empty())
         fail(STATUS_USAGE, "the configuration has no local_url_prefix: there is nothing to register");
     if (g_cfg.lbdb.port <= 0)
         fail(STATUS_USAGE, "the configuration has no lbdb: there is nowhere to register");
-    return true;
 }
 
 /* The agent answers 200 whatever the database says, after it has logged the database's refusal: what it logs from here on
@@ -455,9 +466,14 @@ int register_one(const std::string& dst)
 
 int cmd_register(std::span<char* const> args)
 {
+    need_database();
+    if (g_set.is_from_log)
+        return cmd_register_from_log(args);
+    if (args.empty())
+        fail(STATUS_USAGE, "register what? Name destinations, or --from-log");
     int status = 0;
-    for (size_t i = 0; can_register() && i < args.size(); ++i) {
-        const int rc = register_one(args[i]);
+    for (const char* dst : args) {
+        const int rc = register_one(dst);
         status = rc != 0 ? rc : status;
     }
     return status;

@@ -164,6 +164,12 @@ int run(ctl_cmd cmd, std::span<char* const> args)
         return cmd_sweep();
     case CTL_REGISTER:
         return cmd_register(args);
+    case CTL_LOST:
+        return cmd_lost(args);
+    case CTL_REPLAY:
+        return cmd_replay(args);
+    case CTL_EXPIRE:
+        return cmd_expire(args);
     }
     return STATUS_USAGE;
 }
@@ -204,6 +210,9 @@ int main(int argc, char* argv[])
             break;
         case 'd':
             g_set.is_deleting = true;
+            break;
+        case 'f':
+            g_set.is_from_log = true;
             break;
         case 'j':
             g_set.is_json = true;

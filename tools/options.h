@@ -31,7 +31,8 @@ inline constexpr tool_option CTL_OPTIONS[] = {
     {{"wait", no_argument, nullptr, 'w'}, nullptr, "until the file is stored"},
     {{"timeout", required_argument, nullptr, 't'}, "SECONDS", "of a wait: ping 2, ready 30, an answer 60, --wait 600"},
     {{"json", no_argument, nullptr, 'j'}, nullptr, "status as one JSON object"},
-    {{"delete", no_argument, nullptr, 'd'}, nullptr, "verify and sweep remove what they find"},
+    {{"delete", no_argument, nullptr, 'd'}, nullptr, "verify, sweep and expire remove what they find"},
+    {{"from-log", no_argument, nullptr, 'f'}, nullptr, "of register: what the logs tell of failed registrations"},
     {{"help", no_argument, nullptr, 'h'}, nullptr, "this text"},
 };
 
@@ -55,6 +56,9 @@ enum ctl_cmd {
     CTL_VERIFY,
     CTL_SWEEP,
     CTL_REGISTER,
+    CTL_LOST,
+    CTL_REPLAY,
+    CTL_EXPIRE,
 };
 
 inline constexpr ctl_command CTL_COMMANDS[] = {
@@ -66,7 +70,10 @@ inline constexpr ctl_command CTL_COMMANDS[] = {
     {"metrics", "", 0, 0, "the same as OpenMetrics text"},
     {"verify", "", 0, 0, "final files with fewer blocks than their size, as a power cut leaves them"},
     {"sweep", "", 0, 0, "unfinished files and locks older than 30 s that nobody holds"},
-    {"register", "DST...", 1, 10000, "registers files on disk again after the database lost them"},
+    {"register", "DST... | LOG...", 0, 10000, "registers files on disk again after the database lost them"},
+    {"lost", "[LOG...]", 0, 10000, "orders that a stop, a crash or a full disk has cut off after their answer"},
+    {"replay", "[LOG...]", 0, 10000, "places them again, with what is left of their expiry"},
+    {"expire", "[LOG...]", 0, 10000, "stored files whose expiry is over, and their entries in the database"},
 };
 
 /* getopt's tables of `options`: the long ones with their end, the letters. */

@@ -5,6 +5,7 @@ import json
 import os
 import re
 import resource
+import signal
 import socket
 import subprocess
 import time
@@ -253,7 +254,81 @@ class Ctl(KovTest):
     def test_help_names_every_command(self):
         status, out, _ = run("kovctl", "--help")
         self.assertEqual(status, 0)
-        self.assertEqual(re.findall(r"(?m)^  (\w+) ", out), ["ping", "ready", "get", "send", "status", "metrics", "verify", "sweep", "register"])
+        self.assertEqual(re.findall(r"(?m)^  (\w+) ", out), ["ping", "ready", "get", "send", "status", "metrics", "verify", "sweep", "register", "lost", "replay", "expire"])
+
+
+class FromTheLog(KovTest):
+    def setUp(self):
+        super().setUp()
+        self.database = Redis(self.new_root())
+        self.addCleanup(self.database.stop)
+        self.agent = self.start(self.database.settings(), options=("-L", "norm"))
+
+    def ctl(self, *args):
+        return run("kovctl", "-C", f"{self.agent.root}/kov.conf", *args)
+
+    def slow(self, path):
+        return self.origin.raw(path, b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc", lambda conn: (self.origin.stall(), conn.sendall(b"defghi")))
+
+    def restart(self, signo):
+        self.agent.stop(signo)
+        self.agent.run()
+        self.agent.wait_ready()
+
+    def test_what_was_cut_off_comes_back(self):
+        agent = self.agent
+        agent.order(self.origin.body("/good", b"good"), "good")
+        agent.order(self.origin.raw("/404", b"HTTP/1.1 404 Not Found\r\n\r\n"), "none")
+        agent.order(self.origin.raw("/broken", b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc"), "broken")
+        agent.wait_log("TASK-END", 3)
+        agent.order(self.slow("/stopped"), "v/stop%20ped%25", "?expiry=600")
+        agent.order(self.slow("/over"), "over", "?expiry=1")
+        self.assertRegex(self.ctl("lost")[1], rf"^http://\S+/broken -> {agent.data}/broken: broken, no expiry\n$")  # others run still
+        self.restart(signal.SIGTERM)
+        wait_for(lambda: "over: cut by a stop, over" in self.ctl("lost")[1], "the expiry's end")  # the next log's name tells another second
+        agent.order(self.slow("/crashed"), "crashed")
+        self.restart(signal.SIGKILL)
+        os.utime(agent.path("crashed-Kova"), (0, 0))
+        status, out, _ = self.ctl("lost")
+        self.assertEqual(status, 1)
+        self.assertEqual([re.sub(r"^\S+ -> |\d+(?= s)", "", line) for line in out.splitlines()],
+                         [f"{agent.data}/{what}" for what in ("broken: broken, no expiry", "crashed: cut by a crash, no expiry",
+                                                               "over: cut by a stop, over", "v/stop ped%: cut by a stop,  s left")])
+        self.origin.body("/broken", b"whole")
+        self.origin.released.set()
+        status, out, _ = self.ctl("replay")
+        self.assertEqual(status, 0, out)
+        for dst, body in (("broken", b"whole"), ("crashed", b"abcdefghi"), ("v/stop ped%", b"abcdefghi")):
+            self.assertEqual(agent.stored(dst), body)
+        agent.wait_log("TASK-END", 3)
+        self.assertEqual([line.split()[2] for line in self.ctl("lost")[1].splitlines()], [f"{agent.data}/over:"])
+
+    def test_registrations_that_failed(self):
+        agent = self.agent
+        self.database.stop()
+        agent.order(self.origin.body("/a", b"a"), "a", "?expiry=600")
+        agent.wait_log("TASK-END")
+        self.database.run()
+        self.assertEqual(self.ctl("register", "--from-log")[0], 7)  # its connection is gone for good
+        self.restart(signal.SIGTERM)
+        begin = time.time()
+        self.assertEqual(self.ctl("register", "--from-log")[:2], (0, "a: registered\n"))
+        self.assertLessEqual(float(self.database.urls("a")["http://me.example/a"]), begin + 600)
+
+    def test_files_whose_time_is_over(self):
+        agent = self.agent
+        for dst, expiry in (("short", 1), ("prolonged", 1), ("changed", 1), ("long", 600), ("ever", 0)):
+            agent.order(self.origin.body(f"/{dst}", b"x"), dst, f"?expiry={expiry}")
+        agent.wait_log("TASK-END", 5)
+        later = time.time() + 5
+        os.utime(agent.path("changed"), (later, later))
+        self.assertEqual(self.ctl("--expiry", "600", "register", "prolonged")[0], 0)
+        wait_for(lambda: self.ctl("expire")[:2] == (1, f"{agent.data}/short: its time is over\n"), "the end")
+        self.assertEqual(self.ctl("expire", "--delete")[0], 0)
+        self.assertEqual(agent.files(), ["changed", "ever", "long", "prolonged"])
+        self.assertNotIn("http://me.example/short", self.database.urls("short"))
+        self.database.stop()
+        self.assertEqual(self.ctl("expire")[0], 7)  # nobody can tell what was prolonged
 
 
 class LoadScripts(KovTest):
@@ -411,7 +486,7 @@ class Installed(KovTest):
         done = subprocess.run(["systemd-tmpfiles", f"--root={tree}", "--clean", f"{tree}/usr/lib/tmpfiles.d/kov.conf"], capture_output=True,
                               text=True, check=False, env={**os.environ, "LD_PRELOAD": FAKETIME, "FAKETIME": "+40d"})
         self.assertEqual(os.listdir(logs), ["kov.log"], done.stderr)
-        for name in ("systemd/system/kov@.service", "systemd/system/kov-watch.timer"):
+        for name in ("systemd/system/kov@.service", "systemd/system/kov-watch.timer", "systemd/system/kov-expire@.timer"):
             self.assertTrue(os.path.exists(f"{tree}/usr/lib/{name}"), name)
         for name in ("man/man8/kov.8", "man/man5/kov.conf.5", "man/man1/kovctl.1", "man/man8/kov-checkconf.8", "kov/load-scripts",
                      "kov/redis/add_url.lua"):
