@@ -35,8 +35,13 @@ install(FILES packaging/mtail/kov.mtail packaging/mtail/kov.rules.yml
 install(FILES packaging/redis/add_url.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/redis)
 install(FILES packaging/examples/fleet.conf packaging/examples/kov.conf
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
-install(FILES README.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(FILES docs/PROTOCOL.md docs/OPERATION.md docs/ARCHITECTURE.md docs/day.svg DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs)
+install(FILES SECURITY.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# The examples lie beside it there.
+install(CODE "file(READ \"${CMAKE_SOURCE_DIR}/README.md\" text)
+string(REPLACE \"packaging/examples/\" \"examples/\" text \"\${text}\")
+file(WRITE \"${CMAKE_BINARY_DIR}/README.md\" \"\${text}\")
+file(INSTALL \"${CMAKE_BINARY_DIR}/README.md\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATAROOTDIR}/doc/kov\")")
 # A configuration that somebody has edited stays; a prefix of a user's own gets none.
 install(CODE "if(CMAKE_INSTALL_PREFIX MATCHES \"^/usr\" AND NOT EXISTS \"\$ENV{DESTDIR}/etc/kov/kov.conf\")
   file(INSTALL \"${CMAKE_SOURCE_DIR}/packaging/examples/kov.conf\" DESTINATION \"/etc/kov\")

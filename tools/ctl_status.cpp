@@ -13,6 +13,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <fstream>
+#include <iterator>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -29,7 +30,7 @@ namespace
 {
 
 constexpr long SILENT_SEC = 30;
-constexpr long SAMPLE_MS = 100; /* over which bytes a second are measured */
+constexpr long SAMPLE_MS = 50; /* over which bytes a second are measured */
 constexpr int DIAG_WAIT_MS = 500;
 
 /* What the kernel knows of a connection's incoming side. */
@@ -140,11 +141,17 @@ std::optional<uint64_t> fd_limit_of(pid_t pid)
     return std::nullopt;
 }
 
-std::string listener_text(const net_socket& s, pid_t owner)
+/* A port may be shared: all is of the agent's network, own of the agent. */
+std::string listener_text(const net_socket& s, const std::vector<net_socket>& all, const std::set<ino_t>& own)
 {
     std::string text = printable(s.place());
-    for (const pid_t pid : who_listens({s.kind, s.host, s.port})) {
-        if (pid != owner)
+    const listening_place place = {s.kind, s.host, s.port};
+    if (std::none_of(all.begin(), all.end(),
+                     [&](const net_socket& other) { return place.is_served_by(other) && !own.contains(other.inode); }))
+        return text;
+    for (const pid_t pid : who_listens(place)) {
+        const std::set<ino_t> theirs = sockets_of(pid);
+        if (!theirs.contains(s.inode))
             text += ", shared with pid " + std::to_string(pid) + " (" + printable(name_of(pid)) + ")";
     }
     return text;
@@ -155,7 +162,11 @@ std::vector<net_socket> take_sockets(agent_state* a)
 {
     std::set<unsigned> ports;
     std::set<std::string> paths;
-    std::vector<net_socket> own = own_sockets(a->pid);
+    const std::set<ino_t> own_inodes = sockets_of(a->pid);
+    const std::vector<net_socket> all = net_sockets(a->pid);
+    std::vector<net_socket> own;
+    std::copy_if(all.begin(), all.end(), std::back_inserter(own),
+                 [&](const net_socket& s) { return own_inodes.contains(s.inode); });
     for (const net_socket& s : own) {
         if (!s.is_listening)
             continue;
@@ -163,7 +174,7 @@ std::vector<net_socket> take_sockets(agent_state* a)
             a->channels.push_back(s.place());
             continue;
         }
-        a->listeners.push_back(listener_text(s, a->pid));
+        a->listeners.push_back(listener_text(s, all, own_inodes));
         a->queued += s.kind == net_socket::STREAM ? s.waiting : 0;
         if (s.kind == net_socket::PATH)
             paths.insert(s.host);
@@ -248,7 +259,8 @@ void print_text(const agent_state& a)
         printf("channel: %s\n", c.c_str());
     printf("clients: %zu, %lu waiting\n", a.clients, a.queued);
     printf("downloads: %zu", a.downloads);
-    printf(g_cfg.max_tasks > 0 ? " of %zu" : "", g_cfg.max_tasks);
+    if (g_cfg.max_tasks > 0)
+        printf(" of %zu", g_cfg.max_tasks);
     if (a.rate)
         printf(", %lu bytes/s", *a.rate);
     printf("\ndescriptors: %zu of %s\n", a.fds, a.fd_limit ? std::to_string(*a.fd_limit).c_str() : "?");
@@ -363,7 +375,7 @@ void print_metrics(const agent_state& a)
     gauge("kov_downloads", "Downloads that run.", a.downloads);
     if (g_cfg.max_tasks > 0)
         gauge("kov_downloads_max", "Downloads that may run at once.", g_cfg.max_tasks);
-    gauge("kov_received_bytes_per_second", "From all sources, over a tenth of a second.", a.rate);
+    gauge("kov_received_bytes_per_second", "From all sources, over a twentieth of a second.", a.rate);
     gauge("kov_descriptors", "Descriptors in use.", a.fds);
     gauge("kov_descriptors_max", "Limit of descriptors.", a.fd_limit);
     gauge("kov_clients", "Clients that are connected.", a.clients);

@@ -285,7 +285,9 @@ class FromTheLog(KovTest):
         agent.order(self.slow("/over"), "over", "?expiry=1")
         self.assertRegex(self.ctl("lost")[1], rf"^http://\S+/broken -> {agent.data}/broken: broken, no expiry\n$")  # others run still
         self.restart(signal.SIGTERM)
-        wait_for(lambda: "over: cut by a stop, over" in self.ctl("lost")[1], "the expiry's end")  # the next log's name tells another second
+        wait_for(lambda: "over: cut by a stop, over" in self.ctl("lost")[1], "the expiry's end")
+        rotated = int(glob.glob(f"{agent.log_path}.*")[0].rsplit(".", 1)[1])
+        wait_for(lambda: time.time() > rotated + 1, "another second, by which the next log is named")
         agent.order(self.slow("/crashed"), "crashed")
         self.restart(signal.SIGKILL)
         os.utime(agent.path("crashed-Kova"), (0, 0))
@@ -329,6 +331,16 @@ class FromTheLog(KovTest):
         self.assertNotIn("http://me.example/short", self.database.urls("short"))
         self.database.stop()
         self.assertEqual(self.ctl("expire")[0], 7)  # nobody can tell what was prolonged
+
+
+class Firewall(unittest.TestCase):
+    def test_the_rules_of_the_page(self):
+        with open(f"{PACKAGING}/../SECURITY.md", encoding="utf-8") as f:
+            rules = "\n".join(re.findall(r"(?m)^ +(nft .*)", f.read()))
+        done = subprocess.run(["unshare", "-n", "sh", "-ec", f"PATH=$PATH:/usr/sbin; {rules}\nnft list ruleset"], capture_output=True, text=True, check=False)
+        if "not permitted" in done.stderr:
+            self.skipTest("no network namespace of its own here")
+        self.assertIn("udp dport 5000 ip saddr != 10.0.0.5 drop", done.stdout, done.stderr)
 
 
 class LoadScripts(KovTest):
@@ -486,6 +498,12 @@ class Installed(KovTest):
         done = subprocess.run(["systemd-tmpfiles", f"--root={tree}", "--clean", f"{tree}/usr/lib/tmpfiles.d/kov.conf"], capture_output=True,
                               text=True, check=False, env={**os.environ, "LD_PRELOAD": FAKETIME, "FAKETIME": "+40d"})
         self.assertEqual(os.listdir(logs), ["kov.log"], done.stderr)
+        pages = glob.glob(f"{tree}/usr/share/doc/kov/**/*.md", recursive=True)
+        self.assertGreater(len(pages), 5)
+        for page in pages:
+            with open(page, encoding="utf-8") as f:
+                for link in re.findall(r"\]\((?!http)([^)#]+)\)", f.read()):
+                    self.assertTrue(os.path.exists(os.path.join(os.path.dirname(page), link)), f"{page}: {link}")
         for name in ("systemd/system/kov@.service", "systemd/system/kov-watch.timer", "systemd/system/kov-expire@.timer"):
             self.assertTrue(os.path.exists(f"{tree}/usr/lib/{name}"), name)
         for name in ("man/man8/kov.8", "man/man5/kov.conf.5", "man/man1/kovctl.1", "man/man8/kov-checkconf.8", "kov/load-scripts",
