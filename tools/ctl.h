@@ -71,7 +71,8 @@ extern ctl_settings g_set;
    the only one of that name. */
 struct found_agent {
     std::optional<pid_t> pid;
-    std::string why_not; /* without a pid */
+    std::string why_not;    /* without a pid */
+    bool is_hidden = false; /* there may be one, but this user may not look */
 };
 [[nodiscard]] found_agent find_agent();
 [[noreturn]] void fail_blind(pid_t pid);

@@ -35,6 +35,11 @@ bool listens(pid_t pid)
     });
 }
 
+std::string blind_text(pid_t pid)
+{
+    return "may not look into the agent (pid " + std::to_string(pid) + "): run as root";
+}
+
 std::string places_text()
 {
     std::string text;
@@ -55,7 +60,7 @@ std::string pids_text(const std::vector<pid_t>& pids)
 
 void fail_blind(pid_t pid)
 {
-    fail(STATUS_REFUSED, "may not look into the agent (pid " + std::to_string(pid) + "): run as root");
+    fail(STATUS_REFUSED, blind_text(pid));
 }
 
 found_agent find_agent()
@@ -68,8 +73,8 @@ found_agent find_agent()
     std::vector<pid_t> agents = all_pids();
     std::erase_if(agents, [](pid_t pid) { return !is_agent(pid); });
     for (const pid_t pid : agents) {
-        if (!g_set.places.empty() && !descriptors_of(pid))
-            fail_blind(pid); /* it may be the one */
+        if (!g_set.places.empty() && !descriptors_of(pid)) /* it may be the one */
+            return {std::nullopt, blind_text(pid), true};
     }
     if (!g_set.places.empty())
         std::erase_if(agents, [](pid_t pid) { return !listens(pid); });

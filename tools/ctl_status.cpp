@@ -395,7 +395,7 @@ int cmd_status()
 {
     const found_agent agent = find_agent();
     if (!agent.pid)
-        fail(STATUS_UNREACHABLE, agent.why_not);
+        fail(agent.is_hidden ? STATUS_REFUSED : STATUS_UNREACHABLE, agent.why_not);
     const agent_state a = look_at(*agent.pid);
     if (g_set.is_json)
         print_json(a);
@@ -408,6 +408,8 @@ int cmd_status()
 int cmd_metrics()
 {
     const found_agent agent = find_agent();
+    if (agent.is_hidden)
+        fail(STATUS_REFUSED, agent.why_not);
     g_label = "agent=" + label(g_set.config.empty() ? "kov" : fs::path(g_set.config).stem().native());
     gauge("kov_up", "Whether the agent's process is there.", agent.pid ? 1 : 0);
     if (agent.pid)

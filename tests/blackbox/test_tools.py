@@ -235,6 +235,11 @@ class Ctl(KovTest):
         text = self.ctl("metrics")[1]
         self.assertRegex(text, r"(?s)^(# (TYPE|HELP) kov_\w+ [^\n]+\n|kov_\w+\{[^\n]*\} \d+\n)+# EOF\n$")
         self.assertIn('\nkov_downloads{agent="kov"} 1\n', text)
+        if os.geteuid() == 0:  # another user must not read that there is no agent
+            for command in ("status", "metrics"):
+                done = subprocess.run([f"{BIN}/kovctl", "-C", f"{self.agent.root}/kov.conf", command], capture_output=True, text=True,
+                                      check=False, user=65534)
+                self.assertEqual((done.returncode, "run as root" in done.stderr, done.stdout), (1, True, ""))
         status, out, _ = self.ctl("verify")
         self.assertEqual((status, out), (1, f"{self.agent.path('sparse')}: has fewer blocks than its size\n"))
         os.symlink(self.agent.data, f"{self.root}/link")
