@@ -1,5 +1,5 @@
-/* What a configuration means beside this machine's limits, places and processes: things that the agent takes without a word
-   and that are hardly meant. */
+/* What a configuration means beside this machine's limits, places and processes: things that the agent takes without a
+   word and that are hardly meant. */
 #include "check.h"
 
 #include "cfg.h"

@@ -67,8 +67,8 @@ extern ctl_settings g_set;
 
 /* ---- the agent's process (ctl_proc.cpp) ---- */
 
-/* The process: --pid's, else the one that listens where the configuration says, else, when it says nothing, the pid file's or
-   the only one of that name. */
+/* The process: --pid's, else the one that listens where the configuration says, else, when it says nothing, the pid
+   file's or the only one of that name. */
 struct found_agent {
     std::optional<pid_t> pid;
     std::string why_not;    /* without a pid */

@@ -1,6 +1,6 @@
-/* What the agent's log tells of orders: those that a stop, a crash or a full disk cut off after their sender had his answer,
-   registrations that failed, files whose time is over. The lines of level norm are enough. A line can be forged by whoever may
-   place orders; it gives him no more than an order of his own would. */
+/* What the agent's log tells of orders: those that a stop, a crash or a full disk cut off after their sender had his
+   answer, registrations that failed, files whose time is over. The lines of level norm are enough. A line can be forged by
+   whoever may place orders; it gives him no more than an order of his own would. */
 #include "ctl.h"
 
 #include "cfg.h"
@@ -481,8 +481,8 @@ int cmd_register_from_log(std::span<char* const> args)
     return status;
 }
 
-/* The log says what is over, the database whether somebody has prolonged it. The entry goes before the file, so that no reader
-   is sent to a file that is gone. */
+/* The log says what is over, the database whether somebody has prolonged it. The entry goes before the file, so that no
+   reader is sent to a file that is gone. */
 int cmd_expire(std::span<char* const> args)
 {
     history h;

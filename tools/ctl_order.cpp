@@ -436,8 +436,8 @@ static void need_database()
         fail(STATUS_USAGE, "the configuration has no lbdb: there is nowhere to register");
 }
 
-/* The agent answers 200 whatever the database says, after it has logged the database's refusal: what it logs from here on
-   tells. */
+/* The agent answers 200 whatever the database says, after it has logged the database's refusal: what it logs from here
+   on tells. */
 int register_one(const std::string& dst)
 {
     struct stat st {

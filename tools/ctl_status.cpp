@@ -1,5 +1,5 @@
-/* The state of an agent: for a reader, as JSON, as metrics. All of it is the kernel's: sockets and open files of the process.
-   The agent itself is not asked, so a hung one can be looked at, too. */
+/* The state of an agent: for a reader, as JSON, as metrics. All of it is the kernel's: sockets and open files of the
+   process. The agent itself is not asked, so a hung one can be looked at, too. */
 #include "ctl.h"
 
 #include "cfg.h"

@@ -30,7 +30,8 @@ std::string host_and_port(const std::string& host, unsigned port)
     return (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" + std::to_string(port);
 }
 
-/* "0100007F", each 32 bits of the address as the number that they are in memory. An IPv4 address in an IPv6 socket is one. */
+/* "0100007F", each 32 bits of the address as the number that they are in memory. An IPv4 address in an IPv6 socket is
+   one. */
 std::string address_text(std::string_view hex)
 {
     std::array<uint32_t, 4> words{};
