@@ -1,11 +1,14 @@
-/* The rooms of kovctl: what it was told, orders, the agent's process, the agent's files. */
+/* The rooms of kovctl: what it was told, orders, the agent's process, its state, its files. */
 #pragma once
+
+#include "procfs.h"
 
 #include <filesystem>
 #include <optional>
 #include <set>
 #include <span>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <utility>
@@ -13,11 +16,17 @@
 
 constexpr int STATUS_REFUSED = 1; /* by the agent, or something was found or failed */
 constexpr int STATUS_USAGE = 2;
-constexpr int STATUS_UNREACHABLE = 3;
+constexpr int STATUS_UNREACHABLE = 3;  /* no agent there */
+constexpr int STATUS_EXISTS = 4;       /* the destination is there already */
+constexpr int STATUS_GAVE_UP = 5;      /* a wait was too long */
+constexpr int STATUS_SOURCE = 6;       /* the source has refused */
+constexpr int STATUS_UNREGISTERED = 7; /* the database has not taken it, or nobody can tell */
 
 /* From the options, then, for what they do not say, from the configuration; empty where neither says it. */
 struct ctl_settings {
-    std::string agent; /* host:port of a web listener, or the path of a Unix-domain one */
+    std::string config;                  /* its file, empty: none was found */
+    std::string agent;                   /* host:port of a web listener, or the path of a Unix-domain one */
+    std::vector<listening_place> places; /* where the agent's process listens; empty: nothing is known of it */
     std::string channel;
     std::string channel_source; /* the one sender that a source-specific group hears */
     std::string channel_ifc;
@@ -26,7 +35,9 @@ struct ctl_settings {
     std::string prefix; /* local_url_prefix */
     pid_t pid = 0;
     std::string expiry;
-    long timeout = 600; /* s */
+    std::optional<long> timeout; /* s; each wait has its own default */
+    bool is_json = false;
+    bool is_from_log = false;
     bool is_waiting = false;
     bool is_deleting = false;
 };
@@ -39,31 +50,66 @@ extern ctl_settings g_set;
 /* ---- orders (ctl_order.cpp); each returns the program's status ---- */
 
 [[nodiscard]] int cmd_ping();
+[[nodiscard]] int cmd_ready();
 [[nodiscard]] int cmd_get(std::span<char* const> args);
 [[nodiscard]] int cmd_send(std::span<char* const> args);
 [[nodiscard]] int cmd_register(std::span<char* const> args);
+/* One order over HTTP, one registration: said on standard output, the program's status. */
+[[nodiscard]] int place_order(const std::string& src, const std::string& dst);
+[[nodiscard]] int register_one(const std::string& dst);
+
+/* ---- what the log tells (ctl_log.cpp); the arguments are logs, none: the configuration's ---- */
+
+[[nodiscard]] int cmd_lost(std::span<char* const> args);
+[[nodiscard]] int cmd_replay(std::span<char* const> args);
+[[nodiscard]] int cmd_register_from_log(std::span<char* const> args);
+[[nodiscard]] int cmd_expire(std::span<char* const> args);
 
 /* ---- the agent's process (ctl_proc.cpp) ---- */
 
-[[nodiscard]] int cmd_status();
-
-/* The process: --pid's, the pid file's, or the only one of that name. */
+/* The process: --pid's, else the one that listens where the configuration says, else, when it says nothing, the pid
+   file's or the only one of that name. */
 struct found_agent {
     std::optional<pid_t> pid;
-    std::string why_not; /* without a pid */
+    std::string why_not;    /* without a pid */
+    bool is_hidden = false; /* there may be one, but this user may not look */
 };
 [[nodiscard]] found_agent find_agent();
+[[noreturn]] void fail_blind(pid_t pid);
 
-/* How far the process has written the file, in bytes, if it writes by position and not through a mapping. */
-[[nodiscard]] std::optional<uint64_t> position_in(pid_t pid, const std::filesystem::path& path);
+/* A file that a process is writing. */
+struct written_file {
+    std::filesystem::path path;
+    struct stat st {
+    };
+    uint64_t position = 0; /* 0 also while a mapping is written to */
+};
+/* The unfinished files that the process has open; none if its descriptors may not be seen. */
+[[nodiscard]] std::optional<std::vector<written_file>> files_written_by(pid_t pid);
 
 /* The files that processes have open, by device and inode. Fails when an agent may not be looked into. */
 using held_files = std::set<std::pair<dev_t, ino_t>>;
 [[nodiscard]] held_files all_held_files();
 
+/* ---- its state (ctl_status.cpp) ---- */
+
+[[nodiscard]] int cmd_status();
+[[nodiscard]] int cmd_metrics();
+
 /* ---- files (ctl_files.cpp) ---- */
 
 [[nodiscard]] int cmd_verify();
 [[nodiscard]] int cmd_sweep();
+/* Lists files, and with --delete removes them. */
+struct removal {
+    int found = 0;
+    int removed = 0;
+
+    /* Not when the file has changed since it was seen. */
+    void take(const std::filesystem::path& path, const struct stat& seen, const char* why);
+    [[nodiscard]] int status() const { return found > removed ? STATUS_REFUSED : 0; }
+};
 [[nodiscard]] bool is_unfinished(const std::filesystem::path& path);
-void print_unfinished();
+[[nodiscard]] long age_of(const struct stat& st); /* s since the last change */
+/* Text from outside without what commands a terminal. */
+[[nodiscard]] std::string printable(std::string_view text);

@@ -3,6 +3,7 @@
 #include "data.h"
 #include "lock.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -13,11 +14,6 @@ namespace fs = std::filesystem;
 
 namespace
 {
-
-long age_of(const struct stat& st)
-{
-    return static_cast<long>(time(nullptr) - st.st_mtime);
-}
 
 /* Every regular file below the data directory; what vanishes or may not be entered on the way is passed by. */
 template <class F>
@@ -48,31 +44,6 @@ void each_file(F&& f)
     }
 }
 
-/* Lists, and with --delete removes. */
-struct removal {
-    int found = 0;
-    int removed = 0;
-
-    void take(const fs::path& path, const struct stat& seen, const char* why)
-    {
-        struct stat now {
-        };
-        if (lstat(path.c_str(), &now) != 0 || now.st_ino != seen.st_ino || now.st_dev != seen.st_dev ||
-            now.st_mtime != seen.st_mtime)
-            return; /* an agent has just taken it over */
-        ++found;
-        if (!g_set.is_deleting) {
-            printf("%s: %s\n", path.c_str(), why);
-        } else if (unlink(path.c_str()) == 0) {
-            ++removed;
-            printf("removed %s: %s\n", path.c_str(), why);
-        } else {
-            fprintf(stderr, "kovctl: %s: %s\n", path.c_str(), strerror(errno));
-        }
-    }
-    [[nodiscard]] int status() const { return found > removed ? STATUS_REFUSED : 0; }
-};
-
 /* The directory may be everybody's (/tmp): a lock is an empty file of the agent's own user, named by a lock id. */
 bool is_lapsed_lock(const fs::path& path, uid_t agent, struct stat* lock)
 {
@@ -99,13 +70,35 @@ bool is_unfinished(const fs::path& path)
     return std::string_view(path.native()).ends_with(UNFINISHED_SFX);
 }
 
-void print_unfinished()
+long age_of(const struct stat& st)
 {
-    each_file([](const fs::path& path, const struct stat& st) {
-        if (is_unfinished(path))
-            printf("unfinished: %s, %jd bytes, %ld s since its last change\n", path.c_str(),
-                   static_cast<intmax_t>(st.st_size), age_of(st));
-    });
+    return std::max(0L, static_cast<long>(time(nullptr) - st.st_mtime));
+}
+
+std::string printable(std::string_view text)
+{
+    std::string out(text);
+    std::replace_if(
+        out.begin(), out.end(), [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7f; }, '?');
+    return out;
+}
+
+void removal::take(const fs::path& path, const struct stat& seen, const char* why)
+{
+    struct stat now {
+    };
+    if (lstat(path.c_str(), &now) != 0 || now.st_ino != seen.st_ino || now.st_dev != seen.st_dev ||
+        now.st_mtime != seen.st_mtime)
+        return; /* an agent has just taken it over */
+    ++found;
+    if (!g_set.is_deleting) {
+        printf("%s: %s\n", printable(path.native()).c_str(), why);
+    } else if (unlink(path.c_str()) == 0) {
+        ++removed;
+        printf("removed %s: %s\n", printable(path.native()).c_str(), why);
+    } else {
+        fprintf(stderr, "kovctl: %s: %s\n", path.c_str(), strerror(errno));
+    }
 }
 
 /* A power cut may leave final files whose blocks never reached the disk. */

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,14 +26,13 @@ namespace fs = std::filesystem;
 namespace
 {
 
-constexpr int ANSWER_WAIT_MS = 60000;
-constexpr int CONNECT_WAIT_MS = 10000;
+constexpr long ANSWER_WAIT_SEC = 60;
+constexpr long PING_WAIT_SEC = 2;
+constexpr long READY_WAIT_SEC = 30;
+constexpr long FILE_WAIT_SEC = 600;
 constexpr size_t ORDER_PATH_MAX = 127; /* of a datagram's URL, from the host on */
 
-struct free_addrinfo {
-    void operator()(addrinfo* ai) const noexcept { freeaddrinfo(ai); }
-};
-using addrinfo_ptr = std::unique_ptr<addrinfo, free_addrinfo>;
+using addrinfo_ptr = std::unique_ptr<addrinfo, releaser<freeaddrinfo>>;
 
 /* "host:port" or "[host]:port". */
 addrinfo_ptr resolve(const std::string& text, int socktype)
@@ -51,12 +51,18 @@ addrinfo_ptr resolve(const std::string& text, int socktype)
     return addrinfo_ptr(ai);
 }
 
+/* Of the answer to come, and of the connection before it. */
+long answer_wait_ms(long usual_sec)
+{
+    return std::min(g_set.timeout.value_or(usual_sec), 86400L) * 1000;
+}
+
 /* A connected socket, or -1 with errno. */
-int connect_to(int family, const sockaddr* address, socklen_t len)
+int connect_to(int family, const sockaddr* address, socklen_t len, long wait_ms)
 {
     const int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd >= 0)
-        (void)set_send_timeout(fd, CONNECT_WAIT_MS); /* bounds the connect, too */
+        (void)set_send_timeout(fd, wait_ms); /* bounds the connect, too */
     if (fd >= 0 && connect(fd, address, len) == 0)
         return fd;
     const int err = errno;
@@ -72,7 +78,8 @@ bool is_path(const std::string& agent)
     return agent.starts_with('/') || agent.starts_with('.');
 }
 
-int connect_agent()
+/* As connect_to. */
+int connect_agent(long wait_ms)
 {
     if (g_set.agent.empty())
         fail(STATUS_USAGE, "no agent given: name its configuration (-C) or its listener (-a)");
@@ -82,36 +89,54 @@ int connect_agent()
         sun.sun_family = AF_UNIX;
         if (!copy_text(sun.sun_path, sizeof(sun.sun_path), g_set.agent))
             fail(STATUS_USAGE, g_set.agent + ": too long for a socket");
-        fd = connect_to(AF_UNIX, reinterpret_cast<const sockaddr*>(&sun), sizeof(sun));
-    } else {
-        const auto list = resolve(g_set.agent, SOCK_STREAM);
-        for (const addrinfo* ai = list.get(); ai && fd < 0; ai = ai->ai_next)
-            fd = connect_to(ai->ai_family, ai->ai_addr, ai->ai_addrlen);
+        return connect_to(AF_UNIX, reinterpret_cast<const sockaddr*>(&sun), sizeof(sun), wait_ms);
     }
-    if (fd < 0)
-        fail(STATUS_UNREACHABLE, g_set.agent + ": " + strerror(errno));
+    const auto list = resolve(g_set.agent, SOCK_STREAM);
+    for (const addrinfo* ai = list.get(); ai && fd < 0; ai = ai->ai_next)
+        fd = connect_to(ai->ai_family, ai->ai_addr, ai->ai_addrlen, wait_ms);
     return fd;
 }
 
-/* The status of the answer; 0 when the agent closed without one. */
-int ask(const std::string& target)
+/* What became of a request. */
+struct outcome {
+    int code = 0; /* the answer's status; 0: closed without one */
+    bool is_late = false;
+    int err = 0; /* errno: no agent there */
+};
+
+outcome try_ask(const std::string& target, long wait_ms)
 {
     /* The agent looks at a request from its 32nd byte on, so it is never shorter. */
     const std::string head = "GET " + target + " HTTP/1.1\r\nHost: " + (is_path(g_set.agent) ? "local" : g_set.agent) +
                              "\r\nUser-Agent: kovctl\r\n\r\n";
     if (head.size() > HEAD_MAX - 1)
         fail(STATUS_REFUSED, "too long: a request has at most " + std::to_string(HEAD_MAX - 1) + " bytes");
-    const int fd = connect_agent();
+    const int fd = connect_agent(wait_ms);
+    if (fd < 0) /* a listener whose queue is full or whose host is silent is there, but late */
+        return {.is_late = errno == EINPROGRESS || errno == EAGAIN || errno == ETIMEDOUT, .err = errno};
     const scope_guard close_fd([fd] { close(fd); });
     if (send(fd, head.data(), head.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(head.size()))
-        fail(STATUS_UNREACHABLE, g_set.agent + ": " + strerror(errno));
+        return {.err = errno};
     pollfd p = {fd, POLLIN, 0};
-    if (poll(&p, 1, ANSWER_WAIT_MS) <= 0)
-        fail(STATUS_REFUSED, "no answer within a minute: the source is silent, or the agent hangs");
+    if (poll(&p, 1, static_cast<int>(wait_ms)) <= 0)
+        return {.is_late = true};
     std::array<char, 64> answer{};
     const ssize_t n = recv(fd, answer.data(), answer.size() - 1, 0);
     int code = 0;
-    return n > 0 && sscanf(answer.data(), "HTTP/1.%*d %d", &code) == 1 ? code : 0; // NOLINT(cert-err34-c)
+    return {.code = n > 0 && sscanf(answer.data(), "HTTP/1.%*d %d", &code) == 1 ? code : 0}; // NOLINT(cert-err34-c)
+}
+
+/* The status of the answer; 0 when the agent closed without one. */
+int ask(const std::string& target, long usual_sec)
+{
+    const long wait_ms = answer_wait_ms(usual_sec);
+    const outcome o = try_ask(target, wait_ms);
+    if (o.is_late)
+        fail(STATUS_GAVE_UP, g_set.agent + ": no answer within " + std::to_string(wait_ms / 1000) +
+                                 " s: the agent hangs, or the source is silent");
+    if (o.err)
+        fail(STATUS_UNREACHABLE, g_set.agent + ": " + strerror(o.err));
+    return o.code;
 }
 
 /* Text as a part of an order's path: bytes that would end it or that decoding would change are escaped, and so is the
@@ -172,6 +197,24 @@ const char* meaning(int code, const std::string& src)
     }
 }
 
+/* The program's status after such an answer to an order. */
+int status_of(int code)
+{
+    switch (code) {
+    case 200:
+        return 0;
+    case 403:
+        return STATUS_EXISTS;
+    case 0:
+    case 204:
+    case 400:
+    case 500:
+        return STATUS_REFUSED;
+    default:
+        return STATUS_SOURCE;
+    }
+}
+
 /* Where the file of an order will be. */
 fs::path final_path(const std::string& src, std::string dst)
 {
@@ -191,12 +234,14 @@ void show_progress(const fs::path& unfinished, long seconds)
     if (stat(unfinished.c_str(), &st) != 0)
         return;
     constexpr uint64_t WIDTH = 40;
-    const auto pos = agent.pid ? position_in(*agent.pid, unfinished) : std::nullopt;
+    uint64_t pos = 0;
+    for (const written_file& f : files_written_by(agent.pid.value_or(0)).value_or(std::vector<written_file>{}))
+        pos = f.st.st_ino == st.st_ino && f.st.st_dev == st.st_dev ? f.position : pos;
     const auto size = static_cast<uint64_t>(st.st_size);
-    if (pos && size > 0) {
-        const auto done = static_cast<size_t>(std::min(*pos, size) * WIDTH / size);
+    if (pos > 0 && size > 0) {
+        const auto done = static_cast<size_t>(std::min(pos, size) * WIDTH / size);
         fprintf(stderr, "\r[%s%s] %3lu%%", std::string(done, '#').c_str(), std::string(WIDTH - done, '.').c_str(),
-                *pos * 100 / size);
+                pos * 100 / size);
     } else {
         fprintf(stderr, "\r%ld s, %lu bytes announced", seconds, size);
     }
@@ -206,7 +251,8 @@ int wait_for_file(const fs::path& path)
 {
     const fs::path unfinished = path.native() + UNFINISHED_SFX;
     const bool is_tty = isatty(STDERR_FILENO) != 0;
-    for (long tenth = 0; tenth < g_set.timeout * 10; ++tenth) {
+    const long wait_sec = g_set.timeout.value_or(FILE_WAIT_SEC);
+    for (long tenth = 0; tenth < wait_sec * 10; ++tenth) {
         struct stat st {
         };
         const bool is_there = stat(path.c_str(), &st) == 0;
@@ -227,8 +273,55 @@ int wait_for_file(const fs::path& path)
             printf("waiting: %ld s\n", (tenth + 1) / 10);
         usleep(100000);
     }
-    printf("gave up after %ld s\n", g_set.timeout);
-    return STATUS_REFUSED;
+    printf("gave up after %ld s\n", wait_sec);
+    return STATUS_GAVE_UP;
+}
+
+/* The channel's socket, of the one process that is meant. */
+bool serves_channel()
+{
+    const found_agent agent = find_agent();
+    if (!agent.pid)
+        return false;
+    const std::vector<net_socket> own = own_sockets(*agent.pid);
+    return std::any_of(own.begin(), own.end(), [](const net_socket& s) { return s.kind == net_socket::DATAGRAM; });
+}
+
+using file_ptr = std::unique_ptr<FILE, releaser<fclose>>;
+
+/* Null when the log is no file that can be read. */
+file_ptr open_log(int whence)
+{
+    struct stat st {
+    };
+    if (stat(g_cfg.log.path, &st) != 0 || !S_ISREG(st.st_mode))
+        return nullptr;
+    file_ptr log(fopen(g_cfg.log.path, "re"));
+    if (log && fseek(log.get(), 0, whence) != 0)
+        log.reset();
+    return log;
+}
+
+std::string rest_of(FILE* file)
+{
+    std::string text;
+    std::array<char, 65536> buf{};
+    for (size_t n = 0; file && (n = fread(buf.data(), 1, buf.size(), file)) > 0;)
+        text.append(buf.data(), n);
+    return text;
+}
+
+/* What was logged since `log` was opened, also in the file that has taken its place meanwhile. */
+std::string logged_since(FILE* log)
+{
+    struct stat was {
+    };
+    struct stat now {
+    };
+    std::string text = rest_of(log);
+    if (fstat(fileno(log), &was) == 0 && stat(g_cfg.log.path, &now) == 0 && was.st_ino != now.st_ino)
+        text += rest_of(open_log(SEEK_SET).get());
+    return text;
 }
 
 bool is_any_ifc(const std::string& text)
@@ -259,9 +352,26 @@ void choose_way(int fd, const addrinfo* to)
 
 int cmd_ping()
 {
-    const int code = ask("/");
+    const int code = ask("/", PING_WAIT_SEC);
     printf("%s: %s\n", g_set.agent.c_str(), code == 204 ? "alive" : "answers, but not like an agent");
     return code == 204 ? 0 : STATUS_REFUSED;
+}
+
+/* An agent that has only a channel cannot be asked; it takes orders from the moment its socket is there. */
+int cmd_ready()
+{
+    const bool is_asked = !g_set.agent.empty();
+    const long wait_sec = g_set.timeout.value_or(READY_WAIT_SEC);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(wait_sec);
+    while (is_asked ? try_ask("/", PING_WAIT_SEC * 1000).code != 204 : !serves_channel()) {
+        if (g_set.pid > 0 && !is_agent(g_set.pid))
+            fail(STATUS_UNREACHABLE, "process " + std::to_string(g_set.pid) + " is no agent, or has ended");
+        if (std::chrono::steady_clock::now() >= deadline)
+            fail(STATUS_GAVE_UP, "not ready within " + std::to_string(wait_sec) + " s; the agent's log says why");
+        usleep(50000);
+    }
+    printf("%s: ready\n", is_asked ? g_set.agent.c_str() : g_set.channel.c_str());
+    return 0;
 }
 
 int cmd_get(std::span<char* const> args)
@@ -272,11 +382,23 @@ int cmd_get(std::span<char* const> args)
         fail(STATUS_USAGE, "no data directory to watch: name the configuration (-C) or the directory (-D)");
     if (src.find('?') != std::string::npos)
         fputs("kovctl: the agent fetches the source without its query\n", stderr);
-    const int code = ask(order_target(src, dst));
+    const int code = ask(order_target(src, dst), ANSWER_WAIT_SEC);
     printf("%d %s\n", code, meaning(code, src));
     if (code != 200)
-        return STATUS_REFUSED;
+        return status_of(code);
     return g_set.is_waiting ? wait_for_file(final_path(src, dst)) : 0;
+}
+
+int place_order(const std::string& src, const std::string& dst)
+{
+    const outcome o = try_ask(order_target(src, dst), answer_wait_ms(ANSWER_WAIT_SEC));
+    if (!o.is_late && o.err)
+        fail(STATUS_UNREACHABLE, g_set.agent + ": " + strerror(o.err));
+    if (o.is_late)
+        printf("%s: no answer: the agent hangs, or the source is silent\n", printable(dst).c_str());
+    else
+        printf("%s: %d %s\n", printable(dst).c_str(), o.code, meaning(o.code, src));
+    return o.is_late ? STATUS_GAVE_UP : status_of(o.code);
 }
 
 int cmd_send(std::span<char* const> args)
@@ -306,25 +428,53 @@ int cmd_send(std::span<char* const> args)
     return 0;
 }
 
-int cmd_register(std::span<char* const> args)
+static void need_database()
 {
     if (g_set.prefix.empty())
         fail(STATUS_USAGE, "the configuration has no local_url_prefix: there is nothing to register");
     if (g_cfg.lbdb.port <= 0)
         fail(STATUS_USAGE, "the configuration has no lbdb: there is nowhere to register");
+}
+
+/* The agent answers 200 whatever the database says, after it has logged the database's refusal: what it logs from here
+   on tells. */
+int register_one(const std::string& dst)
+{
+    struct stat st {
+    };
+    if (!g_set.data_dir.empty() && stat(final_path("", dst).c_str(), &st) != 0 && errno == ENOENT) {
+        printf("%s: not in %s\n", dst.c_str(), g_set.data_dir.c_str());
+        return STATUS_REFUSED;
+    }
+    const file_ptr log = open_log(SEEK_END);
+    const int code = ask(order_target(g_set.prefix + "/" + dst, dst), ANSWER_WAIT_SEC);
+    if (code != 200) {
+        printf("%s: %s\n", dst.c_str(), meaning(code, g_set.prefix));
+        return status_of(code);
+    }
+    if (!log) {
+        printf("%s: asked for; there is no log file here that tells what the database said\n", dst.c_str());
+        return STATUS_UNREGISTERED;
+    }
+    if (logged_since(log.get()).find("add_lbdb_url: failed to add [" + dst + "]\n") != std::string::npos) {
+        printf("%s: NOT registered: the database has refused it or is gone; the agent's log says which\n", dst.c_str());
+        return STATUS_UNREGISTERED;
+    }
+    printf("%s: registered\n", dst.c_str());
+    return 0;
+}
+
+int cmd_register(std::span<char* const> args)
+{
+    need_database();
+    if (g_set.is_from_log)
+        return cmd_register_from_log(args);
+    if (args.empty())
+        fail(STATUS_USAGE, "register what? Name destinations, or --from-log");
     int status = 0;
     for (const char* dst : args) {
-        struct stat st {
-        };
-        if (!g_set.data_dir.empty() && stat(final_path("", dst).c_str(), &st) != 0 && errno == ENOENT) {
-            printf("%s: not in %s\n", dst, g_set.data_dir.c_str());
-            status = STATUS_REFUSED;
-            continue;
-        }
-        const int code = ask(order_target(g_set.prefix + "/" + dst, dst));
-        printf("%s: %s\n", dst,
-               code == 200 ? "registered, unless the agent's log says otherwise" : meaning(code, g_set.prefix));
-        status = code == 200 ? status : STATUS_REFUSED;
+        const int rc = register_one(dst);
+        status = rc != 0 ? rc : status;
     }
     return status;
 }

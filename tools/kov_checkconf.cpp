@@ -1,5 +1,7 @@
 /* Checks a configuration before an agent is restarted with it: loads it with the agent's own loader, prints the dump, then
    says what the agent itself cannot say. */
+#include "check.h"
+
 #include "cfg.h"
 #include "config.h"
 #include "guard.h"
@@ -25,6 +27,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+static int g_warnings = 0;
+
+void warn(const char* format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    fputs("warning: ", stdout);
+    vprintf(format, ap);
+    fputs("\n", stdout);
+    va_end(ap);
+    ++g_warnings;
+}
+
 namespace
 {
 
@@ -37,19 +52,6 @@ constexpr size_t MANY_TASKS = 100'000'000; /* no machine has the memory */
 constexpr size_t FDS_A_LISTENER = 1001;    /* with its longest queue */
 constexpr size_t FDS_OF_ITS_OWN = 16;
 constexpr size_t SHA1_LEN = 40;
-
-int g_warnings = 0;
-
-[[gnu::format(printf, 1, 2)]] void warn(const char* format, ...)
-{
-    va_list ap;
-    va_start(ap, format);
-    fputs("warning: ", stdout);
-    vprintf(format, ap);
-    fputs("\n", stdout);
-    va_end(ap);
-    ++g_warnings;
-}
 
 /* ---- the file's text ---- */
 
@@ -248,8 +250,20 @@ void check_channel(const kova_cfg& cfg)
             warn("lock_dir %s is a temporary place: others can hold or clear locks there", cfg.udp_cha.lkdir);
     }
     if (!is_writable_dir(cfg, cfg.udp_cha.lkdir))
-        warn("lock_dir %s cannot be written to by the agent's user: orders go on without their locks",
+        warn("lock_dir %s is missing, or cannot be written to by the agent's user: orders go on without their locks",
              cfg.udp_cha.lkdir);
+}
+
+/* Where the agent makes files of its own besides the data. */
+void check_dir_of(const kova_cfg& cfg, const char* key, const char* path)
+{
+    if (!path[0] || path[0] == '|')
+        return;
+    const std::string_view text = path;
+    const size_t slash = text.rfind('/');
+    const std::string dir(slash == std::string_view::npos ? "." : slash == 0 ? "/" : text.substr(0, slash));
+    if (!is_writable_dir(cfg, dir.c_str()))
+        warn("%s: the directory %s is missing, or cannot be written to by the agent's user", key, dir.c_str());
 }
 
 void check_digests(const kova_cfg& cfg)
@@ -299,12 +313,18 @@ int main(int argc, char* argv[])
     const std::string letters = option_letters(CHECKCONF_OPTIONS);
     const auto options = long_options(CHECKCONF_OPTIONS);
     bool is_strict = false;
+    int wait_sec = 0;
     for (int c = 0; (c = getopt_long(argc, argv, letters.c_str(), options.data(), nullptr)) != -1;) {
         if (c == 'h')
             return usage(stdout, 0);
-        if (c != 's')
+        if (c == 's') {
+            is_strict = true;
+            continue;
+        }
+        const auto wait = c == 'w' ? parse_num<int>(optarg) : std::nullopt;
+        if (!wait || *wait < 0)
             return usage(stderr, STATUS_REFUSED);
-        is_strict = true;
+        wait_sec = *wait;
     }
     const char* path = optind < argc ? argv[optind] : default_config_path();
     if (!path || argc - optind > 1)
@@ -315,6 +335,7 @@ int main(int argc, char* argv[])
     init_kova_config(&g_cfg);
     const scope_guard free_cfg([] { free_kova_config(&g_cfg); });
     if (load_kova_config(path, &g_cfg, 0) != 0 || validate_config(&g_cfg) != 0) {
+        check_text(path); /* the cause may be a misspelt key */
         printf("%s: refused\n", path);
         return STATUS_REFUSED;
     }
@@ -325,6 +346,13 @@ int main(int argc, char* argv[])
     check_channel(g_cfg);
     check_digests(g_cfg);
     check_daemon(g_cfg);
+    check_dir_of(g_cfg, "log.file", g_cfg.log.path);
+    check_dir_of(g_cfg, "runtime.pidfile", g_cfg.rt.pidfile);
+    check_host(g_cfg);
+    if (wait_sec > 0 && !await_database(g_cfg.lbdb, wait_sec)) {
+        printf("%s: refused: no database answers at %s:%d\n", path, g_cfg.lbdb.host, g_cfg.lbdb.port);
+        return STATUS_REFUSED;
+    }
     printf("%s: accepted, %d warning%s\n", path, g_warnings, g_warnings == 1 ? "" : "s");
     return is_strict && g_warnings > 0 ? STATUS_WARNINGS : 0;
 }

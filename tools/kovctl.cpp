@@ -8,13 +8,13 @@
 #include "util.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <array>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <netdb.h>
 #include <unistd.h>
 
 ctl_settings g_set;
@@ -37,28 +37,42 @@ int usage(FILE* out, int status)
         fprintf(out, "  %-9s %-19s %s\n", c.name, c.args, c.help);
     fputs("\n", out);
     print_options(out, CTL_OPTIONS);
-    fputs("\nStatus: 0 done; 1 refused, failed, or something was found; 2 usage; 3 no agent there.\n", out);
+    fputs(
+        "\nStatus: 0 done; 1 refused, failed, or something was found; 2 usage; 3 no agent there; 4 the destination is\n"
+        "there already; 5 gave up waiting; 6 refused by the source; 7 not registered, or nobody can tell.\n",
+        out);
     return status;
 }
 
 /* How a client reaches the listener. */
-std::string place_of(const rui_listener_cfg& l)
+std::string address_of(const listening_place& place)
 {
-    if (l.domain_path[0])
-        return l.domain_path[0] == '/' ? l.domain_path : std::string("./") + l.domain_path;
-    std::array<char, NI_MAXHOST> host{"127.0.0.1"};
-    if (l.ifc)
-        (void)getnameinfo(reinterpret_cast<const sockaddr*>(&l.ifc->ss), sizeof(l.ifc->ss), host.data(), host.size(),
-                          nullptr, 0, NI_NUMERICHOST);
-    const std::string name = host.data();
-    return (name.find(':') != std::string::npos ? "[" + name + "]" : name) + ":" + l.port;
+    if (place.kind == net_socket::PATH)
+        return place.host.starts_with('/') ? place.host : "./" + place.host;
+    return (place.host.empty() ? listening_place{place.kind, "127.0.0.1", place.port} : place).text();
+}
+
+/* Of an agent that was given as --agent. A name stands for whatever address it has. */
+listening_place place_of_option(const std::string& agent)
+{
+    const size_t colon = agent.rfind(':');
+    if (agent.starts_with('/') || agent.starts_with('.') || colon == std::string::npos)
+        return {net_socket::PATH, agent, 0};
+    std::string host = agent.substr(0, colon);
+    if (host.size() > 2 && host.front() == '[')
+        host = host.substr(1, host.size() - 2);
+    std::array<unsigned char, sizeof(in6_addr)> address{};
+    const bool is_numeric =
+        inet_pton(AF_INET, host.c_str(), address.data()) == 1 || inet_pton(AF_INET6, host.c_str(), address.data()) == 1;
+    return {net_socket::STREAM, is_numeric ? host : "", parse_num<unsigned>(agent.substr(colon + 1)).value_or(0)};
 }
 
 void read_agent()
 {
-    for (const rui_listener_cfg& l : g_cfg.rui.user) {
-        if (g_set.agent.empty() && l.is_valid && (l.domain_path[0] || l.proto == IPPROTO_TCP))
-            g_set.agent = place_of(l);
+    g_set.places = places_of(g_cfg.rui);
+    for (const listening_place& place : g_set.places) {
+        if (g_set.agent.empty() && place.kind != net_socket::DATAGRAM)
+            g_set.agent = address_of(place);
     }
 }
 
@@ -81,6 +95,19 @@ void read_channel()
     g_set.channel = url;
 }
 
+/* An agent without a web listener is known by its channel. */
+void read_channel_place()
+{
+    const size_t colon = g_set.channel.rfind(':');
+    if (colon == std::string::npos)
+        return;
+    std::string host = g_set.channel.substr(0, colon);
+    if (host.size() > 2 && host.front() == '[')
+        host = host.substr(1, host.size() - 2);
+    if (const auto port = parse_num<unsigned>(g_set.channel.substr(colon + 1)))
+        g_set.places.push_back({net_socket::DATAGRAM, host, *port});
+}
+
 /* What no option has said is taken from the configuration. One that was not asked for may be unreadable: what is then
    missing is said by the command that misses it. */
 void complete(const char* path, bool is_named)
@@ -94,9 +121,13 @@ void complete(const char* path, bool is_named)
             fail(STATUS_USAGE, std::string(path) + " is refused: see kov-checkconf");
         return;
     }
-    read_agent();
+    g_set.config = path;
+    if (g_set.agent.empty())
+        read_agent();
     if (g_set.channel.empty())
         read_channel();
+    if (g_set.places.empty() && g_set.agent.empty())
+        read_channel_place();
     g_set.channel_ifc = g_cfg.udp_cha.mifc;
     if (g_set.data_dir.empty())
         g_set.data_dir = g_cfg.data_dir;
@@ -117,18 +148,28 @@ int run(ctl_cmd cmd, std::span<char* const> args)
     switch (cmd) {
     case CTL_PING:
         return cmd_ping();
+    case CTL_READY:
+        return cmd_ready();
     case CTL_GET:
         return cmd_get(args);
     case CTL_SEND:
         return cmd_send(args);
     case CTL_STATUS:
         return cmd_status();
+    case CTL_METRICS:
+        return cmd_metrics();
     case CTL_VERIFY:
         return cmd_verify();
     case CTL_SWEEP:
         return cmd_sweep();
     case CTL_REGISTER:
         return cmd_register(args);
+    case CTL_LOST:
+        return cmd_lost(args);
+    case CTL_REPLAY:
+        return cmd_replay(args);
+    case CTL_EXPIRE:
+        return cmd_expire(args);
     }
     return STATUS_USAGE;
 }
@@ -147,6 +188,7 @@ int main(int argc, char* argv[])
             break;
         case 'a':
             g_set.agent = optarg;
+            g_set.places = {place_of_option(g_set.agent)};
             break;
         case 'u':
             g_set.channel = optarg;
@@ -168,6 +210,12 @@ int main(int argc, char* argv[])
             break;
         case 'd':
             g_set.is_deleting = true;
+            break;
+        case 'f':
+            g_set.is_from_log = true;
+            break;
+        case 'j':
+            g_set.is_json = true;
             break;
         case 'h':
             return usage(stdout, 0);

@@ -15,6 +15,9 @@ struct tool_option {
 
 inline constexpr tool_option CHECKCONF_OPTIONS[] = {
     {{"strict", no_argument, nullptr, 's'}, nullptr, "warnings give status 2"},
+    {{"wait", required_argument, nullptr, 'w'},
+     "SECONDS",
+     "for the file's database to answer; refuse when it does not"},
     {{"help", no_argument, nullptr, 'h'}, nullptr, "this text"},
 };
 
@@ -26,8 +29,10 @@ inline constexpr tool_option CTL_OPTIONS[] = {
     {{"pid", required_argument, nullptr, 'p'}, "PID", "its process"},
     {{"expiry", required_argument, nullptr, 'e'}, "SECONDS", "of an order"},
     {{"wait", no_argument, nullptr, 'w'}, nullptr, "until the file is stored"},
-    {{"timeout", required_argument, nullptr, 't'}, "SECONDS", "of --wait (600)"},
-    {{"delete", no_argument, nullptr, 'd'}, nullptr, "verify and sweep remove what they find"},
+    {{"timeout", required_argument, nullptr, 't'}, "SECONDS", "of a wait: ping 2, ready 30, an answer 60, --wait 600"},
+    {{"json", no_argument, nullptr, 'j'}, nullptr, "status as one JSON object"},
+    {{"delete", no_argument, nullptr, 'd'}, nullptr, "verify, sweep and expire remove what they find"},
+    {{"from-log", no_argument, nullptr, 'f'}, nullptr, "of register: what the logs tell of failed registrations"},
     {{"help", no_argument, nullptr, 'h'}, nullptr, "this text"},
 };
 
@@ -41,16 +46,34 @@ struct ctl_command {
 };
 
 /* Their places in the table below. */
-enum ctl_cmd { CTL_PING, CTL_GET, CTL_SEND, CTL_STATUS, CTL_VERIFY, CTL_SWEEP, CTL_REGISTER };
+enum ctl_cmd {
+    CTL_PING,
+    CTL_READY,
+    CTL_GET,
+    CTL_SEND,
+    CTL_STATUS,
+    CTL_METRICS,
+    CTL_VERIFY,
+    CTL_SWEEP,
+    CTL_REGISTER,
+    CTL_LOST,
+    CTL_REPLAY,
+    CTL_EXPIRE,
+};
 
 inline constexpr ctl_command CTL_COMMANDS[] = {
     {"ping", "", 0, 0, "asks whether the agent lives"},
+    {"ready", "", 0, 0, "waits until the agent answers"},
     {"get", "SRC DST", 2, 2, "orders a download over HTTP; --wait until it is stored"},
     {"send", "LID SRC DST EXPIRY", 4, 4, "the same order as a datagram"},
-    {"status", "", 0, 0, "downloads, listeners, descriptors, unfinished files"},
+    {"status", "", 0, 0, "listeners, clients, downloads, silent sources, descriptors, unfinished files"},
+    {"metrics", "", 0, 0, "the same as OpenMetrics text"},
     {"verify", "", 0, 0, "final files with fewer blocks than their size, as a power cut leaves them"},
     {"sweep", "", 0, 0, "unfinished files and locks older than 30 s that nobody holds"},
-    {"register", "DST...", 1, 10000, "registers files on disk again after the database lost them"},
+    {"register", "DST... | LOG...", 0, 10000, "registers files on disk again after the database lost them"},
+    {"lost", "[LOG...]", 0, 10000, "orders that a stop, a crash or a full disk has cut off after their answer"},
+    {"replay", "[LOG...]", 0, 10000, "places them again, with what is left of their expiry"},
+    {"expire", "[LOG...]", 0, 10000, "stored files whose expiry is over, and their entries in the database"},
 };
 
 /* getopt's tables of `options`: the long ones with their end, the letters. */

@@ -1,0 +1,13 @@
+/* The rooms of kov-checkconf. */
+#pragma once
+
+struct kova_cfg;
+struct lbdb_cfg;
+
+/* One line of what is legal but hardly meant, counted. */
+[[gnu::format(printf, 1, 2)]] void warn(const char* format, ...);
+
+/* What a configuration means beside this machine's limits, places and processes (check_host.cpp). */
+void check_host(const kova_cfg& cfg);
+/* Waits so many seconds for the database to answer; at once true without one. */
+[[nodiscard]] bool await_database(const lbdb_cfg& db, int seconds);

@@ -1,0 +1,155 @@
+/* What a configuration means beside this machine's limits, places and processes: things that the agent takes without a
+   word and that are hardly meant. */
+#include "check.h"
+
+#include "cfg.h"
+#include "data.h"
+#include "guard.h"
+#include "procfs.h"
+#include "strops.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <hiredis/hiredis.h>
+#include <memory>
+#include <string>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr size_t LOCK_PATH_ROOM = 126; /* lock_dir/id.lock */
+constexpr size_t SMALL_ROOM = 64;
+constexpr unsigned USUAL_FIRST_FREE_PORT = 1024;
+
+bool is_relative(const char* path)
+{
+    return path[0] && path[0] != '/' && path[0] != '|';
+}
+
+void check_log(const kova_cfg& cfg)
+{
+    struct stat st {
+    };
+    if (cfg.log.path[0] && cfg.log.path[0] != '|' && stat(cfg.log.path, &st) == 0 && !S_ISREG(st.st_mode))
+        warn("log.file %s is no regular file: it is never rotated, and lines are dropped while nobody reads them",
+             cfg.log.path);
+}
+
+void check_runtime(const kova_cfg& cfg)
+{
+    const long cpus = sysconf(_SC_NPROCESSORS_CONF);
+    if (cfg.rt.cpunum >= cpus)
+        warn("cpunum %d: this machine has the CPUs 0 to %ld: the agent will not start", cfg.rt.cpunum, cpus - 1);
+    if (cfg.rt.non_daemon && cfg.rt.user[0])
+        warn("run_as_user has no effect beside non_daemon: the agent stays who starts it");
+    const std::string path = cfg.rt.pidfile;
+    const std::string dir = path.substr(0, path.rfind('/') + 1);
+    struct stat st {
+    };
+    if (!dir.empty() && stat(dir.c_str(), &st) == 0 && (st.st_mode & S_IWOTH))
+        warn("pidfile %s: everybody may put a file of that name into %s", path.c_str(), dir.c_str());
+    if (cfg.rt.non_daemon)
+        return;
+    const std::pair<const char*, const char*> paths[] = {{"log.file", cfg.log.path},
+                                                         {"pidfile", cfg.rt.pidfile},
+                                                         {"lock_dir", cfg.udp_cha.lkdir},
+                                                         {"sha1_dir", cfg.lbdb.sha1_path}};
+    for (const auto& [key, value] : paths) {
+        if (is_relative(value))
+            warn("%s %s: a daemon changes its directory, so what a relative path names depends on its start", key,
+                 value);
+    }
+}
+
+void check_names(const kova_cfg& cfg)
+{
+    const size_t locks = strlen(cfg.udp_cha.lkdir) + 1 + strlen(".lock");
+    if (cfg.udp_cha.url[0] && cfg.udp_cha.must_lock && locks + MAX_LID_LEN > LOCK_PATH_ROOM)
+        warn("lock_dir leaves %zu characters for a lock id: longer ones are cut and share a lock",
+             LOCK_PATH_ROOM - std::min(locks, LOCK_PATH_ROOM));
+    if (!cfg.seg_url_pfx[0])
+        return;
+    const size_t used = strlen(cfg.seg_url_pfx) + 1;
+    const size_t room = SPEC_URL_MAX - 1 - std::min(used, SPEC_URL_MAX - 1);
+    printf("registered again: destinations of up to %zu characters (local_url_prefix and destination are a source)\n",
+           room);
+    if (room < SMALL_ROOM)
+        warn("local_url_prefix leaves %zu characters for a destination that is registered again", room);
+}
+
+unsigned first_free_port()
+{
+    return parse_num<unsigned>(first_line("/proc/sys/net/ipv4/ip_unprivileged_port_start"))
+        .value_or(USUAL_FIRST_FREE_PORT);
+}
+
+/* A port of another agent is shared with it, on purpose; that of another program fails the start. */
+void say_who_listens(const listening_place& place)
+{
+    for (const pid_t pid : who_listens(place)) {
+        if (is_agent(pid))
+            printf("%s: an agent (pid %d) listens there already; two at once share the orders\n", place.text().c_str(),
+                   pid);
+        else
+            warn("%s: %s (pid %d) listens there already: the agent will not start beside it", place.text().c_str(),
+                 name_of(pid).c_str(), pid);
+    }
+}
+
+void check_listeners(const kova_cfg& cfg)
+{
+    const std::vector<listening_place> places = places_of(cfg.rui);
+    if (!places.empty() && cfg.rui.max_accept == 0)
+        warn("max_accept 0: no client is ever taken");
+    const unsigned free_port = first_free_port();
+    for (size_t i = 0; i < places.size(); ++i) {
+        const listening_place& p = places[i];
+        for (size_t k = 0; k < i; ++k) {
+            if (p.meets(places[k]))
+                warn("listeners %zu and %zu meet at %s: one is enough", k + 1, i + 1, p.text().c_str());
+        }
+        if (p.kind == net_socket::STREAM && p.port < free_port)
+            warn("port %u is root's: an agent that is not root, as under the service unit, cannot listen there "
+                 "(AmbientCapabilities=CAP_NET_BIND_SERVICE)",
+                 p.port);
+        say_who_listens(p);
+    }
+}
+
+/* Any answer but the one of a server that still reads its data. */
+bool answers(const lbdb_cfg& db)
+{
+    const timeval wait = {1, 0};
+    const std::unique_ptr<redisContext, releaser<redisFree>> redis(redisConnectWithTimeout(db.host, db.port, wait));
+    if (!redis || redis->err || redisSetTimeout(redis.get(), wait) != REDIS_OK)
+        return false;
+    const std::unique_ptr<redisReply, releaser<freeReplyObject>> reply(
+        static_cast<redisReply*>(redisCommand(redis.get(), "PING")));
+    return reply && !(reply->type == REDIS_REPLY_ERROR && std::string_view(reply->str).starts_with("LOADING"));
+}
+
+} // namespace
+
+void check_host(const kova_cfg& cfg)
+{
+    check_log(cfg);
+    check_runtime(cfg);
+    check_names(cfg);
+    check_listeners(cfg);
+}
+
+bool await_database(const lbdb_cfg& db, int seconds)
+{
+    if (db.port <= 0)
+        return true;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (!answers(db)) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        usleep(200000);
+    }
+    return true;
+}

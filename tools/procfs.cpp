@@ -1,0 +1,250 @@
+/* Processes and their sockets, read from /proc. */
+#include "procfs.h"
+
+#include "appcfg.h"
+#include "data.h"
+#include "strops.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <array>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <netdb.h>
+#include <string_view>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+constexpr unsigned STATE_LISTENING = 0x0a;
+constexpr unsigned PATH_ACCEPTS = 0x10000; /* flag of a listening Unix-domain socket */
+
+std::string host_and_port(const std::string& host, unsigned port)
+{
+    return (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
+/* "0100007F", each 32 bits of the address as the number that they are in memory. An IPv4 address in an IPv6 socket is
+   one. */
+std::string address_text(std::string_view hex)
+{
+    std::array<uint32_t, 4> words{};
+    const size_t count = std::min<size_t>(hex.size() / 8, words.size());
+    for (size_t i = 0; i < count; ++i)
+        std::from_chars(hex.data() + i * 8, hex.data() + i * 8 + 8, words.at(i), 16);
+    const bool is_six = count == words.size();
+    const bool is_mapped = is_six && words[0] == 0 && words[1] == 0 && words[2] == htonl(0xffff);
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    const void* address = is_mapped ? &words[3] : words.data();
+    return inet_ntop(is_six && !is_mapped ? AF_INET6 : AF_INET, address, text.data(), text.size()) ? text.data() : "?";
+}
+
+void read_inet(const fs::path& table, net_socket::kind_of kind, std::vector<net_socket>* sockets)
+{
+    std::ifstream in(table);
+    std::string line;
+    std::getline(in, line); /* the headings */
+    while (std::getline(in, line)) {
+        std::array<char, 33> host{};
+        std::array<char, 33> peer{};
+        net_socket s;
+        unsigned state = 0;
+        if (sscanf(line.c_str(), " %*[0-9]: %32[0-9A-F]:%x %32[0-9A-F]:%x %x %*x:%lx %*s %*s %*s %*s %lu", host.data(),
+                   &s.port, peer.data(), &s.peer_port, &state, &s.waiting, // NOLINT(cert-err34-c)
+                   &s.inode) != 7)
+            continue;
+        s.kind = kind;
+        s.host = address_text(host.data());
+        s.peer_host = address_text(peer.data());
+        s.is_listening = kind == net_socket::DATAGRAM || state == STATE_LISTENING;
+        sockets->push_back(std::move(s));
+    }
+}
+
+void read_paths(const fs::path& table, std::vector<net_socket>* sockets)
+{
+    std::ifstream in(table);
+    for (std::string line; std::getline(in, line);) {
+        unsigned flags = 0;
+        net_socket s;
+        std::array<char, 128> path{};
+        if (sscanf(line.c_str(), "%*s %*s %*s %x %*s %*s %lu %127[^\n]", &flags, &s.inode, // NOLINT(cert-err34-c)
+                   path.data()) != 3)
+            continue;
+        s.kind = net_socket::PATH;
+        s.host = path.data();
+        s.is_listening = (flags & PATH_ACCEPTS) != 0;
+        sockets->push_back(std::move(s));
+    }
+}
+
+bool is_any(const std::string& host)
+{
+    return host.empty() || host == "0.0.0.0" || host == "::";
+}
+
+/* An IPv6 socket of every address takes IPv4 clients, too; that it may be set not to is not seen here. */
+bool hosts_meet(const std::string& a, const std::string& b)
+{
+    const bool has_six = a.find(':') != std::string::npos || b.find(':') != std::string::npos;
+    if (a == b || a.empty() || b.empty())
+        return true;
+    if (a == "::" || b == "::")
+        return true;
+    return !has_six && (is_any(a) || is_any(b));
+}
+
+} // namespace
+
+fs::path proc_of(pid_t pid)
+{
+    return "/proc/" + std::to_string(pid);
+}
+
+std::string first_line(const fs::path& path)
+{
+    std::string line;
+    std::ifstream in(path);
+    std::getline(in, line);
+    return line;
+}
+
+std::vector<pid_t> all_pids()
+{
+    std::vector<pid_t> pids;
+    std::error_code ec;
+    for (fs::directory_iterator it("/proc", ec); !ec && it != fs::directory_iterator(); it.increment(ec)) {
+        if (const auto pid = parse_num<pid_t>(it->path().filename().c_str()))
+            pids.push_back(*pid);
+    }
+    return pids;
+}
+
+std::string name_of(pid_t pid)
+{
+    return first_line(proc_of(pid) / "comm");
+}
+
+bool is_agent(pid_t pid)
+{
+    return name_of(pid) == APP_NAME;
+}
+
+std::optional<std::vector<fs::path>> descriptors_of(pid_t pid)
+{
+    std::vector<fs::path> fds;
+    std::error_code ec;
+    fs::directory_iterator it(proc_of(pid) / "fd", ec);
+    if (ec)
+        return std::nullopt;
+    for (; !ec && it != fs::directory_iterator(); it.increment(ec))
+        fds.push_back(it->path());
+    return fds;
+}
+
+std::set<ino_t> sockets_of(pid_t pid)
+{
+    std::set<ino_t> inodes;
+    const auto fds = descriptors_of(pid);
+    for (const fs::path& fd : fds.value_or(std::vector<fs::path>{})) {
+        std::array<char, 64> link{};
+        ino_t inode = 0;
+        if (readlink(fd.c_str(), link.data(), link.size() - 1) > 0 &&
+            sscanf(link.data(), "socket:[%lu]", &inode) == 1) // NOLINT(cert-err34-c)
+            inodes.insert(inode);
+    }
+    return inodes;
+}
+
+std::string net_socket::place() const
+{
+    return kind == PATH ? host : host_and_port(host, port);
+}
+
+std::string net_socket::peer() const
+{
+    return host_and_port(peer_host, peer_port);
+}
+
+std::vector<net_socket> net_sockets(pid_t pid)
+{
+    const fs::path net = proc_of(pid) / "net";
+    std::vector<net_socket> sockets;
+    read_inet(net / "tcp", net_socket::STREAM, &sockets);
+    read_inet(net / "tcp6", net_socket::STREAM, &sockets);
+    read_paths(net / "unix", &sockets);
+    read_inet(net / "udp", net_socket::DATAGRAM, &sockets);
+    read_inet(net / "udp6", net_socket::DATAGRAM, &sockets);
+    return sockets;
+}
+
+std::vector<net_socket> own_sockets(pid_t pid)
+{
+    const std::set<ino_t> own = sockets_of(pid);
+    std::vector<net_socket> sockets = net_sockets(pid);
+    std::erase_if(sockets, [&own](const net_socket& s) { return !own.contains(s.inode); });
+    return sockets;
+}
+
+bool listening_place::is_served_by(const net_socket& s) const
+{
+    return s.is_listening && meets({s.kind, s.host, s.port});
+}
+
+bool listening_place::meets(const listening_place& other) const
+{
+    if (kind != other.kind)
+        return false;
+    return kind == net_socket::PATH ? host == other.host : port == other.port && hosts_meet(host, other.host);
+}
+
+std::string listening_place::text() const
+{
+    return kind == net_socket::PATH ? host : host_and_port(host.empty() ? "*" : host, port);
+}
+
+std::vector<listening_place> places_of(const rui_cfg& cfg)
+{
+    std::vector<listening_place> places;
+    for (const rui_listener_cfg& l : cfg.user) {
+        if (!l.is_valid)
+            continue;
+        if (l.domain_path[0]) {
+            places.push_back({net_socket::PATH, l.domain_path, 0});
+            continue;
+        }
+        std::array<char, NI_MAXHOST> host{};
+        if (l.ifc)
+            (void)getnameinfo(reinterpret_cast<const sockaddr*>(&l.ifc->ss), sizeof(l.ifc->ss), host.data(),
+                              host.size(), nullptr, 0, NI_NUMERICHOST);
+        std::string text = host.data();
+        text.resize(std::min(text.size(), text.find('%'))); /* the tables name no scope */
+        places.push_back({l.proto == IPPROTO_UDP ? net_socket::DATAGRAM : net_socket::STREAM, text,
+                          parse_num<unsigned>(l.port).value_or(0)});
+    }
+    return places;
+}
+
+std::vector<pid_t> who_listens(const listening_place& place)
+{
+    std::set<ino_t> inodes;
+    for (const net_socket& s : net_sockets(getpid())) {
+        if (place.is_served_by(s))
+            inodes.insert(s.inode);
+    }
+    std::vector<pid_t> pids;
+    if (inodes.empty())
+        return pids;
+    for (const pid_t pid : all_pids()) {
+        const std::set<ino_t> own = sockets_of(pid);
+        if (std::any_of(inodes.begin(), inodes.end(), [&own](ino_t i) { return own.contains(i); }))
+            pids.push_back(pid);
+    }
+    return pids;
+}

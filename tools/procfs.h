@@ -1,0 +1,60 @@
+/* Processes and their sockets, read from /proc. What may not be seen is left out. */
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <set>
+#include <string>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <vector>
+
+struct rui_cfg;
+
+[[nodiscard]] std::filesystem::path proc_of(pid_t pid);
+[[nodiscard]] std::string first_line(const std::filesystem::path& path);
+/* Every process of this host. */
+[[nodiscard]] std::vector<pid_t> all_pids();
+[[nodiscard]] std::string name_of(pid_t pid);
+[[nodiscard]] bool is_agent(pid_t pid);
+
+/* The descriptors of a process as paths below /proc; none if they may not be seen. */
+[[nodiscard]] std::optional<std::vector<std::filesystem::path>> descriptors_of(pid_t pid);
+/* The inodes of its sockets, as far as they may be seen. */
+[[nodiscard]] std::set<ino_t> sockets_of(pid_t pid);
+
+struct net_socket {
+    enum kind_of { STREAM, DATAGRAM, PATH } kind = STREAM;
+    std::string host; /* numeric; of a PATH the path */
+    unsigned port = 0;
+    std::string peer_host;
+    unsigned peer_port = 0;
+    bool is_listening = false;
+    unsigned long waiting = 0; /* of a listening STREAM: clients that the process has not taken yet */
+    ino_t inode = 0;
+
+    [[nodiscard]] std::string place() const; /* "127.0.0.1:8020", "[::1]:8020", or the path */
+    [[nodiscard]] std::string peer() const;
+};
+
+/* The sockets in the network namespace of a process, whosever they are. */
+[[nodiscard]] std::vector<net_socket> net_sockets(pid_t pid);
+/* Those of them that are the process's own. */
+[[nodiscard]] std::vector<net_socket> own_sockets(pid_t pid);
+
+/* Where a listener or a channel will be found. */
+struct listening_place {
+    net_socket::kind_of kind = net_socket::STREAM;
+    std::string host; /* numeric, empty: every address; of a PATH the path */
+    unsigned port = 0;
+
+    /* Whether the socket takes what comes to this place, or a part of it. */
+    [[nodiscard]] bool is_served_by(const net_socket& s) const;
+    [[nodiscard]] bool meets(const listening_place& other) const;
+    [[nodiscard]] std::string text() const;
+};
+[[nodiscard]] std::vector<listening_place> places_of(const rui_cfg& cfg);
+
+/* The processes that listen there, as far as their descriptors may be seen. */
+[[nodiscard]] std::vector<pid_t> who_listens(const listening_place& place);
