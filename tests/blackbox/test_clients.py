@@ -3,6 +3,7 @@
 import os
 import resource
 import socket
+import threading
 import time
 import unittest
 
@@ -55,6 +56,23 @@ class Clients(KovTest):
             self.assertEqual(read_all(s), b"")
             s.close()
         self.assertEqual(agent.log().count("urq_timeout: TIME-OUT URQ"), 52)
+
+    def test_a_client_that_sends_more_gets_its_answer_and_a_clean_end(self):
+        agent = self.start()
+        for path, answer in (("/there", 200), ("/gone", 404)):
+            gate = threading.Event()
+            head = b"HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\nx" if answer == 200 else b"HTTP/1.1 404 Not Found\r\n\r\n"
+            url = self.origin.raw(path, b"", lambda conn, gate=gate, head=head: (gate.wait(30), conn.sendall(head)))
+            with agent.connect() as s:
+                s.sendall(f"GET /src/{url}/dst{path} HTTP/1.1\r\nHost: h\r\n\r\n".encode())
+                agent.wait_log("urq_rm", 1 + (answer == 404))  # nobody reads from it any more
+                s.sendall(b"POST / HTTP/1.1\r\n\r\n")
+                gate.set()
+                data = b""
+                while chunk := s.recv(4096):  # an end, and no reset
+                    data += chunk
+                self.assertEqual(data, ANSWERS[answer])
+        agent.wait_file("there")
 
     def test_clients_that_leave(self):
         agent = self.start("urq_tmout_sec = 20;")
