@@ -2,6 +2,7 @@
 
 import os
 import resource
+import signal
 import socket
 import threading
 import time
@@ -56,6 +57,24 @@ class Clients(KovTest):
             self.assertEqual(read_all(s), b"")
             s.close()
         self.assertEqual(agent.log().count("urq_timeout: TIME-OUT URQ"), 52)
+
+    def test_no_accept_for_nobody(self):
+        for injections in ([], ["-e", "inject=poll:error=EINTR"]):
+            trace = f"{self.root}/trace{self.roots}"
+            agent = self.start(options=("-L", "debug"), env={"ASAN_OPTIONS": "detect_leaks=0"},
+                               wrapper=["strace", "-D", "-qq", "-o", trace, "-e", "trace=accept4,poll", *injections])
+            for n in range(5):
+                self.assertEqual(agent.get("/"), ANSWERS[204])
+                agent.wait_log("end of accept queue reached", n + 1)
+            with open(trace, encoding="ascii") as f:
+                self.assertEqual(f.read().count("EAGAIN"), 5 if injections else 0)
+            agent.proc.send_signal(signal.SIGSTOP)
+            burst = [agent.connect() for _ in range(20)]
+            agent.proc.send_signal(signal.SIGCONT)
+            for s in burst:
+                s.sendall(b"GET / HTTP/1.1\r\nHost: agent.example.net\r\n\r\n")
+                self.assertEqual(read_all(s), ANSWERS[204])
+                s.close()
 
     def test_a_client_that_sends_more_gets_its_answer_and_a_clean_end(self):
         agent = self.start()
