@@ -78,14 +78,18 @@ def nginx_conf(root, port, body, workers=1):
             f"keepalive_requests 1000000; {temp} server {{ listen 127.0.0.1:{port} backlog=4096; {body} }} }}")
 
 
+def children(pid):
+    with open(f"/proc/{pid}/task/{pid}/children", encoding="ascii") as f:
+        return [int(child) for child in f.read().split()]
+
+
 def start_nginx(root, port, body, core):
     os.makedirs(f"{root}/tmp", exist_ok=True)
     with open(f"{root}/nginx.conf", "w", encoding="ascii") as f:
         f.write(nginx_conf(root, port, body))
     proc = subprocess.Popen(pinned(core, "/usr/sbin/nginx", "-c", f"{root}/nginx.conf"), stderr=subprocess.DEVNULL)
-    wait_until(lambda: listening(port))
-    with open(f"/proc/{proc.pid}/task/{proc.pid}/children", encoding="ascii") as f:
-        return proc, [int(pid) for pid in f.read().split()]
+    wait_until(lambda: listening(port) and children(proc.pid))
+    return proc, children(proc.pid)
 
 
 class Contender:

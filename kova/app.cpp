@@ -63,6 +63,7 @@ static int build_ctx(const char** step) noexcept
     if (const int rc = skht_create(&g_ctx.task_ht, ntasks, plHash, nullptr, 0))
         return rc;
 
+    open_body_pipe();
     *step = "?";
     if (g_cfg.lbdb.port > 0) {
         if (const int rc = init_database())
@@ -314,6 +315,7 @@ void destroy_kova_ctx() noexcept
     udl_ctx_destroy(&g_ctx.udl);
     rui_ctx_destroy(&g_ctx.rui);
     pprm_requests();
+    close_body_pipe();
     xvlst_reset(&g_ctx.pprm_tasks);
     xvlst_reset(&g_ctx.tasks);
     if (g_ctx.task_ht)

@@ -1,5 +1,5 @@
-/* Downloads: the context and its task table (app.cpp), the source (app_fetch.cpp), the destination (app_file.cpp), reaping
-   and time-outs (app_reap.cpp). */
+/* Downloads: the context and its task table (app.cpp), the source (app_fetch.cpp), the destination (app_file.cpp), the body
+   (app_body.cpp), reaping and time-outs (app_reap.cpp). */
 #pragma once
 
 #include "data.h"
@@ -44,10 +44,17 @@ void dw_broken(dw_task* task) noexcept;
 [[nodiscard]] int check_dest_path(const char* fpath) noexcept; /* 0, or -16 the final file exists */
 [[nodiscard]] int mk_dest_file(dw_task* task, const char* head, const http_resp_ctx* resp) noexcept;
 [[nodiscard]] bool can_mmap_dw(const dw_task* task) noexcept;
-[[nodiscard]] int read_fragment(dw_task* task) noexcept;
 [[nodiscard]] int complete_download(dw_task* task) noexcept;
 [[nodiscard]] int add_lbdb_url(const dw_spec* spec) noexcept;
 [[nodiscard]] bool is_local_url(const char* url) noexcept;
+
+/* ---- the body ---- */
+
+/* The pipe that bodies are moved through inside the kernel. Without it (logged) they go through a buffer. */
+void open_body_pipe() noexcept;
+void close_body_pipe() noexcept; /* safe without one */
+/* One piece of the body, when the source is readable. 0; -1 or an errno value: failed (logged). */
+[[nodiscard]] int read_fragment(dw_task* task) noexcept;
 
 /* ---- reaping and time-outs ---- */
 

@@ -1,5 +1,5 @@
-/* The destination side of a task. The body lands in a file whose name ends in "-Kova", through a shared mapping or through
-   one buffer; only a complete file gets its final name, so nobody ever reads a partial one. */
+/* The destination side of a task. The body lands in a file whose name ends in "-Kova" (app_body.cpp says how); only a complete
+   file gets its final name, so nobody ever reads a partial one. */
 #include "app.h"
 
 #include "fdio.h"
@@ -7,7 +7,6 @@
 #include "rqs.h"
 #include "strops.h"
 #include "syswrap.h"
-#include "tmout.h"
 #include "unfinished.h"
 
 #include <algorithm>
@@ -24,7 +23,6 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
-constexpr size_t DWBUF_LEN = 1048576; /* one read and one write in write mode */
 constexpr size_t LBDB_URL_MAX = 256;
 constexpr mode_t DST_MODE = 0666;
 
@@ -171,63 +169,6 @@ int mk_dest_file(dw_task* task, const char* head, const http_resp_ctx* resp) noe
     task->nleft -= tail.size();
     LOG_DEBUG("%s: created %s for [%s]\n", __func__, task->is_mmapped ? "mmap" : "file", task->spec.fpath);
     return 0;
-}
-
-/* The time of the last byte tells a stalled file from one that is being written. Bytes that the kernel puts into a mapping
-   leave the file's time as it is. */
-static void touch_mapped(dw_task* task) noexcept
-{
-    static constexpr timespec PACE = {1, 0};
-
-    if (!timed_out(task->touch_tm, PACE))
-        return;
-    rqs_set_now(&task->touch_tm);
-    (void)futimens(task->dfd, nullptr); /* the own file of this process: it can always be done */
-}
-
-/* One read from the source into the mapping, or through the buffer into the file. The count, or -1 with *rc set. */
-static ssize_t receive(dw_task* task, int* rc) noexcept
-{
-    static std::array<char, DWBUF_LEN> buf; /* one for all tasks: nothing stays in it between calls */
-
-    errno = 0;
-    const ssize_t n = task->is_mmapped ? nread(task->sfd, task->buf + task->f_pos, task->nleft)
-                                       : nread(task->sfd, buf.data(), std::min(task->nleft, buf.size()));
-    if (n < 1) {
-        *rc = n == 0 ? ECONNRESET : errno; /* bytes are missing, so an end of the stream is a break */
-        return -1;
-    }
-    if (task->is_mmapped) {
-        touch_mapped(task);
-    } else {
-        const ssize_t nw = nwrite(task->dfd, buf.data(), static_cast<size_t>(n));
-        if (nw != n) {
-            LOG_ERR("%s: under-write to fd%d: %zd/%zd\n", "read_fragment", task->dfd, n, nw);
-            *rc = -1;
-            return -1;
-        }
-    }
-    return n;
-}
-
-int read_fragment(dw_task* task) noexcept
-{
-    int rc = 0;
-    const size_t left = task->nleft;
-    /* Nothing is left when the whole body came with the head: the event only says that the task may complete. */
-    const ssize_t n = left > 0 ? receive(task, &rc) : 0;
-    if (n > 0) {
-        if (static_cast<size_t>(n) > left)
-            PANIC("%s: BAD CONTENT-LEFT: nrecv/left: %zd/%zu bytes\n", __func__, n, left);
-        task->f_pos += n;
-        task->nleft -= static_cast<size_t>(n);
-        LOG_DEBUG("%s: %zd bytes, total=%zd/%zu, %zu left\n", __func__, n, static_cast<ssize_t>(task->f_pos),
-                  task->content_length, task->nleft);
-    }
-    rqs_set_now(&task->last_io_tm);
-    if (rc != 0)
-        LOG_ERR("%s: [%s] failed, rc=%d\n", __func__, task->spec.fpath, rc);
-    return rc;
 }
 
 static int rename_failed(const char* unfinished, const char* final_path, int err) noexcept

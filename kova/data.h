@@ -79,6 +79,7 @@ struct dw_task {
     http_response* hresp;  /* chosen for the client; shared */
     bool is_hashed;        /* in g_ctx.task_ht */
     bool is_mmapped;
+    bool is_unmoved;   /* the kernel has refused to move its body: it goes through the buffer */
     bool is_quitting;  /* listed for reaping */
     bool is_watched;   /* sfd is registered with the loop */
     bool is_unguarded; /* sfd waits for its keep-alive and holds SRC_GUARD_TMOUT */

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(MOD_FDIO);
@@ -27,6 +28,15 @@ ssize_t nwrite(int fd, const void* buf, size_t count) noexcept
     ssize_t n = 0;
     do {
         n = write(fd, buf, count);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+ssize_t nsend_more(int fd, const void* buf, size_t count) noexcept
+{
+    ssize_t n = 0;
+    do {
+        n = send(fd, buf, count, MSG_MORE | MSG_NOSIGNAL);
     } while (n < 0 && errno == EINTR);
     return n;
 }

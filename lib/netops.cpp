@@ -287,12 +287,22 @@ static int setup_listener(int fd, const sockaddr_storage* ss, socklen_t len, con
     return W_listen("open_socket", fd, LISTEN_BKLOG);
 }
 
+/* The handshake's last acknowledgement waits for the request that is written when the connection stands, a packet less; the
+   kernel sends it alone when that takes long. */
+static void ack_with_data(int fd) noexcept
+{
+    const int sec = 1;
+    (void)setsockopt(fd, IPPROTO_TCP, TCP_DEFER_ACCEPT, &sec, sizeof(sec)); /* it only saves the packet */
+}
+
 static int setup_client(int fd, const sockaddr_storage* ss, socklen_t len, socket_spec* spec) noexcept
 {
     if (spec->socktype == SOCK_DGRAM)
         return spec->writer ? 0 : reuse_and_bind(fd, ss, len);
-    if (spec->non_blocking)
+    if (spec->non_blocking) {
         LOG_DEBUG("%s: non-blocking CONNECT on fd%d\n", "open_socket", fd);
+        ack_with_data(fd);
+    }
     if (W_connect("open_socket", fd, reinterpret_cast<const sockaddr*>(ss), len) != 0) {
         if (errno != EINPROGRESS)
             return -1;

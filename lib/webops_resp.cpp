@@ -11,6 +11,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <sys/socket.h>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
@@ -146,23 +147,39 @@ int mk_http_response(const http_response* resp, char* buf, size_t cap) noexcept
     return mk_http_xt_resp(resp, 11, buf, cap);
 }
 
-int send_http_response(int fd, const http_response* resp) noexcept
+using send_fn = ssize_t (*)(int fd, const void* buf, size_t count) noexcept;
+
+static int send_by(send_fn send_text, int fd, const http_response* resp) noexcept
 {
+    const char* fn = "send_http_response";
     static std::array<char, HTTP_RESP_MAX> buf; /* one for all callers: nothing is kept after the send */
 
     const int len = mk_http_response(resp, buf.data(), buf.size());
     if (len < 0 || len == EINVAL) {
-        LOG_ERR("%s: error compiling HTTP response for fd=%d\n", __func__, fd);
+        LOG_ERR("%s: error compiling HTTP response for fd=%d\n", fn, fd);
         return len;
     }
-    const ssize_t n = nwrite(fd, buf.data(), static_cast<size_t>(len));
+    const ssize_t n = send_text(fd, buf.data(), static_cast<size_t>(len));
     if (n < 1)
-        LOG_ERR("%s: error sending HTTP response to fd=%d\n", __func__, fd);
+        LOG_ERR("%s: error sending HTTP response to fd=%d\n", fn, fd);
     else if (n < len)
-        LOG_WARN("%s: only %ld out of %ld bytes sent to fd=%d\n", __func__, static_cast<long>(n),
-                 static_cast<long>(len), fd);
+        LOG_WARN("%s: only %ld out of %ld bytes sent to fd=%d\n", fn, static_cast<long>(n), static_cast<long>(len), fd);
     else
-        LOG_HEAD(DEBUG_level, "%s: sent HTTP response (%ld bytes) to fd=%d:\n%.1024s\n", __func__, static_cast<long>(n),
-                 fd, buf.data());
+        LOG_HEAD(DEBUG_level, "%s: sent HTTP response (%ld bytes) to fd=%d:\n%.1024s\n", fn, static_cast<long>(n), fd,
+                 buf.data());
     return 0;
+}
+
+int send_http_response(int fd, const http_response* resp) noexcept
+{
+    return send_by(nwrite, fd, resp);
+}
+
+int send_final_response(int fd, const http_response* resp) noexcept
+{
+    const int rc = send_by(nsend_more, fd, resp);
+    /* Before the close, which would answer unread bytes with a reset and drop what waits. Without a connection there is
+       nothing to end. */
+    (void)shutdown(fd, SHUT_WR);
+    return rc;
 }

@@ -5,6 +5,7 @@ import resource
 import signal
 import socket
 import subprocess
+import threading
 import time
 import unittest
 
@@ -57,6 +58,41 @@ class Clients(KovTest):
             self.assertEqual(read_all(s), b"")
             s.close()
         self.assertEqual(agent.log().count("urq_timeout: TIME-OUT URQ"), 52)
+
+    def test_no_accept_for_nobody(self):
+        for injections in ([], ["-e", "inject=poll:error=EINTR"]):
+            trace = f"{self.root}/trace{self.roots}"
+            agent = self.start(options=("-L", "debug"), env={"ASAN_OPTIONS": "detect_leaks=0"},
+                               wrapper=["strace", "-D", "-qq", "-o", trace, "-e", "trace=accept4,poll", *injections])
+            for n in range(5):
+                self.assertEqual(agent.get("/"), ANSWERS[204])
+                agent.wait_log("end of accept queue reached", n + 1)
+            with open(trace, encoding="ascii") as f:
+                self.assertEqual(f.read().count("EAGAIN"), 5 if injections else 0)
+            agent.proc.send_signal(signal.SIGSTOP)
+            burst = [agent.connect() for _ in range(20)]
+            agent.proc.send_signal(signal.SIGCONT)
+            for s in burst:
+                s.sendall(b"GET / HTTP/1.1\r\nHost: agent.example.net\r\n\r\n")
+                self.assertEqual(read_all(s), ANSWERS[204])
+                s.close()
+
+    def test_a_client_that_sends_more_gets_its_answer_and_a_clean_end(self):
+        agent = self.start()
+        for path, answer in (("/there", 200), ("/gone", 404)):
+            gate = threading.Event()
+            head = b"HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\nx" if answer == 200 else b"HTTP/1.1 404 Not Found\r\n\r\n"
+            url = self.origin.raw(path, b"", lambda conn, gate=gate, head=head: (gate.wait(30), conn.sendall(head)))
+            with agent.connect() as s:
+                s.sendall(f"GET /src/{url}/dst{path} HTTP/1.1\r\nHost: h\r\n\r\n".encode())
+                agent.wait_log("urq_rm", 1 + (answer == 404))  # nobody reads from it any more
+                s.sendall(b"POST / HTTP/1.1\r\n\r\n")
+                gate.set()
+                data = b""
+                while chunk := s.recv(4096):  # an end, and no reset
+                    data += chunk
+                self.assertEqual(data, ANSWERS[answer])
+        agent.wait_file("there")
 
     def test_clients_that_leave(self):
         agent = self.start("urq_tmout_sec = 20;")

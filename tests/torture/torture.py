@@ -27,7 +27,7 @@ ERRORS = {
     "accept4": "EMFILE ENFILE ECONNABORTED EINTR EPERM", "access": "EACCES EIO", "bind": "EADDRINUSE EACCES",
     "chdir": "EACCES", "close": "EIO EINTR", "connect": "ECONNREFUSED ENETUNREACH EINTR EADDRNOTAVAIL",
     "epoll_create": "EMFILE ENOMEM", "epoll_ctl": "ENOMEM ENOSPC", "epoll_pwait": "EINTR", "fallocate": "ENOSPC EOPNOTSUPP EINTR",
-    "fcntl": "EMFILE EINVAL", "inotify_init1": "EMFILE", "recvmsg": "ENOBUFS EINTR", "fstat": "EIO",
+    "fcntl": "EMFILE EINVAL", "pipe2": "EMFILE", "splice": "EINVAL EIO ENOSYS EAGAIN EINTR ENOSPC ECONNRESET", "inotify_init1": "EMFILE", "recvmsg": "ENOBUFS EINTR", "fstat": "EIO",
     "ftruncate": "EIO ENOSPC", "getcwd": "ENOENT", "getsockname": "ENOBUFS",
     "getsockopt": "ENOBUFS", "ioctl": "ENODEV", "listen": "EADDRINUSE", "lseek": "EINVAL", "mkdir": "EACCES ENOSPC",
     "mmap": "ENOMEM", "msync": "EIO", "munmap": "ENOMEM", "newfstatat": "EIO EACCES", "openat": "EMFILE ENOSPC EACCES EINTR",

@@ -1,0 +1,188 @@
+/* The way of a body: from the source's socket straight into the mapping of the file, through one pipe inside the kernel, or
+   through one buffer. Pipe and buffer serve all tasks: nothing stays in them between two calls. */
+#include "app.h"
+
+#include "fdio.h"
+#include "log.h"
+#include "rqs.h"
+#include "syswrap.h"
+#include "tmout.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+constexpr size_t DWBUF_LEN = 1048576;   /* one piece of a written body, by either road */
+constexpr size_t MIN_MOVE_LEN = 131072; /* a shorter rest costs less through the buffer */
+
+static std::array<char, DWBUF_LEN> g_buf;
+
+/* Both -1: none, every body goes through the buffer. */
+static struct {
+    int out; /* bytes come out here */
+    int in;
+} g_pipe = {-1, -1};
+
+/* ---- the pipe ---- */
+
+void open_body_pipe() noexcept
+{
+    std::array<int, 2> fds{};
+    if (pipe2(fds.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
+        const int err = errno;
+        LOG_WARN("%s: ERROR(%d): %s: bodies go through the buffer\n", __func__, err, strerror(err));
+        return;
+    }
+    g_pipe = {fds[0], fds[1]};
+    const int granted = fcntl(g_pipe.in, F_SETPIPE_SZ, static_cast<int>(DWBUF_LEN));
+    if (granted < static_cast<int>(DWBUF_LEN)) {
+        LOG_WARN("%s: a pipe of %zu bytes is not granted (%d): bodies go through the buffer\n", __func__, DWBUF_LEN,
+                 granted);
+        close_body_pipe();
+    }
+}
+
+void close_body_pipe() noexcept
+{
+    for (int* fd : {&g_pipe.out, &g_pipe.in}) {
+        if (*fd >= 0)
+            W_close(__func__, *fd);
+        *fd = -1;
+    }
+}
+
+/* ---- written bodies ---- */
+
+/* Takes what the kernel has not moved out of the pipe and writes it: the plain calls say what is wrong, if anything is. The bytes
+   written, or -1. The pipe is empty afterwards. */
+static ssize_t write_rest(const dw_task* task, size_t rest) noexcept
+{
+    size_t have = 0;
+    while (have < rest) {
+        const ssize_t n = nread(g_pipe.out, g_buf.data() + have, rest - have);
+        if (n < 1) { /* nobody's bytes may stay for the next task */
+            close_body_pipe();
+            open_body_pipe();
+            return -1;
+        }
+        have += static_cast<size_t>(n);
+    }
+    return nwrite(task->dfd, g_buf.data(), rest);
+}
+
+/* What is in the pipe goes into the file. The bytes that got there; -1 none. */
+static ssize_t empty_pipe(dw_task* task, size_t len) noexcept
+{
+    size_t moved = 0;
+    while (moved < len) {
+        ssize_t n = splice(g_pipe.out, nullptr, task->dfd, nullptr, len - moved, SPLICE_F_MOVE);
+        if (n < 1) {
+            task->is_unmoved = true;
+            n = write_rest(task, len - moved);
+            if (n > 0)
+                moved += static_cast<size_t>(n);
+            return moved > 0 ? static_cast<ssize_t>(moved) : n;
+        }
+        moved += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(moved);
+}
+
+/* Whether errno is the kernel's word on splice itself, and not on the connection. */
+static bool is_refused(int err) noexcept
+{
+    return err == EAGAIN || err == EINVAL || err == ENOSYS || err == EOPNOTSUPP || err == EPERM || err == EIO ||
+           err == ENOMEM;
+}
+
+/* One piece from the socket into the pipe. As read(2). */
+static ssize_t fill_pipe(const dw_task* task) noexcept
+{
+    ssize_t n = 0;
+    do {
+        n = splice(task->sfd, nullptr, g_pipe.in, nullptr, std::min(task->nleft, DWBUF_LEN),
+                   SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+/* One piece of a written body. The bytes read, as read(2); *written gets those that reached the file. */
+static ssize_t receive_written(dw_task* task, ssize_t* written) noexcept
+{
+    if (g_pipe.in >= 0 && task->nleft >= MIN_MOVE_LEN && !task->is_unmoved) {
+        const ssize_t n = fill_pipe(task);
+        if (n > 0)
+            *written = empty_pipe(task, static_cast<size_t>(n));
+        if (n >= 0 || !is_refused(errno))
+            return n;
+        task->is_unmoved = true;
+        errno = 0;
+    }
+    const ssize_t n = nread(task->sfd, g_buf.data(), std::min(task->nleft, g_buf.size()));
+    if (n > 0)
+        *written = nwrite(task->dfd, g_buf.data(), static_cast<size_t>(n));
+    return n;
+}
+
+/* ---- mapped bodies ---- */
+
+/* The time of the last byte tells a stalled file from one that is being written. Bytes that the kernel puts into a mapping
+   leave the file's time as it is. */
+static void touch_mapped(dw_task* task) noexcept
+{
+    static constexpr timespec PACE = {1, 0};
+
+    if (!timed_out(task->touch_tm, PACE))
+        return;
+    rqs_set_now(&task->touch_tm);
+    (void)futimens(task->dfd, nullptr); /* the own file of this process: it can always be done */
+}
+
+/* ---- one event ---- */
+
+/* One piece of the body. The count, or -1 with *rc set. */
+static ssize_t receive(dw_task* task, int* rc) noexcept
+{
+    ssize_t written = 0;
+    errno = 0;
+    const ssize_t n =
+        task->is_mmapped ? nread(task->sfd, task->buf + task->f_pos, task->nleft) : receive_written(task, &written);
+    if (n < 1) {
+        *rc = n == 0 ? ECONNRESET : errno; /* bytes are missing, so an end of the stream is a break */
+        return -1;
+    }
+    if (task->is_mmapped) {
+        touch_mapped(task);
+    } else if (written != n) {
+        LOG_ERR("%s: under-write to fd%d: %zd/%zd\n", "read_fragment", task->dfd, n, written);
+        *rc = -1;
+        return -1;
+    }
+    return n;
+}
+
+int read_fragment(dw_task* task) noexcept
+{
+    int rc = 0;
+    const size_t left = task->nleft;
+    /* Nothing is left when the whole body came with the head: the event only says that the task may complete. */
+    const ssize_t n = left > 0 ? receive(task, &rc) : 0;
+    if (n > 0) {
+        if (static_cast<size_t>(n) > left)
+            PANIC("%s: BAD CONTENT-LEFT: nrecv/left: %zd/%zu bytes\n", __func__, n, left);
+        task->f_pos += n;
+        task->nleft -= static_cast<size_t>(n);
+        LOG_DEBUG("%s: %zd bytes, total=%zd/%zu, %zu left\n", __func__, n, static_cast<ssize_t>(task->f_pos),
+                  task->content_length, task->nleft);
+    }
+    rqs_set_now(&task->last_io_tm);
+    if (rc != 0)
+        LOG_ERR("%s: [%s] failed, rc=%d\n", __func__, task->spec.fpath, rc);
+    return rc;
+}
