@@ -27,14 +27,14 @@ int load_log_config(const config_setting_t* group, log_cfg* cfg) noexcept
     if (load_config_setting_str(group, "level", word.data(), WORD_LIMIT, "info") != 0)
         return -1;
     if (match_log_level(word.data(), &cfg->level) != 0) {
-        fprintf(stderr, "Invalid log level: %s\n", word.data());
+        log_trouble("Invalid log level: %s\n", word.data());
         return -1;
     }
     if (load_config_setting_str(group, "time_format", word.data(), WORD_LIMIT, "local") != 0)
         return -1;
     cfg->timefmt = match_timefmt(word.data());
     if (cfg->timefmt == f_BAD_TIME) {
-        fprintf(stderr, "Invalid time format: %s\n", word.data());
+        log_trouble("Invalid time format: %s\n", word.data());
         return -1;
     }
     if (load_config_setting_int(group, "max_size_mb", &cfg->max_size_mb, 64) != 0 ||

@@ -233,6 +233,10 @@ int add_web_cli(kova_cfg* cfg, const char* text, int family) noexcept
         return EINVAL;
     }
     *colon = '\0';
+    if (strlen(colon + 1) >= sizeof(rui_listener_cfg::port)) {
+        LOG_ERR("%s: invalid port number: %s\n", __func__, colon + 1);
+        return EINVAL;
+    }
     size_t index = 0;
     rui_listener_cfg* slot = pick_slot(&cfg->rui, &index);
     ifc_info* ifc = get_ifc_info(family, copy.get());

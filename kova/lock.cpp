@@ -48,13 +48,13 @@ static bool mk_lock_path(const char* fn, const char* lid, lock_path* path) noexc
     return false;
 }
 
-/* Age of a file by its time of change, in seconds. A link to nowhere has its own: it is in the way of an exclusive
+/* Age of a file by its time of change, in seconds. A link that leads to no file has its own: it is in the way of an exclusive
    creation like any file. 0; -1 with errno. */
 static int file_age(const char* path, long* age) noexcept
 {
     struct stat st {
     };
-    if (stat(path, &st) != 0 && (errno != ENOENT || lstat(path, &st) != 0))
+    if (stat(path, &st) != 0 && lstat(path, &st) != 0)
         return -1;
     *age = static_cast<long>(time(nullptr) - st.st_mtime);
     return 0;

@@ -11,8 +11,10 @@
 #include "util.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
@@ -26,6 +28,14 @@ int app_start() noexcept
     return g_ctx.udl.is_ready ? udl_ctx_start(&g_ctx.udl) : 0;
 }
 
+/* A link or a device at the pid file's path was refused at the start, and is nothing of ours to remove. */
+static bool is_foreign_pidfile() noexcept
+{
+    struct stat st {
+    };
+    return lstat(g_cfg.rt.pidfile, &st) == 0 && !S_ISREG(st.st_mode);
+}
+
 void app_shutdown() noexcept
 {
     LOG_DEBUG("%s: begins\n", __func__);
@@ -34,7 +44,7 @@ void app_shutdown() noexcept
     destroy_kova_ctx();
     rqs_destroy();
     LOG_NORM("%s shut down\n", APP_NAME);
-    if (g_cfg.rt.pidfile[0] && unlink(g_cfg.rt.pidfile) != 0 && errno != ENOENT) {
+    if (g_cfg.rt.pidfile[0] && !is_foreign_pidfile() && unlink(g_cfg.rt.pidfile) != 0 && errno != ENOENT) {
         const int err = errno;
         LOG_ERR("%s: unlink(%s) ERROR(%d): %s\n", __func__, g_cfg.rt.pidfile, err, strerror(err));
     }
@@ -93,6 +103,8 @@ static int exit_status(int rc) noexcept
 int main(int argc, char* argv[])
 {
     fill_std_fds();
+    (void)handle_sig(SIGXFSZ,
+                     SIG_IGN); /* a file at its size limit is a write that fails, not an end: from the first line on */
     const char* trace = getenv("SYSW_DEBUG");
     if (argc < 2)
         usage(1);

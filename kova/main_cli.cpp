@@ -132,6 +132,10 @@ static int apply_option(int c) noexcept
     case '0':
         return 0;
     case 'D':
+        if (!*optarg) { /* every destination would be one of the whole file system */
+            fprintf(stderr, "Data path is empty.\n");
+            return -1;
+        }
         return set_path(g_cfg.data_dir, "Data", optarg);
     case 'l':
         return set_path(g_cfg.log.path, "Log", optarg);

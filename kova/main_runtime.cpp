@@ -26,8 +26,6 @@ static int setup_signals() noexcept
         return rc;
     if (const int rc = ignore_sigpipe())
         return rc;
-    if (const int rc = handle_sig(SIGXFSZ, SIG_IGN)) /* a file at its size limit is a write that fails, not an end */
-        return rc;
     return handle_sig(SIGUSR2, on_tdbg);
 }
 

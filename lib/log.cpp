@@ -363,28 +363,43 @@ constexpr uint64_t bytes_of(unsigned char c) noexcept
     return 0x0101010101010101ULL * c;
 }
 
-constexpr unsigned char C1_LEAD = 0xc2; /* in UTF-8 the C1 controls are this byte with one of 0x80 to 0x9f */
-
-/* Whether one of eight bytes is below 0x20, 0x7f or C1_LEAD. */
+/* Whether one of eight bytes is below 0x20, or 0x7f and above. */
 static bool is_suspect(uint64_t w) noexcept
 {
     const uint64_t del = w ^ bytes_of(0x7f);
-    const uint64_t c1 = w ^ bytes_of(C1_LEAD);
-    return (((w - bytes_of(0x20)) & ~w) | ((del - bytes_of(1)) & ~del) | ((c1 - bytes_of(1)) & ~c1)) & bytes_of(0x80);
+    return ((w - bytes_of(0x20)) | (del - bytes_of(1)) | w) & bytes_of(0x80);
 }
 
-/* Writes "?" over the control bytes of text[len], which has a NUL behind it. */
+static bool is_c1(unsigned char c) noexcept
+{
+    return c >= 0x80 && c <= 0x9f;
+}
+
+/* Length of the character at text, which has a NUL behind it: above 1 only for one of UTF-8 that is no control. */
+static size_t char_len(const char* text) noexcept
+{
+    const auto lead = static_cast<unsigned char>(*text);
+    const size_t len = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+    if (lead < 0xc2 || lead > 0xf4 || (lead == 0xc2 && is_c1(static_cast<unsigned char>(text[1]))))
+        return 1;
+    for (size_t i = 1; i < len; ++i) {
+        if ((static_cast<unsigned char>(text[i]) & 0xc0) != 0x80)
+            return 1;
+    }
+    return len;
+}
+
+/* Writes "?" over the control bytes of text[len], which has a NUL behind it. Within a character of UTF-8 no byte is one; alone,
+   0x80 to 0x9f command a terminal like those below 0x20. */
 static void hide_controls(char* text, size_t len, bool keeps_line_ends) noexcept
 {
-    for (size_t i = 0; i < len; ++i) {
+    size_t step = 1;
+    for (size_t i = 0; i < len; i += step) {
         const auto c = static_cast<unsigned char>(text[i]);
-        const auto next = static_cast<unsigned char>(text[i + 1]);
-        const bool is_c1 = c == C1_LEAD && next >= 0x80 && next <= 0x9f;
-        if ((c >= 0x20 && c != 0x7f && !is_c1) || (keeps_line_ends && (c == '\n' || (c == '\r' && next == '\n'))))
-            continue;
-        text[i] = '?';
-        if (is_c1)
-            text[++i] = '?';
+        step = char_len(text + i);
+        const bool is_line_end = keeps_line_ends && (c == '\n' || (c == '\r' && text[i + 1] == '\n'));
+        if (step == 1 && !is_line_end && (c < 0x20 || c == 0x7f || c == 0xc2 || is_c1(c)))
+            text[i] = '?';
     }
 }
 

@@ -346,6 +346,19 @@ static int refuse_rotation(const log_ctx* log) noexcept
     return 0;
 }
 
+/* Is the file behind the stream still the one at its path? What somebody has put there is not the log's to rename. 0, or an
+   errno value. */
+static int check_in_place(const log_ctx* log) noexcept
+{
+    struct stat own {
+    };
+    struct stat st {
+    };
+    if (fstat(fileno(log->fp), &own) != 0 || stat(log->name, &st) != 0)
+        return errno;
+    return own.st_dev == st.st_dev && own.st_ino == st.st_ino ? 0 : ESTALE;
+}
+
 int log_rotate(log_ctx* log) noexcept
 {
     if (const int rc = refuse_rotation(log))
@@ -354,14 +367,16 @@ int log_rotate(log_ctx* log) noexcept
     rotated_name name{};
     if (!mk_rotated_name(__func__, log, now, &name))
         return -1;
+    int err = check_in_place(log);
     if (log_close_stream(log) != 0) {
-        const int err = errno;
+        err = errno;
         log_trouble("%s: failed to close [%s], ERROR(%d): %s\n", __func__, log->name, err, strerror(err));
         return -1;
     }
     std::array<char, 512> failure{};
-    if (rename(log->name, name.data()) != 0) {
-        const int err = errno;
+    if (err == 0 && rename(log->name, name.data()) != 0)
+        err = errno;
+    if (err != 0) {
         snprintf(failure.data(), failure.size(), "%s: failed to rename [%s] to [%s], ERROR(%d): %s", __func__,
                  log->name, name.data(), err, strerror(err));
         log_trouble("%s - rotation is to be stopped\n", failure.data());

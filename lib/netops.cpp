@@ -566,9 +566,12 @@ static int listen_on_path(const char* path) noexcept
     if (fd < 0)
         return -1;
     scope_guard close_fd([fd] { W_close("open_domain_listener", fd); });
-    if (W_bind("open_domain_listener", fd, reinterpret_cast<const sockaddr*>(&sun), sizeof(sun)) != 0 ||
-        W_listen("open_domain_listener", fd, LISTEN_BKLOG) != 0)
+    if (W_bind("open_domain_listener", fd, reinterpret_cast<const sockaddr*>(&sun), sizeof(sun)) != 0)
         return -1;
+    if (W_listen("open_domain_listener", fd, LISTEN_BKLOG) != 0) {
+        (void)unlink(path);
+        return -1;
+    }
     close_fd.release();
     return fd;
 }

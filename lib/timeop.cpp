@@ -15,7 +15,8 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr int ZONE_CAP = 16;
 constexpr long NS_PER_US = 1000;
-constexpr time_t EOD_SEARCH = 10800; /* no clock change is longer */
+constexpr time_t DAY_SEC = 86400;
+constexpr time_t EOD_SEARCH = 10801; /* no clock change is longer than three hours */
 constexpr time_t EOD_STEP = 900;
 
 struct timefmt_word {
@@ -152,12 +153,8 @@ time_t get_endofday_utime(time_t t) noexcept
     parts.tm_hour = EOD_HOUR;
     parts.tm_min = EOD_MIN;
     parts.tm_sec = 59;
-    const time_t usual = mktime(&parts);
-    if (usual == -1) {
-        LOG_ERR("%s: mktime() FAILED\n", __func__);
-        return -1;
-    }
-    time_t later = std::max(usual, t) + EOD_SEARCH;
+    const time_t usual = mktime(&parts); /* -1 where the day has no such time */
+    time_t later = (usual == -1 ? t + DAY_SEC : std::max(usual, t)) + EOD_SEARCH;
     while (later - EOD_STEP > t && local_date(later - EOD_STEP) > date)
         later -= EOD_STEP;
     time_t end = later - EOD_STEP > t ? later - EOD_STEP : t;

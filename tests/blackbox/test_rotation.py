@@ -133,6 +133,15 @@ class Rotation(KovTest):
                 self.assertEqual(glob.glob(f"{path}.*"), [])
         self.assertGreater(os.stat(f"{self.root}/redirected").st_size, 1 << 20)
 
+    def test_what_is_put_in_the_place_of_the_log_is_not_renamed(self):
+        agent = self.start(log="max_size_mb = 1;")
+        os.rename(agent.log_path, f"{self.root}/moved")
+        os.mkfifo(agent.log_path)
+        self.fill(agent, 800)
+        self.assertTrue(stat.S_ISFIFO(os.lstat(agent.log_path).st_mode))
+        self.assertEqual(glob.glob(f"{agent.log_path}.*"), [])
+        os.remove(agent.log_path)
+
     def test_a_command_that_does_not_read_holds_nothing_up(self):
         agent = self.start(options=("-l", "|sleep 30", "-L", "debug"))
         self.fill(agent, 200)

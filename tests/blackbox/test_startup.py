@@ -60,11 +60,13 @@ class CommandLine(unittest.TestCase):
         self.refused("Data path is too long (128 bytes), max=128 bytes.\n", "-D", path)
         self.refused("Log path is too long (128 bytes), max=128 bytes.\n", "-l", path)
         self.refused("Pidfile path is too long (128 bytes), max=128 bytes.\n", "-p", path)
+        self.refused("Data path is empty.\n", "-D", "")
         self.refused("Invalid log level: loud\n", "-L", "loud")
         for text in ("abc", "00", ""):
             self.refused(f"Invalid CPU #: {text}\n", "-P", text)
         self.refused("Unknown option: \0\n", "--default")
         self.refused("add_web_cli: missing port number in lo\n", "-w", "lo")
+        self.refused("add_web_cli: invalid port number: 123456\n", "-w", "lo:123456")
         self.refused("add_web_cli: invalid interface name: nonsense\n", "-w", "nonsense:80")
         self.refused("validate_config: at least one listener must be present\n", "-w", "lo:80",
                      config="log = { }; runtime = { };")

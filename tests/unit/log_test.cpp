@@ -69,7 +69,10 @@ TEST(Record, ShowsControlBytesAsQuestionMarks)
         {"12345678\x1b[2J 123456789\x1f\n", "12345678?[2J 123456789?\n", "12345678?[2J 123456789?\n"},
         {"csi \xc2\x9b"
          "31m \xc2\xa9 \xc3\x9b \xc2",
-         "csi ??31m \xc2\xa9 \xc3\x9b \xc2", "csi ??31m \xc2\xa9 \xc3\x9b \xc2"},
+         "csi ??31m \xc2\xa9 \xc3\x9b ?", "csi ??31m \xc2\xa9 \xc3\x9b ?"},
+        {"alone \x9b"
+         "31m \xe9\x9b \xe9\x9b\xb0 \xf0\x9f\x9b\xb0",
+         "alone ?31m \xe9? \xe9\x9b\xb0 \xf0\x9f\x9b\xb0", "alone ?31m \xe9? \xe9\x9b\xb0 \xf0\x9f\x9b\xb0"},
         {"\n", "\n", "\n"},
     };
     for (const auto& c : cases) {
