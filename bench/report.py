@@ -1,4 +1,4 @@
-"""Turns what bench.py --json wrote into the tables (standard output) and the plot (docs/performance.svg) of the page.
+"""Turns what bench.py --json and ab --json wrote into the tables (standard output) and the plot (docs/performance.svg) of the page.
 
     report.py FILE.json"""
 
@@ -29,13 +29,16 @@ def tables(results):
 
 def plot(results, path):
     """CPU of each contender relative to the bare loop that writes."""
-    works = [w for w in ("4 KiB", "1 MiB", "32 MiB", "2 GiB") if w in results]
+    bare = ("bare", "bare loop, written")
+    works = [w for w, rows in results.items() if any("cpu_us" in rows.get(name, {}) for name in bare)]
+    if not works:
+        return
     names = list(results[works[0]])
     lines = []
     for name in names:
         cells = [f'"{name}"']
         for work in works:
-            base = results[work]["bare loop, written"]["cpu_us"]
+            base = next(results[work][b]["cpu_us"] for b in bare if b in results[work])
             row = results[work].get(name)
             cells.append(f"{row['cpu_us'] / base:.3f}" if row else "NaN")
         lines.append(" ".join(cells))
