@@ -54,8 +54,12 @@ static int file_age(const char* path, long* age) noexcept
 {
     struct stat st {
     };
-    if (stat(path, &st) != 0 && lstat(path, &st) != 0)
+    struct stat target {
+    };
+    if (lstat(path, &st) != 0)
         return -1;
+    if (S_ISLNK(st.st_mode) && stat(path, &target) == 0)
+        st = target;
     *age = static_cast<long>(time(nullptr) - st.st_mtime);
     return 0;
 }
