@@ -1,6 +1,6 @@
-/* The limit to measure against: a bare epoll loop that makes the system calls of a download agent and nothing else. It takes
-   the same orders ("GET /src/http://127.0.0.1:PORT/PATH/dst/NAME"), trusts everything, looks at nothing twice, and dies of
-   any failure.
+/* The limit to measure against: a bare epoll loop that makes the system calls of a download agent and nothing else. It
+   takes the same orders ("GET /src/http://127.0.0.1:PORT/PATH/dst/NAME"), trusts everything, looks at nothing twice,
+   and dies of any failure.
 
    bare_loop PORT DIR mapped|written */
 #include <arpa/inet.h>

@@ -1,11 +1,11 @@
 /* Places HTTP requests, so many at a time, and says how long the answers took.
 
-   load PORT WINDOW COUNT TARGET [FILE]     TARGET and FILE hold %d for the request's number; a COUNT that begins with "+"
-                                            closes each connection with the answer's first bytes
+   load PORT WINDOW COUNT TARGET [FILE]     TARGET and FILE hold %d for the request's number; a COUNT that begins
+                                            with "+" closes each connection with the answer's first bytes
 
-   Prints seconds until the last answer, answers other than 2xx, and the p50 and p99 of an answer in microseconds; with FILE
-   (and a window of 1) also the p50 and p99 until that file exists. A request's connection is read to its end: for a proxy
-   that is the body's end, for an agent its answer. */
+   Prints seconds until the last answer, answers other than 2xx, and the p50 and p99 of an answer in microseconds; with
+   FILE (and a window of 1) also the p50 and p99 until that file exists. A request's connection is read to its end: for
+   a proxy that is the body's end, for an agent its answer. */
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>

@@ -1,6 +1,6 @@
-/* Client of the load-balancer database. The scripts live in the server and are called only by their digests, which are read
-   from small files at start-up. One connection serves the whole life; it is never opened again. Every
-   command is waited for, with the signals let in. */
+/* Client of the load-balancer database. The scripts live in the server and are called only by their digests, which are
+   read from small files at start-up. One connection serves the whole life; it is never opened again. Every command is
+   waited for, with the signals let in. */
 #include "lbquery.h"
 
 #include "config.h"
@@ -186,8 +186,8 @@ static int64_t now_ms() noexcept
     return now.tv_sec * int64_t{1000} + now.tv_nsec / 1000000;
 }
 
-/* Waits for the server's socket. A server that hangs holds the agent up; once a quit signal has come, it gets a last, bounded
-   time in all. 0 ready, or an errno value. */
+/* Waits for the server's socket. A server that hangs holds the agent up; once a quit signal has come, it gets a last,
+   bounded time in all. 0 ready, or an errno value. */
 static int wait_for_server(short events, int64_t deadline) noexcept
 {
     for (;;) {
@@ -301,7 +301,8 @@ int check_script_exists(const char* sha1) noexcept
     return rc;
 }
 
-/* An array of more elements than any script has use for: its announcement alone would reserve memory for all of them. */
+/* An array of more elements than any script has use for: its announcement alone would reserve memory for all of them.
+   */
 constexpr size_t MAX_ARRAY = 4096;
 
 static redisReplyObjectFunctions g_library_fns;

@@ -1,5 +1,5 @@
-/* Client of the load-balancer database: scripts in Redis, called by their SHA1 digests over one connection. A call waits for the answer
-   of its command: for ever, but no longer than 500 ms once a quit signal has come. */
+/* Client of the load-balancer database: scripts in Redis, called by their SHA1 digests over one connection. A call
+   waits for the answer of its command: for ever, but no longer than 500 ms once a quit signal has come. */
 #pragma once
 
 #include <cstddef>

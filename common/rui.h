@@ -1,5 +1,5 @@
-/* Request listeners: they accept clients, queue one request record for each, time them out and retire them. A request is
-   freed only after the round in which it ended: its handler puts it on the listener's pprm list. */
+/* Request listeners: they accept clients, queue one request record for each, time them out and retire them. A request
+   is freed only after the round in which it ended: its handler puts it on the listener's pprm list. */
 #pragma once
 
 #include "appcfg.h"

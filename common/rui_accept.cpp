@@ -128,9 +128,9 @@ static void accept_failed(rui_socket_ctx* srv, int err) noexcept
     srv->has_failed = true;
 }
 
-/* An accept that finds nobody makes a file first, and is the dearest call of a lone order: behind the first client the listener
-   is asked whether there is a second one. In a burst the question would be one more call for each, so it comes once. A
-   question that fails is no answer. */
+/* An accept that finds nobody makes a file first, and is the dearest call of a lone order: behind the first client the
+   listener is asked whether there is a second one. In a burst the question would be one more call for each, so it comes
+   once. A question that fails is no answer. */
 static bool is_second_waiting(int fd) noexcept
 {
     pollfd p = {fd, POLLIN, 0};

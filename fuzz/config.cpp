@@ -1,4 +1,5 @@
-/* A configuration file, loaded and dumped in a child process, since the parser library may end its process by itself. */
+/* A configuration file, loaded and dumped in a child process, since the parser library may end its process by itself.
+   */
 #include "fuzz.h"
 
 #include <cerrno>
@@ -30,8 +31,8 @@ extern "C" void __wrap___sanitizer_cov_8bit_counters_init(char* begin, char* end
 }
 #endif
 
-/* The end of a child, also of one that the parser library ends: what it has counted must reach the parent, else the fuzzer
-   is blind. */
+/* The end of a child, also of one that the parser library ends: what it has counted must reach the parent, else the
+   fuzzer is blind. */
 static void leave()
 {
     if (g_counters_len > 0)

@@ -1,4 +1,5 @@
-/* A datagram, down to the order that it makes. The missing expiry ends the agent by its assertion: that end is expected. */
+/* A datagram, down to the order that it makes. The missing expiry ends the agent by its assertion: that end is
+   expected. */
 #include "fuzz.h"
 
 #include "rq.h"

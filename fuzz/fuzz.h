@@ -1,5 +1,5 @@
-/* What the fuzz targets share. Each target is one file with LLVMFuzzerTestOneInput; scripts/fuzz runs it under libFuzzer, and
-   the ordinary tests replay its seeds. */
+/* What the fuzz targets share. Each target is one file with LLVMFuzzerTestOneInput; scripts/fuzz runs it under
+   libFuzzer, and the ordinary tests replay its seeds. */
 #pragma once
 
 #include "data.h"

@@ -1,5 +1,5 @@
-/* URIs: split, copied, walked by segments, decoded and encoded; texts are as long as the input, so that a read or write past
-   their ends is seen. */
+/* URIs: split, copied, walked by segments, decoded and encoded; texts are as long as the input, so that a read or write
+   past their ends is seen. */
 #include "fuzz.h"
 
 #include "unfinished.h"

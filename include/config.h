@@ -10,8 +10,8 @@
    text, where the parser library alone would end the process. */
 [[nodiscard]] int parse_config(config_t* cfg, const char* path, FILE* fp) noexcept;
 
-/* Text at a path from the root, or at a key of a group, shorter than limit, copied into dst[limit or more]. An absent one
-   copies deflt when that is non-empty, else leaves dst as it is. 0, or -1 too long (logged). */
+/* Text at a path from the root, or at a key of a group, shorter than limit, copied into dst[limit or more]. An absent
+   one copies deflt when that is non-empty, else leaves dst as it is. 0, or -1 too long (logged). */
 [[nodiscard]] int load_config_str(const config_t* cfg, const char* path, char* dst, size_t limit,
                                   const char* deflt) noexcept;
 [[nodiscard]] int load_config_setting_str(const config_setting_t* group, const char* key, char* dst, size_t limit,

@@ -25,8 +25,8 @@ unsigned long tw_shift(long key, unsigned long seed) noexcept; /* long keys */
                               size_t klen) noexcept;
 [[nodiscard]] int nkht_create(nkht_t* handle, size_t capacity, ht_hash_fn hash) noexcept;
 
-/* 0; 16 present (*data gets the present entry's data); 12 no memory; 22 no slots. data may be null: none is stored. A text
-   key is cut to its storage; it is then found by the cut text only. */
+/* 0; 16 present (*data gets the present entry's data); 12 no memory; 22 no slots. data may be null: none is stored. A
+   text key is cut to its storage; it is then found by the cut text only. */
 [[nodiscard]] int skht_add(skht_t tbl, const char* key, void** data) noexcept;
 [[nodiscard]] int nkht_add(nkht_t tbl, long key, void** data) noexcept;
 /* 0 with *data (may be null) set; 3 absent; 22 no slots. rm takes the entry out. */

@@ -3,8 +3,8 @@
 
    A source file declares its log context once, near its top:
        static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
-   and writes records with LOG_ERR("%s: ...\n", __func__, ...). Arguments are evaluated only when the record is written; a
-   filtered-out record costs one comparison. The message carries its own newline. */
+   and writes records with LOG_ERR("%s: ...\n", __func__, ...). Arguments are evaluated only when the record is
+   written; a filtered-out record costs one comparison. The message carries its own newline. */
 #pragma once
 
 #include "tags.h"

@@ -32,9 +32,9 @@ struct ifc_info {
     sockaddr_storage ss; /* an address of the interface; family 0 when not known */
 };
 
-/* See socket_spec. address null = any; port decimal text; ssm_src null unless source-specific; ifc (name or address) for
-   multicast; *ifc_used (may be null) receives the interface record used, owned by the caller (free). Descriptor or -1; a
-   connect in progress is success with errno EINPROGRESS. */
+/* See socket_spec. address null = any; port decimal text; ssm_src null unless source-specific; ifc (name or address)
+   for multicast; *ifc_used (may be null) receives the interface record used, owned by the caller (free). Descriptor or
+   -1; a connect in progress is success with errno EINPROGRESS. */
 [[nodiscard]] int open_socket(const char* address, const char* port, const char* ssm_src, socket_spec* spec,
                               const char* ifc, ifc_info** ifc_used) noexcept;
 [[nodiscard]] int open_listener(const ifc_info* ifc, const char* port, uint32_t flags) noexcept;

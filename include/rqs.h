@@ -1,6 +1,6 @@
-/* The epoll loop: one process-wide engine. A descriptor is registered with the record that its events are for; the record
-   begins with an n32_tag. Handlers never wait, never free the record whose event they handle, and return 0 to go on;
-   anything else ends the loop after the round. Registration is level-triggered and allowed at any stage. */
+/* The epoll loop: one process-wide engine. A descriptor is registered with the record that its events are for; the
+   record begins with an n32_tag. Handlers never wait, never free the record whose event they handle, and return 0 to go
+   on; anything else ends the loop after the round. Registration is level-triggered and allowed at any stage. */
 #pragma once
 
 #include "xvdat.h"

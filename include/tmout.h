@@ -17,8 +17,8 @@ struct tmout_registry {
     long min; /* smallest value held, or MIN_TIMER_VAL */
 };
 
-/* The process's registry. set and rm must balance; an index out of range or an unbalanced rm is an assertion. A set on a
-   kind that is already held adds a holder and leaves the value. */
+/* The process's registry. set and rm must balance; an index out of range or an unbalanced rm is an assertion. A set on
+   a kind that is already held adds a holder and leaves the value. */
 void init_timeout_registry() noexcept;
 void set_timeout(int index, long ms) noexcept;
 void rm_timeout(int index) noexcept;

@@ -35,28 +35,29 @@ char* uri_get_path(const uri_layout* u, char* buf, size_t cap) noexcept;
 char* uri_get_query(const uri_layout* u, char* buf, size_t cap) noexcept;
 
 [[nodiscard]] int uri_scheme_kind(const char* scheme) noexcept;
-/* Parses url and copies the parts asked for (null = not wanted; capacities URI_*_MAX). Absent optional parts give an empty
-   text. The kind, or -1 (logged). */
+/* Parses url and copies the parts asked for (null = not wanted; capacities URI_*_MAX). Absent optional parts give an
+   empty text. The kind, or -1 (logged). */
 [[nodiscard]] int uri_extract(const char* url, char* scheme, char* authority, char* path, char* query) noexcept;
 /* Host and port of a path; returns the rest after them, or null (logged). An absent port gives an empty text. */
 const char* uri_path_addrport(const char* path, size_t p_len, char* host, size_t hostcap, char* port,
                               size_t portcap) noexcept;
 [[nodiscard]] bool uri_is_alias(const char* s) noexcept;
 
-/* The next segment of p, ended by and including its '/': its start and length in *start, *len. Returns the text after it,
-   or null at the end of the text. brk names the separators: always "//". */
+/* The next segment of p, ended by and including its '/': its start and length in *start, *len. Returns the text after
+   it, or null at the end of the text. brk names the separators: always "//". */
 const char* uri_xseg(const char* p, const char* brk, const char** start, size_t* len) noexcept;
 /* 0 when the segment is word, without case, ignoring one leading and one trailing '/'. */
 [[nodiscard]] int xseg_scmp(const char* word, const char* start, size_t len, const char* brk) noexcept;
 /* Copies a run of segments without its outer slashes. 0, or 7 when it does not fit. */
 [[nodiscard]] int xseg_cpy(const char* start, size_t len, char* buf, size_t cap, const char* brk) noexcept;
 
-/* Source and destination from an order's path (".../src/SOURCE/dst/DESTINATION"), each into a buffer of cap bytes.
-   0; -14 no "src" segment; 3 no '/' at all and no alias; 7 a part does not fit; a positive depth when "src" is unmatched. */
+/* Source and destination from an order's path (".../src/SOURCE/dst/DESTINATION"), each into a buffer of cap bytes. 0;
+   -14 no "src" segment; 3 no '/' at all and no alias; 7 a part does not fit; a positive depth when "src" is unmatched.
+   */
 [[nodiscard]] int uri_extract_endpts_ext(const char* path, size_t p_len, char* src, char* dst, size_t cap) noexcept;
 
-/* Decodes in place over at most cap bytes. With safe, a byte that is not printable becomes '?'. Returns s, or null for an
-   escape within the last two bytes of cap. Never reads beyond the text. */
+/* Decodes in place over at most cap bytes. With safe, a byte that is not printable becomes '?'. Returns s, or null for
+   an escape within the last two bytes of cap. Never reads beyond the text. */
 char* uri_decode_opt(char* s, size_t cap, bool safe) noexcept;
 char* uri_decode(char* s, size_t cap) noexcept;
 /* A new zeroed buffer of cap bytes with s encoded as far as it fits; free() it. Null: no memory. */

@@ -35,8 +35,8 @@ void block_handled_signals() noexcept;
 [[nodiscard]] const sigset_t* wait_sigmask() noexcept;
 /* Lets pending handled signals run their handlers now. One system call when none is pending. */
 void deliver_pending_signals() noexcept;
-/* poll() of one descriptor with the handled signals let in, for a wait outside the loop. limit null = none. As ppoll: -1 with
-   EINTR when a handler has run. */
+/* poll() of one descriptor with the handled signals let in, for a wait outside the loop. limit null = none. As ppoll:
+   -1 with EINTR when a handler has run. */
 [[nodiscard]] int poll_with_signals(int fd, short events, const timespec* limit) noexcept;
 
 /* Opens /dev/null on each of the descriptors 0, 1, 2 that is closed, so that no socket or data file ever gets them. */
@@ -61,7 +61,8 @@ int raise_fd_limit() noexcept;
 /* Write lock on the whole file without waiting; as fcntl. */
 [[nodiscard]] int write_lock(int fd) noexcept;
 int set_unlimited_core(int flags) noexcept;
-/* Pins the process to one CPU; numbers from 1024 on give an empty set, which the kernel refuses. As sched_setaffinity. */
+/* Pins the process to one CPU; numbers from 1024 on give an empty set, which the kernel refuses. As sched_setaffinity.
+   */
 [[nodiscard]] int pin2cpu(int cpu) noexcept;
 
 /* With strip, removes one trailing '/' of path (not of "/" itself); 0 when the directory can be opened, else -1. */

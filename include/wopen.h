@@ -62,11 +62,11 @@ void usock_close(int fd, usock_ctx* ctx) noexcept;
 [[nodiscard]] int fwd_http_rq(int fd, const char* url, const char* apptag, uint32_t flags) noexcept;
 [[nodiscard]] int send_http_request(int fd, const http_request* rq) noexcept;
 
-/* One receive into buf + pos, at most cap - pos bytes: bytes read, 0 at the end of the stream, -1 with errno. *eoh gets the
-   head's length once it has ended within pos + read bytes. */
+/* One receive into buf + pos, at most cap - pos bytes: bytes read, 0 at the end of the stream, -1 with errno. *eoh gets
+   the head's length once it has ended within pos + read bytes. */
 [[nodiscard]] ssize_t read_http(int fd, char* buf, size_t cap, size_t pos, ssize_t* eoh) noexcept;
 /* Length of a head with its blank line, or 0. */
 [[nodiscard]] size_t head_eod(const char* buf, size_t len) noexcept;
-/* 0 head complete and status parsed; 11 call again when readable; -1 (logged). At most cap - 1 bytes are read; the head's
-   last character becomes a NUL. */
+/* 0 head complete and status parsed; 11 call again when readable; -1 (logged). At most cap - 1 bytes are read; the
+   head's last character becomes a NUL. */
 [[nodiscard]] int recv_http_response(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcept;

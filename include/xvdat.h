@@ -1,6 +1,6 @@
-/* Growable arrays of fixed-size elements stored by value: the vector xvec, filled from the front, and the slot list xvlst,
-   whose slots are taken and released in any order, always the lowest free one first. Element size and growth block are
-   given with every call. All-zero records are empty and valid. */
+/* Growable arrays of fixed-size elements stored by value: the vector xvec, filled from the front, and the slot list
+   xvlst, whose slots are taken and released in any order, always the lowest free one first. Element size and growth
+   block are given with every call. All-zero records are empty and valid. */
 #pragma once
 
 #include <cstddef>
@@ -54,13 +54,15 @@ void xvec_reset(xvec* v) noexcept;
 [[nodiscard]] ssize_t xvlst_add(xvlst* l, size_t size, size_t growblk) noexcept;
 /* Releases slot i, then calls callback (may be null). 0; 34 beyond the last slot; 114 not taken. */
 int xvlst_del(xvlst* l, size_t i, xv_elem_fn callback) noexcept;
-/* Calls f on taken slots in order. With stop, the first non-zero result ends the walk, stores the slot and is returned. */
+/* Calls f on taken slots in order. With stop, the first non-zero result ends the walk, stores the slot and is returned.
+   */
 int xvlst_each(xvlst* l, xv_elem_fn f, size_t* stop) noexcept;
 /* First slot for which match is non-zero: that value, the slot in *found (may be null); 0 when none. */
 [[nodiscard]] int xvlst_find(xvlst* l, void* arg, xv_match_fn match, size_t* found) noexcept;
 /* Deletes every matching slot. Their number, or -1 with the slot in *err (may be null). */
 int xvlst_rmif(xvlst* l, void* arg, xv_match_fn match, size_t* err) noexcept;
-/* Calls f (may be null, may delete slots of this list) on every taken slot, then empties the list, keeping its capacity. */
+/* Calls f (may be null, may delete slots of this list) on every taken slot, then empties the list, keeping its
+   capacity. */
 void xvlst_purge_all(xvlst* l, xv_elem_fn f) noexcept;
 /* Releases the storage and zeroes the record. */
 void xvlst_reset(xvlst* l) noexcept;

@@ -1,6 +1,6 @@
 /* The download context and its task table: how a task is made, found, un-hashed and freed. A task lives in its slot of
-   g_ctx.tasks, which is reserved once, so pointers to it hold until free_dw; everything a task owns is released there and
-   nowhere else. */
+   g_ctx.tasks, which is reserved once, so pointers to it hold until free_dw; everything a task owns is released there
+   and nowhere else. */
 #include "app.h"
 
 #include "guard.h"
@@ -27,7 +27,8 @@ constexpr size_t MAX_TASK_NUM = 10000; /* tracking tags start again at T0001 aft
 
 kova_ctx g_ctx{};
 
-/* Every task holds at least one descriptor, so the descriptor limit bounds an unlimited table, as far as a table can go. */
+/* Every task holds at least one descriptor, so the descriptor limit bounds an unlimited table, as far as a table can
+   go. */
 static size_t task_table_size() noexcept
 {
     return g_cfg.max_tasks > 0 ? g_cfg.max_tasks : std::min(fd_limit(), HT_MAX_CAP);

@@ -1,5 +1,5 @@
-/* Downloads: the context and its task table (app.cpp), the source (app_fetch.cpp), the destination (app_file.cpp), the body
-   (app_body.cpp), reaping and time-outs (app_reap.cpp). */
+/* Downloads: the context and its task table (app.cpp), the source (app_fetch.cpp), the destination (app_file.cpp), the
+   body (app_body.cpp), reaping and time-outs (app_reap.cpp). */
 #pragma once
 
 #include "data.h"
@@ -14,8 +14,9 @@ void destroy_kova_ctx() noexcept;
 /* The URL without its scheme. */
 [[nodiscard]] const char* url2key(const char* url) noexcept;
 [[nodiscard]] dw_task* get_dw_task(const char* key) noexcept;
-/* Starts a download. client_fd is duplicated, negative = nobody waits. On 0 the task owns the order and its lock. 17 the source
-   is being fetched already; -1 or an errno value: refused (logged). In every failure the order's lock is released. */
+/* Starts a download. client_fd is duplicated, negative = nobody waits. On 0 the task owns the order and its lock. 17
+   the source is being fetched already; -1 or an errno value: refused (logged). In every failure the order's lock is
+   released. */
 [[nodiscard]] int mk_dw_task(int client_fd, dw_spec* spec) noexcept;
 [[nodiscard]] dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag) noexcept;
 void set_dw_state(dw_task* task, n32_tag state) noexcept;

@@ -1,5 +1,5 @@
-/* The source side of a task: connect, GET, head of the response. The waiting client is answered here, as soon as the head
-   was accepted and the destination exists, not when the body is complete. */
+/* The source side of a task: connect, GET, head of the response. The waiting client is answered here, as soon as the
+   head was accepted and the destination exists, not when the body is complete. */
 #include "app.h"
 
 #include "guard.h"

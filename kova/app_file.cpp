@@ -1,5 +1,5 @@
-/* The destination side of a task. The body lands in a file whose name ends in "-Kova" (app_body.cpp says how); only a complete
-   file gets its final name, so nobody ever reads a partial one. */
+/* The destination side of a task. The body lands in a file whose name ends in "-Kova" (app_body.cpp says how); only a
+   complete file gets its final name, so nobody ever reads a partial one. */
 #include "app.h"
 
 #include "fdio.h"
@@ -93,8 +93,8 @@ static int map_dest(dw_task* task, std::string_view tail) noexcept
     if (tail.empty())
         return 0;
     LOG_DEBUG("%s: memcopy tail of %zd bytes\n", "mk_dest_file", static_cast<ssize_t>(tail.size()));
-    /* Without reserved blocks a copy into the mapping could fault; a write fails with an error. Later bytes are put into
-       the mapping by the kernel, whose read fails with an error too. */
+    /* Without reserved blocks a copy into the mapping could fault; a write fails with an error. Later bytes are put
+       into the mapping by the kernel, whose read fails with an error too. */
     if (!reserved)
         return write_tail(task, tail);
     memcpy(task->buf, tail.data(), tail.size());
@@ -177,8 +177,8 @@ static int rename_failed(const char* unfinished, const char* final_path, int err
     return -1;
 }
 
-/* Only what this task has written, and all of it, gets the final name: another order may have taken the destination over, or
-   somebody may have cut the file. 0, or an errno value. */
+/* Only what this task has written, and all of it, gets the final name: another order may have taken the destination
+   over, or somebody may have cut the file. 0, or an errno value. */
 static int check_complete(const dw_task* task) noexcept
 {
     struct stat st {

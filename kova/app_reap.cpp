@@ -1,5 +1,5 @@
-/* Reaping: a task is never freed by the handler that ends it. The handler lists it, and post-processing frees the listed
-   ones when no event of the round can find them any more. */
+/* Reaping: a task is never freed by the handler that ends it. The handler lists it, and post-processing frees the
+   listed ones when no event of the round can find them any more. */
 #include "app.h"
 
 #include "log.h"
@@ -112,9 +112,9 @@ static int guard_source(void* data, size_t idx) noexcept
     return 0;
 }
 
-/* A source whose host has lost its power sends nothing, not even an end: only a keep-alive tells it from a slow one. Most
-   downloads are over before the second is and are spared the calls; nothing is lost by asking late, since the kernel counts
-   from the last byte. */
+/* A source whose host has lost its power sends nothing, not even an end: only a keep-alive tells it from a slow one.
+   Most downloads are over before the second is and are spared the calls; nothing is lost by asking late, since the
+   kernel counts from the last byte. */
 void guard_sources() noexcept
 {
     timespec pace{};

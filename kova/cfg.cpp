@@ -1,4 +1,5 @@
-/* The configuration record: built-in defaults, the file, listeners of the command line. After start-up it is only read. */
+/* The configuration record: built-in defaults, the file, listeners of the command line. After start-up it is only read.
+   */
 #include "cfg.h"
 
 #include "config.h"

@@ -48,8 +48,8 @@ static bool mk_lock_path(const char* fn, const char* lid, lock_path* path) noexc
     return false;
 }
 
-/* Age of a file by its time of change, in seconds. A link that leads to no file has its own: it is in the way of an exclusive
-   creation like any file. 0; -1 with errno. */
+/* Age of a file by its time of change, in seconds. A link that leads to no file has its own: it is in the way of an
+   exclusive creation like any file. 0; -1 with errno. */
 static int file_age(const char* path, long* age) noexcept
 {
     struct stat st {

@@ -1,5 +1,5 @@
-/* Order locks: empty files in a directory that cooperating agents share, taken by exclusive creation. A lock older than 30
-   seconds counts as left behind. */
+/* Order locks: empty files in a directory that cooperating agents share, taken by exclusive creation. A lock older than
+   30 seconds counts as left behind. */
 #pragma once
 
 #include <ctime>
@@ -15,8 +15,8 @@ void lid_unlock(const char* lid, const timespec& taken) noexcept;
 /* 0 no file, or a stale one was removed; 16 the file is max_age seconds old or younger; -1 error (logged). A link to
    nowhere counts by its own age. */
 [[nodiscard]] int check_and_expire(const char* path, long max_age) noexcept;
-/* The two halves of it, for a caller that decides between them. 0 no file; 16 young (logged); ESTALE older, and *age says by
-   how many seconds; -1 error (logged). */
+/* The two halves of it, for a caller that decides between them. 0 no file; 16 young (logged); ESTALE older, and *age
+   says by how many seconds; -1 error (logged). */
 [[nodiscard]] int check_age(const char* path, long max_age, long* age) noexcept;
 /* Removes a file that check_age has found too old. 0, or -1 (logged). */
 [[nodiscard]] int expire_file(const char* path, long age) noexcept;

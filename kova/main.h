@@ -19,7 +19,7 @@ extern const option LONG_OPTS[];
 /* Releases everything, from whatever stage of a start. */
 void app_shutdown() noexcept;
 
-/* ---- the loop's callbacks (main_loop.cpp): events are routed by the tag that the registered record begins with ---- */
+/* ---- the loop's callbacks (main_loop.cpp): events are routed by the tag at the start of the record ---- */
 
 extern const rqs_config g_rqs_config;
 

@@ -1,5 +1,6 @@
-/* What the loop calls: events are routed by the tag at the start of the registered record; requests are timed out and debug
-   levels toggled in the idle step; objects are freed only in post-processing, never by the handler of their own event. */
+/* What the loop calls: events are routed by the tag at the start of the registered record; requests are timed out and
+   debug levels toggled in the idle step; objects are freed only in post-processing, never by the handler of their own
+   event. */
 #include "main.h"
 
 #include "app.h"

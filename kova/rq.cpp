@@ -1,6 +1,6 @@
 /* User requests: one HTTP client from acceptance to reaping. A request reads one head and is either answered at once or
-   handed, as an order and a duplicate of its descriptor, to the download engine. It is never freed by its own handler: it
-   is listed on its listener and freed after the round. */
+   handed, as an order and a duplicate of its descriptor, to the download engine. It is never freed by its own handler:
+   it is listed on its listener and freed after the round. */
 #include "rq.h"
 
 #include "app.h"

@@ -28,8 +28,8 @@ void mk_trk_tag(size_t* counter, n64_tag* tag, char letter, size_t max) noexcept
 /* Request head to order. 0, -3 for a ping, else the refusing step's error; may choose the response. */
 [[nodiscard]] int parse_dw_get(dw_urq* urq, dw_spec* spec) noexcept;
 [[nodiscard]] int validate_request(dw_urq* urq, dw_spec* spec) noexcept;
-/* Source and destination (a buffer of dst_cap + 1 bytes, filled from the source when empty) to order. 0; 22; 34; 17; the result of a
-   failing step. */
+/* Source and destination (a buffer of dst_cap + 1 bytes, filled from the source when empty) to order. 0; 22; 34; 17;
+   the result of a failing step. */
 [[nodiscard]] int setup_dw_spec(const char* src, char* dst, size_t dst_cap, dw_spec* spec) noexcept;
 /* Paths of the order; creates the missing directories. 0; 34; the error of the creation. */
 [[nodiscard]] int init_spec(const char* data_dir, const char* src, const char* dst, dw_spec* spec) noexcept;

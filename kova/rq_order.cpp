@@ -1,5 +1,5 @@
-/* The grammar of an order below its URL: request head to source and destination, and these to paths, expiry and refusals.
-   Nothing is made on disk but missing directories, and those only once the order is acceptable. */
+/* The grammar of an order below its URL: request head to source and destination, and these to paths, expiry and
+   refusals. Nothing is made on disk but missing directories, and those only once the order is acceptable. */
 #include "rq.h"
 
 #include "log.h"
@@ -106,8 +106,8 @@ static int check_bytes(const char* what, const char* text) noexcept
     return 0;
 }
 
-/* A destination must stay below the data directory. No segment of it may look like an unfinished file: a directory of such
-   a name would be in the way of the order for that file. */
+/* A destination must stay below the data directory. No segment of it may look like an unfinished file: a directory of
+   such a name would be in the way of the order for that file. */
 static int check_dst(const char* dst) noexcept
 {
     for (std::string_view rest = dst; !rest.empty();) {
@@ -126,8 +126,8 @@ static int check_dst(const char* dst) noexcept
     return 0;
 }
 
-/* data_dir/dst-Kova. The text is cut at 126 characters and refused from 128 on: one of 127 loses its last character, and
-   with it the suffix that would tell it from a finished file. */
+/* data_dir/dst-Kova. The text is cut at 126 characters and refused from 128 on: one of 127 loses its last character,
+   and with it the suffix that would tell it from a finished file. */
 static int mk_fpath(const char* data_dir, const char* dst, dw_spec* spec) noexcept
 {
     const size_t len = strlen(data_dir);

@@ -1,5 +1,5 @@
-/* The UDP channel: one order a datagram, one datagram a wake-up. Orders are serialised across processes by their lock ids;
-   an id is released only by the order that took it. */
+/* The UDP channel: one order a datagram, one datagram a wake-up. Orders are serialised across processes by their lock
+   ids; an id is released only by the order that took it. */
 #include "udl.h"
 
 #include "app.h"

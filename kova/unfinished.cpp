@@ -1,5 +1,6 @@
-/* Unfinished files: whose they are. One question, asked by an order, by the rename and by the end of a task: which running
-   task writes the file at this path? Several tasks may have been ordered to one destination; only one of them writes it. */
+/* Unfinished files: whose they are. One question, asked by an order, by the rename and by the end of a task: which
+   running task writes the file at this path? Several tasks may have been ordered to one destination; only one of them
+   writes it. */
 #include "unfinished.h"
 
 #include "lock.h"
@@ -37,7 +38,8 @@ static bool is_same_file(const struct stat& a, const struct stat& b) noexcept
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-/* A match for the walk over the task table. The descriptor keeps the inode's number from being given to another file. */
+/* A match for the walk over the task table. The descriptor keeps the inode's number from being given to another file.
+   */
 static int writes_file(void* data, size_t idx, void* arg) noexcept
 {
     const dw_task& task = static_cast<const dw_task*>(data)[idx];
@@ -76,7 +78,8 @@ int check_unfinished(dw_spec* spec) noexcept
     }
     if (rc != ESTALE)
         return rc;
-    /* The order may yet be a repetition, or be refused, or find no source: the file goes when there is one in its place. */
+    /* The order may yet be a repetition, or be refused, or find no source: the file goes when there is one in its
+       place. */
     spec->takes_over = unfinished_writer(spec->fpath) != nullptr;
     return spec->takes_over ? 0 : expire_file(spec->fpath, age);
 }

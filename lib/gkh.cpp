@@ -1,5 +1,5 @@
-/* Chained hash tables. Both key kinds share one implementation; what differs is in a table of three functions. Chains are
-   kept in ascending key order. */
+/* Chained hash tables. Both key kinds share one implementation; what differs is in a table of three functions. Chains
+   are kept in ascending key order. */
 #include "gkh.h"
 
 #include "log.h"

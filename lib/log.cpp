@@ -1,5 +1,5 @@
-/* The process log: one line buffer, one stream. A record is built whole, filtered by the level of the module that emits it,
-   and handed out with one write. The log never fails its caller: what cannot be written is dropped. */
+/* The process log: one line buffer, one stream. A record is built whole, filtered by the level of the module that emits
+   it, and handed out with one write. The log never fails its caller: what cannot be written is dropped. */
 #include "log_internal.h"
 
 #include "guard.h"
@@ -389,8 +389,8 @@ static size_t char_len(const char* text) noexcept
     return len;
 }
 
-/* Writes "?" over the control bytes of text[len], which has a NUL behind it. Within a character of UTF-8 no byte is one; alone,
-   0x80 to 0x9f command a terminal like those below 0x20. */
+/* Writes "?" over the control bytes of text[len], which has a NUL behind it. Within a character of UTF-8 no byte is
+   one; alone, 0x80 to 0x9f command a terminal like those below 0x20. */
 static void hide_controls(char* text, size_t len, bool keeps_line_ends) noexcept
 {
     size_t step = 1;

@@ -346,8 +346,8 @@ static int refuse_rotation(const log_ctx* log) noexcept
     return 0;
 }
 
-/* Is the file behind the stream still the one at its path? What somebody has put there is not the log's to rename. 0, or an
-   errno value. */
+/* Is the file behind the stream still the one at its path? What somebody has put there is not the log's to rename. 0,
+   or an errno value. */
 static int check_in_place(const log_ctx* log) noexcept
 {
     struct stat own {

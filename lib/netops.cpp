@@ -1,5 +1,5 @@
-/* Addresses and sockets: from a textual endpoint to an open, configured socket. What concerns interfaces and multicast is in
-   netops_mcast.cpp. */
+/* Addresses and sockets: from a textual endpoint to an open, configured socket. What concerns interfaces and multicast
+   is in netops_mcast.cpp. */
 #include "netops.h"
 
 #include "guard.h"
@@ -216,7 +216,8 @@ int set_send_timeout(int fd, long ms) noexcept
 int set_keepalive(int fd, const keepalive_pace& pace) noexcept
 {
     const int on = 1;
-    /* The idle time comes last: on a socket that keeps itself alive the kernel then counts from the last byte received. */
+    /* The idle time comes last: on a socket that keeps itself alive the kernel then counts from the last byte received.
+       */
     if (W_setsockopt(__func__, fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on)) != 0 ||
         W_setsockopt(__func__, fd, IPPROTO_TCP, TCP_KEEPINTVL, &pace.interval_sec, sizeof(int)) != 0 ||
         W_setsockopt(__func__, fd, IPPROTO_TCP, TCP_KEEPCNT, &pace.probes, sizeof(int)) != 0)
@@ -287,8 +288,8 @@ static int setup_listener(int fd, const sockaddr_storage* ss, socklen_t len, con
     return W_listen("open_socket", fd, LISTEN_BKLOG);
 }
 
-/* The handshake's last acknowledgement waits for the request that is written when the connection stands, a packet less; the
-   kernel sends it alone when that takes long. */
+/* The handshake's last acknowledgement waits for the request that is written when the connection stands, a packet less;
+   the kernel sends it alone when that takes long. */
 static void ack_with_data(int fd) noexcept
 {
     const int sec = 1;

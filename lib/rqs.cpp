@@ -247,8 +247,8 @@ static int wait_limit_ms() noexcept
     return static_cast<int>(g_rqs.tmout.tv_sec * 1000 + g_rqs.tmout.tv_nsec / 1000000);
 }
 
-/* Signals get in while the loop waits; a wait that has events at hand lets none in, and one event may take long (the look-up of
-   a name, a registration). */
+/* Signals get in while the loop waits; a wait that has events at hand lets none in, and one event may take long (the
+   look-up of a name, a registration). */
 static void check_signals() noexcept
 {
     timespec now{};
@@ -339,8 +339,8 @@ static bool nothing_left() noexcept
     return true;
 }
 
-/* Waits where there is something to wait for; without a wait, pending signals are let in here. False ends the loop; *rc is
-   the wait's errno, *n the events at hand. */
+/* Waits where there is something to wait for; without a wait, pending signals are let in here. False ends the loop; *rc
+   is the wait's errno, *n the events at hand. */
 static bool take_events(int* n, int* rc) noexcept
 {
     const rqs_callbacks& cb = g_rqs_cfg.cb;

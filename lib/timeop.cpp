@@ -1,5 +1,5 @@
-/* Clocks and the text of time stamps. The calendar conversion is not re-entered: a signal handler that logs while a record
-   is being made loses its line rather than the locale's lock. */
+/* Clocks and the text of time stamps. The calendar conversion is not re-entered: a signal handler that logs while a
+   record is being made loses its line rather than the locale's lock. */
 #include "timeop.h"
 
 #include "log.h"

@@ -53,7 +53,8 @@ const char* find_http_header(const char* name, const char* text, size_t* len) no
     return p;
 }
 
-/* The value of the field name that starts a line of head, without the blanks around it; none when there is no such line. */
+/* The value of the field name that starts a line of head, without the blanks around it; none when there is no such
+   line. */
 static std::optional<std::string_view> find_field_line(std::string_view name, std::string_view head) noexcept
 {
     while (!head.empty()) {

@@ -1,5 +1,5 @@
-/* Vector and slot list. The invariant that makes "lowest free slot first" cheap: avail is always the lowest free slot, or
-   -1 when every slot is taken. */
+/* Vector and slot list. The invariant that makes "lowest free slot first" cheap: avail is always the lowest free slot,
+   or -1 when every slot is taken. */
 #include "xvdat.h"
 
 #include "log.h"

@@ -1,6 +1,6 @@
 /* What the agent's log tells of orders: those that a stop, a crash or a full disk cut off after their sender had his
-   answer, registrations that failed, files whose time is over. The lines of level norm are enough. A line can be forged by
-   whoever may place orders; it gives him no more than an order of his own would. */
+   answer, registrations that failed, files whose time is over. The lines of level norm are enough. A line can be forged
+   by whoever may place orders; it gives him no more than an order of his own would. */
 #include "ctl.h"
 
 #include "cfg.h"

@@ -140,8 +140,8 @@ int ask(const std::string& target, long usual_sec)
 }
 
 /* Text as a part of an order's path: bytes that would end it or that decoding would change are escaped, and so is the
-   first letter of a segment by which the agent would split the order. Bytes above ASCII pass as they are: the agent decodes
-   their escapes to a question mark, as those of control characters, which no order can carry. */
+   first letter of a segment by which the agent would split the order. Bytes above ASCII pass as they are: the agent
+   decodes their escapes to a question mark, as those of control characters, which no order can carry. */
 std::string encode(const std::string& text)
 {
     std::string out;

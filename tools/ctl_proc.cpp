@@ -16,8 +16,8 @@ namespace fs = std::filesystem;
 namespace
 {
 
-/* What a descriptor of a process leads to. False when it is gone. An agent whose directory may be read may still forbid to
-   follow: a file that it holds must not pass for one that nobody holds. */
+/* What a descriptor of a process leads to. False when it is gone. An agent whose directory may be read may still forbid
+   to follow: a file that it holds must not pass for one that nobody holds. */
 bool stat_descriptor(pid_t pid, const fs::path& fd, struct stat* st)
 {
     if (stat(fd.c_str(), st) == 0)

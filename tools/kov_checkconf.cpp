@@ -1,5 +1,5 @@
-/* Checks a configuration before an agent is restarted with it: loads it with the agent's own loader, prints the dump, then
-   says what the agent itself cannot say. */
+/* Checks a configuration before an agent is restarted with it: loads it with the agent's own loader, prints the dump,
+   then says what the agent itself cannot say. */
 #include "check.h"
 
 #include "cfg.h"

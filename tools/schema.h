@@ -1,4 +1,5 @@
-/* The keys that a configuration file may hold: for the checker, which tells a misspelt key from one that has no effect. */
+/* The keys that a configuration file may hold: for the checker, which tells a misspelt key from one that has no effect.
+   */
 #pragma once
 
 #include <libconfig.h>

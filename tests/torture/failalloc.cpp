@@ -1,6 +1,7 @@
-/* Preloaded into the program: the allocation of number KOV_FAIL_ALLOC fails. At the end the count goes to KOV_ALLOC_COUNT.
-   What the two libraries allocate for themselves is left alone: neither survives a failure of its own (the parser library
-   works once, before the agent has begun anything; the database library a few times for each registration). */
+/* Preloaded into the program: the allocation of number KOV_FAIL_ALLOC fails. At the end the count goes to
+   KOV_ALLOC_COUNT. What the two libraries allocate for themselves is left alone: neither survives a failure of its own
+   (the parser library works once, before the agent has begun anything; the database library a few times for each
+   registration). */
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>

@@ -1,4 +1,5 @@
-/* The order below its URL: source and destination to paths, expiry and refusals; names of unfinished files; tracking tags. */
+/* The order below its URL: source and destination to paths, expiry and refusals; names of unfinished files; tracking
+   tags. */
 #include "caught_log.h"
 #include "data.h"
 #include "rq.h"
