@@ -111,9 +111,9 @@ static int take_client(int fd, const sockaddr_storage& peer, socklen_t len, rui_
     return rc;
 }
 
-/* An accept that finds nobody makes a file first, and is the dearest call of a lone order: behind the first client the listener
-   is asked whether there is a second one. In a burst the question would be one more call for each, so it comes once. A
-   question that fails is no answer. */
+/* An accept that finds nobody makes a file first, and is the dearest call of a lone order: behind the first client
+   the listener is asked whether there is a second one. In a burst the question would be one more call for each, so it
+   comes once. A question that fails is no answer. */
 static bool is_second_waiting(int fd) noexcept
 {
     pollfd p = {fd, POLLIN, 0};

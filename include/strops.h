@@ -23,8 +23,8 @@ size_t join_text(char* dst, size_t cap, std::initializer_list<std::string_view> 
 /* Position of word in s without regard to case, or npos. */
 [[nodiscard]] size_t ci_find(std::string_view s, std::string_view word) noexcept;
 
-/* Takes a NUL-terminated text apart from its front as the C library's scanf does, blanks and counts included. Each step is
-   made only when all before it succeeded. */
+/* Takes a NUL-terminated text apart from its front as the C library's scanf does, blanks and counts included. Each
+   step is made only when all before it succeeded. */
 struct text_scan {
     const char* p;
     int count;   /* items taken; -1 when the text ended before the first, as scanf has it */

@@ -89,7 +89,8 @@ extern http_response g_resp_gwtmout; /* 504 */
 [[nodiscard]] int mk_http_response(const http_response* resp, char* buf, size_t cap) noexcept;
 /* Formats and writes to fd. 0, or the formatter's error; a failed or short write is only logged. */
 [[nodiscard]] int send_http_response(int fd, const http_response* resp) noexcept;
-/* The same, and ends the stream: the end rides with the answer, and reaches a client even when bytes of it were not read. */
+/* The same, and ends the stream: the end rides with the answer, and reaches a client even when bytes of it were not
+   read. */
 [[nodiscard]] int send_final_response(int fd, const http_response* resp) noexcept;
 /* The shared response for a status code. */
 [[nodiscard]] http_response* http_code_resp(long code) noexcept;

@@ -1,5 +1,5 @@
-/* Downloads: the context and its task table (app.cpp), the source (app_fetch.cpp), the destination (app_file.cpp), the body
-   (app_body.cpp), reaping and time-outs (app_reap.cpp). */
+/* Downloads: the context and its task table (app.cpp), the source (app_fetch.cpp), the destination (app_file.cpp),
+   the body (app_body.cpp), reaping and time-outs (app_reap.cpp). */
 #pragma once
 
 #include "data.h"

@@ -1,5 +1,5 @@
-/* The way of a body: from the source's socket straight into the mapping of the file, through one pipe inside the kernel, or
-   through one buffer. Pipe and buffer serve all tasks: nothing stays in them between two calls. */
+/* The way of a body: from the source's socket straight into the mapping of the file, through one pipe inside the
+   kernel, or through one buffer. Pipe and buffer serve all tasks: nothing stays in them between two calls. */
 #include "app.h"
 
 #include "fdio.h"
@@ -59,8 +59,8 @@ void close_body_pipe() noexcept
 
 /* ---- written bodies ---- */
 
-/* Takes what the kernel has not moved out of the pipe and writes it: the plain calls say what is wrong, if anything is. The bytes
-   written, or -1. The pipe is empty afterwards. */
+/* Takes what the kernel has not moved out of the pipe and writes it: the plain calls say what is wrong, if anything
+   is. The bytes written, or -1. The pipe is empty afterwards. */
 static ssize_t write_rest(const dw_task* task, size_t rest) noexcept
 {
     size_t have = 0;
@@ -132,8 +132,8 @@ static ssize_t receive_written(dw_task* task, ssize_t* written) noexcept
 
 /* ---- mapped bodies ---- */
 
-/* The time of the last byte tells a stalled file from one that is being written. Bytes that the kernel puts into a mapping
-   leave the file's time as it is. */
+/* The time of the last byte tells a stalled file from one that is being written. Bytes that the kernel puts into a
+   mapping leave the file's time as it is. */
 static void touch_mapped(dw_task* task) noexcept
 {
     static constexpr timespec PACE = {1, 0};

@@ -1,5 +1,5 @@
-/* The destination side of a task. The body lands in a file whose name ends in "-Kova" (app_body.cpp says how); only a complete
-   file gets its final name, so nobody ever reads a partial one. */
+/* The destination side of a task. The body lands in a file whose name ends in "-Kova" (app_body.cpp says how); only a
+   complete file gets its final name, so nobody ever reads a partial one. */
 #include "app.h"
 
 #include "fdio.h"

@@ -281,8 +281,8 @@ static int setup_listener(int fd, const sockaddr_storage* ss, socklen_t len, con
     return W_listen("open_socket", fd, LISTEN_BKLOG);
 }
 
-/* The handshake's last acknowledgement waits for the request that is written when the connection stands, a packet less; the
-   kernel sends it alone when that takes long. */
+/* The handshake's last acknowledgement waits for the request that is written when the connection stands, a packet
+   less; the kernel sends it alone when that takes long. */
 static void ack_with_data(int fd) noexcept
 {
     const int sec = 1;
