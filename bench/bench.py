@@ -373,7 +373,8 @@ def main():
     os.makedirs(args.dir, exist_ok=True)
     www = f"{args.dir}/www"
     os.makedirs(www, exist_ok=True)
-    sizes = {"4k": 4096, "1m": 1 << 20, "32m": 32 << 20, "2g": (1 << 31) // few, "slow": 200_000, "stalled": 65536, "warm": 4096}  # nginx limits by whole pages
+    sizes = {"4k": 4096, "1m": 1 << 20, "32m": 32 << 20, "2g": (1 << 31) // few, "slow": 200_000, "warm": 4096,
+             "stalled": 65536}  # nginx limits a rate by whole pages
     for name, size in sizes.items():
         if name == "2g" and not re.search(args.only, "2 GiB"):
             continue

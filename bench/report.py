@@ -1,4 +1,5 @@
-"""Turns what bench.py --json and ab --json wrote into the tables (standard output) and the plot (docs/performance.svg) of the page.
+"""Turns what bench.py --json and ab --json wrote into the tables (standard output) and the plot (docs/performance.svg) of the
+page.
 
     report.py FILE.json"""
 

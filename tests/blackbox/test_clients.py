@@ -81,7 +81,7 @@ class Clients(KovTest):
         agent = self.start()
         for path, answer in (("/there", 200), ("/gone", 404)):
             gate = threading.Event()
-            head = b"HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\nx" if answer == 200 else b"HTTP/1.1 404 Not Found\r\n\r\n"
+            head = b"HTTP/1.1 %d Word\r\nContent-Length: 1\r\n\r\nx" % answer
             url = self.origin.raw(path, b"", lambda conn, gate=gate, head=head: (gate.wait(30), conn.sendall(head)))
             with agent.connect() as s:
                 s.sendall(f"GET /src/{url}/dst{path} HTTP/1.1\r\nHost: h\r\n\r\n".encode())

@@ -1,6 +1,6 @@
-"""What an order costs, in counts that do not depend on the machine's speed: instructions by callgrind, system calls by strace,
-packets by the loopback interface of a network namespace of its own. Fails when one of them has grown beyond its bound over the
-committed figure.
+"""What an order costs, in counts that do not depend on the machine's speed: instructions by callgrind, system calls by
+strace, packets by the loopback interface of a network namespace of its own. Fails when one of them has grown beyond its
+bound over the committed figure.
 
     cost.py [--write]      --write commits what was measured to figures.json"""
 
@@ -20,7 +20,8 @@ from kov import ANSWERS, Agent, Origin, wait_for  # noqa: E402
 
 FIGURES = os.path.join(os.path.dirname(__file__), "figures.json")
 ORDERS = 1000
-BOUNDS = {"instructions": 0.05, "system_calls": 0.05, "packets": 0.05}  # packets: 16 or 17, as the source or the agent closes first
+# Packets: 16 or 17, as the agent or the source closes first.
+BOUNDS = {"instructions": 0.05, "system_calls": 0.05, "packets": 0.05}
 BASE = 100  # orders of the run that is taken off: start, end and the first turns
 
 
@@ -83,8 +84,9 @@ def main():
             os.makedirs(f"{root}/p{n}")
         origin = Origin()
         origin.body("/a", b"x" * 4096)
+        counts = {"instructions": instructions, "system_calls": system_calls, "packets": packets}
         figures = {name: (count(root, origin, ORDERS) - count(root, origin, BASE)) / (ORDERS - BASE)
-                   for name, count in (("instructions", instructions), ("system_calls", system_calls), ("packets", packets))}
+                   for name, count in counts.items()}
         origin.close()
     if "--write" in sys.argv:
         with open(FIGURES, "w", encoding="ascii") as f:
