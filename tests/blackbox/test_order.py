@@ -87,7 +87,7 @@ class Answers(KovTest):
 
     def test_stale_unfinished_file_is_taken_over(self):
         agent = self.start()
-        for age, answer in ((29, 400), (31, 200)):
+        for age, answer in ((29, 400), (32, 200)):
             with open(agent.path("f-Kova"), "w", encoding="ascii") as f:
                 f.write("left behind")
             when = time.time() - age

@@ -135,7 +135,7 @@ class Channel(KovTest):
             self.order("same", f"/{n}", f"t{n}")
             agent.wait_log("ready to download", n + 1)
             if n == 0:
-                os.utime(f"{self.locks}/same.lock", (time.time() - 31,) * 2)
+                os.utime(f"{self.locks}/same.lock", (time.time() - 32,) * 2)
         gates[0].set()
         self.assertEqual(agent.stored("t0"), b"12")
         agent.wait_log("lid_unlock: [same] has been taken over by another order\n")
