@@ -128,7 +128,7 @@ class Fleet(KovTest):
 
         # Half a minute later the same orders are taken over. Two agents that find a stale lock in the same instant may both
         # take it: then both have the file, and both are registered.
-        past = time.time() - 31
+        past = time.time() - 32
         for name in os.listdir(self.locks):
             os.utime(f"{self.locks}/{name}", (past, past))
         for agent in agents:

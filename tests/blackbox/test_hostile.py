@@ -224,7 +224,7 @@ class Death(KovTest):
         for name in left[:50]:
             dst = name.removesuffix("-Kova")
             k = int(dst.split("-")[1])
-            os.utime(agent.path(name), (time.time() - 31,) * 2)
+            os.utime(agent.path(name), (time.time() - 32,) * 2)
             # A source that is being fetched is refused meanwhile.
             wait_for(lambda k=k, dst=dst: agent.order(nginx.url(k), dst) == ANSWERS[200], f"{dst} to be taken over")
             agent.wait_file(dst)
