@@ -7,8 +7,10 @@
 #include "strops.h"
 #include "syswrap.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -220,7 +222,8 @@ static int parse_status_line(int fd, const char* text, int* status) noexcept
         LOG_ERR("%s: parsed %d < 4 elements (expected to be parsed)\n", fn, s.count);
         return -1;
     }
-    *status = static_cast<int>(code);
+    /* A number of any length comes from outside: one beyond the range must not turn into another status. */
+    *status = static_cast<int>(std::clamp<long>(code, INT_MIN, INT_MAX));
     LOG_DEBUG("%s: fd=%d received: HTTP/%ld.%ld %d %s\n", fn, fd, major, minor, *status, reason.data());
     return 0;
 }

@@ -67,7 +67,7 @@ class Answers(KovTest):
 
     def test_status_of_the_source_is_passed_on(self):
         agent = self.start()
-        for code, answer in ((404, 404), (403, 403), (418, 500), (500, 500), (100, 500), (103, 500), (1000, 500)):
+        for code, answer in ((404, 404), (403, 403), (418, 500), (500, 500), (100, 500), (103, 500), (1000, 500), (4294967496, 500)):
             url = self.origin.raw(f"/s{code}", b"HTTP/1.1 %d Word\r\nContent-Length: 3\r\n\r\nxyz" % code)
             self.assertEqual(agent.order(url, f"s{code}"), ANSWERS[answer], code)
         for code in (201, 299):

@@ -252,6 +252,14 @@ class Scripted(Database):
                 self.assertIn(message, agent.stderr())
                 self.assertNotIn(message, agent.log())
 
+    def test_a_server_that_says_more_than_it_was_asked_is_lost(self):
+        self.db.answers = [b":1\r\n+MORE\r\n", b"$4\r\nok:a\r\n", b"$4\r\nok:b\r\n"]
+        agent = self.start(self.db.settings())
+        for n, dst in enumerate("ab"):
+            self.order(agent, dst)
+            agent.wait_log("lbdb_add_segurl: NULL as reply\n", n + 1)
+        self.assertEqual(len(self.db.commands), 1)
+
     def test_the_commands_on_the_wire(self):
         for found in (b"*1\r\n:1\r\n", b":1\r\n"):
             self.db.commands.clear()
