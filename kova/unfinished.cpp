@@ -38,8 +38,7 @@ static bool is_same_file(const struct stat& a, const struct stat& b) noexcept
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-/* A match for the walk over the task table. The descriptor keeps the inode's number from being given to another file.
-   */
+/* A match for the walk over the task table. The descriptor keeps the inode's number from going to another file. */
 static int writes_file(void* data, size_t idx, void* arg) noexcept
 {
     const dw_task& task = static_cast<const dw_task*>(data)[idx];
@@ -94,12 +93,21 @@ static aside_path aside_of(const dw_task* task) noexcept
     return aside;
 }
 
+static bool move_file(const char* from, const char* to) noexcept
+{
+    if (rename(from, to) == 0)
+        return true;
+    const int err = errno;
+    LOG_ERR("%s: rename(%s, %s) ERROR(%d): %s\n", "mk_dest_file", from, to, err, strerror(err));
+    return false;
+}
+
 bool begin_takeover(const dw_task* task) noexcept
 {
     long age = 0;
     if (!task->spec.takes_over || check_age(task->spec.fpath, STALE_LOCK_SEC, &age) != ESTALE)
         return false;
-    return rename(task->spec.fpath, aside_of(task).data()) == 0; /* if not, the order finds it in its way */
+    return move_file(task->spec.fpath, aside_of(task).data()); /* if not, the order finds it in its way */
 }
 
 void end_takeover(const dw_task* task, bool is_made) noexcept
@@ -107,7 +115,7 @@ void end_takeover(const dw_task* task, bool is_made) noexcept
     const aside_path aside = aside_of(task);
     const dw_task* former = unfinished_writer(aside.data());
     if (!is_made && former) {
-        (void)rename(aside.data(), task->spec.fpath); /* as it was, in place of what could not be made */
+        (void)move_file(aside.data(), task->spec.fpath); /* as it was, in place of what could not be made */
         return;
     }
     if (former)
