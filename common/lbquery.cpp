@@ -105,13 +105,12 @@ int read_sha_signature(const char* path, char* buf, size_t cap) noexcept
     buf[0] = '\0';
     const file_ptr file(fopen(path, "re"));
     if (!file) {
-        const int err = errno;
-        LOG_ERR("%s: fopen(%s,...) ERROR(%d): %s\n", __func__, path, err, strerror(err));
+        LOG_ERRNO("%s: fopen(%s,...)", __func__, path);
         return -1;
     }
     if (!fgets(buf, static_cast<int>(cap) - 1, file.get())) {
         /* An empty digest; the connect will not go on with it. */
-        LOG_ERR("%s: fgets(...) ERROR(%d): %s\n", __func__, 0, strerror(0));
+        LOG_ERRNUM(0, "%s: fgets(...)", __func__);
         buf[0] = '\0';
         return 0;
     }

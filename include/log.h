@@ -9,7 +9,9 @@
 
 #include "tags.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <sys/types.h>
 
@@ -212,6 +214,17 @@ void log_lard(log_ctx* log, int level) noexcept;
 #define LOG_NORM(...) LOG_AT(NORM_level, __VA_ARGS__)
 #define LOG_INFO(...) LOG_AT(INFO_level, __VA_ARGS__)
 #define LOG_DEBUG(...) LOG_AT(DEBUG_level, __VA_ARGS__)
+
+/* For a call that has failed: the message, at ERR, with errno and its text at its end. errno stays as it was.
+     LOG_ERRNO("%s: stat(%s, ..)", __func__, path);    "f: stat(/x, ..) ERROR(2): No such file or directory"
+   LOG_ERRNUM takes the number from elsewhere, as from a socket's pending error. */
+#define LOG_ERRNO(format, ...) LOG_ERRNUM(errno, format __VA_OPT__(, ) __VA_ARGS__)
+#define LOG_ERRNUM(num, format, ...)                                                                                   \
+    do {                                                                                                               \
+        const int num_ = (num), errno_ = errno;                                                                        \
+        LOG_ERR(format " ERROR(%d): %s\n" __VA_OPT__(, ) __VA_ARGS__, num_, strerror(num_));                           \
+        errno = errno_;                                                                                                \
+    } while (0)
 
 /* Logs the message at PANIC, then a back-trace, flushes and aborts. */
 #define PANIC(...)                                                                                                     \

@@ -46,8 +46,7 @@ int wait_to_read(int fd, int ms) noexcept
     pollfd pfd = {fd, POLLIN, 0};
     const int rc = poll(&pfd, 1, ms);
     if (rc < 0) {
-        const int err = errno;
-        LOG_ERR("%s: poll(fd%d) ERROR(%d): %s\n", __func__, fd, err, strerror(err));
+        LOG_ERRNO("%s: poll(fd%d)", __func__, fd);
         return -1;
     }
     return rc > 0 && (pfd.revents & (POLLIN | POLLHUP)) ? 1 : 0; /* a pipe's end is told by POLLHUP alone */
@@ -63,8 +62,7 @@ ssize_t read_file_buf(const char* path, char* buf, size_t cap) noexcept
     while (pos < cap) {
         const ssize_t n = nread(fd, buf + pos, cap - pos);
         if (n < 0) {
-            const int err = errno;
-            LOG_ERR("%s: read(%s) ERROR(%d): %s\n", __func__, path, err, strerror(err));
+            LOG_ERRNO("%s: read(%s)", __func__, path);
             return -1;
         }
         if (n == 0)

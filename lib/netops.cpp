@@ -179,9 +179,7 @@ int set_nblock(int fd, bool on) noexcept
     const int old = fcntl(fd, F_GETFL);
     const int flags = on ? old | O_NONBLOCK : old & ~O_NONBLOCK;
     if (old == -1 || fcntl(fd, F_SETFL, flags) == -1) {
-        const int err = errno;
-        LOG_ERR("%s: fcntl(%d, F_SETFL, %d) ERROR(%d): %s\n", __func__, fd, flags, err, strerror(err));
-        errno = err;
+        LOG_ERRNO("%s: fcntl(%d, F_SETFL, %d)", __func__, fd, flags);
         return -1;
     }
     LOG_DEBUG("%s: fd%d set as %sblocking\n", __func__, fd, on ? "non-" : "");
@@ -237,7 +235,7 @@ int socket_error(int fd) noexcept
     if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0)
         err = errno;
     if (err != 0)
-        LOG_ERR("%s(fd%d) ERROR(%d): %s\n", __func__, fd, err, strerror(err));
+        LOG_ERRNUM(err, "%s(fd%d)", __func__, fd);
     return err;
 }
 
@@ -559,8 +557,7 @@ static int listen_on_path(const char* path) noexcept
     if (!copy_text(sun.sun_path, sizeof(sun.sun_path), path))
         return -1;
     if (unlink(path) != 0 && errno != ENOENT) {
-        const int err = errno;
-        LOG_ERR("%s: unlink ERROR(%d): %s\n", "open_domain_listener", err, strerror(err));
+        LOG_ERRNO("%s: unlink", "open_domain_listener");
         return -1;
     }
     const int fd = W_socket("open_domain_listener", AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);

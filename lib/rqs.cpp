@@ -64,8 +64,7 @@ int rqs_init(const rqs_config* cfg) noexcept
     scope_guard undo([] { rqs_destroy(); });
     g_rqs.loopfd = epoll_create(EPOLL_SIZE_HINT);
     if (g_rqs.loopfd < 0) {
-        const int err = errno;
-        LOG_ERR("%s: epoll_create1() ERROR(%d): %s\n", __func__, err, strerror(err));
+        LOG_ERRNO("%s: epoll_create1()", __func__);
         return -1;
     }
     (void)fcntl(g_rqs.loopfd, F_SETFD, FD_CLOEXEC);
@@ -73,8 +72,7 @@ int rqs_init(const rqs_config* cfg) noexcept
     g_rqs.tmout = {-1, 0};
     g_ino.fd = inotify_init1(IN_CLOEXEC);
     if (g_ino.fd < 0) {
-        const int err = errno;
-        LOG_ERR("%s: inotify_init1 ERROR(%d): %s\n", __func__, err, strerror(err));
+        LOG_ERRNO("%s: inotify_init1", __func__);
         return -1;
     }
     if (const int rc = nkht_create(&g_ino.wfd_ht, INO_WFD_CAP, nullptr)) {
@@ -132,9 +130,8 @@ static int do_epoll_watch(int op, uint32_t events, int fd, void* udata) noexcept
         ev.data.u64 = static_cast<uint64_t>(fd);
     const int rc = epoll_ctl(g_rqs.loopfd, op, fd, &ev);
     if (rc != 0) {
-        const int err = errno;
-        LOG_ERR("%s: epoll_ctl(%d, %s, %d, {0x%lx, %p}) ERROR(%d): %s\n", __func__, g_rqs.loopfd, op_name(op), fd,
-                static_cast<unsigned long>(events), ev.data.ptr, err, strerror(err));
+        LOG_ERRNO("%s: epoll_ctl(%d, %s, %d, {0x%lx, %p})", __func__, g_rqs.loopfd, op_name(op), fd,
+                  static_cast<unsigned long>(events), ev.data.ptr);
         return rc;
     }
     LOG_DEBUG("%s: OK fd=%d %s to epoll with events=0x%lx, data=%p\n", __func__, fd, op_name(op),
@@ -188,9 +185,7 @@ int rqs_rm_fd(int fd, bool /*unused*/, bool /*unused*/) noexcept
         return 0;
     const int rc = epoll_ctl(g_rqs.loopfd, EPOLL_CTL_DEL, fd, nullptr);
     if (rc != 0) {
-        const int err = errno;
-        LOG_ERR("%s: epoll_ctl(%d, EPOLL_CTL_DEL, %d,..) ERROR(%d): %s\n", __func__, g_rqs.loopfd, fd, err,
-                strerror(err));
+        LOG_ERRNO("%s: epoll_ctl(%d, EPOLL_CTL_DEL, %d,..)", __func__, g_rqs.loopfd, fd);
     } else {
         --g_rqs.poll_fds;
         LOG_DEBUG("%s: fd%d, poll_fds count=%lu\n", __func__, fd, static_cast<unsigned long>(g_rqs.poll_fds));
@@ -272,7 +267,7 @@ static int wait4events() noexcept
     if (n < 0 && err == EINTR)
         LOG_INFO("%s interrupted, quit=%d\n", __func__, static_cast<int>(g_quit));
     else if (n < 0)
-        LOG_ERR("%s: epoll_wait(%d...) ERROR(%d): %s\n", __func__, g_rqs.loopfd, err, strerror(err));
+        LOG_ERRNO("%s: epoll_wait(%d...)", __func__, g_rqs.loopfd);
     else if (n > MANY_EVENTS && static_cast<size_t>(n) == g_rqs.events.max_len)
         LOG_WARN("%s: all event slots populated, might need more\n", __func__);
     if (n >= 0)

@@ -11,14 +11,6 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(MOD_SYSWRAP);
 
-/* Logs at ERR and leaves errno as the call set it. The last two values are the error number and its text. */
-#define CALL_FAILED(format, ...)                                                                                       \
-    do {                                                                                                               \
-        const int err_ = errno;                                                                                        \
-        LOG_ERR(format " ERROR(%d): %s\n", __VA_ARGS__, err_, strerror(err_));                                         \
-        errno = err_;                                                                                                  \
-    } while (0)
-
 static const void* ptr(const void* p) noexcept
 {
     return p;
@@ -38,7 +30,7 @@ int W_open(const char* caller, const char* path, int flags, mode_t mode) noexcep
 {
     const int fd = open(path, flags | O_CLOEXEC, mode);
     if (fd == -1)
-        CALL_FAILED("%s: open('%s', %d, 0x%lx)", caller, path, flags, static_cast<unsigned long>(mode));
+        LOG_ERRNO("%s: open('%s', %d, 0x%lx)", caller, path, flags, static_cast<unsigned long>(mode));
     return fd;
 }
 
@@ -46,7 +38,7 @@ int W_close(const char* caller, int fd) noexcept
 {
     const int rc = close(fd);
     if (rc != 0)
-        CALL_FAILED("%s: close(fd%d)", caller, fd);
+        LOG_ERRNO("%s: close(fd%d)", caller, fd);
     else
         LOG_DEBUG("%s: CLOSED(fd%d)\n", caller, fd);
     return rc;
@@ -56,7 +48,7 @@ void* W_calloc(const char* caller, size_t count, size_t size) noexcept
 {
     void* p = calloc(count, size);
     if (!p)
-        CALL_FAILED("%s: calloc(%ld, %ld)", caller, static_cast<long>(count), static_cast<long>(size));
+        LOG_ERRNO("%s: calloc(%ld, %ld)", caller, static_cast<long>(count), static_cast<long>(size));
     return p;
 }
 
@@ -64,7 +56,7 @@ off_t W_lseek(const char* caller, int fd, off_t offset, int whence) noexcept
 {
     const off_t pos = lseek(fd, offset, whence);
     if (pos == -1)
-        CALL_FAILED("%s: lseek(%d, %ld, %d)", caller, fd, static_cast<long>(offset), whence);
+        LOG_ERRNO("%s: lseek(%d, %ld, %d)", caller, fd, static_cast<long>(offset), whence);
     return pos;
 }
 
@@ -72,7 +64,7 @@ int W_unlink(const char* caller, const char* path) noexcept
 {
     const int rc = unlink(path);
     if (rc == -1)
-        CALL_FAILED("%s: unlink(%s)", caller, path);
+        LOG_ERRNO("%s: unlink(%s)", caller, path);
     return rc;
 }
 
@@ -80,7 +72,7 @@ int W_ftruncate(const char* caller, int fd, off_t length) noexcept
 {
     const int rc = ftruncate(fd, length);
     if (rc == -1)
-        CALL_FAILED("%s: ftruncate(%d, %ld)", caller, fd, static_cast<long>(length));
+        LOG_ERRNO("%s: ftruncate(%d, %ld)", caller, fd, static_cast<long>(length));
     return rc;
 }
 
@@ -93,7 +85,7 @@ int W_connect(const char* caller, int fd, const sockaddr* addr, socklen_t addrle
         LOG_INFO("%s: non-blocking connect in progress for fd%d\n", __func__, fd);
         errno = EINPROGRESS;
     } else {
-        CALL_FAILED("%s: connect(%d, %p, %ld)", caller, fd, ptr(addr), static_cast<long>(addrlen));
+        LOG_ERRNO("%s: connect(%d, %p, %ld)", caller, fd, ptr(addr), static_cast<long>(addrlen));
     }
     return rc;
 }
@@ -102,7 +94,7 @@ ssize_t W_write_f(const char* caller, int fd, const void* buf, size_t count, int
 {
     const ssize_t n = write(fd, buf, count);
     if (n == -1 && !no_fault(errno, strict))
-        CALL_FAILED("%s: write(%d, %p, %ld)", caller, fd, buf, static_cast<long>(count));
+        LOG_ERRNO("%s: write(%d, %p, %ld)", caller, fd, buf, static_cast<long>(count));
     return n;
 }
 
@@ -110,7 +102,7 @@ ssize_t W_read_f(const char* caller, int fd, void* buf, size_t count, int strict
 {
     const ssize_t n = read(fd, buf, count);
     if (n == -1 && !no_fault(errno, strict))
-        CALL_FAILED("%s: read(%d, %p, %ld)", caller, fd, buf, static_cast<long>(count));
+        LOG_ERRNO("%s: read(%d, %p, %ld)", caller, fd, buf, static_cast<long>(count));
     return n;
 }
 
@@ -118,7 +110,7 @@ int W_socket(const char* caller, int domain, int type, int protocol) noexcept
 {
     const int fd = socket(domain, type | SOCK_CLOEXEC, protocol);
     if (fd == -1)
-        CALL_FAILED("%s: socket(%d, %d, %d)", caller, domain, type, protocol);
+        LOG_ERRNO("%s: socket(%d, %d, %d)", caller, domain, type, protocol);
     else
         LOG_DEBUG("%s opened socket fd=%d (%d, %d, %d)\n", caller, fd, domain, type, protocol);
     return fd;
@@ -128,7 +120,7 @@ int W_setsockopt(const char* caller, int fd, int level, int name, const void* va
 {
     const int rc = setsockopt(fd, level, name, value, length);
     if (rc == -1)
-        CALL_FAILED("%s: setsockopt(%d, %d, %d, %p, %ld)", caller, fd, level, name, value, static_cast<long>(length));
+        LOG_ERRNO("%s: setsockopt(%d, %d, %d, %p, %ld)", caller, fd, level, name, value, static_cast<long>(length));
     return rc;
 }
 
@@ -136,7 +128,7 @@ int W_bind(const char* caller, int fd, const sockaddr* addr, socklen_t addrlen) 
 {
     const int rc = bind(fd, addr, addrlen);
     if (rc == -1)
-        CALL_FAILED("%s: bind(%d, %p, %ld):", caller, fd, ptr(addr), static_cast<long>(addrlen));
+        LOG_ERRNO("%s: bind(%d, %p, %ld):", caller, fd, ptr(addr), static_cast<long>(addrlen));
     return rc;
 }
 
@@ -144,7 +136,7 @@ int W_listen(const char* caller, int fd, int backlog) noexcept
 {
     const int rc = listen(fd, backlog);
     if (rc == -1)
-        CALL_FAILED("%s: listen(%d, %d)", caller, fd, backlog);
+        LOG_ERRNO("%s: listen(%d, %d)", caller, fd, backlog);
     return rc;
 }
 
@@ -165,7 +157,7 @@ int W_accept(const char* caller, int fd, sockaddr* addr, socklen_t* addrlen) noe
 {
     const int client = accept4(fd, addr, addrlen, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (client == -1 && !is_eagain(errno))
-        CALL_FAILED("%s: accept(%d, %p, %ld)", caller, fd, ptr(addr), addrlen ? static_cast<long>(*addrlen) : 0);
+        LOG_ERRNO("%s: accept(%d, %p, %ld)", caller, fd, ptr(addr), addrlen ? static_cast<long>(*addrlen) : 0);
     return client;
 }
 
@@ -173,7 +165,7 @@ int W_poll(const char* caller, pollfd* fds, nfds_t count, int timeout_ms) noexce
 {
     const int rc = poll(fds, count, timeout_ms);
     if (rc == -1)
-        CALL_FAILED("%s: poll(%p, %ld, %d)", caller, ptr(fds), static_cast<long>(count), timeout_ms);
+        LOG_ERRNO("%s: poll(%p, %ld, %d)", caller, ptr(fds), static_cast<long>(count), timeout_ms);
     else if (rc == 0)
         LOG_WARN("%s: poll() has timed out after %d ms\n", caller, timeout_ms);
     return rc;
@@ -184,7 +176,7 @@ ssize_t W_sendto(const char* caller, int fd, const void* buf, size_t length, int
 {
     const ssize_t n = sendto(fd, buf, length, flags, addr, addrlen);
     if (n <= 0)
-        CALL_FAILED("%s: sendto(%d, %p, %lu, %d, ...)", caller, fd, buf, static_cast<unsigned long>(length), flags);
+        LOG_ERRNO("%s: sendto(%d, %p, %lu, %d, ...)", caller, fd, buf, static_cast<unsigned long>(length), flags);
     return n;
 }
 
@@ -193,6 +185,6 @@ ssize_t W_recvfrom(const char* caller, int fd, void* buf, size_t length, int fla
 {
     const ssize_t n = recvfrom(fd, buf, length, flags, addr, addrlen);
     if (n <= 0)
-        CALL_FAILED("%s: recvfrom(%d, %p, %lu, %d, ...)", caller, fd, buf, static_cast<unsigned long>(length), flags);
+        LOG_ERRNO("%s: recvfrom(%d, %p, %lu, %d, ...)", caller, fd, buf, static_cast<unsigned long>(length), flags);
     return n;
 }

@@ -47,8 +47,7 @@ int handle_quit_signals(sig_fn handler) noexcept
 {
     for (const int signo : {SIGTERM, SIGQUIT, SIGINT}) {
         if (install(signo, handler) != 0) {
-            const int err = errno;
-            LOG_ERR("%s: sigaction (quit) ERROR(%d): %s\n", __func__, err, strerror(err));
+            LOG_ERRNO("%s: sigaction (quit)", __func__);
             return -1;
         }
     }
@@ -59,8 +58,7 @@ int handle_sig(int signo, sig_fn handler) noexcept
 {
     if (install(signo, handler) == 0)
         return 0;
-    const int err = errno;
-    LOG_ERR("%s: sigaction (signo=%d) ERROR(%d): %s\n", __func__, signo, err, strerror(err));
+    LOG_ERRNO("%s: sigaction (signo=%d)", __func__, signo);
     return -1;
 }
 
@@ -68,8 +66,7 @@ int ignore_sigpipe() noexcept
 {
     if (install(SIGPIPE, SIG_IGN) == 0)
         return 0;
-    const int err = errno;
-    LOG_ERR("%s: sigaction (SIGPIPE) ERROR(%d): %s\n", __func__, err, strerror(err));
+    LOG_ERRNO("%s: sigaction (SIGPIPE)", __func__);
     return -1;
 }
 
@@ -191,16 +188,13 @@ void null_fd(int fd) noexcept
 {
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     if (null < 0) {
-        const int err = errno;
-        LOG_ERR("%s: open('/dev/null') ERROR(%d): %s\n", __func__, err, strerror(err));
+        LOG_ERRNO("%s: open('/dev/null')", __func__);
         return;
     }
     if (null == fd)
         return; /* it was closed, and open has just taken its place */
-    if (dup2(null, fd) < 0) {
-        const int err = errno;
-        LOG_ERR("%s: dup2(fd%d) ERROR(%d): %s\n", __func__, fd, err, strerror(err));
-    }
+    if (dup2(null, fd) < 0)
+        LOG_ERRNO("%s: dup2(fd%d)", __func__, fd);
     close(null);
 }
 
@@ -216,15 +210,13 @@ int raise_fd_limit() noexcept
 {
     rlimit lim{};
     if (getrlimit(RLIMIT_NOFILE, &lim) != 0) {
-        const int err = errno;
-        LOG_ERR("%s: getrlimit ERROR(%d): %s\n", __func__, err, strerror(err));
+        LOG_ERRNO("%s: getrlimit", __func__);
         return -1;
     }
     const rlim_t soft = lim.rlim_cur;
     lim.rlim_cur = lim.rlim_max;
     if (soft != lim.rlim_max && setrlimit(RLIMIT_NOFILE, &lim) != 0) {
-        const int err = errno;
-        LOG_ERR("%s: setrlimit ERROR(%d): %s\n", __func__, err, strerror(err));
+        LOG_ERRNO("%s: setrlimit", __func__);
         return -1;
     }
     LOG_INFO("%s: descriptor limit raised from %lu to %lu\n", __func__, static_cast<unsigned long>(soft),
@@ -237,15 +229,13 @@ int set_unlimited_core(int /*flags*/) noexcept
     if (prctl(PR_GET_DUMPABLE) == 0) {
         LOG_INFO("%s: process is currently NOT core-dumpable; will enforce\n", __func__);
         if (prctl(PR_SET_DUMPABLE, 1) != 0) {
-            const int err = errno;
-            LOG_ERR("%s: prctl(PR_SET_DUMPABLE, 1) ERROR(%d): %s\n", __func__, err, strerror(err));
+            LOG_ERRNO("%s: prctl(PR_SET_DUMPABLE, 1)", __func__);
             return -1;
         }
     }
     rlimit lim{};
     if (getrlimit(RLIMIT_CORE, &lim) != 0) {
-        const int err = errno;
-        LOG_ERR("%s: getrlimit ERROR(%d): %s\n", __func__, err, strerror(err));
+        LOG_ERRNO("%s: getrlimit", __func__);
         return -1;
     }
     if (lim.rlim_cur == RLIM_INFINITY) {
@@ -255,8 +245,7 @@ int set_unlimited_core(int /*flags*/) noexcept
     LOG_DEBUG("%s: current=%ld/%ld\n", __func__, static_cast<long>(lim.rlim_cur), static_cast<long>(lim.rlim_max));
     lim.rlim_cur = lim.rlim_max = RLIM_INFINITY;
     if (setrlimit(RLIMIT_CORE, &lim) != 0) {
-        const int err = errno;
-        LOG_ERR("%s: setrlimit ERROR(%d): %s\n", __func__, err, strerror(err));
+        LOG_ERRNO("%s: setrlimit", __func__);
         return -1;
     }
     LOG_DEBUG("%s: OK\n", __func__);
@@ -295,9 +284,8 @@ static int make_all(char* path) noexcept
         const char kept = *p;
         *p = '\0';
         if (mkdir(path, DIR_MODE) != 0 && errno != EEXIST) {
-            const int err = errno;
-            LOG_ERR("%s: mkdir(%s) ERROR(%d): %s\n", "mk_fpath_dirs", path, err, strerror(err));
-            return err;
+            LOG_ERRNO("%s: mkdir(%s)", "mk_fpath_dirs", path);
+            return errno;
         }
         *p = kept;
         if (kept == '\0')

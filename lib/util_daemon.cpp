@@ -24,8 +24,7 @@ constexpr int PIDF_LONG_MSG = 1; /* create_pidfile_extra */
 
 static int daemon_step_failed(const char* step) noexcept
 {
-    const int err = errno;
-    LOG_ERR("%s: failed at %s, ERROR(%d): %s\n", "daemonize", step, err, strerror(err));
+    LOG_ERRNO("%s: failed at %s,", "daemonize", step);
     return -1;
 }
 
@@ -60,13 +59,11 @@ int daemonize() noexcept
 int run_as_user_id(uid_t uid, gid_t gid) noexcept
 {
     if (setgid(gid) != 0) {
-        const int err = errno;
-        LOG_ERR("%s: setgid(%ld) ERROR(%d): %s\n", __func__, static_cast<long>(gid), err, strerror(err));
+        LOG_ERRNO("%s: setgid(%ld)", __func__, static_cast<long>(gid));
         return -1;
     }
     if (setuid(uid) != 0) {
-        const int err = errno;
-        LOG_ERR("%s: setuid(%ld) ERROR(%d): %s\n", __func__, static_cast<long>(uid), err, strerror(err));
+        LOG_ERRNO("%s: setuid(%ld)", __func__, static_cast<long>(uid));
         return -1;
     }
     return 0;
@@ -88,8 +85,7 @@ int run_as_user(const char* name) noexcept
     const gid_t gid = pw->pw_gid;
     /* The user's groups, while there is still the right to set them. */
     if (geteuid() == 0 && initgroups(name, gid) != 0) {
-        const int err = errno;
-        LOG_ERR("%s: initgroups(%s) ERROR(%d): %s\n", __func__, name, err, strerror(err));
+        LOG_ERRNO("%s: initgroups(%s)", __func__, name);
         return -1;
     }
     return run_as_user_id(uid, gid);
@@ -100,8 +96,7 @@ static const char* home_of_user() noexcept
     errno = 0;
     const passwd* pw = getpwuid(geteuid());
     if (!pw) {
-        const int err = errno;
-        LOG_ERR("getpwuid(%ld) ERROR(%d): %s\n", static_cast<long>(geteuid()), err, strerror(err));
+        LOG_ERRNO("getpwuid(%ld)", static_cast<long>(geteuid()));
         return nullptr;
     }
     LOG_DEBUG("%s: EUID(%ld) home: %s\n", "goto_runtime_home", static_cast<long>(geteuid()), pw->pw_dir);
@@ -113,9 +108,8 @@ int goto_runtime_home(const char* path, const char* alt) noexcept
     if (path) {
         if (chdir(path) == 0)
             return 0;
-        const int err = errno;
-        if (err != EACCES) {
-            LOG_ERR("chdir(%s) (param) ERROR(%d): %s\n", path, err, strerror(err));
+        if (errno != EACCES) {
+            LOG_ERRNO("chdir(%s) (param)", path);
             return -1;
         }
     }
@@ -123,8 +117,7 @@ int goto_runtime_home(const char* path, const char* alt) noexcept
         return -1;
     const int rc = chdir(alt);
     if (rc != 0) {
-        const int err = errno;
-        LOG_ERR("chdir(%s) (alt) ERROR(%d): %s\n", alt, err, strerror(err));
+        LOG_ERRNO("chdir(%s) (alt)", alt);
     }
     return rc;
 }
@@ -142,9 +135,8 @@ static int lock_pidfile(int fd, const char* path, int flags) noexcept
 {
     if (write_lock(fd) == 0)
         return 0;
-    const int err = errno;
-    if (err != EACCES && err != EAGAIN)
-        LOG_ERR("fcntl write-lock ERROR(%d): %s\n", err, strerror(err));
+    if (errno != EACCES && errno != EAGAIN)
+        LOG_ERRNO("fcntl write-lock");
     else if (flags & PIDF_LONG_MSG)
         LOG_ERR("%s: file [%s] is locked (another instance of daemon must be running)\n", "create_pidfile_extra", path);
     else
@@ -160,8 +152,7 @@ static int write_pid(int fd, pid_t pid) noexcept
         return -1;
     if (W_write_f("create_pidfile_extra", fd, text.data(), static_cast<size_t>(n), 0) == n)
         return 0;
-    const int err = errno;
-    LOG_ERR("%s: ERROR(%d) or not enough space for pid\n", "create_pidfile_extra", err);
+    LOG_ERR("%s: ERROR(%d) or not enough space for pid\n", "create_pidfile_extra", errno);
     return -1;
 }
 
@@ -178,8 +169,7 @@ static int fill_pidfile(const char* path, pid_t pid, ino_t* inode, int flags) no
     struct stat st {
     };
     if (fstat(fd, &st) != 0) {
-        const int err = errno;
-        LOG_ERR("%s: fstat(fd%d,..) ERROR(%d): %s\n", "create_pidfile_extra", fd, err, strerror(err));
+        LOG_ERRNO("%s: fstat(fd%d,..)", "create_pidfile_extra", fd);
         return -1;
     }
     if (!S_ISREG(st.st_mode)) {

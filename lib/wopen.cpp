@@ -189,8 +189,7 @@ static int read_head(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcep
             return -1;
         }
         if (n < 0) {
-            const int err = errno;
-            LOG_ERR("%s: recv(fd%d) ERROR(%d): %s\n", fn, fd, err, strerror(err));
+            LOG_ERRNO("%s: recv(fd%d)", fn, fd);
             return -1;
         }
         LOG_DEBUG("%s: read %ld bytes from fd=%d\n", fn, static_cast<long>(n), fd);
