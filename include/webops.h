@@ -42,26 +42,26 @@ struct http_response {
     const char* content_encoding;
     long content_length; /* negative: omitted */
     const char* reason;
-    const char* server; /* filled before the first send */
+    const char* server; /* null: the name given to http_set_server */
     const char* connection;
     const char* ok_suffix; /* extra lines of 200 answers, without the final line end */
     const char* location;
     const char* fpath; /* a file whose content follows the head */
 };
 
-/* Shared standard responses; only the server field is ever written. */
-extern http_response g_resp_ok;      /* 200 */
-extern http_response g_resp_nocont;  /* 204 */
-extern http_response g_resp_moved;   /* 302 */
-extern http_response g_resp_bad;     /* 400 */
-extern http_response g_resp_denied;  /* 403 */
-extern http_response g_resp_nfound;  /* 404 */
-extern http_response g_resp_naccept; /* 406 */
-extern http_response g_resp_tmout;   /* 408 */
-extern http_response g_resp_err;     /* 500 */
-extern http_response g_resp_badgw;   /* 502 */
-extern http_response g_resp_unavail; /* 503 */
-extern http_response g_resp_gwtmout; /* 504 */
+/* Shared standard responses. */
+extern const http_response g_resp_ok;      /* 200 */
+extern const http_response g_resp_nocont;  /* 204 */
+extern const http_response g_resp_moved;   /* 302 */
+extern const http_response g_resp_bad;     /* 400 */
+extern const http_response g_resp_denied;  /* 403 */
+extern const http_response g_resp_nfound;  /* 404 */
+extern const http_response g_resp_naccept; /* 406 */
+extern const http_response g_resp_tmout;   /* 408 */
+extern const http_response g_resp_err;     /* 500 */
+extern const http_response g_resp_badgw;   /* 502 */
+extern const http_response g_resp_unavail; /* 503 */
+extern const http_response g_resp_gwtmout; /* 504 */
 
 /* Parses a request head of len bytes, NUL-terminated, in place: the URI is terminated there and hdr->uri points into
    buf. full_url may be null. 0; 22 unsupported method; -1 malformed; the URI parser's error. */
@@ -84,6 +84,8 @@ extern http_response g_resp_gwtmout; /* 504 */
 [[nodiscard]] bool is_ping_request(const char* path) noexcept;
 [[nodiscard]] bool slash_match(const char* s, const char* word) noexcept;
 
+/* The Server field of responses without a name of their own; not copied. To be called once, at start-up. */
+void http_set_server(const char* name) noexcept;
 /* Formats a response head. Bytes written, -1 cut, 22 unsupported version (10 and 11 are supported). */
 [[nodiscard]] int mk_http_xt_resp(const http_response* resp, int version, char* buf, size_t cap) noexcept;
 [[nodiscard]] int mk_http_response(const http_response* resp, char* buf, size_t cap) noexcept;
@@ -93,4 +95,4 @@ extern http_response g_resp_gwtmout; /* 504 */
    read. */
 [[nodiscard]] int send_final_response(int fd, const http_response* resp) noexcept;
 /* The shared response for a status code. */
-[[nodiscard]] http_response* http_code_resp(long code) noexcept;
+[[nodiscard]] const http_response* http_code_resp(long code) noexcept;

@@ -4,7 +4,6 @@
 
 #include "guard.h"
 #include "log.h"
-#include "meta.h"
 #include "rqs.h"
 #include "syswrap.h"
 
@@ -56,7 +55,6 @@ int request_data_stream(dw_task* task) noexcept
     const bool is_broken = errno == ECONNRESET || errno == EPIPE;
     /* A connection that was made and has broken is the source's fault; one that was not made is the order's. */
     task->hresp = is_broken ? &g_resp_err : &g_resp_bad;
-    task->hresp->server = get_app_tag(APP_NAME);
     (void)send_http_response(task->cfd, task->hresp); /* without a client, too: the failed send stands in the log */
     if (pprm_task(task) != 0) {
         LOG_WARN("%s: could not pprm %s\n", __func__, task->trk_tag.sym8);
@@ -80,7 +78,7 @@ int dw_write(dw_task* task) noexcept
 }
 
 /* Sends the answer chosen for the waiting client and closes its connection, whether the send succeeded or not. */
-static void answer_client(dw_task* task, http_response* chosen, int rc, int code) noexcept
+static void answer_client(dw_task* task, const http_response* chosen, int rc, int code) noexcept
 {
     const char* fn = "read_src_response";
     if (task->cfd == -1) {
@@ -96,7 +94,6 @@ static void answer_client(dw_task* task, http_response* chosen, int rc, int code
         chosen = http_code_resp(code);
         LOG_DEBUG("%s: response picked for HTTP%d\n", fn, code);
     }
-    chosen->server = get_app_tag(APP_NAME);
     task->hresp = chosen;
     LOG_DEBUG("%s: sending response to client fd%d\n", fn, task->cfd);
     ASSERT(task->cfd > 0);
@@ -116,7 +113,7 @@ int read_src_response(dw_task* task) noexcept
     LOG_DEBUG("%s: reading HTTP response from fd=%d\n", __func__, task->sfd);
     http_resp_ctx resp{};
     int rc = recv_http_response(task->sfd, head->data(), head->size() - 1, &resp);
-    http_response* chosen = nullptr;
+    const http_response* chosen = nullptr;
     if (rc == EAGAIN) {
         LOG_DEBUG("%s: expecting more data from fd%d\n", __func__, task->sfd);
         rqs_set_now(&task->last_io_tm);

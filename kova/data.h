@@ -66,18 +66,18 @@ struct dw_task {
     ssize_t idx;     /* slot, -1 once released */
     int sfd;         /* source socket, owned, -1 = none */
     usock_ctx sctx;
-    int dfd;               /* destination file, owned, -1 = none */
-    int cfd;               /* duplicate of the waiting client's socket, owned, -1 = none or answered */
-    size_t content_length; /* of the body, from the source's head */
-    size_t nleft;          /* body bytes still to come */
-    off_t f_pos;           /* next write position */
-    size_t buflen;         /* length of the mapping */
-    char* buf;             /* shared mapping of the file (mapped mode) */
-    timespec last_io_tm;   /* loop clock of the last read from the source */
-    timespec touch_tm;     /* loop clock at which the mapped file's time was last set */
-    n32_tag state;         /* changed by set_dw_state only */
-    http_response* hresp;  /* chosen for the client; shared */
-    bool is_hashed;        /* in g_ctx.task_ht */
+    int dfd;                    /* destination file, owned, -1 = none */
+    int cfd;                    /* duplicate of the waiting client's socket, owned, -1 = none or answered */
+    size_t content_length;      /* of the body, from the source's head */
+    size_t nleft;               /* body bytes still to come */
+    off_t f_pos;                /* next write position */
+    size_t buflen;              /* length of the mapping */
+    char* buf;                  /* shared mapping of the file (mapped mode) */
+    timespec last_io_tm;        /* loop clock of the last read from the source */
+    timespec touch_tm;          /* loop clock at which the mapped file's time was last set */
+    n32_tag state;              /* changed by set_dw_state only */
+    const http_response* hresp; /* chosen for the client; shared */
+    bool is_hashed;             /* in g_ctx.task_ht */
     bool is_mmapped;
     bool is_unmoved;   /* the kernel has refused to move its body: it goes through the buffer */
     bool is_quitting;  /* listed for reaping */
@@ -114,10 +114,10 @@ struct dw_urq {
     char uri_src[ORDER_TEXT_MAX];
     char uri_dst[ORDER_TEXT_MAX];
     http_rq hrq;
-    http_response* hresp;   /* chosen answer; shared; null until chosen */
-    timespec wait_start_tm; /* loop clock of the creation; the time-out counts from here */
-    n32_tag state;          /* changed by urq_set_state only */
-    ssize_t pprm_idx;       /* slot in srv->pprm once listed */
+    const http_response* hresp; /* chosen answer; shared; null until chosen */
+    timespec wait_start_tm;     /* loop clock of the creation; the time-out counts from here */
+    n32_tag state;              /* changed by urq_set_state only */
+    ssize_t pprm_idx;           /* slot in srv->pprm once listed */
 };
 static_assert(offsetof(dw_urq, tag) == offsetof(rui_rq_header, tag));
 static_assert(offsetof(dw_urq, prev) == offsetof(rui_rq_header, prev) &&

@@ -6,6 +6,7 @@
 #include "meta.h"
 #include "strops.h"
 #include "util.h"
+#include "webops.h"
 #include "wopen.h"
 
 #include <array>
@@ -127,6 +128,7 @@ static int pin() noexcept
 static int runtime_steps() noexcept
 {
     usock_set_apptag(get_app_tag(APP_NAME));
+    http_set_server(get_app_tag(APP_NAME));
     if (const int rc = setup_signals())
         return rc;
     if (!g_cfg.rt.non_daemon) {

@@ -5,7 +5,6 @@
 
 #include "app.h"
 #include "log.h"
-#include "meta.h"
 #include "rqs.h"
 #include "strops.h"
 #include "syswrap.h"
@@ -221,8 +220,6 @@ static void answer(dw_urq* urq) noexcept
 {
     if (!urq->hresp)
         urq->hresp = &g_resp_err;
-    if (!urq->hresp->server)
-        urq->hresp->server = get_app_tag(APP_NAME);
     (void)send_http_response(urq->sockfd, urq->hresp); /* it has logged its failure */
 }
 

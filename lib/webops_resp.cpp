@@ -18,6 +18,8 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 constexpr size_t FIELD_MAX = 128;
 constexpr long NO_LENGTH = -1;
 
+static const char* g_server = ""; /* written by http_set_server, once */
+
 static constexpr http_response standard(int code, const char* reason, long length, const char* connection) noexcept
 {
     return {.code = code,
@@ -32,25 +34,25 @@ static constexpr http_response standard(int code, const char* reason, long lengt
             .fpath = nullptr};
 }
 
-http_response g_resp_ok = standard(200, "OK", NO_LENGTH, nullptr);
-http_response g_resp_nocont = standard(204, "No Content", NO_LENGTH, nullptr);
-http_response g_resp_moved = standard(302, "Moved Temporarily", 0, "close");
-http_response g_resp_bad = standard(400, "Bad request", 0, nullptr);
-http_response g_resp_denied = standard(403, "Forbidden", 0, "close");
-http_response g_resp_nfound = standard(404, "Not Found", 0, "close");
-http_response g_resp_naccept = standard(406, "Not Acceptable", 0, "close");
-http_response g_resp_tmout = standard(408, "Request Timeout", 0, "close");
-http_response g_resp_err = standard(500, "Service error", 0, "close");
-http_response g_resp_badgw = standard(502, "Bad Gateway", 0, "close");
-http_response g_resp_unavail = standard(503, "Service Unavailable", 0, "close");
-http_response g_resp_gwtmout = standard(504, "Gateway Timeout", 0, "close");
+const http_response g_resp_ok = standard(200, "OK", NO_LENGTH, nullptr);
+const http_response g_resp_nocont = standard(204, "No Content", NO_LENGTH, nullptr);
+const http_response g_resp_moved = standard(302, "Moved Temporarily", 0, "close");
+const http_response g_resp_bad = standard(400, "Bad request", 0, nullptr);
+const http_response g_resp_denied = standard(403, "Forbidden", 0, "close");
+const http_response g_resp_nfound = standard(404, "Not Found", 0, "close");
+const http_response g_resp_naccept = standard(406, "Not Acceptable", 0, "close");
+const http_response g_resp_tmout = standard(408, "Request Timeout", 0, "close");
+const http_response g_resp_err = standard(500, "Service error", 0, "close");
+const http_response g_resp_badgw = standard(502, "Bad Gateway", 0, "close");
+const http_response g_resp_unavail = standard(503, "Service Unavailable", 0, "close");
+const http_response g_resp_gwtmout = standard(504, "Gateway Timeout", 0, "close");
 
-http_response* http_code_resp(long code) noexcept
+const http_response* http_code_resp(long code) noexcept
 {
-    static http_response* const ALL[] = {&g_resp_ok,     &g_resp_nocont, &g_resp_moved,   &g_resp_bad,
-                                         &g_resp_denied, &g_resp_nfound, &g_resp_naccept, &g_resp_tmout,
-                                         &g_resp_err,    &g_resp_badgw,  &g_resp_unavail, &g_resp_gwtmout};
-    for (http_response* r : ALL) {
+    static const http_response* const ALL[] = {&g_resp_ok,     &g_resp_nocont, &g_resp_moved,   &g_resp_bad,
+                                               &g_resp_denied, &g_resp_nfound, &g_resp_naccept, &g_resp_tmout,
+                                               &g_resp_err,    &g_resp_badgw,  &g_resp_unavail, &g_resp_gwtmout};
+    for (const http_response* r : ALL) {
         if (r->code == code)
             return r;
     }
@@ -113,6 +115,11 @@ static void put_file(resp_text* t, const http_response* r) noexcept
     t->buf[t->pos] = '\0';
 }
 
+void http_set_server(const char* name) noexcept
+{
+    g_server = name;
+}
+
 int mk_http_xt_resp(const http_response* resp, int version, char* buf, size_t cap) noexcept
 {
     if (version != 10 && version != 11) {
@@ -124,7 +131,7 @@ int mk_http_xt_resp(const http_response* resp, int version, char* buf, size_t ca
     std::to_chars(code.data(), code.data() + code.size() - 1, resp->code);
     t.pos = join_text(buf, cap,
                       {version == 10 ? "HTTP/1.0 " : "HTTP/1.1 ", code.data(), " ", resp->reason,
-                       "\r\nServer: ", resp->server ? resp->server : "", "\r\n"});
+                       "\r\nServer: ", resp->server ? resp->server : g_server, "\r\n"});
     if (t.pos >= cap)
         return -1;
     put_fields(&t, resp);
