@@ -23,7 +23,6 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr size_t ACCSET_ROOM = 65536; /* descriptors; a higher one makes the set grow */
 constexpr size_t PPRM_ROOM = 8;
-constexpr size_t PPRM_GROWBLK = 4;
 constexpr n32_tag TAG_RSC = mk_tag("Rsc");
 constexpr size_t TRKNUM_DIGITS = 5;
 constexpr size_t TRKNUM_PAD = 4; /* shorter numbers get leading zeros */
@@ -103,13 +102,13 @@ static int setup_one(rui_listener_cfg* lc, rui_socket_ctx* srv, const rui_socket
         LOG_ERR("%s: dlep_create() failed rc=%d\n", "rui_setup_listeners", rc);
         return rc;
     }
-    rc = xvlst_reserve(&srv->pprm, PPRM_ROOM, sizeof(rui_rq_header*), PPRM_GROWBLK);
+    rc = slots_reserve(&srv->pprm, PPRM_ROOM);
     if (rc == 0 && !fdset_reserve(&srv->accset, std::min(fd_limit(), ACCSET_ROOM)))
         rc = -1;
     if (rc != 0) {
         LOG_ERR("%s: xvlst_reserve() failed rc=%d\n", "rui_setup_listeners", rc);
         dlep_destroy(srv->requests, nullptr);
-        xvlst_reset(&srv->pprm);
+        slots_reset(&srv->pprm);
         *srv = rui_socket_ctx{};
         return rc;
     }
@@ -237,7 +236,7 @@ static void drop_listener(rui_socket_ctx* srv) noexcept
         srv->lc->ifc = nullptr;
         srv->lc->is_valid = false;
     }
-    xvlst_reset(&srv->pprm);
+    slots_reset(&srv->pprm);
     fdset_free(&srv->accset);
     srv->tag.num = 0;
 }
@@ -256,9 +255,14 @@ void rui_ctx_destroy(rui_ctx* ctx) noexcept
 
 /* ---- removal ---- */
 
-struct pprm_match {
-    static int same(void* data, size_t idx, void* arg) noexcept { return static_cast<void**>(data)[idx] == arg; }
-};
+int rui_pprm(rui_rq_header* rq, ssize_t* slot) noexcept
+{
+    auto& pprm = rq->srv->pprm;
+    if (slots_hold(&pprm, rq))
+        return EALREADY;
+    *slot = slots_put(&pprm, rq);
+    return *slot < 0 ? -1 : 0;
+}
 
 static void rm_request(rui_rq_header* rqh, bool from_purge) noexcept
 {
@@ -267,7 +271,7 @@ static void rm_request(rui_rq_header* rqh, bool from_purge) noexcept
     rui_fdset_clear(&srv->accset, rqh->fd);
     if (rqs_rm_fd(rqh->fd, true, false) != 0)
         LOG_ERR("%s: failed to remove fd=%d from the monitored set.\n", __func__, rqh->fd);
-    if (!from_purge && xvlst_rmif(&srv->pprm, rqh, pprm_match::same, nullptr) > 0)
+    if (!from_purge && slots_rm(&srv->pprm, rqh) > 0)
         LOG_DEBUG("%s: removed (%p) from PPRM\n", __func__, static_cast<void*>(rqh));
     dlep_rm(srv->requests, reinterpret_cast<dlep_elem*>(rqh));
     const int fd = rqh->fd;
@@ -283,9 +287,9 @@ void rui_rm_request(rui_rq_header* rq) noexcept
     rm_request(rq, false);
 }
 
-static int purge_elem(void* data, size_t j) noexcept
+static int purge_elem(rui_rq_header** elem, size_t j) noexcept
 {
-    rui_rq_header* rq = static_cast<rui_rq_header**>(data)[j];
+    rui_rq_header* rq = *elem;
     LOG_DEBUG("%s: %s [%s] (%p) j=%ld\n", "rui_pprm_all", rq->tag.sym, rq->trk_tag.sym8, static_cast<void*>(rq),
               static_cast<long>(j));
     rm_request(rq, true);
@@ -304,8 +308,8 @@ void rui_pprm_all(rui_ctx* ctx) noexcept
         rui_socket_ctx* set = set_of(ctx, kind);
         for (size_t i = 0; rui_socket_ctx* srv = listener_at(set, i); ++i) {
             LOG_DEBUG("%s: [%s] listener[%s], %zu pprm items\n", __func__, kind_name(kind), srv->lc->alias,
-                      srv->pprm.len);
-            xvlst_purge_all(&srv->pprm, purge_elem);
+                      slots_len(srv->pprm));
+            slots_purge_all<purge_elem>(&srv->pprm);
             LOG_DEBUG("%s: done for for [%s]\n", __func__, srv->lc->alias);
             rui_wake(srv);
         }

@@ -4,8 +4,8 @@
 
 #include "appcfg.h"
 #include "dlep.h"
+#include "slots.h"
 #include "tags.h"
-#include "xvdat.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -61,9 +61,9 @@ struct rui_fdset {
 struct rui_socket_ctx {
     n32_tag tag; /* "Rsc" */
     int sockfd;
-    rui_fdset accset;    /* client descriptors queued here */
-    dlep_list* requests; /* owned */
-    xvlst pprm;          /* rui_rq_header*: to be removed after the round */
+    rui_fdset accset;              /* client descriptors queued here */
+    dlep_list* requests;           /* owned */
+    slots<rui_rq_header*, 4> pprm; /* to be removed after the round */
     bool deferred;
     timespec paused_tm; /* loop clock of the pause */
     bool is_paused;     /* not watched until descriptors come back */
@@ -100,6 +100,8 @@ void rui_stop_listener(rui_socket_ctx* srv) noexcept;
 [[nodiscard]] int rui_add_request(int fd, rui_socket_ctx* srv, void* udata) noexcept;
 /* Removes a request now; not from inside its own handler's caller that still uses it. */
 void rui_rm_request(rui_rq_header* rq) noexcept;
+/* Lists a request for removal after the round. 0 with its slot; EALREADY it is listed; -1 no memory. */
+[[nodiscard]] int rui_pprm(rui_rq_header* rq, ssize_t* slot) noexcept;
 /* Removes what is on the pprm lists and wakes paused listeners. From post-processing. */
 void rui_pprm_all(rui_ctx* ctx) noexcept;
 void rui_tmout_all(rui_ctx* ctx, uint32_t tmout_ms) noexcept;

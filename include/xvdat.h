@@ -52,13 +52,15 @@ void xvec_reset(xvec* v) noexcept;
 [[nodiscard]] int xvlst_expand(xvlst* l, size_t plus, size_t size, size_t growblk) noexcept;
 /* Takes the lowest free slot: its index, or a negative failure. The element's bytes are left as they are. */
 [[nodiscard]] ssize_t xvlst_add(xvlst* l, size_t size, size_t growblk) noexcept;
-/* Releases slot i, then calls callback (may be null). 0; 34 beyond the last slot; 114 not taken. */
+/* Releases slot i, then calls callback (may be null). 0; ERANGE beyond the last slot; EALREADY not taken. */
 int xvlst_del(xvlst* l, size_t i, xv_elem_fn callback) noexcept;
 /* Calls f on taken slots in order. With stop, the first non-zero result ends the walk, stores the slot and is returned.
-   */
+   Without, the last call's result. */
 int xvlst_each(xvlst* l, xv_elem_fn f, size_t* stop) noexcept;
 /* First slot for which match is non-zero: that value, the slot in *found (may be null); 0 when none. */
 [[nodiscard]] int xvlst_find(xvlst* l, void* arg, xv_match_fn match, size_t* found) noexcept;
+/* A match for a list of pointers: the slot holds the pointer ptr. */
+int is_ptr_match(void* data, size_t idx, void* ptr) noexcept;
 /* Deletes every matching slot. Their number, or -1 with the slot in *err (may be null). */
 int xvlst_rmif(xvlst* l, void* arg, xv_match_fn match, size_t* err) noexcept;
 /* Calls f (may be null, may delete slots of this list) on every taken slot, then empties the list, keeping its

@@ -53,12 +53,12 @@ static int build_ctx(const char** step) noexcept
 
     const size_t ntasks = task_table_size();
     *step = "init sources";
-    xvlst_reset(&g_ctx.tasks);
-    if (const int rc = xvlst_mmap_fixed(&g_ctx.tasks, ntasks, sizeof(dw_task)))
+    slots_reset(&g_ctx.tasks);
+    if (const int rc = slots_mmap_fixed(&g_ctx.tasks, ntasks))
         return rc;
     *step = "init pprm-tasks";
-    xvlst_reset(&g_ctx.pprm_tasks);
-    if (const int rc = xvlst_reserve(&g_ctx.pprm_tasks, ntasks, sizeof(dw_task*), 1))
+    slots_reset(&g_ctx.pprm_tasks);
+    if (const int rc = slots_reserve(&g_ctx.pprm_tasks, ntasks))
         return rc;
     *step = "creating task HT";
     if (const int rc = skht_create(&g_ctx.task_ht, ntasks, plHash, nullptr, 0))
@@ -127,12 +127,12 @@ static void log_task(const char* what, const dw_task* task) noexcept
 dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag) noexcept
 {
     /* A table that grew would move the records under the pointers of the loop and of the hash. */
-    const ssize_t j = g_ctx.tasks.len < g_ctx.tasks.max_len ? xvlst_add(&g_ctx.tasks, sizeof(dw_task), 1) : -1;
+    const ssize_t j = slots_full(g_ctx.tasks) ? -1 : slots_add(&g_ctx.tasks);
     if (j < 0) {
         LOG_ERR("%s: failed for [%s]\n", __func__, spec->url);
         return nullptr;
     }
-    dw_task* task = static_cast<dw_task*>(g_ctx.tasks.data) + j;
+    dw_task* task = slots_at(&g_ctx.tasks, j);
     memset(static_cast<void*>(task), 0, sizeof(*task));
     task->tag = TAG_DOW;
     task->spec = *spec;
@@ -144,7 +144,7 @@ dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag) noexcept
     void* data = task;
     if (const int rc = skht_add(g_ctx.task_ht, key, &data)) {
         LOG_ERR("%s: ERROR(%d) hashing [%s] data=%p\n", __func__, rc, key, static_cast<void*>(task));
-        xvlst_del(&g_ctx.tasks, static_cast<size_t>(j), nullptr);
+        slots_del(&g_ctx.tasks, j);
         return nullptr;
     }
     task->is_hashed = true;
@@ -196,7 +196,7 @@ int mk_dw_task(int client_fd, dw_spec* spec) noexcept
         if (spec->lid[0])
             lid_unlock(spec->lid, spec->lock_tm);
     });
-    if (g_cfg.max_tasks > 0 && g_ctx.tasks.len >= g_cfg.max_tasks) {
+    if (g_cfg.max_tasks > 0 && slots_len(g_ctx.tasks) >= g_cfg.max_tasks) {
         LOG_ERR("%s: limit on tasks exceeded [%zu]\n", __func__, g_cfg.max_tasks);
         return -1;
     }
@@ -293,7 +293,7 @@ void free_dw(dw_task* task) noexcept
         task->spec.lid[0] = '\0';
     }
     if (task->idx >= 0) {
-        xvlst_del(&g_ctx.tasks, static_cast<size_t>(task->idx), nullptr);
+        slots_del(&g_ctx.tasks, task->idx);
         task->idx = -1;
     }
 }
@@ -304,11 +304,6 @@ int free_dw_elem(void* data, size_t idx) noexcept
     return 0;
 }
 
-int is_ptr_match(void* data, size_t idx, void* ptr) noexcept
-{
-    return static_cast<void**>(data)[idx] == ptr;
-}
-
 void destroy_kova_ctx() noexcept
 {
     pprm_task_cleanup();
@@ -317,8 +312,8 @@ void destroy_kova_ctx() noexcept
     rui_ctx_destroy(&g_ctx.rui);
     pprm_requests();
     close_body_pipe();
-    xvlst_reset(&g_ctx.pprm_tasks);
-    xvlst_reset(&g_ctx.tasks);
+    slots_reset(&g_ctx.pprm_tasks);
+    slots_reset(&g_ctx.tasks);
     if (g_ctx.task_ht)
         skht_destroy(g_ctx.task_ht, nullptr);
     g_ctx.task_ht = nullptr;

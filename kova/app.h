@@ -24,7 +24,6 @@ int unhash_task(dw_task* task) noexcept;
 /* Releases everything a task holds, at whatever stage; an unfinished file is removed. */
 void free_dw(dw_task* task) noexcept;
 int free_dw_elem(void* data, size_t idx) noexcept;
-int is_ptr_match(void* data, size_t idx, void* ptr) noexcept;
 
 /* ---- source ---- */
 

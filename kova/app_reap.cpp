@@ -19,7 +19,7 @@ constexpr unsigned SRC_GONE_MS = 120000; /* the same for a GET that is never ack
 int pprm_task(dw_task* task) noexcept
 {
     /* Only a quitting task can be listed: the search is no part of the ordinary road. */
-    if (task->is_quitting && xvlst_find(&g_ctx.pprm_tasks, task, is_ptr_match, nullptr)) {
+    if (task->is_quitting && slots_hold(&g_ctx.pprm_tasks, task)) {
         LOG_WARN("%s: task [%s] (%p) is already listed, skipping\n", __func__, task->trk_tag.sym8,
                  static_cast<void*>(task));
         return 0;
@@ -27,12 +27,11 @@ int pprm_task(dw_task* task) noexcept
     task->is_quitting = true;
     unhash_task(task); /* a new order for this source need not wait for the end of the round */
 
-    const ssize_t j = xvlst_add(&g_ctx.pprm_tasks, sizeof(dw_task*), 1);
+    const ssize_t j = slots_put(&g_ctx.pprm_tasks, task);
     if (j < 0) {
         LOG_ERR("%s: FAILED on [%s] (%p)\n", __func__, task->trk_tag.sym8, static_cast<void*>(task));
         return -1;
     }
-    static_cast<dw_task**>(g_ctx.pprm_tasks.data)[j] = task;
     LOG_DEBUG("%s: [%s] (%p) idx=%ld OK\n", __func__, task->trk_tag.sym8, static_cast<void*>(task),
               static_cast<long>(j));
     return 0;
@@ -40,10 +39,10 @@ int pprm_task(dw_task* task) noexcept
 
 void pprm_task_cleanup() noexcept
 {
-    if (g_ctx.pprm_tasks.len == 0)
+    if (slots_len(g_ctx.pprm_tasks) == 0)
         return;
-    LOG_DEBUG("%s: %ld pprm tasks\n", __func__, static_cast<long>(g_ctx.pprm_tasks.len));
-    xvlst_purge_all(&g_ctx.pprm_tasks, free_dw_elem);
+    LOG_DEBUG("%s: %ld pprm tasks\n", __func__, static_cast<long>(slots_len(g_ctx.pprm_tasks)));
+    xvlst_purge_all(&g_ctx.pprm_tasks.raw, free_dw_elem);
 }
 
 void pprm_requests() noexcept
@@ -53,9 +52,8 @@ void pprm_requests() noexcept
     LOG_DEBUG("%s: END\n", __func__);
 }
 
-static int pprm_live_task(void* data, size_t idx) noexcept
+static int pprm_live_task(dw_task* task, size_t /*idx*/) noexcept
 {
-    dw_task* task = static_cast<dw_task*>(data) + idx;
     if (!task->is_quitting)
         pprm_task(task);
     return 0;
@@ -63,7 +61,7 @@ static int pprm_live_task(void* data, size_t idx) noexcept
 
 void pprm_all_tasks() noexcept
 {
-    xvlst_each(&g_ctx.tasks, pprm_live_task, nullptr);
+    slots_each<pprm_live_task>(&g_ctx.tasks, nullptr);
 }
 
 bool is_iocheck_time() noexcept
@@ -101,9 +99,8 @@ void set_unguarded(dw_task* task, bool on) noexcept
     }
 }
 
-static int guard_source(void* data, size_t idx) noexcept
+static int guard_source(dw_task* task, size_t /*idx*/) noexcept
 {
-    dw_task* task = static_cast<dw_task*>(data) + idx;
     if (!task->is_unguarded)
         return 0;
     set_unguarded(task, false);
@@ -122,17 +119,17 @@ void guard_sources() noexcept
     if (g_ctx.nunguarded == 0 || !timed_out(g_ctx.last_guard_check, pace))
         return;
     rqs_set_now(&g_ctx.last_guard_check);
-    xvlst_each(&g_ctx.tasks, guard_source, nullptr);
+    slots_each<guard_source>(&g_ctx.tasks, nullptr);
 }
 
 /* Shutdown has listed and freed every live task before, so the table is empty here; the callback takes the slots for
    pointers and must never meet a record. */
 void rm_all_tasks() noexcept
 {
-    if (g_ctx.tasks.len == 0) {
+    if (slots_len(g_ctx.tasks) == 0) {
         LOG_DEBUG("%s: no tasks to purge.\n", __func__);
         return;
     }
-    LOG_DEBUG("%s: %zu tasks to purge:\n", __func__, g_ctx.tasks.len);
-    xvlst_purge_all(&g_ctx.tasks, free_dw_elem);
+    LOG_DEBUG("%s: %zu tasks to purge:\n", __func__, slots_len(g_ctx.tasks));
+    xvlst_purge_all(&g_ctx.tasks.raw, free_dw_elem);
 }

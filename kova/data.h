@@ -4,10 +4,10 @@
 #include "cfg.h"
 #include "gkh.h"
 #include "rui.h"
+#include "slots.h"
 #include "tags.h"
 #include "webops.h"
 #include "wopen.h"
-#include "xvdat.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -142,9 +142,9 @@ struct kova_ctx {
     bool is_ready;
     rui_ctx rui;
     udl_ctx udl;
-    xvlst tasks;      /* dw_task by value; reserved once, so records never move */
-    skht_t task_ht;   /* url2key(url) -> dw_task* */
-    xvlst pprm_tasks; /* dw_task*: to be freed after the round */
+    slots<dw_task> tasks;       /* mapped once, so records never move */
+    skht_t task_ht;             /* url2key(url) -> dw_task* */
+    slots<dw_task*> pprm_tasks; /* to be freed after the round */
     size_t last_task_id;
     timespec last_tmout_check;
     timespec last_rq_check;

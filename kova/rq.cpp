@@ -25,7 +25,6 @@ constexpr n32_tag URQ_INI = mk_tag("INI");
 constexpr n32_tag URQ_RD = mk_tag("RD\0");
 constexpr n32_tag URQ_QUI = mk_tag("QUI");
 constexpr size_t MAX_URQ_NUM = 10000; /* tracking tags start again at u1 after it */
-constexpr size_t PPRM_GROWBLK = 4;
 constexpr int RC_PING_PATH = -3;
 
 static dw_urq* as_urq(rui_rq_header* rq) noexcept
@@ -97,21 +96,19 @@ void urq_set_state(dw_urq* urq, n32_tag state) noexcept
 
 void pprm_urq(dw_urq* urq) noexcept
 {
-    xvlst* pprm = &urq->srv->pprm;
-    if (xvlst_find(pprm, urq, is_ptr_match, nullptr)) {
+    const int rc = rui_pprm(as_header(urq), &urq->pprm_idx);
+    if (rc == EALREADY) {
         LOG_WARN("%s: %s [%s] (%p) is already PPRM-ed\n", __func__, urq->tag.sym, urq->trk_tag.sym8,
                  static_cast<void*>(urq));
         return;
     }
-    const ssize_t j = xvlst_add(pprm, sizeof(dw_urq*), PPRM_GROWBLK);
-    if (j < 0) {
+    const ssize_t j = urq->pprm_idx;
+    if (rc != 0) {
         LOG_ERR("%s: xvlst_add ERROR\n", __func__);
         ASSERT(j >= 0);
     }
-    static_cast<dw_urq**>(pprm->data)[j] = urq;
-    urq->pprm_idx = j;
     LOG_DEBUG("%s: added (%p) to pprm[%zi] (%p) for listener fd%d\n", __func__, static_cast<void*>(urq), j,
-              static_cast<void*>(pprm), urq->srv->sockfd);
+              static_cast<void*>(&urq->srv->pprm), urq->srv->sockfd);
     LOG_INFO("%s: %s [%s] (%p) is to END j=%zd\n", __func__, urq->tag.sym, urq->trk_tag.sym8, static_cast<void*>(urq),
              j);
 }

@@ -39,23 +39,18 @@ static bool is_same_file(const struct stat& a, const struct stat& b) noexcept
 }
 
 /* A match for the walk over the task table. The descriptor keeps the inode's number from going to another file. */
-static int writes_file(void* data, size_t idx, void* arg) noexcept
+static bool writes_file(const dw_task* task, const struct stat* file) noexcept
 {
-    const dw_task& task = static_cast<const dw_task*>(data)[idx];
     struct stat st {
     };
-    return task.dfd > 0 && !task.is_quitting && fstat(task.dfd, &st) == 0 &&
-           is_same_file(st, *static_cast<const struct stat*>(arg));
+    return task->dfd > 0 && !task->is_quitting && fstat(task->dfd, &st) == 0 && is_same_file(st, *file);
 }
 
 dw_task* unfinished_writer(const char* path) noexcept
 {
     struct stat st {
     };
-    size_t idx = 0;
-    if (stat(path, &st) != 0 || !xvlst_find(&g_ctx.tasks, &st, writes_file, &idx))
-        return nullptr;
-    return static_cast<dw_task*>(g_ctx.tasks.data) + idx;
+    return stat(path, &st) == 0 ? slots_find<writes_file>(&g_ctx.tasks, &st) : nullptr;
 }
 
 int check_own_unfinished(const dw_task* task, struct stat* own) noexcept
@@ -125,20 +120,16 @@ void end_takeover(const dw_task* task, bool is_made) noexcept
 }
 
 /* A match for the walk over the tasks that have ended in this round. */
-static int has_path(void* data, size_t idx, void* arg) noexcept
+static bool has_path(dw_task* const* task, const char* path) noexcept
 {
-    const dw_task* task = static_cast<dw_task**>(data)[idx];
-    return task->dfd > 0 && strcmp(task->spec.fpath, static_cast<const char*>(arg)) == 0;
+    return (*task)->dfd > 0 && strcmp((*task)->spec.fpath, path) == 0;
 }
 
 void clear_the_way(dw_task* task) noexcept
 {
-    size_t idx = 0;
-    if (!xvlst_find(&g_ctx.pprm_tasks, task->spec.fpath, has_path, &idx))
-        return;
-    dw_task* ended = static_cast<dw_task**>(g_ctx.pprm_tasks.data)[idx];
-    if (owes_removal(ended))
-        remove_unfinished(ended);
+    dw_task** ended = slots_find<has_path>(&g_ctx.pprm_tasks, task->spec.fpath);
+    if (ended && owes_removal(*ended))
+        remove_unfinished(*ended);
 }
 
 bool owes_removal(const dw_task* task) noexcept

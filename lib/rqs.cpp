@@ -19,13 +19,11 @@
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr int EPOLL_SIZE_HINT = 128;
-constexpr size_t EVENTS_GROWBLK = 10;
 constexpr int MANY_EVENTS = 15;
 constexpr long SIGNAL_CHECK_NS = 10000000; /* pending signals are looked for this often while events are handled */
 
 rqs_context g_rqs = {.loopfd = -1,
                      .events = {},
-                     .changes = {},
                      .poll_fds = 0,
                      .nopoll = {},
                      .nopoll_rm = {},
@@ -98,10 +96,9 @@ void rqs_destroy() noexcept
     if (g_rqs.loopfd > 0)
         close(g_rqs.loopfd);
     g_rqs.loopfd = -1;
-    xvlst_reset(&g_rqs.nopoll);
-    xvec_reset(&g_rqs.nopoll_rm);
-    xvec_reset(&g_rqs.events);
-    xvec_reset(&g_rqs.changes);
+    slots_reset(&g_rqs.nopoll);
+    vec_reset(&g_rqs.nopoll_rm);
+    vec_reset(&g_rqs.events);
     g_rqs.poll_fds = 0;
 }
 
@@ -198,11 +195,11 @@ size_t rqs_fd_count(int which) noexcept
 {
     switch (which) {
     case GET_TOTALFDS:
-        return g_rqs.poll_fds + g_rqs.nopoll.len;
+        return g_rqs.poll_fds + slots_len(g_rqs.nopoll);
     case GET_POLLFDS:
         return g_rqs.poll_fds;
     case GET_NOPOLLFDS:
-        return g_rqs.nopoll.len;
+        return slots_len(g_rqs.nopoll);
     default:
         LOG_ERR("%s: invalid specifier: %d\n", __func__, which);
         ASSERT_AS(false, "a known counter is asked for");
@@ -221,9 +218,9 @@ int rqs_ctx(int which) noexcept
 static void size_events() noexcept
 {
     const size_t wanted = g_rqs.poll_fds > 0 ? g_rqs.poll_fds : 1;
-    if (wanted <= g_rqs.events.max_len)
+    if (wanted <= g_rqs.events.raw.max_len)
         return;
-    if (xvec_reserve(&g_rqs.events, wanted, sizeof(epoll_event), EVENTS_GROWBLK) != 0) {
+    if (vec_reserve(&g_rqs.events, wanted) != 0) {
         LOG_ERR("%s: xvec_reserve failed\n", __func__);
         panic_abort();
     }
@@ -231,7 +228,7 @@ static void size_events() noexcept
 
 static int wait_limit_ms() noexcept
 {
-    if (g_rqs.nopoll.len > 0) {
+    if (slots_len(g_rqs.nopoll) > 0) {
         LOG_DEBUG("%s: no-poll events present: changing to 0 timeout\n", "wait4events");
         return 0;
     }
@@ -261,17 +258,17 @@ static int wait4events() noexcept
     size_events();
     const int limit = wait_limit_ms();
     LOG_DEBUG("%s: timeout=%f sec\n", __func__, limit < 0 ? -1.0 : limit / 1000.0);
-    const int n = epoll_pwait(g_rqs.loopfd, static_cast<epoll_event*>(g_rqs.events.data),
-                              static_cast<int>(g_rqs.events.max_len), limit, wait_sigmask());
+    const int n = epoll_pwait(g_rqs.loopfd, vec_at(&g_rqs.events, 0), static_cast<int>(g_rqs.events.raw.max_len), limit,
+                              wait_sigmask());
     const int err = errno;
     if (n < 0 && err == EINTR)
         LOG_INFO("%s interrupted, quit=%d\n", __func__, static_cast<int>(g_quit));
     else if (n < 0)
         LOG_ERRNO("%s: epoll_wait(%d...)", __func__, g_rqs.loopfd);
-    else if (n > MANY_EVENTS && static_cast<size_t>(n) == g_rqs.events.max_len)
+    else if (n > MANY_EVENTS && static_cast<size_t>(n) == g_rqs.events.raw.max_len)
         LOG_WARN("%s: all event slots populated, might need more\n", __func__);
     if (n >= 0)
-        g_rqs.events.len = static_cast<size_t>(n);
+        g_rqs.events.raw.len = static_cast<size_t>(n);
     if (n > 0)
         LOG_DEBUG("%s: got %d events\n", __func__, n);
     refresh_clock();
@@ -289,7 +286,7 @@ static int wait4events() noexcept
    registered, so a data word is never looked behind here; it may be a bare descriptor number. */
 static int on_event(const epoll_event& ev) noexcept
 {
-    ASSERT(g_rqs.events.max_len > 0);
+    ASSERT(g_rqs.events.raw.max_len > 0);
     uint32_t flags = 0;
     if (ev.events & EPOLLERR)
         flags |= RQS_SOCKERR;
@@ -313,7 +310,7 @@ static size_t dispatch_events(int n) noexcept
     if (n > 0)
         LOG_DEBUG("%s: processing %d pollable events\n", "rqs_event_loop", n);
     g_rqs.loop_stage = ELOOP_EV;
-    const auto* events = static_cast<const epoll_event*>(g_rqs.events.data);
+    const auto* events = vec_at(&g_rqs.events, 0);
     for (int i = 0; i < n && !g_quit; ++i) {
         failed += on_event(events[i]) != 0;
         check_signals();
@@ -325,7 +322,7 @@ static size_t dispatch_events(int n) noexcept
 
 static bool nothing_left() noexcept
 {
-    bool idle = g_rqs.poll_fds == 0 && g_rqs.nopoll.len == 0;
+    bool idle = g_rqs.poll_fds == 0 && slots_len(g_rqs.nopoll) == 0;
     if (idle && g_rqs_cfg.cb.is_dormant)
         idle = g_rqs_cfg.cb.is_dormant();
     if (!g_rqs_cfg.quit_on_zero_fds || !idle)
@@ -339,7 +336,7 @@ static bool nothing_left() noexcept
 static bool take_events(int* n, int* rc) noexcept
 {
     const rqs_callbacks& cb = g_rqs_cfg.cb;
-    if (g_rqs.poll_fds == 0 && g_rqs.nopoll.len > 0) {
+    if (g_rqs.poll_fds == 0 && slots_len(g_rqs.nopoll) > 0) {
         deliver_pending_signals();
         return !g_quit;
     }
@@ -371,7 +368,7 @@ static bool one_round(int* rc, size_t* failed) noexcept
     g_rqs.loop_stage = ELOOP_START;
     if (nothing_left())
         return false;
-    g_rqs.events.len = 0;
+    g_rqs.events.raw.len = 0;
     int n = 0;
     if (!take_events(&n, rc))
         return false;

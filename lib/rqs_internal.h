@@ -2,18 +2,9 @@
 #pragma once
 
 #include "rqs.h"
+#include "slots.h"
 
-struct rqs_context {
-    int loopfd;  /* epoll descriptor, -1 = none */
-    xvec events; /* epoll_event: slots handed to the kernel */
-    xvec changes;
-    size_t poll_fds; /* descriptors in the epoll set */
-    xvlst nopoll;    /* nopoll_ref */
-    xvec nopoll_rm;  /* ssize_t: slots of nopoll queued for removal */
-    timespec tmout;  /* wait limit, negative = none */
-    timespec itime;  /* CLOCK_MONOTONIC of the last wait */
-    int loop_stage;  /* rqs_loop_stage */
-};
+#include <sys/epoll.h>
 
 /* One descriptor that epoll cannot watch. */
 struct nopoll_ref {
@@ -21,6 +12,17 @@ struct nopoll_ref {
     int fd;
     void* udata;
     ssize_t* index; /* the owner's variable that follows the slot; may be null */
+};
+
+struct rqs_context {
+    int loopfd;                  /* epoll descriptor, -1 = none */
+    vec<epoll_event, 10> events; /* slots handed to the kernel */
+    size_t poll_fds;             /* descriptors in the epoll set */
+    slots<nopoll_ref, 10> nopoll;
+    vec<ssize_t, 10> nopoll_rm; /* slots of nopoll queued for removal */
+    timespec tmout;             /* wait limit, negative = none */
+    timespec itime;             /* CLOCK_MONOTONIC of the last wait */
+    int loop_stage;             /* rqs_loop_stage */
 };
 
 extern rqs_context g_rqs;

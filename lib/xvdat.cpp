@@ -4,14 +4,12 @@
 
 #include "log.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <sys/mman.h>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
-
-constexpr int ERR_ERANGE = 34;
-constexpr int ERR_EALREADY = 114;
 
 uint32_t xvdat_flags = 0;
 
@@ -162,9 +160,9 @@ ssize_t xvlst_add(xvlst* l, size_t size, size_t growblk) noexcept
 int xvlst_del(xvlst* l, size_t i, xv_elem_fn callback) noexcept
 {
     if (i > l->last || i >= l->max_len)
-        return ERR_ERANGE;
+        return ERANGE;
     if (!l->taken[i])
-        return ERR_EALREADY;
+        return EALREADY;
     l->taken[i] = 0;
     if (callback)
         callback(l->data, i);
@@ -212,6 +210,11 @@ int xvlst_find(xvlst* l, void* arg, xv_match_fn match, size_t* found) noexcept
         }
     }
     return 0;
+}
+
+int is_ptr_match(void* data, size_t idx, void* ptr) noexcept
+{
+    return static_cast<void**>(data)[idx] == ptr;
 }
 
 int xvlst_rmif(xvlst* l, void* arg, xv_match_fn match, size_t* err) noexcept
