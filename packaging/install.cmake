@@ -46,6 +46,8 @@ file(INSTALL \"${CMAKE_BINARY_DIR}/README.md\" DESTINATION \"\${CMAKE_INSTALL_PR
 install(CODE "if(CMAKE_INSTALL_PREFIX MATCHES \"^/usr\" AND NOT EXISTS \"\$ENV{DESTDIR}/etc/kov/kov.conf\")
   file(INSTALL \"${CMAKE_SOURCE_DIR}/packaging/examples/kov.conf\" DESTINATION \"/etc/kov\")
 endif()")
+install(FILES tools/client/kov_client.py DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/client)
+install(PROGRAMS tools/client/order.sh DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/client)
 # Completion is looked up by a program's name.
 foreach(program kov kovctl kov-checkconf)
   install(FILES ${CMAKE_BINARY_DIR}/kov.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program})

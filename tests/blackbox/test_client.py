@@ -1,0 +1,120 @@
+"""What tools/client gives to senders: the Python module and the shell example, against a real agent."""
+
+import os
+import socket
+import subprocess
+import sys
+import threading
+import unittest
+
+from kov import KovTest, free_port, wait_for
+
+CLIENT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../tools/client")
+sys.path.insert(0, CLIENT)
+import kov_client  # noqa: E402  pylint: disable=wrong-import-position
+
+ODD_NAMES = ("a b%41+c@d&e.ts", "lead/src/a", "DST/b", "\u00e9/\u20ac", "q?x#y")
+
+
+class Client(KovTest):
+    def setUp(self):
+        super().setUp()
+        self.udp_port = free_port()
+        self.agent = self.start(f'udp_input = {{ url = "127.0.0.1:{self.udp_port}"; lock_dir = "{self.root}"; }};')
+        self.place = ("127.0.0.1", self.agent.port)
+
+    def order(self, path, dst, **more):
+        kov_client.order(self.place, self.origin.url(path), dst, **{"expiry": 60, **more})
+
+    def shell(self, *args):
+        return subprocess.run([f"{CLIENT}/order.sh", f"127.0.0.1:{self.agent.port}", *args], capture_output=True,
+                              text=True, check=False, timeout=60)
+
+    def test_names_arrive_as_they_were_given(self):
+        for i, dst in enumerate(ODD_NAMES):
+            body = os.urandom(3000)
+            self.origin.body("/live/Src/%41%20b%40+c", body)
+            given = "/live/Src/%41 b@+c" if i % 2 else "/live/Src/%41%20b%40+c"
+            self.order(given, dst, expiry=77)
+            path = kov_client.stored_path(self.agent.data, self.origin.url(given), dst)
+            kov_client.wait_for_file(path, timeout=10)
+            self.assertEqual(self.agent.stored(dst), body)
+            done = self.shell(self.origin.url("/live/Src/%41%20b%40+c"), dst + ".sh", "77")
+            self.assertEqual((done.returncode, done.stdout), (0, "begun\n"), done.stderr)
+            self.assertEqual(self.agent.stored(dst + ".sh"), body)
+        self.assertEqual(self.agent.log().count("expiry=77"), 4 * len(ODD_NAMES))
+        self.order("/live/Src/%41%20b%40+c", "")  # the agent makes the name of the source's path
+        self.agent.wait_file("live/Src/%41%20b%40+c")
+
+    def test_each_answer_has_its_exception(self):
+        self.origin.body("/a", b"x")
+        self.origin.raw("/404", b"HTTP/1.1 404 Not Found\r\n\r\n")
+        self.order("/a", "a")
+        cases = (("/a", "a", kov_client.Exists, 403), ("/404", "b", kov_client.SourceRefused, 404),
+                 ("/a", "x" * 120, kov_client.Refused, 400), (":1/a", "c", kov_client.Refused, 500))
+        self.agent.wait_file("a")
+        for path, dst, error, status in cases:
+            with self.assertRaises(error) as caught:
+                self.order(path, dst)
+            self.assertIs(type(caught.exception), error)
+            self.assertEqual(caught.exception.status, status)
+        self.assertEqual([self.shell(self.origin.url(path), dst, "5").returncode for path, dst, _, _ in cases],
+                         [0, 6, 1, 1])
+        self.assertTrue(kov_client.ping(self.place))
+        nobody = ("127.0.0.1", free_port())
+        self.assertFalse(kov_client.ping(nobody))
+        with self.assertRaises(kov_client.NoAgent):
+            kov_client.order(nobody, "http://h/a", "a", expiry=1)
+
+    def test_nothing_is_sent_that_no_agent_should_hear(self):
+        with self.assertRaises(TypeError):
+            kov_client.order_datagram("job1", "http://h/a", "a")
+        for bad in (None, "", -1, 1.5, True):
+            with self.assertRaises(ValueError):
+                kov_client.order_datagram("job1", "http://h/a", "a", expiry=bad)
+        for lock_id, src, dst in (("job", "http://h/a", "a"), ("jo/b", "http://h/a", "a"), ("job1", "ftp://h/a", "a"),
+                                  ("job1", "http://h/a?b", "a"), ("job1", "http://u@h/a", "a"),
+                                  ("job1", "http://h/a", "a\n"), ("job1", "http://h/a", "../a"),
+                                  ("job1", "http://h/a", "a-Kova/b"), ("job1", "http://h/" + "a" * 130, "a"),
+                                  ("job1", "http://h/a", "d" * 120)):
+            with self.assertRaises(ValueError, msg=(lock_id, src, dst)):
+                kov_client.order_datagram(lock_id, src, dst, expiry=1)
+        self.assertEqual([self.shell(*args).returncode for args in
+                          (("http://h/a", "a"), ("http://h/a", "a", ""), ("ftp://h/a", "a", "5"))], [2, 2, 2])
+
+    def test_datagrams_and_the_wait_for_the_file(self):
+        self.origin.body("/a", b"by datagram")
+        channel = ("127.0.0.1", self.udp_port)
+        kov_client.send(channel, "job1", self.origin.url("/a"), "b +c", expiry=kov_client.FOREVER)
+        kov_client.wait_for_file(self.agent.path("b +c"), timeout=10, grace=10)
+        cut = self.origin.raw("/cut", b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc")
+        kov_client.order(self.place, cut, "cut", expiry=1)
+        with self.assertRaises(kov_client.DownloadFailed):
+            kov_client.wait_for_file(self.agent.path("cut"), timeout=10)
+        with self.assertRaises(TimeoutError):
+            kov_client.wait_for_file(self.agent.path("never"), timeout=0.2)
+
+    def test_a_mute_and_a_babbling_agent_are_given_up(self):
+        with socket.create_server(("127.0.0.1", 0)) as mute:
+            with self.assertRaises(kov_client.NoAnswer):
+                kov_client.order(mute.getsockname(), "http://h/a", "a", expiry=1, timeout=0.3)
+
+        def babble(server):
+            conn, _ = server.accept()
+            with conn:
+                try:
+                    while True:
+                        conn.sendall(b"\0\xff garbage" * 1000)
+                except OSError:
+                    pass
+
+        with socket.create_server(("127.0.0.1", 0)) as server:
+            talker = threading.Thread(target=babble, args=(server,))
+            talker.start()
+            with self.assertRaisesRegex(kov_client.NoAnswer, "not like an agent"):
+                kov_client.order(server.getsockname(), "http://h/a", "a", expiry=1)
+            wait_for(lambda: not talker.is_alive(), "the end of the babble")
+
+
+if __name__ == "__main__":
+    unittest.main()
