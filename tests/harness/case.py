@@ -1,0 +1,105 @@
+"""The case class. Each test has its own directory and source, and ends with the same questions: did the agents live, do
+they quit within a second with status 0, is no unfinished file, no descriptor and no bad word left behind?"""
+
+import os
+import re
+import shutil
+import signal
+import subprocess
+import tempfile
+import unittest
+
+from .agent import SLOW, Agent
+from .services import Redis
+from .source import Origin
+
+BAD_WORDS = re.compile(r"\(PNC\)|ASSERT|AddressSanitizer|LeakSanitizer|runtime error")
+
+
+def needs_namespaces(test):
+    """For tests that change the network or the mounts for their agent alone, or destroy a socket."""
+    can = subprocess.run(["unshare", "-n", "-m", "true"], stderr=subprocess.DEVNULL, check=False).returncode == 0
+    return unittest.skipUnless(can, "no namespaces can be made here")(test)
+
+
+class KovTest(unittest.TestCase):
+    longMessage = True
+
+    def setUp(self):
+        self.root = tempfile.mkdtemp(prefix="k", dir="/tmp")
+        os.chmod(self.root, 0o755)  # the workers of a source have another user
+        self.agents = []
+        self.roots = 0
+        self.origin = Origin()
+        self.idle_check = True  # a test that ends with work in flight clears it
+
+    def start(self, *args, must_run=True, **kwargs):
+        agent = Agent(self.new_root(), *args, **kwargs)
+        if must_run:
+            agent.wait_ready()
+            self.agents.append(agent)
+        else:  # the test asks for the status itself
+            self.addCleanup(agent.kill)
+        return agent
+
+    def fails_to_start(self, status, messages, *args, **kwargs):
+        agent = self.start(*args, must_run=False, **kwargs)
+        self.assertEqual(agent.proc.wait(20), status, messages)
+        for message in messages:
+            self.assertIn(message, agent.log() + agent.stderr())
+        return agent
+
+    def end(self, agent, status=0, signo=signal.SIGTERM):
+        """Ends an agent, or meets its end, before the test's; returns how long that took."""
+        found, seconds = agent.stop(signo)
+        self.assertEqual(found, status)
+        agent.kill()
+        self.agents.remove(agent)
+        return seconds
+
+    def ends_by_itself(self, agent, status):
+        agent.proc.wait(10)
+        self.end(agent, status)
+
+    def service(self, kind, *args):
+        service = kind(self.new_root(), *args)
+        self.addCleanup(service.stop)
+        return service
+
+    def redis(self):
+        return self.service(Redis)
+
+    def new_root(self):
+        root = self.next_root()
+        os.makedirs(root)
+        self.roots += 1
+        return root
+
+    def next_root(self):
+        return f"{self.root}/{self.roots}"
+
+    def check_agent(self, agent):
+        if agent.proc.poll() is None and self.idle_check:
+            agent.at_base_line()
+        self.assertIsNone(agent.proc.poll(), "the agent ended by itself")
+        status, seconds = agent.stop()
+        self.assertEqual(status, 0)
+        self.assertLess(seconds, SLOW)
+        self.assertNotRegex(agent.log() + agent.stderr(), BAD_WORDS)
+        self.assertEqual(agent.unfinished(), [])
+
+    def tearDown(self):
+        try:
+            for agent in self.agents:
+                self.check_agent(agent)
+        except AssertionError:
+            for agent in self.agents:
+                print(agent.config, agent.log()[-4000:], agent.stderr()[-4000:], sep="\n----\n")
+            raise
+        finally:
+            for agent in self.agents:
+                agent.kill()
+                if agent.mounted:
+                    subprocess.run(["umount", agent.data], check=True)
+            self.origin.close()
+            shutil.rmtree(self.root, ignore_errors=True)
