@@ -2,7 +2,7 @@
 #include "data.h"
 #include "gkh.h"
 #include "log.h"
-#include "rq.h"
+#include "order.h"
 #include "rqs.h"
 #include "strops.h"
 #include "timeop.h"

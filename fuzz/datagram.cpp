@@ -2,7 +2,7 @@
    expected. */
 #include "fuzz.h"
 
-#include "rq.h"
+#include "order.h"
 #include "udl.h"
 
 #include <csetjmp>

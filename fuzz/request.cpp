@@ -1,7 +1,7 @@
 /* A client's request head, down to the order that it makes. */
 #include "fuzz.h"
 
-#include "rq.h"
+#include "order.h"
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
 {

@@ -1,4 +1,4 @@
-/* The download context and its task table: how a task is made, found, un-hashed and freed. A task lives in its slot of
+/* The task table: how a task is made, found, un-hashed and freed. A task lives in its slot of
    g_ctx.tasks, which is reserved once, so pointers to it hold until free_dw; everything a task owns is released there
    and nowhere else. */
 #include "app.h"
@@ -6,15 +6,11 @@
 #include "guard.h"
 #include "lock.h"
 #include "log.h"
-#include "rq.h"
 #include "rqs.h"
 #include "strops.h"
 #include "syswrap.h"
-#include "udl.h"
 #include "unfinished.h"
-#include "util.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -24,72 +20,6 @@
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr size_t MAX_TASK_NUM = 10000; /* tracking tags start again at T0001 after it */
-
-kova_ctx g_ctx{};
-
-/* Every task holds at least one descriptor, so the descriptor limit bounds an unlimited table, as far as a table can
-   go. */
-static size_t task_table_size() noexcept
-{
-    return g_cfg.max_tasks > 0 ? g_cfg.max_tasks : std::min(fd_limit(), HT_MAX_CAP);
-}
-
-static int init_database() noexcept
-{
-    if (const int rc = lbdb_init(g_cfg.lbdb.sha1_path, LBQ_FL_ADD, 0))
-        return rc;
-    return lbdb_connect(g_cfg.lbdb.host, g_cfg.lbdb.port, g_cfg.lbdb.tmout);
-}
-
-/* The steps of init_kova_ctx. *step names the failing one, "?" where it has logged its own cause. */
-static int build_ctx(const char** step) noexcept
-{
-    *step = "?";
-    rui_set_cb(RUI_USER, &g_urq_cb);
-    if (const int rc = rui_ctx_init(&g_cfg.rui, &g_ctx.rui))
-        return rc;
-    if (const int rc = udl_ctx_init(&g_cfg.udp_cha, &g_ctx.udl))
-        return rc;
-
-    const size_t ntasks = task_table_size();
-    *step = "init sources";
-    slots_reset(&g_ctx.tasks);
-    if (const int rc = slots_mmap_fixed(&g_ctx.tasks, ntasks))
-        return rc;
-    *step = "init pprm-tasks";
-    slots_reset(&g_ctx.pprm_tasks);
-    if (const int rc = slots_reserve(&g_ctx.pprm_tasks, ntasks))
-        return rc;
-    *step = "creating task HT";
-    if (const int rc = skht_create(&g_ctx.task_ht, ntasks, plHash, nullptr, 0))
-        return rc;
-
-    open_body_pipe();
-    *step = "?";
-    if (g_cfg.lbdb.port > 0) {
-        if (const int rc = init_database())
-            return rc;
-    }
-
-    rqs_set_now(&g_ctx.last_tmout_check);
-    g_ctx.last_rq_check = g_ctx.last_guard_check = g_ctx.last_tmout_check;
-    g_ctx.last_task_id = 0;
-    g_ctx.is_ready = true;
-    return 0;
-}
-
-int init_kova_ctx() noexcept
-{
-    ASSERT(!g_ctx.is_ready);
-    const char* step = "?";
-    if (const int rc = build_ctx(&step)) {
-        LOG_ERR("%s: failed to [%s], rc=%d\n", __func__, step, rc);
-        destroy_kova_ctx();
-        return rc;
-    }
-    LOG_DEBUG("%s: OK\n", __func__);
-    return 0;
-}
 
 const char* url2key(const char* url) noexcept
 {
@@ -302,23 +232,4 @@ int free_dw_elem(void* data, size_t idx) noexcept
 {
     free_dw(static_cast<dw_task**>(data)[idx]);
     return 0;
-}
-
-void destroy_kova_ctx() noexcept
-{
-    pprm_task_cleanup();
-    rm_all_tasks();
-    udl_ctx_destroy(&g_ctx.udl);
-    rui_ctx_destroy(&g_ctx.rui);
-    pprm_requests();
-    close_body_pipe();
-    slots_reset(&g_ctx.pprm_tasks);
-    slots_reset(&g_ctx.tasks);
-    if (g_ctx.task_ht)
-        skht_destroy(g_ctx.task_ht, nullptr);
-    g_ctx.task_ht = nullptr;
-    if (g_cfg.lbdb.port > 0)
-        lbdb_destroy();
-    g_ctx.is_ready = false;
-    LOG_DEBUG("%s: OK\n", __func__);
 }

@@ -1,15 +1,10 @@
-/* Downloads: the context and its task table (app.cpp), the source (app_fetch.cpp), the destination (app_file.cpp), the
-   body (app_body.cpp), reaping and time-outs (app_reap.cpp). */
+/* Downloads: the task table (app.cpp), the source (app_fetch.cpp), the destination (app_file.cpp), the
+   body (app_body.cpp), reaping (app_reap.cpp). */
 #pragma once
 
 #include "data.h"
 
-/* ---- context and task table ---- */
-
-/* 0, or the failing step's code (logged); everything is torn down again then. Not twice. */
-[[nodiscard]] int init_kova_ctx() noexcept;
-/* Safe after a failed init, and without one. */
-void destroy_kova_ctx() noexcept;
+/* ---- task table ---- */
 
 /* The URL without its scheme. */
 [[nodiscard]] const char* url2key(const char* url) noexcept;
@@ -45,8 +40,6 @@ void dw_broken(dw_task* task) noexcept;
 [[nodiscard]] int mk_dest_file(dw_task* task, const char* head, const http_resp_ctx* resp) noexcept;
 [[nodiscard]] bool can_mmap_dw(const dw_task* task) noexcept;
 [[nodiscard]] int complete_download(dw_task* task) noexcept;
-[[nodiscard]] int add_lbdb_url(const dw_spec* spec) noexcept;
-[[nodiscard]] bool is_local_url(const char* url) noexcept;
 
 /* ---- the body ---- */
 
@@ -56,16 +49,13 @@ void close_body_pipe() noexcept; /* safe without one */
 /* One piece of the body, when the source is readable. 0; -1 or an errno value: failed (logged). */
 [[nodiscard]] int read_fragment(dw_task* task) noexcept;
 
-/* ---- reaping and time-outs ---- */
+/* ---- reaping ---- */
 
 /* Lists a task for reaping after the round. 0 also when listed already; -1 no room: the caller frees it at once. */
 int pprm_task(dw_task* task) noexcept;
 void pprm_task_cleanup() noexcept;
-void pprm_requests() noexcept;
 /* Lists every live task; shutdown begins with it. */
 void pprm_all_tasks() noexcept;
-[[nodiscard]] bool is_iocheck_time() noexcept;
-int time_out_requests() noexcept;
 /* The task's source waits for its keep-alive, or does so no more. */
 void set_unguarded(dw_task* task, bool on) noexcept;
 /* Gives the sources that have lasted until the second's end their keep-alive. From the idle step. */

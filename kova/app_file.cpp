@@ -4,6 +4,7 @@
 
 #include "fdio.h"
 #include "log.h"
+#include "register.h"
 #include "rqs.h"
 #include "strops.h"
 #include "syswrap.h"
@@ -23,7 +24,6 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
-constexpr size_t LBDB_URL_MAX = 256;
 constexpr mode_t DST_MODE = 0666;
 
 int check_dest_path(const char* fpath) noexcept
@@ -217,37 +217,10 @@ int complete_download(dw_task* task) noexcept
     else
         LOG_DEBUG("%s: rename(%s, %s): OK\n", __func__, unfinished.data(), final_path.data());
     /* The registration follows whatever became of the rename, and its result changes nothing. */
-    if (g_cfg.lbdb.port > 0)
-        (void)add_lbdb_url(&task->spec);
+    register_file(&task->spec);
     if (rc == 0) {
         LOG_NORM("downloaded: %zu bytes, [%s] to [%s]\n", task->content_length, task->spec.url, task->spec.fpath);
         pprm_task(task);
     }
     return rc;
-}
-
-int add_lbdb_url(const dw_spec* spec) noexcept
-{
-    ASSERT(g_cfg.seg_url_pfx[0] && spec->dst_path[0]);
-    std::array<char, LBDB_URL_MAX> url{};
-    const int n = snprintf(url.data(), url.size() - 1, "%s/%s", g_cfg.seg_url_pfx, spec->dst_path);
-    if (n < 1 || n > static_cast<int>(url.size()) - 1) {
-        LOG_ERR("%s: n=%d, URL buffer error\n", __func__, n);
-        return -1;
-    }
-    LOG_INFO("%s: id=[%s], url=[%s], expiry=%lu\n", __func__, spec->dst_path, url.data(),
-             static_cast<unsigned long>(spec->expiry_tm));
-    const int rc = lbdb_add_segurl(spec->dst_path, url.data(), static_cast<long>(spec->expiry_tm));
-    if (rc != 0)
-        LOG_ERR("%s: failed to add [%s]\n", __func__, spec->dst_path);
-    return rc;
-}
-
-bool is_local_url(const char* url) noexcept
-{
-    const std::string_view prefix(g_cfg.seg_url_pfx);
-    if (prefix.empty() || !ci_starts_with(url, prefix))
-        return false;
-    const char next = url[prefix.size()];
-    return next == '/' || next == '\0';
 }

@@ -8,9 +8,6 @@
 #include "timeop.h"
 #include "tmout.h"
 
-#include <algorithm>
-#include <limits>
-
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr keepalive_pace SRC_KEEPALIVE = {.idle_sec = 60, .interval_sec = 10, .probes = 6};
@@ -45,13 +42,6 @@ void pprm_task_cleanup() noexcept
     xvlst_purge_all(&g_ctx.pprm_tasks.raw, free_dw_elem);
 }
 
-void pprm_requests() noexcept
-{
-    LOG_DEBUG("%s: BEGIN\n", __func__);
-    rui_pprm_all(&g_ctx.rui);
-    LOG_DEBUG("%s: END\n", __func__);
-}
-
 static int pprm_live_task(dw_task* task, size_t /*idx*/) noexcept
 {
     if (!task->is_quitting)
@@ -62,25 +52,6 @@ static int pprm_live_task(dw_task* task, size_t /*idx*/) noexcept
 void pprm_all_tasks() noexcept
 {
     slots_each<pprm_live_task>(&g_ctx.tasks, nullptr);
-}
-
-bool is_iocheck_time() noexcept
-{
-    timespec pace{};
-    ms2timespec(static_cast<long>(std::min<size_t>(g_cfg.task_tmout_ms, std::numeric_limits<long>::max())), &pace);
-    if (!timed_out(g_ctx.last_tmout_check, pace))
-        return false;
-    rqs_set_now(&g_ctx.last_tmout_check);
-    return true;
-}
-
-int time_out_requests() noexcept
-{
-    if (is_iocheck_time()) {
-        const uint64_t ms = static_cast<uint64_t>(g_cfg.urq_tmout_sec) * 1000;
-        rui_tmout_all(&g_ctx.rui, static_cast<uint32_t>(std::min<uint64_t>(ms, UINT32_MAX)));
-    }
-    return 0;
 }
 
 /* ---- sources that vanish ---- */

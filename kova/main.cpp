@@ -3,11 +3,11 @@
 #include "main.h"
 
 #include "app.h"
+#include "ctx.h"
 #include "log.h"
 #include "meta.h"
 #include "timeop.h"
 #include "tmout.h"
-#include "udl.h"
 #include "util.h"
 
 #include <cerrno>
@@ -23,9 +23,7 @@ int app_start() noexcept
 {
     if (const int rc = rqs_init(&g_rqs_config))
         return rc;
-    if (const int rc = rui_ctx_start(&g_ctx.rui))
-        return rc;
-    return g_ctx.udl.is_ready ? udl_ctx_start(&g_ctx.udl) : 0;
+    return start_kova_ctx();
 }
 
 /* A link or a device at the pid file's path was refused at the start, and is nothing of ours to remove. */

@@ -5,9 +5,12 @@
 
 #include "app.h"
 #include "log.h"
+#include "order.h"
+#include "register.h"
 #include "rqs.h"
 #include "strops.h"
 #include "syswrap.h"
+#include "timeop.h"
 #include "tmout.h"
 
 #include <algorithm>
@@ -25,7 +28,6 @@ constexpr n32_tag URQ_INI = mk_tag("INI");
 constexpr n32_tag URQ_RD = mk_tag("RD\0");
 constexpr n32_tag URQ_QUI = mk_tag("QUI");
 constexpr size_t MAX_URQ_NUM = 10000; /* tracking tags start again at u1 after it */
-constexpr int RC_PING_PATH = -3;
 
 static dw_urq* as_urq(rui_rq_header* rq) noexcept
 {
@@ -177,19 +179,6 @@ int read_http_rq(dw_urq* urq) noexcept
 
 /* ---- the order ---- */
 
-/* A source under this host's own prefix needs no download. */
-static int serve_local(dw_urq* urq, const dw_spec* spec) noexcept
-{
-    int rc = 0;
-    LOG_DEBUG("%s: [%s] is local URL, no download required\n", "urq_read", spec->url);
-    if (g_cfg.lbdb.port > 0) {
-        LOG_DEBUG("%s: adding local URL to LBDB\n", "urq_read");
-        rc = add_lbdb_url(spec);
-    }
-    urq->hresp = &g_resp_ok;
-    return rc;
-}
-
 /* A complete head. The result; urq->hresp is the answer to send now, null when there is none or 500 is due. */
 static int serve_head(dw_urq* urq) noexcept
 {
@@ -210,7 +199,10 @@ static int serve_head(dw_urq* urq) noexcept
         LOG_INFO("%s: nothing to do for HEAD request\n", "urq_read");
         return 0;
     }
-    return is_local_url(spec.url) ? serve_local(urq, &spec) : mk_dw_task(urq->sockfd, &spec);
+    if (!is_local_url(spec.url))
+        return mk_dw_task(urq->sockfd, &spec);
+    urq->hresp = &g_resp_ok; /* whatever becomes of the registration: the file is there */
+    return register_local("urq_read", &spec);
 }
 
 static void answer(dw_urq* urq) noexcept
@@ -271,6 +263,34 @@ int urq_timeout(dw_urq* urq, uint32_t timeout_ms) noexcept
              static_cast<unsigned long>(now->tv_nsec));
     pprm_urq(urq);
     return 1;
+}
+
+bool is_iocheck_time() noexcept
+{
+    timespec pace{};
+    ms2timespec(static_cast<long>(std::min<size_t>(g_cfg.task_tmout_ms, std::numeric_limits<long>::max())), &pace);
+    if (!timed_out(g_ctx.last_tmout_check, pace))
+        return false;
+    rqs_set_now(&g_ctx.last_tmout_check);
+    return true;
+}
+
+int time_out_requests() noexcept
+{
+    if (is_iocheck_time()) {
+        const uint64_t ms = static_cast<uint64_t>(g_cfg.urq_tmout_sec) * 1000;
+        rui_tmout_all(&g_ctx.rui, static_cast<uint32_t>(std::min<uint64_t>(ms, UINT32_MAX)));
+    }
+    return 0;
+}
+
+/* ---- removal ---- */
+
+void pprm_requests() noexcept
+{
+    LOG_DEBUG("%s: BEGIN\n", __func__);
+    rui_pprm_all(&g_ctx.rui);
+    LOG_DEBUG("%s: END\n", __func__);
 }
 
 /* ---- the listeners' callbacks ---- */

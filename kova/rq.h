@@ -1,9 +1,7 @@
-/* User requests, and the grammar of an order. */
+/* User requests: handlers of the user listeners and of the dispatch. */
 #pragma once
 
 #include "data.h"
-
-/* ---- user requests: handlers of the user listeners and of the dispatch ---- */
 
 extern const rui_socket_cb g_urq_cb; /* new_rq, rm_rq, time_out of the user listeners */
 
@@ -23,13 +21,9 @@ void pprm_urq(dw_urq* urq) noexcept;
 /* u1 ... uMAX, then u1 again. */
 void mk_trk_tag(size_t* counter, n64_tag* tag, char letter, size_t max) noexcept;
 
-/* ---- the order (rq_order.cpp) ---- */
-
-/* Request head to order. 0, -3 for a ping, else the refusing step's error; may choose the response. */
-[[nodiscard]] int parse_dw_get(dw_urq* urq, dw_spec* spec) noexcept;
-[[nodiscard]] int validate_request(dw_urq* urq, dw_spec* spec) noexcept;
-/* Source and destination (a buffer of dst_cap + 1 bytes, filled from the source when empty) to order. 0; 22; 34; 17;
-   the result of a failing step. */
-[[nodiscard]] int setup_dw_spec(const char* src, char* dst, size_t dst_cap, dw_spec* spec) noexcept;
-/* Paths of the order; creates the missing directories. 0; 34; the error of the creation. */
-[[nodiscard]] int init_spec(const char* data_dir, const char* src, const char* dst, dw_spec* spec) noexcept;
+/* Removes the listed requests. From post-processing. */
+void pprm_requests() noexcept;
+/* Has task_tmout_ms passed since it was last true? It paces the look for requests that are due, nothing else. */
+[[nodiscard]] bool is_iocheck_time() noexcept;
+/* Lists requests older than urq_tmout_sec, when it is time to look. 0 always. From the idle step. */
+int time_out_requests() noexcept;

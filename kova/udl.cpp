@@ -5,14 +5,13 @@
 #include "app.h"
 #include "lock.h"
 #include "log.h"
-#include "rq.h"
+#include "order.h"
+#include "register.h"
 #include "rqs.h"
-#include "strops.h"
 #include "wopen.h"
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <sys/socket.h>
 
@@ -80,73 +79,6 @@ void udl_error(udl_ctx* udl) noexcept
     (void)socket_error(udl->sockfd); /* reading it clears it, and it is logged */
 }
 
-/* ---- a message ---- */
-
-static size_t word_len(const char* p) noexcept
-{
-    return strcspn(p, " \t");
-}
-
-/* The expiry at p; a missing one is a fault of the sender that stops the agent. */
-static long take_expiry(const char* p) noexcept
-{
-    if (!*p || *p == '#') {
-        LOG_WARN("%s: no expiry data passed\n", "parse_msg");
-        ASSERT_AS(false, "expiry");
-    }
-    long expiry = 0;
-    const int n = sscanf(p, "%ld %*s", &expiry); // NOLINT(cert-err34-c)
-    if (n == 1)
-        return expiry;
-    LOG_WARN("%s: NO EXPIRY: sscanf('%s',..) expected 1, got %d\n", "parse_msg", p, n);
-    return 0;
-}
-
-int parse_msg(char* msg, char** url, char** lid, long* expiry) noexcept
-{
-    const size_t lid_len = word_len(msg);
-    if (!msg[lid_len]) {
-        LOG_ERR("%s: missing URL part\n", __func__);
-        return -1;
-    }
-    msg[lid_len] = '\0';
-    if (lid_len < MIN_LID_LEN || lid_len > MAX_LID_LEN) {
-        LOG_ERR("%s: id length (%zu) out of bounds: %d/%d\n", __func__, lid_len, MIN_LID_LEN, MAX_LID_LEN);
-        return -1;
-    }
-    char* u = msg + lid_len + 1;
-    const size_t url_len = word_len(u);
-    if (url_len <= MIN_URL_LEN - 1) {
-        LOG_ERR("%s: URL length is too small: %zu/%d bytes\n", __func__, url_len, MIN_URL_LEN);
-        return -1;
-    }
-    char* rest = u + url_len;
-    if (*rest)
-        *rest++ = '\0';
-    rest += strspn(rest, " \t\n\v\f\r");
-    const long when = take_expiry(rest);
-    if (url)
-        *url = u;
-    if (lid)
-        *lid = msg;
-    if (expiry)
-        *expiry = when;
-    return 0;
-}
-
-int parse_url(const char* url, const char* lid, dw_spec* spec) noexcept
-{
-    std::array<char, ORDER_TEXT_MAX> src{};
-    std::array<char, ORDER_TEXT_MAX> dst{};
-    if (const int rc = web_parse_url(url, src.data(), dst.data(), src.size() - 1))
-        return rc;
-    if (const int rc = setup_dw_spec(src.data(), dst.data(), dst.size() - 1, spec))
-        return rc;
-    if (lid)
-        cut_text(spec->lid, sizeof(spec->lid), lid);
-    return 0;
-}
-
 /* ---- a datagram ---- */
 
 /* Receives one datagram as text without its line end. 0 or -1 (logged). */
@@ -188,16 +120,11 @@ static int start_order(const char* url, const char* lid, long expiry, order_lock
     spec.lock_tm = lock->tm;
     spec.expiry_tm = expiry;
     LOG_DEBUG("%s: expiry time: %ld\n", "udl_accept", expiry);
-    if (!is_local_url(spec.url)) {
-        lock->is_held = false;
-        (void)mk_dw_task(-1, &spec); /* the task owns the lock now, and a refused one has released it */
-        return 0;
-    }
-    LOG_DEBUG("%s: [%s] is local URL, no download required\n", "udl_accept", spec.url);
-    if (g_cfg.lbdb.port <= 0)
-        return 0;
-    LOG_DEBUG("%s: adding local URL to LBDB\n", "udl_accept");
-    return add_lbdb_url(&spec); /* the lock of a registered order is left to lapse */
+    if (is_local_url(spec.url))
+        return register_local("udl_accept", &spec); /* the lock of a registered order is left to lapse */
+    lock->is_held = false;
+    (void)mk_dw_task(-1, &spec); /* the task owns the lock now, and a refused one has released it */
+    return 0;
 }
 
 static int take_order(char* msg, char** url, char** lid, order_lock* lock) noexcept

@@ -13,8 +13,3 @@ void udl_ctx_destroy(udl_ctx* udl) noexcept;
 [[nodiscard]] int udl_accept(udl_ctx* udl) noexcept;
 /* Error or hang-up alone: reads and logs the socket's pending error. */
 void udl_error(udl_ctx* udl) noexcept;
-
-/* "lid url expiry" in place. 0 or -1 (logged); aborts when the expiry is missing. Outputs may be null. */
-[[nodiscard]] int parse_msg(char* msg, char** url, char** lid, long* expiry) noexcept;
-/* Order of a datagram's URL; lid may be null. 0 or an error (logged). */
-[[nodiscard]] int parse_url(const char* url, const char* lid, dw_spec* spec) noexcept;

@@ -2,6 +2,7 @@
    tags. */
 #include "caught_log.h"
 #include "data.h"
+#include "order.h"
 #include "rq.h"
 #include "scratch_dir.h"
 #include "strops.h"

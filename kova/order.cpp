@@ -1,6 +1,6 @@
-/* The grammar of an order below its URL: request head to source and destination, and these to paths, expiry and
-   refusals. Nothing is made on disk but missing directories, and those only once the order is acceptable. */
-#include "rq.h"
+/* The grammar of an order below its URL: request head or datagram to source and destination, and these to paths, expiry
+   and refusals. Nothing is made on disk but missing directories, and those only once the order is acceptable. */
+#include "order.h"
 
 #include "log.h"
 #include "strops.h"
@@ -10,13 +10,13 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <string_view>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr std::string_view HTTP_PREFIX = "http://";
-constexpr int RC_PING_PATH = -3;
 constexpr size_t FPATH_LIMIT = SPEC_PATH_MAX - 1;
 
 /* ---- the request ---- */
@@ -75,6 +75,73 @@ int parse_dw_get(dw_urq* urq, dw_spec* spec) noexcept
         LOG_DEBUG("%s: url=[%s], path=[%s], expiry=%ld\n", __func__, spec->url, spec->fpath,
                   static_cast<long>(spec->expiry_tm));
     return rc;
+}
+
+/* ---- the datagram ---- */
+
+static size_t word_len(const char* p) noexcept
+{
+    return strcspn(p, " \t");
+}
+
+/* The expiry at p; a missing one is a fault of the sender that stops the agent. */
+static long take_expiry(const char* p) noexcept
+{
+    if (!*p || *p == '#') {
+        LOG_WARN("%s: no expiry data passed\n", "parse_msg");
+        ASSERT_AS(false, "expiry");
+    }
+    long expiry = 0;
+    const int n = sscanf(p, "%ld %*s", &expiry); // NOLINT(cert-err34-c)
+    if (n == 1)
+        return expiry;
+    LOG_WARN("%s: NO EXPIRY: sscanf('%s',..) expected 1, got %d\n", "parse_msg", p, n);
+    return 0;
+}
+
+int parse_msg(char* msg, char** url, char** lid, long* expiry) noexcept
+{
+    const size_t lid_len = word_len(msg);
+    if (!msg[lid_len]) {
+        LOG_ERR("%s: missing URL part\n", __func__);
+        return -1;
+    }
+    msg[lid_len] = '\0';
+    if (lid_len < MIN_LID_LEN || lid_len > MAX_LID_LEN) {
+        LOG_ERR("%s: id length (%zu) out of bounds: %d/%d\n", __func__, lid_len, MIN_LID_LEN, MAX_LID_LEN);
+        return -1;
+    }
+    char* u = msg + lid_len + 1;
+    const size_t url_len = word_len(u);
+    if (url_len <= MIN_URL_LEN - 1) {
+        LOG_ERR("%s: URL length is too small: %zu/%d bytes\n", __func__, url_len, MIN_URL_LEN);
+        return -1;
+    }
+    char* rest = u + url_len;
+    if (*rest)
+        *rest++ = '\0';
+    rest += strspn(rest, " \t\n\v\f\r");
+    const long when = take_expiry(rest);
+    if (url)
+        *url = u;
+    if (lid)
+        *lid = msg;
+    if (expiry)
+        *expiry = when;
+    return 0;
+}
+
+int parse_url(const char* url, const char* lid, dw_spec* spec) noexcept
+{
+    std::array<char, ORDER_TEXT_MAX> src{};
+    std::array<char, ORDER_TEXT_MAX> dst{};
+    if (const int rc = web_parse_url(url, src.data(), dst.data(), src.size() - 1))
+        return rc;
+    if (const int rc = setup_dw_spec(src.data(), dst.data(), dst.size() - 1, spec))
+        return rc;
+    if (lid)
+        cut_text(spec->lid, sizeof(spec->lid), lid);
+    return 0;
 }
 
 /* ---- the order ---- */
