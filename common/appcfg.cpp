@@ -59,11 +59,6 @@ int load_rt_config(const config_setting_t* group, rt_cfg* cfg) noexcept
 
 /* ---- listeners ---- */
 
-static bool is_any_ifc(const char* text) noexcept
-{
-    return !*text || ci_equal(text, "all") || ci_equal(text, "any");
-}
-
 static int load_protocol(const config_setting_t* setting, rui_listener_cfg* cfg) noexcept
 {
     std::array<char, WORD_LIMIT + 1> word{};
@@ -94,7 +89,7 @@ static int load_ifc(const config_setting_t* setting, rui_listener_cfg* cfg) noex
     std::array<char, IFC_LIMIT + 1> text{};
     if (load_config_setting_str(setting, "ifc", text.data(), IFC_LIMIT, "") != 0)
         return -1;
-    if (is_any_ifc(text.data()))
+    if (is_any_name(text.data()))
         return 0;
     if (cfg->pref_af != AF_UNSPEC) {
         cfg->ifc = get_ifc_info(cfg->pref_af, text.data());

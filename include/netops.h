@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <net/if.h>
+#include <string_view>
 #include <sys/socket.h>
 
 constexpr int LISTEN_BKLOG = SOMAXCONN > 128 ? 128 : SOMAXCONN;
@@ -42,8 +43,11 @@ struct ifc_info {
 [[nodiscard]] int open_udp_listener(const ifc_info* ifc, const char* port) noexcept;
 [[nodiscard]] int open_domain_listener(const char* path) noexcept;
 
-/* host:port text to an address. 0; 22 bad syntax; -1 not resolved. */
+/* host:port text to an address. 0; EINVAL bad syntax; -1 not resolved (logged). */
 [[nodiscard]] int mk_sockaddr(const char* text, int socktype, int proto, sockaddr_storage* ss, socklen_t* len) noexcept;
+/* Whether a configured interface means any of them: no text, "all" or "any"; _ifc takes the any-addresses as well. */
+[[nodiscard]] bool is_any_name(std::string_view ifc) noexcept;
+[[nodiscard]] bool is_any_ifc(std::string_view ifc) noexcept;
 /* An interface by name or address; null when there is none (logged). Released with free(). */
 [[nodiscard]] ifc_info* get_ifc_info(int family, const char* text) noexcept;
 [[nodiscard]] ifc_info* any_ifc_info(int family) noexcept;
@@ -53,6 +57,8 @@ struct ifc_info {
 
 [[nodiscard]] bool is_decimal(const char* s) noexcept; /* a sign is accepted */
 [[nodiscard]] bool ends_with_port(const char* s) noexcept;
+/* Cuts text at its last ':'; brackets around the host stay. False, and nothing set, when there is none. */
+[[nodiscard]] bool split_host_port(std::string_view text, std::string_view* host, std::string_view* port) noexcept;
 /* What a socket can be opened on: digits alone that make 1..65535, or exactly "0" (any free one). */
 [[nodiscard]] bool is_port(const char* text) noexcept;
 [[nodiscard]] bool is_valid_port(const char* text) noexcept; /* the number at the start of text is 1..65535 */

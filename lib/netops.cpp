@@ -37,10 +37,22 @@ bool is_decimal(const char* s) noexcept
     return *end == '\0';
 }
 
+bool split_host_port(std::string_view text, std::string_view* host, std::string_view* port) noexcept
+{
+    const size_t colon = text.rfind(':');
+    if (colon == std::string_view::npos)
+        return false;
+    *host = text.substr(0, colon);
+    *port = text.substr(colon + 1);
+    return true;
+}
+
 bool ends_with_port(const char* s) noexcept
 {
-    const char* colon = strrchr(s, ':');
-    return colon && colon[1] && strspn(colon + 1, "0123456789") == strlen(colon + 1);
+    std::string_view host;
+    std::string_view port;
+    return split_host_port(s, &host, &port) && !port.empty() &&
+           port.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
 bool is_port(const char* text) noexcept
@@ -97,11 +109,11 @@ const char* saddr_str(const sockaddr_storage* ss, socklen_t len, char* buf, size
     if (ss->ss_family == AF_INET) {
         const auto* sin = reinterpret_cast<const sockaddr_in*>(ss);
         inet_ntop(AF_INET, &sin->sin_addr, host.data(), host.size());
-        snprintf(buf, size, "%s:%u", host.data(), static_cast<unsigned>(ntohs(sin->sin_port)));
+        snprintf(buf, size, "%s:%d", host.data(), ntohs(sin->sin_port));
     } else if (ss->ss_family == AF_INET6) {
         const auto* sin6 = reinterpret_cast<const sockaddr_in6*>(ss);
         inet_ntop(AF_INET6, &sin6->sin6_addr, host.data(), host.size());
-        snprintf(buf, size, "[%s]:%u", host.data(), static_cast<unsigned>(ntohs(sin6->sin6_port)));
+        snprintf(buf, size, "[%s]:%d", host.data(), ntohs(sin6->sin6_port));
     } else {
         snprintf(buf, size, "%s", ss->ss_family == AF_UNIX ? "local" : "?");
     }
@@ -110,51 +122,36 @@ const char* saddr_str(const sockaddr_storage* ss, socklen_t len, char* buf, size
 
 /* ---- host:port text ---- */
 
-/* Cuts text at its last ':' into host and port, with their checks. 0 or 22 (logged). */
-static int split_endpoint(const char* text, std::array<char, ENDPOINT_MAX>* copy, const char** host,
-                          const char** port) noexcept
-{
-    cut_text(copy->data(), copy->size(), text);
-    char* colon = strrchr(copy->data(), ':');
-    if (!colon) {
-        LOG_ERR("%s: invalid address/port: %s\n", "mk_sockaddr", text);
-        return EINVAL;
-    }
-    *colon = '\0';
-    *host = copy->data();
-    *port = colon + 1;
-    if (is_decimal(*host) || strlen(*host) < MIN_HOST_LEN) {
-        LOG_ERR("%s: cannot accept plain number [%s] as IP address\n", "mk_sockaddr", *host);
-        return EINVAL;
-    }
-    if (!is_port(*port)) {
-        LOG_ERR("%s: port must be plain decimal number [%s]\n", "mk_sockaddr", *port);
-        return EINVAL;
-    }
-    return 0;
-}
-
 int mk_sockaddr(const char* text, int socktype, int proto, sockaddr_storage* ss, socklen_t* len) noexcept
 {
     ASSERT(socktype == SOCK_STREAM || socktype == SOCK_DGRAM);
     LOG_DEBUG("%s: %s(%d) address for [%s]\n", __func__, socktype == SOCK_STREAM ? "STREAM" : "DGRAM", proto, text);
-    std::array<char, ENDPOINT_MAX> copy{};
-    const char* host = nullptr;
-    const char* port = nullptr;
-    if (const int rc = split_endpoint(text, &copy, &host, &port))
-        return rc;
-    /* An IPv6 literal may stand in brackets. */
-    std::array<char, ENDPOINT_MAX> bare{};
-    cut_text(bare.data(), bare.size(), host);
-    const size_t host_len = strlen(host);
-    if (host[0] == '[' && host[host_len - 1] == ']')
-        cut_text(bare.data(), bare.size(), {host + 1, host_len - 2});
+    std::string_view host_part;
+    std::string_view port_part;
+    if (!split_host_port(std::string_view(text).substr(0, ENDPOINT_MAX - 1), &host_part, &port_part)) {
+        LOG_ERR("%s: invalid address/port: %s\n", __func__, text);
+        return EINVAL;
+    }
+    std::array<char, ENDPOINT_MAX> host{};
+    std::array<char, ENDPOINT_MAX> port{};
+    cut_text(host.data(), host.size(), host_part);
+    cut_text(port.data(), port.size(), port_part);
+    if (is_decimal(host.data()) || host_part.size() < MIN_HOST_LEN) {
+        LOG_ERR("%s: cannot accept plain number [%s] as IP address\n", __func__, host.data());
+        return EINVAL;
+    }
+    if (!is_port(port.data())) {
+        LOG_ERR("%s: port must be plain decimal number [%s]\n", __func__, port.data());
+        return EINVAL;
+    }
+    if (host_part.front() == '[' && host_part.back() == ']') /* as an IPv6 literal stands before a port */
+        cut_text(host.data(), host.size(), host_part.substr(1, host_part.size() - 2));
 
     addrinfo hints{};
     hints.ai_socktype = socktype;
     hints.ai_protocol = proto;
     addrinfo* list = nullptr;
-    if (W_getaddrinfo(__func__, bare.data(), port, &hints, &list) != 0)
+    if (W_getaddrinfo(__func__, host.data(), port.data(), &hints, &list) != 0)
         return -1;
     const std::unique_ptr<addrinfo, releaser<freeaddrinfo>> owner(list);
     for (const addrinfo* ai = list; ai; ai = ai->ai_next) {
@@ -254,72 +251,58 @@ int reuse_and_bind(int fd, const sockaddr_storage* ss, socklen_t len) noexcept
 
 /* ---- opening ---- */
 
-/* A listener on :: also takes IPv4 clients. */
-static void clear_v6only(int fd) noexcept
+static int setup_listener(const char* fn, int fd, const sockaddr_storage* ss, socklen_t len,
+                          const socket_spec* spec) noexcept
 {
-    int on = 0;
-    socklen_t len = sizeof(on);
-    if (getsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, &len) == 0 && !on) {
-        LOG_DEBUG("%s: IPV6_V6ONLY for fd=%d is already %s\n", "open_socket", fd, "OFF");
-        return;
+    const auto* sin6 = reinterpret_cast<const sockaddr_in6*>(ss);
+    if (ss->ss_family == AF_INET6 && IN6_IS_ADDR_UNSPECIFIED(&sin6->sin6_addr)) {
+        /* A listener on :: also takes IPv4 clients. */
+        int on = 0;
+        socklen_t on_len = sizeof(on);
+        if (getsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, &on_len) == 0 && !on) {
+            LOG_DEBUG("%s: IPV6_V6ONLY for fd=%d is already %s\n", fn, fd, "OFF");
+        } else if (on = 0; setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof(on)) != 0) {
+            LOG_ERR("%s: setsockopt IPV6_V6ONLY: %s\n", fn, strerror(errno));
+            LOG_WARN("%s: server will not accept IPv4 requests\n", fn);
+        }
     }
-    on = 0;
-    if (setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof(on)) != 0) {
-        LOG_ERR("%s: setsockopt IPV6_V6ONLY: %s\n", "open_socket", strerror(errno));
-        LOG_WARN("%s: server will not accept IPv4 requests\n", "open_socket");
-    }
-}
-
-static bool is_any6(const sockaddr_storage* ss) noexcept
-{
-    return ss->ss_family == AF_INET6 && IN6_IS_ADDR_UNSPECIFIED(&reinterpret_cast<const sockaddr_in6*>(ss)->sin6_addr);
-}
-
-static int setup_listener(int fd, const sockaddr_storage* ss, socklen_t len, const socket_spec* spec) noexcept
-{
-    if (is_any6(ss))
-        clear_v6only(fd);
     if (reuse_and_bind(fd, ss, len) != 0)
         return -1;
     if (spec->socktype != SOCK_STREAM || spec->defer_listen)
         return 0;
-    return W_listen("open_socket", fd, LISTEN_BKLOG);
+    return W_listen(fn, fd, LISTEN_BKLOG);
 }
 
-/* The handshake's last acknowledgement waits for the request that is written when the connection stands, a packet less;
-   the kernel sends it alone when that takes long. */
-static void ack_with_data(int fd) noexcept
-{
-    const int sec = 1;
-    (void)setsockopt(fd, IPPROTO_TCP, TCP_DEFER_ACCEPT, &sec, sizeof(sec)); /* it only saves the packet */
-}
-
-static int setup_client(int fd, const sockaddr_storage* ss, socklen_t len, socket_spec* spec) noexcept
+static int setup_client(const char* fn, int fd, const sockaddr_storage* ss, socklen_t len, socket_spec* spec) noexcept
 {
     if (spec->socktype == SOCK_DGRAM)
         return spec->writer ? 0 : reuse_and_bind(fd, ss, len);
     if (spec->non_blocking) {
-        LOG_DEBUG("%s: non-blocking CONNECT on fd%d\n", "open_socket", fd);
-        ack_with_data(fd);
+        LOG_DEBUG("%s: non-blocking CONNECT on fd%d\n", fn, fd);
+        /* The handshake's last acknowledgement waits for the request that is written when the connection stands, which
+           saves a packet; the kernel sends it alone when that takes long. */
+        const int sec = 1;
+        (void)setsockopt(fd, IPPROTO_TCP, TCP_DEFER_ACCEPT, &sec, sizeof(sec));
     }
-    if (W_connect("open_socket", fd, reinterpret_cast<const sockaddr*>(ss), len) != 0) {
+    if (W_connect(fn, fd, reinterpret_cast<const sockaddr*>(ss), len) != 0) {
         if (errno != EINPROGRESS)
             return -1;
         spec->async_connect = 1;
     }
-    LOG_INFO("%s: %s CONNECT [fd%d]\n", "open_socket", spec->async_connect ? "ASYNC" : "IMMEDIATE", fd);
+    LOG_INFO("%s: %s CONNECT [fd%d]\n", fn, spec->async_connect ? "ASYNC" : "IMMEDIATE", fd);
     return 0;
 }
 
 /* One resolved address. The descriptor, or -1 with nothing left open. */
-static int open_one(const addrinfo* ai, socket_spec* spec, const char* ifc, ifc_info** ifc_used) noexcept
+static int open_one(const char* fn, const addrinfo* ai, socket_spec* spec, const char* ifc,
+                    ifc_info** ifc_used) noexcept
 {
     /* Made non-blocking with the socket itself: one call less than fcntl. */
     const int type = ai->ai_socktype | (spec->non_blocking ? SOCK_NONBLOCK : 0);
-    const int fd = W_socket("open_socket", ai->ai_family, type, ai->ai_protocol);
+    const int fd = W_socket(fn, ai->ai_family, type, ai->ai_protocol);
     if (fd < 0)
         return -1;
-    scope_guard close_fd([fd] { W_close("open_socket", fd); });
+    scope_guard close_fd([fn, fd] { W_close(fn, fd); });
     if (spec->non_blocking)
         LOG_DEBUG("%s: fd%d set as %sblocking\n", "set_nblock", fd, "non-");
 
@@ -330,11 +313,11 @@ static int open_one(const addrinfo* ai, socket_spec* spec, const char* ifc, ifc_
     spec->multicast = spec->multicast || is_mcast_addr(&ss);
     int rc = 0;
     if (spec->multicast)
-        rc = setup_mcast(fd, &ss, ai->ai_addrlen, spec, ifc, ifc_used);
+        rc = setup_mcast(fn, fd, &ss, ai->ai_addrlen, spec, ifc, ifc_used);
     else if (spec->passive)
-        rc = setup_listener(fd, &ss, ai->ai_addrlen, spec);
+        rc = setup_listener(fn, fd, &ss, ai->ai_addrlen, spec);
     else
-        rc = setup_client(fd, &ss, ai->ai_addrlen, spec);
+        rc = setup_client(fn, fd, &ss, ai->ai_addrlen, spec);
     if (rc != 0)
         return -1;
     spec->addr_ss = ss;
@@ -343,34 +326,20 @@ static int open_one(const addrinfo* ai, socket_spec* spec, const char* ifc, ifc_
     return fd;
 }
 
-static int check_endpoint(const char* address, const char* port) noexcept
+static int parse_ssm_source(const char* fn, const char* source, socket_spec* spec) noexcept
 {
-    if (port && !is_port(port)) {
-        LOG_ERR("%s: empty or invalid port [%s]\n", "open_socket", port);
-        return -1;
-    }
-    if (address && is_decimal(address)) {
-        LOG_ERR("%s: cannot accept plain number [%s] as IP address\n", "open_socket", address);
-        return -1;
-    }
-    return 0;
-}
-
-static int parse_ssm_source(const char* source, socket_spec* spec) noexcept
-{
-    LOG_DEBUG("%s: SSM source: %s\n", "open_socket", source);
+    LOG_DEBUG("%s: SSM source: %s\n", fn, source);
     std::array<char, ENDPOINT_MAX> text{};
     /* The port only makes it parse. An IPv6 source holds colons of its own: it has a port only behind its bracket. */
     const char* bracket = strchr(source, ']');
     const bool has_port = ends_with_port(bracket ? bracket : source);
     snprintf(text.data(), text.size(), "%s%s", source, has_port ? "" : ":111");
     if (mk_sockaddr(text.data(), SOCK_DGRAM, 0, &spec->src_ss, &spec->src_len) != 0) {
-        LOG_ERR("%s: invalid SSM source: %s\n", "open_socket", source);
+        LOG_ERR("%s: invalid SSM source: %s\n", fn, source);
         return -1;
     }
     if (spec->family != 0 && spec->family != spec->src_ss.ss_family) {
-        LOG_ERR("%s: SMM src/addr family mismatch: %u/%u\n", "open_socket",
-                static_cast<unsigned>(spec->src_ss.ss_family), static_cast<unsigned>(spec->family));
+        LOG_ERR("%s: SMM src/addr family mismatch: %d/%d\n", fn, spec->src_ss.ss_family, spec->family);
         return -1;
     }
     return 0;
@@ -391,36 +360,27 @@ static long clock_ms() noexcept
     return now.tv_sec * 1000 + now.tv_nsec / 1'000'000;
 }
 
-/* Whether a source's name may be looked up now; opens the road again when its time has come. */
-static bool may_look_up(const char* address) noexcept
-{
-    if (g_names_closed_until == 0)
-        return true;
-    const long left = g_names_closed_until - clock_ms();
-    if (left > 0) {
-        LOG_ERR("%s: [%s] is not looked up: names are refused for %ld ms more\n", "open_socket", address, left);
-        return false;
-    }
-    g_names_closed_until = 0;
-    LOG_WARN("%s: sources given by name are looked up again\n", "open_socket");
-    return true;
-}
-
 /* A source's name. A look-up blocks everything else: one that took long and was in vain closes the road for all
    names, whose servers are the same. */
-static addrinfo* look_up_source(const char* address, const char* port, const addrinfo* hints) noexcept
+static addrinfo* look_up_source(const char* fn, const char* address, const char* port, const addrinfo* hints) noexcept
 {
-    if (!may_look_up(address))
-        return nullptr;
-    addrinfo* list = nullptr;
     const long start = clock_ms();
-    if (W_getaddrinfo("open_socket", address, port, hints, &list) == 0)
+    if (start < g_names_closed_until) {
+        LOG_ERR("%s: [%s] is not looked up: names are refused for %ld ms more\n", fn, address,
+                g_names_closed_until - start);
+        return nullptr;
+    }
+    if (g_names_closed_until > 0)
+        LOG_WARN("%s: sources given by name are looked up again\n", fn);
+    g_names_closed_until = 0;
+    addrinfo* list = nullptr;
+    if (W_getaddrinfo(fn, address, port, hints, &list) == 0)
         return list;
     const long end = clock_ms();
     if (end - start > SLOW_LOOKUP_MS) {
         g_names_closed_until = end + CLOSED_FACTOR * (end - start);
-        LOG_WARN("%s: looking up [%s] took %ld ms in vain: sources given by name are refused for %ld ms\n",
-                 "open_socket", address, end - start, CLOSED_FACTOR * (end - start));
+        LOG_WARN("%s: looking up [%s] took %ld ms in vain: sources given by name are refused for %ld ms\n", fn, address,
+                 end - start, CLOSED_FACTOR * (end - start));
     }
     return nullptr;
 }
@@ -444,7 +404,7 @@ static bool numeric4(const char* address, const char* port, const socket_spec* s
 }
 
 /* A numeric address is resolved without files and name servers; only a name takes the long road. */
-static addrinfo* resolve(const char* address, const char* port, const socket_spec* spec) noexcept
+static addrinfo* resolve(const char* fn, const char* address, const char* port, const socket_spec* spec) noexcept
 {
     addrinfo hints{};
     hints.ai_family = spec->family;
@@ -455,8 +415,8 @@ static addrinfo* resolve(const char* address, const char* port, const socket_spe
         return list;
     hints.ai_flags = 0;
     if (spec->socktype == SOCK_STREAM && !spec->passive)
-        return look_up_source(address, port, &hints);
-    return W_getaddrinfo("open_socket", address, port, &hints, &list) == 0 ? list : nullptr;
+        return look_up_source(fn, address, port, &hints);
+    return W_getaddrinfo(fn, address, port, &hints, &list) == 0 ? list : nullptr;
 }
 
 int open_socket(const char* address, const char* port, const char* ssm_src, socket_spec* spec, const char* ifc,
@@ -466,10 +426,16 @@ int open_socket(const char* address, const char* port, const char* ssm_src, sock
               spec->socktype == SOCK_DGRAM ? "UDP" : "TCP", spec->passive ? "LISTENER" : "CLIENT",
               af2name(spec->family), spec->family, address ? address : "all", port ? port : "", ifc ? ifc : "none");
     ASSERT(spec->socktype == SOCK_STREAM || spec->socktype == SOCK_DGRAM);
-    if (check_endpoint(address, port) != 0)
+    if (port && !is_port(port)) {
+        LOG_ERR("%s: empty or invalid port [%s]\n", __func__, port);
         return -1;
+    }
+    if (address && is_decimal(address)) {
+        LOG_ERR("%s: cannot accept plain number [%s] as IP address\n", __func__, address);
+        return -1;
+    }
     spec->is_ssm = ssm_src && spec->socktype == SOCK_DGRAM;
-    if (spec->is_ssm && parse_ssm_source(ssm_src, spec) != 0)
+    if (spec->is_ssm && parse_ssm_source(__func__, ssm_src, spec) != 0)
         return -1;
     if (!address)
         address = spec->family == AF_INET6 ? "::" : "0.0.0.0";
@@ -478,11 +444,11 @@ int open_socket(const char* address, const char* port, const char* ssm_src, sock
     addrinfo numeric{};
     int fd = -1;
     if (numeric4(address, port, spec, &sin, &numeric)) {
-        fd = open_one(&numeric, spec, ifc, ifc_used);
+        fd = open_one(__func__, &numeric, spec, ifc, ifc_used);
     } else {
-        const std::unique_ptr<addrinfo, releaser<freeaddrinfo>> list(resolve(address, port, spec));
+        const std::unique_ptr<addrinfo, releaser<freeaddrinfo>> list(resolve(__func__, address, port, spec));
         for (const addrinfo* ai = list.get(); ai && fd < 0; ai = ai->ai_next)
-            fd = open_one(ai, spec, ifc, ifc_used);
+            fd = open_one(__func__, ai, spec, ifc, ifc_used);
     }
     if (fd < 0)
         return -1;
@@ -498,10 +464,19 @@ int open_socket(const char* address, const char* port, const char* ssm_src, sock
 
 /* ---- listeners ---- */
 
-/* The interface's address as text, for open_socket. */
-static int open_on_ifc(const ifc_info* ifc, const char* port, int socktype, uint32_t flags) noexcept
+/* address null: any. */
+static int open_passive(const char* address, const char* port, int family, int socktype, uint32_t flags) noexcept
 {
-    const char* fn = socktype == SOCK_STREAM ? "open_listener" : "open_udp_listener";
+    socket_spec spec{};
+    spec.passive = 1;
+    spec.non_blocking = flags & SOCK_NONBLOCK ? 1 : 0;
+    spec.family = family;
+    spec.socktype = socktype;
+    return open_socket(address, port, nullptr, &spec, nullptr, nullptr);
+}
+
+static int open_on_ifc(const char* fn, const ifc_info* ifc, const char* port, int socktype, uint32_t flags) noexcept
+{
     if (!is_port(port)) {
         LOG_ERR("%s: invalid port number: %s\n", fn, port);
         return -1;
@@ -511,25 +486,20 @@ static int open_on_ifc(const ifc_info* ifc, const char* port, int socktype, uint
     const socklen_t len = ifc->ss.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
     if ((ifc->ss.ss_family != AF_INET && ifc->ss.ss_family != AF_INET6) ||
         getnameinfo(sa, len, host.data(), host.size(), nullptr, 0, NI_NUMERICHOST) != 0) {
-        LOG_ERR("%s: invalid network family: %d\n", fn, static_cast<int>(ifc->ss.ss_family));
+        LOG_ERR("%s: invalid network family: %d\n", fn, ifc->ss.ss_family);
         return -1;
     }
-    socket_spec spec{};
-    spec.passive = 1;
-    spec.non_blocking = flags & SOCK_NONBLOCK ? 1 : 0;
-    spec.family = ifc->ss.ss_family;
-    spec.socktype = socktype;
-    return open_socket(host.data(), port, nullptr, &spec, nullptr, nullptr);
+    return open_passive(host.data(), port, ifc->ss.ss_family, socktype, flags);
 }
 
 int open_listener(const ifc_info* ifc, const char* port, uint32_t flags) noexcept
 {
-    return open_on_ifc(ifc, port, SOCK_STREAM, flags);
+    return open_on_ifc(__func__, ifc, port, SOCK_STREAM, flags);
 }
 
 int open_udp_listener(const ifc_info* ifc, const char* port) noexcept
 {
-    return open_on_ifc(ifc, port, SOCK_DGRAM, 0);
+    return open_on_ifc(__func__, ifc, port, SOCK_DGRAM, 0);
 }
 
 int open_anyaddr_listener(int family, const char* port, uint32_t flags) noexcept
@@ -542,31 +512,26 @@ int open_anyaddr_listener(int family, const char* port, uint32_t flags) noexcept
         LOG_ERR("%s: invalid network family: %d\n", __func__, family);
         return -1;
     }
-    socket_spec spec{};
-    spec.passive = 1;
-    spec.non_blocking = flags & SOCK_NONBLOCK ? 1 : 0;
-    spec.family = family;
-    spec.socktype = SOCK_STREAM;
-    return open_socket(nullptr, port, nullptr, &spec, nullptr, nullptr);
+    return open_passive(nullptr, port, family, SOCK_STREAM, flags);
 }
 
-static int listen_on_path(const char* path) noexcept
+static int listen_on_path(const char* fn, const char* path) noexcept
 {
     sockaddr_un sun{};
     sun.sun_family = AF_UNIX;
     if (!copy_text(sun.sun_path, sizeof(sun.sun_path), path))
         return -1;
     if (unlink(path) != 0 && errno != ENOENT) {
-        LOG_ERRNO("%s: unlink", "open_domain_listener");
+        LOG_ERRNO("%s: unlink", fn);
         return -1;
     }
-    const int fd = W_socket("open_domain_listener", AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    const int fd = W_socket(fn, AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
     if (fd < 0)
         return -1;
-    scope_guard close_fd([fd] { W_close("open_domain_listener", fd); });
-    if (W_bind("open_domain_listener", fd, reinterpret_cast<const sockaddr*>(&sun), sizeof(sun)) != 0)
+    scope_guard close_fd([fn, fd] { W_close(fn, fd); });
+    if (W_bind(fn, fd, reinterpret_cast<const sockaddr*>(&sun), sizeof(sun)) != 0)
         return -1;
-    if (W_listen("open_domain_listener", fd, LISTEN_BKLOG) != 0) {
+    if (W_listen(fn, fd, LISTEN_BKLOG) != 0) {
         (void)unlink(path);
         return -1;
     }
@@ -576,7 +541,7 @@ static int listen_on_path(const char* path) noexcept
 
 int open_domain_listener(const char* path) noexcept
 {
-    const int fd = listen_on_path(path);
+    const int fd = listen_on_path(__func__, path);
     if (fd < 0)
         LOG_ERR("%s: failed for path=[%s]\n", __func__, path);
     else

@@ -30,16 +30,6 @@ static const sockaddr_in6* as_in6(const void* sa) noexcept
     return static_cast<const sockaddr_in6*>(sa);
 }
 
-/* The address alone as text, "" for other families. */
-static void addr_text(const void* sa, int family, std::array<char, INET6_ADDRSTRLEN>* text) noexcept
-{
-    (*text)[0] = '\0';
-    if (family == AF_INET)
-        inet_ntop(family, &as_in(sa)->sin_addr, text->data(), INET6_ADDRSTRLEN);
-    else if (family == AF_INET6)
-        inet_ntop(family, &as_in6(sa)->sin6_addr, text->data(), INET6_ADDRSTRLEN);
-}
-
 static void copy_addr(const sockaddr* sa, sockaddr_storage* ss) noexcept
 {
     memcpy(ss, sa, sa->sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
@@ -48,7 +38,7 @@ static void copy_addr(const sockaddr* sa, sockaddr_storage* ss) noexcept
 /* ---- interfaces ---- */
 
 /* name is an interface's, or the label of one of its addresses (eth0:1), which stands there as a name. */
-static int ifc_addr_lookup(const ifaddrs* list, int family, const char* name, ifc_info* info) noexcept
+static int ifc_addr_lookup(const char* fn, const ifaddrs* list, int family, const char* name, ifc_info* info) noexcept
 {
     for (const ifaddrs* ifa = list; ifa; ifa = ifa->ifa_next) {
         if (!ifa->ifa_addr || strcmp(ifa->ifa_name, name) != 0)
@@ -59,7 +49,7 @@ static int ifc_addr_lookup(const ifaddrs* list, int family, const char* name, if
             return 0;
         }
     }
-    LOG_ERR("%s: failed to look up address for ifc=%s\n", "get_ifc_info", name);
+    LOG_ERR("%s: failed to look up address for ifc=%s\n", fn, name);
     return -1;
 }
 
@@ -74,7 +64,7 @@ static bool is_addr_text(const sockaddr* sa, int family, const char* text) noexc
 }
 
 /* Finds the entry whose name or address is text; an address match fills ss. */
-static bool match_ifc(const ifaddrs* list, int family, const char* text, ifc_info* info) noexcept
+static bool match_ifc(const char* fn, const ifaddrs* list, int family, const char* text, ifc_info* info) noexcept
 {
     for (const ifaddrs* ifa = list; ifa; ifa = ifa->ifa_next) {
         const int af = ifa->ifa_addr ? ifa->ifa_addr->sa_family : AF_UNSPEC;
@@ -85,7 +75,7 @@ static bool match_ifc(const ifaddrs* list, int family, const char* text, ifc_inf
         info->idx = if_nametoindex(ifa->ifa_name);
         if (by_addr)
             copy_addr(ifa->ifa_addr, &info->ss);
-        LOG_DEBUG("%s: %s matched to interface [%s], idx=%u\n", "get_ifc_info", text, ifa->ifa_name, info->idx);
+        LOG_DEBUG("%s: %s matched to interface [%s], idx=%u\n", fn, text, ifa->ifa_name, info->idx);
         return true;
     }
     return false;
@@ -102,15 +92,15 @@ ifc_info* get_ifc_info(int family, const char* text) noexcept
     ifc_ptr info(static_cast<ifc_info*>(W_calloc(__func__, 1, sizeof(ifc_info))));
     if (!info)
         return nullptr;
-    if (!match_ifc(list.get(), family, text, info.get())) {
+    if (!match_ifc(__func__, list.get(), family, text, info.get())) {
         LOG_ERR("[%s] is not a valid %s interface address.\n", text, af2name(family));
         return nullptr;
     }
     if (!if_indextoname(info->idx, info->name)) {
-        LOG_ERR("%s: if_indextoname(%d, buf): %s\n", __func__, static_cast<int>(info->idx), strerror(errno));
+        LOG_ERR("%s: if_indextoname(%u, buf): %s\n", __func__, info->idx, strerror(errno));
         return nullptr;
     }
-    if (info->ss.ss_family == AF_UNSPEC && ifc_addr_lookup(list.get(), family, text, info.get()) != 0)
+    if (info->ss.ss_family == AF_UNSPEC && ifc_addr_lookup(__func__, list.get(), family, text, info.get()) != 0)
         return nullptr;
     return info.release();
 }
@@ -150,8 +140,11 @@ static int change_membership(const char* fn, bool is_join, int fd, const sockadd
                              const ifc_info* ifc) noexcept
 {
     const char* what = is_join ? "MCAST_JOIN" : "MCAST_LEAVE";
-    std::array<char, INET6_ADDRSTRLEN> text{};
-    addr_text(group, group->ss_family, &text);
+    std::array<char, INET6_ADDRSTRLEN> text{}; /* stays empty for other families */
+    if (group->ss_family == AF_INET)
+        inet_ntop(AF_INET, &as_in(group)->sin_addr, text.data(), text.size());
+    else if (group->ss_family == AF_INET6)
+        inet_ntop(AF_INET6, &as_in6(group)->sin6_addr, text.data(), text.size());
     LOG_DEBUG("%s: ifc-name=%s, idx=%u ifc=%p\n", fn, ifc && ifc->name[0] ? ifc->name : "<none>", ifc ? ifc->idx : 0,
               static_cast<const void*>(ifc));
     LOG_DEBUG("%s: using %s mulitcast API to %s group %s\n", fn, "GENERIC", what, text.data());
@@ -189,9 +182,8 @@ static int change_ssm(const char* fn, bool is_join, int fd, const sockaddr_stora
     req.gsr_source = *src;
     if (setsockopt(fd, level, is_join ? MCAST_JOIN_SOURCE_GROUP : MCAST_LEAVE_SOURCE_GROUP, &req, sizeof(req)) == 0)
         return 0;
-    const int err = errno;
     LOG_ERR("%s: (%s) %s ifc=%s/%u fd%d: %s\n", fn, is_join ? "SSM_JOIN" : "SSM_LEAVE", "FAILED",
-            ifc && ifc->name[0] ? ifc->name : "<none>", ifc ? ifc->idx : 0, fd, strerror(err));
+            ifc && ifc->name[0] ? ifc->name : "<none>", ifc ? ifc->idx : 0, fd, strerror(errno));
     return -1;
 }
 
@@ -207,68 +199,63 @@ int ssm_leave(int fd, const sockaddr_storage* src, const sockaddr_storage* group
 
 /* ---- sockets of a group ---- */
 
-/* A group of link or interface scope exists once on each link: its address needs to say which. */
-static int set_scope_id(sockaddr_storage* ss, const ifc_info* ifc) noexcept
-{
-    auto* sin6 = reinterpret_cast<sockaddr_in6*>(ss);
-    if (ss->ss_family != AF_INET6 ||
-        !(IN6_IS_ADDR_MC_LINKLOCAL(&sin6->sin6_addr) || IN6_IS_ADDR_MC_NODELOCAL(&sin6->sin6_addr)))
-        return 0;
-    if (!ifc || ifc->idx == 0) {
-        LOG_ERR("%s: network interface must be specified to use link/local-scope multicast\n", "open_socket");
-        LOG_ERR("%s: cannot set scope id, interface or link-specific address must be selected\n", "open_socket");
-        return -1;
-    }
-    if (sin6->sin6_scope_id != ifc->idx) {
-        sin6->sin6_scope_id = ifc->idx;
-        LOG_DEBUG("updated IPv6 address scope ID to %ld\n", static_cast<long>(ifc->idx));
-    } else {
-        LOG_DEBUG("IPv6 address scope ID %ld left unchanged\n", static_cast<long>(ifc->idx));
-    }
-    return 0;
-}
-
-static int setup_reader(int fd, sockaddr_storage* ss, socklen_t len, const socket_spec* spec,
+static int setup_reader(const char* fn, int fd, sockaddr_storage* ss, socklen_t len, const socket_spec* spec,
                         const ifc_info* ifc) noexcept
 {
-    if (set_scope_id(ss, ifc) != 0)
-        return -1;
-    LOG_DEBUG("%s: fd=%d, ifc=[%s]:%p\n", "open_socket", fd, ifc && ifc->name[0] ? ifc->name : "<any>",
-              static_cast<const void*>(ifc));
+    auto* sin6 = reinterpret_cast<sockaddr_in6*>(ss);
+    /* A group of link or interface scope exists once on each link: its address needs to say which. */
+    if (ss->ss_family == AF_INET6 &&
+        (IN6_IS_ADDR_MC_LINKLOCAL(&sin6->sin6_addr) || IN6_IS_ADDR_MC_NODELOCAL(&sin6->sin6_addr))) {
+        if (ifc->idx == 0) {
+            LOG_ERR("%s: network interface must be specified to use link/local-scope multicast\n", fn);
+            LOG_ERR("%s: cannot set scope id, interface or link-specific address must be selected\n", fn);
+            return -1;
+        }
+        if (sin6->sin6_scope_id != ifc->idx)
+            LOG_DEBUG("updated IPv6 address scope ID to %u\n", ifc->idx);
+        else
+            LOG_DEBUG("IPv6 address scope ID %u left unchanged\n", ifc->idx);
+        sin6->sin6_scope_id = ifc->idx;
+    }
+    LOG_DEBUG("%s: fd=%d, ifc=[%s]:%p\n", fn, fd, ifc->name[0] ? ifc->name : "<any>", static_cast<const void*>(ifc));
     if (reuse_and_bind(fd, ss, len) != 0)
         return -1;
     return spec->is_ssm ? ssm_join(fd, &spec->src_ss, ss, ifc) : mcast_join(fd, ss, ifc);
 }
 
-static int setup_writer(int fd, const sockaddr_storage* ss, const ifc_info* ifc) noexcept
+static int setup_writer(const char* fn, int fd, const sockaddr_storage* ss, const ifc_info* ifc) noexcept
 {
     if (ss->ss_family != AF_INET6)
         return 0; /* the routing table chooses */
-    if (!ifc || ifc->idx == 0) {
-        LOG_ERR("%s: network interface must be specified\n", "open_socket");
+    if (ifc->idx == 0) {
+        LOG_ERR("%s: network interface must be specified\n", fn);
         return -1;
     }
     const auto idx = static_cast<int>(ifc->idx);
     if (setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &idx, sizeof(idx)) == 0)
         return 0;
-    const int err = errno;
-    LOG_ERR("%s: setsockopt IPV6_MULTICAST_IF failed (%d): %s\n", "open_socket", err, strerror(err));
+    LOG_ERR("%s: setsockopt IPV6_MULTICAST_IF failed (%d): %s\n", fn, errno, strerror(errno));
     return -1;
 }
 
-static bool is_any_ifc(const char* ifc) noexcept
+bool is_any_name(std::string_view ifc) noexcept
 {
-    return !ifc || !*ifc || ci_equal(ifc, "any") || ci_equal(ifc, "all") || strcmp(ifc, "0.0.0.0") == 0 ||
-           strcmp(ifc, "::") == 0;
+    return ifc.empty() || ci_equal(ifc, "any") || ci_equal(ifc, "all");
 }
 
-int setup_mcast(int fd, sockaddr_storage* ss, socklen_t len, const socket_spec* spec, const char* ifc,
+bool is_any_ifc(std::string_view ifc) noexcept
+{
+    return is_any_name(ifc) || ifc == "0.0.0.0" || ifc == "::";
+}
+
+int setup_mcast(const char* fn, int fd, sockaddr_storage* ss, socklen_t len, const socket_spec* spec, const char* ifc,
                 ifc_info** ifc_used) noexcept
 {
-    ifc_ptr info(is_any_ifc(ifc) ? any_ifc_info(ss->ss_family) : get_ifc_info(ss->ss_family, ifc));
+    ifc_ptr info(!ifc || is_any_ifc(ifc) ? any_ifc_info(ss->ss_family) : get_ifc_info(ss->ss_family, ifc));
     if (!info)
         return -1;
-    const int rc = spec->writer ? setup_writer(fd, ss, info.get()) : setup_reader(fd, ss, len, spec, info.get());
+    const int rc =
+        spec->writer ? setup_writer(fn, fd, ss, info.get()) : setup_reader(fn, fd, ss, len, spec, info.get());
     if (rc == 0 && ifc_used)
         *ifc_used = info.release();
     return rc;

@@ -219,8 +219,7 @@ int raise_fd_limit() noexcept
         LOG_ERRNO("%s: setrlimit", __func__);
         return -1;
     }
-    LOG_INFO("%s: descriptor limit raised from %lu to %lu\n", __func__, static_cast<unsigned long>(soft),
-             static_cast<unsigned long>(lim.rlim_max));
+    LOG_INFO("%s: descriptor limit raised from %lu to %lu\n", __func__, soft, lim.rlim_max);
     return 0;
 }
 
@@ -242,7 +241,7 @@ int set_unlimited_core(int /*flags*/) noexcept
         LOG_DEBUG("%s: already set\n", __func__);
         return 0;
     }
-    LOG_DEBUG("%s: current=%ld/%ld\n", __func__, static_cast<long>(lim.rlim_cur), static_cast<long>(lim.rlim_max));
+    LOG_DEBUG("%s: current=%ld/%ld\n", __func__, lim.rlim_cur, lim.rlim_max);
     lim.rlim_cur = lim.rlim_max = RLIM_INFINITY;
     if (setrlimit(RLIMIT_CORE, &lim) != 0) {
         LOG_ERRNO("%s: setrlimit", __func__);
@@ -275,24 +274,6 @@ int dir_check(char* path, int strip) noexcept
     return 0;
 }
 
-/* Makes the directories of path from its start, each one that is missing. */
-static int make_all(char* path) noexcept
-{
-    for (char* p = path + 1;; ++p) {
-        if (*p != '/' && *p != '\0')
-            continue;
-        const char kept = *p;
-        *p = '\0';
-        if (mkdir(path, DIR_MODE) != 0 && errno != EEXIST) {
-            LOG_ERRNO("%s: mkdir(%s)", "mk_fpath_dirs", path);
-            return errno;
-        }
-        *p = kept;
-        if (kept == '\0')
-            return 0;
-    }
-}
-
 int mk_fpath_dirs(const char* fpath) noexcept
 {
     const char* slash = strrchr(fpath, '/');
@@ -308,8 +289,16 @@ int mk_fpath_dirs(const char* fpath) noexcept
     };
     if (stat(dir.data(), &st) == 0 && S_ISDIR(st.st_mode))
         return 0;
-    if (const int rc = make_all(dir.data()))
-        return rc;
+    for (size_t end = 1; end <= len; ++end) { /* after each part of the path, and at its end */
+        if (dir[end] != '/' && end < len)
+            continue;
+        dir[end] = '\0';
+        if (mkdir(dir.data(), DIR_MODE) != 0 && errno != EEXIST) {
+            LOG_ERRNO("%s: mkdir(%s)", __func__, dir.data());
+            return errno;
+        }
+        dir[end] = end < len ? '/' : '\0';
+    }
     if (stat(dir.data(), &st) == 0 && S_ISDIR(st.st_mode))
         return 0;
     LOG_ERR("%s: [%s] is not a directory\n", __func__, dir.data());

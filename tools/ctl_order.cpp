@@ -324,11 +324,6 @@ std::string logged_since(FILE* log)
     return text;
 }
 
-bool is_any_ifc(const std::string& text)
-{
-    return text.empty() || ci_equal(text, "all") || ci_equal(text, "any") || text == "0.0.0.0" || text == "::";
-}
-
 /* A sender to a group goes out where the agents listen, from the one address that they hear. */
 void choose_way(int fd, const addrinfo* to)
 {
