@@ -23,7 +23,6 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr size_t ACCSET_ROOM = 65536; /* descriptors; a higher one makes the set grow */
 constexpr size_t PPRM_ROOM = 8;
-constexpr n32_tag TAG_RSC = mk_tag("Rsc");
 constexpr size_t TRKNUM_DIGITS = 5;
 constexpr size_t TRKNUM_PAD = 4; /* shorter numbers get leading zeros */
 

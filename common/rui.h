@@ -14,8 +14,9 @@
 
 enum rui_kind { RUI_USER = 0, RUI_ADMIN = 1, RUI_CUSTOM = 2, RUI_MAX = 3 };
 
-constexpr size_t MAX_RUI_QUEUED = 1000; /* requests of one listener */
-constexpr int RUI_LOW_WMARK = 32;       /* bytes that make a client's socket readable */
+inline constexpr n32_tag TAG_RSC = mk_tag("Rsc"); /* of a rui_socket_ctx */
+constexpr size_t MAX_RUI_QUEUED = 1000;           /* requests of one listener */
+constexpr int RUI_LOW_WMARK = 32;                 /* bytes that make a client's socket readable */
 constexpr uint32_t RUI_TCP_NODELAY = 1;
 constexpr size_t MAX_RQNUM = 100000;
 

@@ -2,8 +2,6 @@
    n32_tag, which tells the dispatch what the record is. */
 #pragma once
 
-#include <array>
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 
@@ -23,12 +21,6 @@ union n64_tag {
 consteval n32_tag mk_tag(const char (&s)[4])
 {
     return n32_tag{.sym = {s[0], s[1], s[2], s[3]}};
-}
-
-/* The number of a three-letter tag, for comparisons and case labels. */
-consteval uint32_t tag_num(const char (&s)[4])
-{
-    return std::bit_cast<uint32_t>(std::array<char, 4>{s[0], s[1], s[2], s[3]});
 }
 
 /* A log group or tracking tag of one to seven characters. */

@@ -36,14 +36,8 @@ static const char* event_name(uint32_t flags) noexcept
     return flags ? "ERROR" : "data";
 }
 
-/* The tag of a registered record: its first member, whatever the record is. */
-static n32_tag tag_of(const void* udata) noexcept
-{
-    return *static_cast<const n32_tag*>(udata);
-}
-
 /* After a hang-up alone there may be data that came before it. False: the event is an error. */
-static bool is_readable(int fd, uint32_t flags) noexcept
+static bool is_readable(int fd, uint32_t flags, const char* fn) noexcept
 {
     if (flags == 0)
         return true;
@@ -51,36 +45,57 @@ static bool is_readable(int fd, uint32_t flags) noexcept
         return false;
     if (wait_to_read(fd, HUP_PROBE_MS) == 1)
         return true;
-    LOG_DEBUG("%s: no data pending for fd%d\n", "on_read", fd);
+    LOG_DEBUG("%s: no data pending for fd%d\n", fn, fd);
     return false;
 }
 
-static int read_urq(dw_urq* urq, uint32_t flags) noexcept
+/* ---- user requests ---- */
+
+static int read_urq(dw_urq* urq, uint32_t flags, const char* fn) noexcept
 {
-    if (is_readable(urq->sockfd, flags))
+    if (is_readable(urq->sockfd, flags, fn))
         return urq_read(urq);
-    LOG_ERR("%s: URQ [%s] (%p) err=%d\n", "on_read", urq->trk_tag.sym8, static_cast<void*>(urq),
-            static_cast<int>(flags));
+    LOG_ERR("%s: URQ [%s] (%p) err=%d\n", fn, urq->trk_tag.sym8, static_cast<void*>(urq), static_cast<int>(flags));
     pprm_urq(urq);
     return 0;
 }
 
-static int broken_task(const char* fn, dw_task* task, uint32_t flags) noexcept
+static int fail_urq(dw_urq* urq, uint32_t flags, const char* /*fn*/) noexcept
+{
+    urq_error(urq, (flags & RQS_SOCKHUP) != 0);
+    return 0;
+}
+
+/* ---- download tasks ---- */
+
+static int break_task(dw_task* task, uint32_t flags, const char* fn) noexcept
 {
     LOG_ERR("%s: task [%s] (%p) err=%d\n", fn, task->trk_tag.sym8, static_cast<void*>(task), static_cast<int>(flags));
     dw_broken(task);
     return 0;
 }
 
-static int read_task(dw_task* task, uint32_t flags) noexcept
+/* A body that is whole completes, whatever became of its source since. */
+static int read_task(dw_task* task, uint32_t flags, const char* fn) noexcept
 {
     const log_group_guard group(task->trk_tag);
-    if (is_whole(task) || is_readable(task->sfd, flags))
-        return dw_read(task);
-    return broken_task("on_read", task, flags);
+    return is_whole(task) || is_readable(task->sfd, flags, fn) ? dw_read(task) : break_task(task, flags, fn);
 }
 
-static int on_srv_accept(uint32_t flags, rui_socket_ctx* srv) noexcept
+static int write_task(dw_task* task, uint32_t /*flags*/, const char* /*fn*/) noexcept
+{
+    return dw_write(task);
+}
+
+static int fail_task(dw_task* task, uint32_t flags, const char* fn) noexcept
+{
+    const log_group_guard group(task->trk_tag);
+    return is_whole(task) ? dw_read(task) : break_task(task, flags, fn);
+}
+
+/* ---- listeners ---- */
+
+static int on_srv_accept(rui_socket_ctx* srv, uint32_t flags, const char* /*fn*/) noexcept
 {
     if (flags) {
         LOG_ERR("%s: [%s] ERR/HUP\n", __func__, srv->lc->alias);
@@ -98,87 +113,115 @@ static int on_srv_accept(uint32_t flags, rui_socket_ctx* srv) noexcept
     return 0;
 }
 
-static int dismiss_expired(const char* fn, const void* udata) noexcept
+static int fail_listener(rui_socket_ctx* srv, uint32_t flags, const char* /*fn*/) noexcept
 {
-    const n32_tag tag = tag_of(udata);
+    rui_crash_on_error(srv, flags & RQS_SOCKHUP);
+}
+
+/* ---- the UDP channel ---- */
+
+constexpr n64_tag UDL_GROUP = mk_tag8("uDl");
+
+static int read_udl(udl_ctx* udl, uint32_t /*flags*/, const char* /*fn*/) noexcept
+{
+    const log_group_guard group(UDL_GROUP);
+    return udl_accept(udl);
+}
+
+static int fail_udl(udl_ctx* udl, uint32_t /*flags*/, const char* /*fn*/) noexcept
+{
+    const log_group_guard group(UDL_GROUP);
+    udl_error(udl);
+    return 0;
+}
+
+/* ---- dispatch ---- */
+
+/* fn is the loop's callback that has called, for the log. The result is the loop's: not 0 ends it. */
+using event_fn = int (*)(void* record, uint32_t flags, const char* fn) noexcept;
+
+/* What the records of one tag do with their events. */
+struct tag_handlers {
+    n32_tag tag;
+    event_fn read;
+    event_fn write; /* null: never registered for it */
+    event_fn error;
+};
+
+/* Makes a handler of one record type an event_fn. A registered pointer is converted here and nowhere else, after its
+   tag has said what it points at. */
+template <class T, int (*HANDLE)(T* record, uint32_t flags, const char* fn) noexcept>
+static int typed(void* record, uint32_t flags, const char* fn) noexcept
+{
+    return HANDLE(static_cast<T*>(record), flags, fn);
+}
+
+/* The most frequent first. */
+static constexpr tag_handlers HANDLERS[] = {
+    {TAG_DOW, typed<dw_task, read_task>, typed<dw_task, write_task>, typed<dw_task, fail_task>},
+    {TAG_URQ, typed<dw_urq, read_urq>, nullptr, typed<dw_urq, fail_urq>},
+    {TAG_RSC, typed<rui_socket_ctx, on_srv_accept>, nullptr, typed<rui_socket_ctx, fail_listener>},
+    {TAG_UDL, typed<udl_ctx, read_udl>, nullptr, typed<udl_ctx, fail_udl>},
+};
+
+static const tag_handlers* handlers_of(n32_tag tag) noexcept
+{
+    for (const tag_handlers& h : HANDLERS) {
+        if (h.tag.num == tag.num)
+            return &h;
+    }
+    return nullptr;
+}
+
+/* The tag of a registered record: its first member, whatever the record is. */
+static n32_tag tag_of(const void* udata) noexcept
+{
+    return *static_cast<const n32_tag*>(udata);
+}
+
+/* A record that was released earlier in this round bears "#". */
+static int dismiss_expired(n32_tag tag, const void* udata, const char* fn) noexcept
+{
     LOG_WARN("%s: got expired [%3.3s] (0x%04x) on (%p), dismissing\n", fn, tag.sym, tag.num, udata);
     return 0;
 }
 
-static int read_by_tag(uint32_t flags, void* udata) noexcept
+int on_read(int /*fd*/, uint32_t flags, void* udata, void* /*aux*/) noexcept
 {
-    const n32_tag tag = tag_of(udata);
-    switch (tag.num) {
-    case tag_num("URQ"):
-        return read_urq(static_cast<dw_urq*>(udata), flags);
-    case tag_num("DOW"):
-        return read_task(static_cast<dw_task*>(udata), flags);
-    case tag_num("Rsc"):
-        return on_srv_accept(flags, static_cast<rui_socket_ctx*>(udata));
-    case tag_num("UDL"): {
-        const log_group_guard group(mk_tag8("uDl"));
-        return udl_accept(static_cast<udl_ctx*>(udata));
-    }
-    default:
-        if (tag.sym[0] == '#')
-            return dismiss_expired("on_read", udata);
-        LOG_ERR("%s: unknown data type: [%3.3s] (0x%04x) on (%p), data corruption detected\n", "on_read", tag.sym,
-                tag.num, udata);
-        ASSERT_AS(false, "a registered record begins with a known tag");
-    }
-}
-
-int on_read(int fd, uint32_t flags, void* udata, void* aux) noexcept
-{
-    (void)fd;
-    (void)aux;
     const log_group_guard group;
-    LOG_DEBUG("%s: %s [%.3s] (%p) err=%d\n", __func__, event_name(flags), tag_of(udata).sym, udata,
-              static_cast<int>(flags));
-    return read_by_tag(flags, udata);
-}
-
-int on_write(int fd, uint32_t flags, void* udata, void* aux) noexcept
-{
-    (void)fd;
     const n32_tag tag = tag_of(udata);
     LOG_DEBUG("%s: %s [%.3s] (%p) err=%d\n", __func__, event_name(flags), tag.sym, udata, static_cast<int>(flags));
-    if (tag.num == TAG_DOW.num)
-        return dw_write(static_cast<dw_task*>(udata));
+    if (const tag_handlers* h = handlers_of(tag))
+        return h->read(udata, flags, __func__);
     if (tag.sym[0] == '#')
-        return dismiss_expired(__func__, udata);
+        return dismiss_expired(tag, udata, __func__);
+    LOG_ERR("%s: unknown data type: [%3.3s] (0x%04x) on (%p), data corruption detected\n", __func__, tag.sym, tag.num,
+            udata);
+    ASSERT_AS(false, "a registered record begins with a known tag");
+}
+
+int on_write(int /*fd*/, uint32_t flags, void* udata, void* aux) noexcept
+{
+    const n32_tag tag = tag_of(udata);
+    LOG_DEBUG("%s: %s [%.3s] (%p) err=%d\n", __func__, event_name(flags), tag.sym, udata, static_cast<int>(flags));
+    const tag_handlers* h = handlers_of(tag);
+    if (h && h->write)
+        return h->write(udata, flags, __func__);
+    if (tag.sym[0] == '#')
+        return dismiss_expired(tag, udata, __func__);
     PANIC("%s: tag=[%.3s] err=%d, udata=%p, aux=%p - why are we here?\n", __func__, tag.sym, static_cast<int>(flags),
           udata, aux);
 }
 
-int on_error(int fd, uint32_t flags, void* udata, void* aux) noexcept
+int on_error(int /*fd*/, uint32_t flags, void* udata, void* /*aux*/) noexcept
 {
-    (void)fd;
-    (void)aux;
     const n32_tag tag = tag_of(udata);
-    const bool hangup = (flags & RQS_SOCKHUP) != 0;
-    LOG_INFO("%s: %.3s (%p), err=0x%04x %s\n", __func__, tag.sym, udata, flags, hangup ? "HUP" : "-");
-    switch (tag.num) {
-    case tag_num("URQ"):
-        urq_error(static_cast<dw_urq*>(udata), hangup);
-        break;
-    case tag_num("Rsc"):
-        rui_crash_on_error(static_cast<rui_socket_ctx*>(udata), hangup);
-    case tag_num("DOW"): {
-        dw_task* task = static_cast<dw_task*>(udata);
-        const log_group_guard group(task->trk_tag);
-        return is_whole(task) ? dw_read(task) : broken_task(__func__, task, flags);
-    }
-    case tag_num("UDL"): {
-        const log_group_guard group(mk_tag8("uDl"));
-        udl_error(static_cast<udl_ctx*>(udata));
-        break;
-    }
-    default: /* a record that was released earlier in this round */
-        break;
-    }
-    return 0;
+    LOG_INFO("%s: %.3s (%p), err=0x%04x %s\n", __func__, tag.sym, udata, flags, flags & RQS_SOCKHUP ? "HUP" : "-");
+    const tag_handlers* h = handlers_of(tag);
+    return h ? h->error(udata, flags, __func__) : 0; /* without one it was released earlier in this round */
 }
+
+/* ---- idle work and post-processing ---- */
 
 void upd_tmout(timespec* ts) noexcept
 {
