@@ -80,6 +80,9 @@ class Registration(Database):
         self.assertEqual(self.add("id", "http://d/id", "0"), "ok:id")
         self.assertEqual(list(self.db.urls("id")), ["http://c/id", "http://b/id", "http://d/id"])
         self.assertEqual(self.db.cli("ttl", "id"), "-1")
+        ends = self.db.urls("id")
+        self.add("id", "http://c/id", "0")
+        self.assertEqual(self.db.urls("id"), ends)  # no end was forgotten
         self.assertIn("add_url wants an id, a URL and an expiry", self.add("id", "http://e/id", "soon"))
 
     def add(self, *args):
