@@ -2,10 +2,10 @@
 include(GNUInstallDirs)
 install(TARGETS kov kov-checkconf DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS kovctl DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(PROGRAMS tools/fleet/kov-forward DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(PROGRAMS tools/fleet/kov-alive tools/fleet/kov-forward DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(FILES packaging/man/kovctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES packaging/man/kov.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
-install(FILES packaging/man/kov.8 packaging/man/kov-checkconf.8 packaging/man/kov-forward.8
+install(FILES packaging/man/kov.8 packaging/man/kov-checkconf.8 packaging/man/kov-alive.8 packaging/man/kov-forward.8
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 # The units name their programs where this installation puts them. kov.service and kov@.service are one text.
 install(CODE "set(SBINDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}\")
@@ -21,12 +21,12 @@ set(CONFIG /etc/kov/%i.conf)
 set(OF \" %i\")
 set(RUNDIR kov-%i)
 configure_file(\"\${UNITS}/kov.service\" \"\${MADE}/kov@.service\" @ONLY)
-foreach(file kov-watch.service kov-watch.timer kov-expire@.service kov-expire@.timer kov-outbox.service kov-forward.service
-    redis.conf outbox.conf)
+foreach(file kov-watch.service kov-watch.timer kov-expire@.service kov-expire@.timer kov-alive@.service
+    kov-outbox.service kov-forward.service redis.conf outbox.conf)
   configure_file(\"\${UNITS}/\${file}\" \"\${MADE}/\${file}\" @ONLY)
 endforeach()
 file(INSTALL \"\${MADE}/kov.service\" \"\${MADE}/kov@.service\" \"\${MADE}/kov-watch.service\" \"\${MADE}/kov-watch.timer\"
-  \"\${MADE}/kov-expire@.service\" \"\${MADE}/kov-expire@.timer\"
+  \"\${MADE}/kov-expire@.service\" \"\${MADE}/kov-expire@.timer\" \"\${MADE}/kov-alive@.service\"
   \"\${MADE}/kov-outbox.service\" \"\${MADE}/kov-forward.service\"
   DESTINATION \"\${CMAKE_INSTALL_PREFIX}/lib/systemd/system\")
 file(INSTALL \"\${MADE}/redis.conf\" \"\${MADE}/outbox.conf\" DESTINATION \"\${DATADIR}/systemd\")")
@@ -36,6 +36,8 @@ install(PROGRAMS packaging/redis/load-scripts packaging/systemd/watch packaging/
   DESTINATION ${CMAKE_INSTALL_DATADIR}/kov)
 install(FILES packaging/mtail/kov.mtail packaging/mtail/kov.rules.yml
   DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/mtail)
+install(FILES packaging/balancer/kov_balancer.lua packaging/balancer/balancer.conf packaging/balancer/files.conf
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/balancer)
 install(FILES packaging/redis/add_url.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/redis)
 install(FILES packaging/outbox/add_url.lua packaging/outbox/redis.conf DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/outbox)
 install(FILES packaging/examples/fleet.conf packaging/examples/kov.conf
