@@ -9,5 +9,7 @@ struct lbdb_cfg;
 
 /* What a configuration means beside this machine's limits, places and processes (check_host.cpp). */
 void check_host(const kova_cfg& cfg);
+/* The digest file, and what answers at the database's address (check_db.cpp). */
+void check_database(const lbdb_cfg& db);
 /* Waits so many seconds for the database to answer; at once true without one. */
 [[nodiscard]] bool await_database(const lbdb_cfg& db, int seconds);

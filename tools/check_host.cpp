@@ -4,16 +4,12 @@
 
 #include "cfg.h"
 #include "data.h"
-#include "guard.h"
 #include "procfs.h"
 #include "strops.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <hiredis/hiredis.h>
-#include <memory>
 #include <string>
 #include <unistd.h>
 
@@ -119,18 +115,6 @@ void check_listeners(const kova_cfg& cfg)
     }
 }
 
-/* Any answer but the one of a server that still reads its data. */
-bool answers(const lbdb_cfg& db)
-{
-    const timeval wait = {1, 0};
-    const std::unique_ptr<redisContext, releaser<redisFree>> redis(redisConnectWithTimeout(db.host, db.port, wait));
-    if (!redis || redis->err || redisSetTimeout(redis.get(), wait) != REDIS_OK)
-        return false;
-    const std::unique_ptr<redisReply, releaser<freeReplyObject>> reply(
-        static_cast<redisReply*>(redisCommand(redis.get(), "PING")));
-    return reply && !(reply->type == REDIS_REPLY_ERROR && std::string_view(reply->str).starts_with("LOADING"));
-}
-
 } // namespace
 
 void check_host(const kova_cfg& cfg)
@@ -139,17 +123,4 @@ void check_host(const kova_cfg& cfg)
     check_runtime(cfg);
     check_names(cfg);
     check_listeners(cfg);
-}
-
-bool await_database(const lbdb_cfg& db, int seconds)
-{
-    if (db.port <= 0)
-        return true;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (!answers(db)) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        usleep(200000);
-    }
-    return true;
 }

@@ -466,6 +466,8 @@ int cmd_register(std::span<char* const> args)
         return cmd_register_from_log(args);
     if (args.empty())
         fail(STATUS_USAGE, "register what? Name destinations, or --from-log");
+    if (g_set.expiry.empty())
+        fail(STATUS_USAGE, "until when? --expiry SECONDS, or a Unix time; 0 makes entries that outlive the files");
     int status = 0;
     for (const char* dst : args) {
         const int rc = register_one(dst);

@@ -12,7 +12,6 @@
 #include "strops.h"
 #include "util.h"
 
-#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
@@ -51,7 +50,6 @@ constexpr size_t FDS_A_TASK = 3;
 constexpr size_t MANY_TASKS = 100'000'000; /* no machine has the memory */
 constexpr size_t FDS_A_LISTENER = 1001;    /* with its longest queue */
 constexpr size_t FDS_OF_ITS_OWN = 16;
-constexpr size_t SHA1_LEN = 40;
 
 /* ---- the file's text ---- */
 
@@ -266,22 +264,6 @@ void check_dir_of(const kova_cfg& cfg, const char* key, const char* path)
         warn("%s: the directory %s is missing, or cannot be written to by the agent's user", key, dir.c_str());
 }
 
-void check_digests(const kova_cfg& cfg)
-{
-    if (cfg.lbdb.port <= 0)
-        return;
-    const std::string path = std::string(cfg.lbdb.sha1_path) + "/add_url.sha1";
-    const std::unique_ptr<FILE, releaser<fclose>> fp(fopen(path.c_str(), "re"));
-    std::array<char, 128> line{};
-    if (!fp || !fgets(line.data(), line.size(), fp.get())) {
-        warn("%s cannot be read: the agent will not start (load-scripts writes it)", path.c_str());
-        return;
-    }
-    const std::string_view digest(line.data(), strcspn(line.data(), "\n"));
-    if (digest.size() != SHA1_LEN || digest.find_first_not_of("0123456789abcdefABCDEF") != std::string_view::npos)
-        warn("%s does not hold a SHA1 digest: the agent will not start", path.c_str());
-}
-
 void check_daemon(const kova_cfg& cfg)
 {
     if (cfg.rt.non_daemon)
@@ -344,7 +326,6 @@ int main(int argc, char* argv[])
     check_descriptors(g_cfg);
     check_data_dir(g_cfg);
     check_channel(g_cfg);
-    check_digests(g_cfg);
     check_daemon(g_cfg);
     check_dir_of(g_cfg, "log.file", g_cfg.log.path);
     check_dir_of(g_cfg, "runtime.pidfile", g_cfg.rt.pidfile);
@@ -353,6 +334,7 @@ int main(int argc, char* argv[])
         printf("%s: refused: no database answers at %s:%d\n", path, g_cfg.lbdb.host, g_cfg.lbdb.port);
         return STATUS_REFUSED;
     }
+    check_database(g_cfg.lbdb);
     printf("%s: accepted, %d warning%s\n", path, g_warnings, g_warnings == 1 ? "" : "s");
     return is_strict && g_warnings > 0 ? STATUS_WARNINGS : 0;
 }

@@ -124,11 +124,18 @@ max_tasks = 9000000; }}; other = 1;"""
                    'web_input = { web = { port = 2000; }; }; };',
                    says="(?s)log.file: the directory /nowhere is missing.*run_as_user has no effect beside non_daemon")
 
-    def test_waits_for_the_database(self):
+    def test_asks_and_waits_for_the_database(self):
         database = self.redis()
         text = self.good.replace("max_tasks", database.settings() + "max_tasks")
-        self.check(text, "--wait", "60")
+        self.check(text, "--strict", "--wait", "60")
+        database.cli("script", "flush")
+        database.cli("replicaof", "127.0.0.1", "1")
+        self.check(text, says="(?s)does not know the script.* is a replica: ")
         database.stop()
+        database.run("--cluster-enabled", "yes")
+        self.check(text, says=r"(?s) is a node of a cluster: .*, 1 warning\n")
+        database.stop()
+        self.check(text, says="no database answers at 127.0.0.1")
         self.check(text, "--wait", "1", status=1, says="refused: no database answers at 127.0.0.1")
         self.check(text, "--wait", "soon", status=1)
         checkconf("--help")
@@ -179,11 +186,12 @@ class Orders(Ctl):
         for bad in (("job", "http://h/a", "x", "5"), ("job1", "http://h/a", "x", ""),
                     ("job1", "http://h/" + "a" * 120, "x", "5"), ("a/bc", "http://h/a", "x", "5")):
             self.ctl("send", *bad, status=2)
-        self.ctl("register", "v/a b%.ts", says=r"^v/a b%\.ts: registered\n$")
-        self.ctl("register", "v/none", status=1, says=f"^v/none: not in {self.data}\n$")
+        self.ctl("register", "v/a b%.ts", status=2)  # an entry without an end is nothing to make by mistake
+        self.ctl("-e", "600", "register", "v/a b%.ts", says=r"^v/a b%\.ts: registered\n$")
+        self.ctl("-e", "600", "register", "v/none", status=1, says=f"^v/none: not in {self.data}\n$")
         self.assertEqual(self.agent.log().count("TASK-START"), 8)  # nothing was fetched to register
         self.database.stop()
-        self.ctl("register", "v/a b%.ts", status=7, says="NOT registered")
+        self.ctl("-e", "600", "register", "v/a b%.ts", status=7, says="NOT registered")
 
     def test_usage_and_places_without_an_agent(self):
         for usage in (("dance",), ("get", "one"), ("-t", "soon", "ping"), ("-e", "soon", "get", "http://h/a", "b"),

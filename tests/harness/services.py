@@ -22,9 +22,9 @@ class Redis:
         self.port = free_port()
         self.run()
 
-    def run(self):
+    def run(self, *options):
         self.proc = subprocess.Popen(["redis-server", "--port", str(self.port), "--bind", "127.0.0.1", "--save", "",
-                                      "--appendonly", "no", "--dir", self.root], stdout=subprocess.DEVNULL)
+                                      "--appendonly", "no", "--dir", self.root, *options], stdout=subprocess.DEVNULL)
         wait_for(lambda: self.cli("ping") == "PONG", "redis-server")
         self.load(REDIS_FILES)
 
