@@ -1,7 +1,7 @@
-/* Readers of the shared configuration groups. A reader stops at its first bad value, which it has logged. */
+/* The shared configuration groups: their keys in the order in which they are read, up to the first bad value, which its
+   reader has logged; and what the dump tells of them. */
 #include "appcfg.h"
 
-#include "config.h"
 #include "strops.h"
 #include "timeop.h"
 
@@ -14,55 +14,80 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
-constexpr size_t PATH_LIMIT = 127;
 constexpr size_t WORD_LIMIT = 15;
+constexpr size_t FAMILY_LIMIT = 16;
 constexpr size_t IFC_LIMIT = 16;
-constexpr size_t USER_LIMIT = 31;
+
+static int read_level(const config_setting_t* group, const config_key& key, void* record) noexcept
+{
+    std::array<char, WORD_LIMIT + 1> word{};
+    if (load_config_setting_str(group, key.name, word.data(), WORD_LIMIT, key.word) != 0)
+        return -1;
+    if (match_log_level(word.data(), &static_cast<log_cfg*>(record)->level) == 0)
+        return 0;
+    log_trouble("Invalid log level: %s\n", word.data());
+    return -1;
+}
+
+static int read_time_format(const config_setting_t* group, const config_key& key, void* record) noexcept
+{
+    std::array<char, WORD_LIMIT + 1> word{};
+    if (load_config_setting_str(group, key.name, word.data(), WORD_LIMIT, key.word) != 0)
+        return -1;
+    uint32_t* const format = &static_cast<log_cfg*>(record)->timefmt;
+    *format = match_timefmt(word.data());
+    if (*format != f_BAD_TIME)
+        return 0;
+    log_trouble("Invalid time format: %s\n", word.data());
+    return -1;
+}
+
+static constexpr config_key LOG_ROWS[] = {
+    key_text<&log_cfg::path>("file", "", "Path, or \"|command\" to pipe into. Without one: standard error."),
+    {.name = "level",
+     .types = V_STRING,
+     .read = read_level,
+     .text = "err, crit, warn, norm, info or debug.",
+     .word = "info"},
+    {.name = "time_format",
+     .types = V_STRING,
+     .read = read_time_format,
+     .text = "local, gmt, raw (seconds), raw_mono (of the monotonic clock) or no_time.",
+     .word = "local"},
+    key_int<&log_cfg::max_size_mb>("max_size_mb", 64, 0, INT_MAX, "MiB at which the log is rotated; 0: never."),
+    key_int<&log_cfg::max_files>("max_files", 16, 1, 127, "Rotated files kept; beyond the range: 16."),
+    key_flag<&log_cfg::eod_rotate>("eod_rotate", false, "Rotate at the end of the day, too."),
+    key_flag<&log_cfg::enable_syslog>("enable_syslog", true, "Copies of warnings and worse; only as a daemon."),
+};
+constinit const config_table LOG_KEYS = LOG_ROWS;
 
 int load_log_config(const config_setting_t* group, log_cfg* cfg) noexcept
 {
-    std::array<char, WORD_LIMIT + 1> word{};
-    if (load_config_setting_str(group, "file", cfg->path, PATH_LIMIT, "") != 0)
-        return -1;
-    if (load_config_setting_str(group, "level", word.data(), WORD_LIMIT, "info") != 0)
-        return -1;
-    if (match_log_level(word.data(), &cfg->level) != 0) {
-        log_trouble("Invalid log level: %s\n", word.data());
-        return -1;
-    }
-    if (load_config_setting_str(group, "time_format", word.data(), WORD_LIMIT, "local") != 0)
-        return -1;
-    cfg->timefmt = match_timefmt(word.data());
-    if (cfg->timefmt == f_BAD_TIME) {
-        log_trouble("Invalid time format: %s\n", word.data());
-        return -1;
-    }
-    if (load_config_setting_int(group, "max_size_mb", &cfg->max_size_mb, 64) != 0 ||
-        load_config_setting_int(group, "max_files", &cfg->max_files, 16) != 0)
-        return -1;
-    cfg->enable_syslog = config_setting_flag(group, "enable_syslog", true);
-    cfg->eod_rotate = config_setting_flag(group, "eod_rotate", false);
-    return 0;
+    return load_config_keys(group, LOG_KEYS, cfg);
 }
+
+static constexpr config_key RUNTIME_ROWS[] = {
+    key_text<&rt_cfg::pidfile>("pidfile", "", "Path; a daemon needs one."),
+    key_flag<&rt_cfg::non_daemon>("non_daemon", false, "Stay in the foreground."),
+    key_flag<&rt_cfg::quiet>("quiet", false, "Nothing on the terminal."),
+    key_flag<&rt_cfg::enforce_core_dumps>("enforce_core_dumps", true, "Unlimited core size."),
+    key_int<&rt_cfg::cpunum>("cpunum", -1, INT_MIN, INT_MAX, "Run on this CPU only; below 0: on any."),
+    key_text<&rt_cfg::user>("run_as_user", "", "The user that a daemon becomes when root starts it."),
+};
+constinit const config_table RUNTIME_KEYS = RUNTIME_ROWS;
 
 int load_rt_config(const config_setting_t* group, rt_cfg* cfg) noexcept
 {
-    if (load_config_setting_str(group, "pidfile", cfg->pidfile, PATH_LIMIT, "") != 0)
-        return -1;
-    cfg->non_daemon = config_setting_flag(group, "non_daemon", false);
-    cfg->quiet = config_setting_flag(group, "quiet", false);
-    cfg->enforce_core_dumps = config_setting_flag(group, "enforce_core_dumps", true);
-    if (load_config_setting_int(group, "cpunum", &cfg->cpunum, -1) != 0)
-        return -1;
-    return load_config_setting_str(group, "run_as_user", cfg->user, USER_LIMIT, "");
+    return load_config_keys(group, RUNTIME_KEYS, cfg);
 }
 
 /* ---- listeners ---- */
 
-static int load_protocol(const config_setting_t* setting, rui_listener_cfg* cfg) noexcept
+static int read_protocol(const config_setting_t* group, const config_key& key, void* record) noexcept
 {
+    rui_listener_cfg* const cfg = static_cast<rui_listener_cfg*>(record);
     std::array<char, WORD_LIMIT + 1> word{};
-    if (load_config_setting_str(setting, "protocol", word.data(), WORD_LIMIT, "tcp") != 0)
+    if (load_config_setting_str(group, key.name, word.data(), WORD_LIMIT, key.word) != 0)
         return -1;
     if (ci_equal(word.data(), "tcp")) {
         cfg->proto = IPPROTO_TCP;
@@ -75,19 +100,21 @@ static int load_protocol(const config_setting_t* setting, rui_listener_cfg* cfg)
     return 0;
 }
 
-static int load_family(const config_setting_t* setting, rui_listener_cfg* cfg) noexcept
+static int read_family(const config_setting_t* group, const config_key& key, void* record) noexcept
 {
-    std::array<char, 16 + 1> word{};
-    if (load_config_setting_str(setting, "default_af", word.data(), 16, "") != 0)
+    rui_listener_cfg* const cfg = static_cast<rui_listener_cfg*>(record);
+    std::array<char, FAMILY_LIMIT + 1> word{};
+    if (load_config_setting_str(group, key.name, word.data(), FAMILY_LIMIT, key.word) != 0)
         return -1;
-    cfg->pref_af = AF_UNSPEC;
+    cfg->pref_af = AF_UNSPEC; /* of an empty word */
     return word[0] ? name2af(word.data(), &cfg->pref_af) : 0;
 }
 
-static int load_ifc(const config_setting_t* setting, rui_listener_cfg* cfg) noexcept
+static int read_ifc(const config_setting_t* group, const config_key& key, void* record) noexcept
 {
+    rui_listener_cfg* const cfg = static_cast<rui_listener_cfg*>(record);
     std::array<char, IFC_LIMIT + 1> text{};
-    if (load_config_setting_str(setting, "ifc", text.data(), IFC_LIMIT, "") != 0)
+    if (read_config_text(group, key, text.data()) != 0)
         return -1;
     if (is_any_name(text.data()))
         return 0;
@@ -111,21 +138,20 @@ static int load_ifc(const config_setting_t* setting, rui_listener_cfg* cfg) noex
 }
 
 /* A number is checked as a number before it becomes text, which holds five digits. */
-static int load_port(const config_setting_t* setting, rui_listener_cfg* cfg) noexcept
+static int read_port(const config_setting_t* group, const config_key& key, void* record) noexcept
 {
-    const config_setting_t* s = config_setting_get_member(setting, "port");
+    rui_listener_cfg* const cfg = static_cast<rui_listener_cfg*>(record);
+    const config_setting_t* s = config_setting_get_member(group, key.name);
     if (s && config_setting_is_number(s) && config_setting_type(s) != CONFIG_TYPE_FLOAT) {
-        std::array<char, 24> text{};
         const long long number = config_setting_get_int64(s);
-        snprintf(text.data(), text.size(), "%lld", number);
-        if (number < 1 || number > 65535) {
-            LOG_ERR("%s: invalid port value: [%s]\n", "load_listener_from", text.data());
+        if (number < key.min || number > key.max) {
+            LOG_ERR("%s: invalid port value: [%lld]\n", "load_listener_from", number);
             return -1;
         }
-        cut_text(cfg->port, sizeof(cfg->port), text.data());
+        snprintf(cfg->port, sizeof(cfg->port), "%d", static_cast<int>(number));
         return 0;
     }
-    if (load_config_setting_str(setting, "port", cfg->port, sizeof(cfg->port), "") != 0)
+    if (read_config_text(group, key, cfg->port) != 0)
         return -1;
     if (is_valid_port(cfg->port))
         return 0;
@@ -133,18 +159,36 @@ static int load_port(const config_setting_t* setting, rui_listener_cfg* cfg) noe
     return -1;
 }
 
+static constexpr config_key LISTENER_ROWS[] = {
+    key_text<&rui_listener_cfg::alias>("alias", "", "Its name in the log. Without one: ifc:port.", LSTNR_ALIAS_LEN),
+    {.name = "protocol", .types = V_STRING, .read = read_protocol, .text = "tcp; udp accepts nobody.", .word = "tcp"},
+    key_text<&rui_listener_cfg::domain_path>("domain_path", "", "A Unix-domain socket instead of the keys below."),
+    {.name = "default_af", .types = V_STRING, .read = read_family, .text = "inet4, inet6 or any.", .word = "any"},
+    {.name = "ifc",
+     .types = V_STRING,
+     .read = read_ifc,
+     .text = "Interface name or address. Without one: every IPv4 address, with default_af inet6 every address of both "
+             "families.",
+     .word = "",
+     .limit = IFC_LIMIT},
+    {.name = "port",
+     .types = V_INT | V_STRING,
+     .read = read_port,
+     .text = "A number or a text.",
+     .min = 1,
+     .max = 65535,
+     .limit = sizeof(rui_listener_cfg::port)},
+};
+constinit const config_table LISTENER_KEYS = LISTENER_ROWS;
+
 static int load_listener_keys(const config_setting_t* setting, rui_listener_cfg* cfg) noexcept
 {
-    if (load_config_setting_str(setting, "alias", cfg->alias, LSTNR_ALIAS_LEN, "") != 0)
-        return -1;
-    if (load_protocol(setting, cfg) != 0)
-        return -1;
-    if (load_config_setting_str(setting, "domain_path", cfg->domain_path, DSOCK_PATH_MAX - 1, "") != 0)
-        return -1;
-    if (cfg->domain_path[0])
-        return 0;
-    if (load_family(setting, cfg) != 0 || load_ifc(setting, cfg) != 0 || load_port(setting, cfg) != 0)
-        return -1;
+    for (const config_key& key : LISTENER_KEYS) {
+        if (const int rc = key.read(setting, key, cfg))
+            return rc;
+        if (cfg->domain_path[0])
+            return 0; /* a path says the whole place: the rows behind it are not looked at */
+    }
     if (!cfg->alias[0])
         snprintf(cfg->alias, LSTNR_ALIAS_LEN - 1, "%s:%s", cfg->ifc ? cfg->ifc->name : "all", cfg->port);
     return 0;

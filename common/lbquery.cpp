@@ -3,7 +3,6 @@
    waited for, with the signals let in. */
 #include "lbquery.h"
 
-#include "config.h"
 #include "guard.h"
 #include "log.h"
 #include "netops.h"
@@ -29,7 +28,6 @@ constexpr int REPLY_SHOWN = 80;
 constexpr size_t REPLY_PREFIX_LEN = 3; /* a reply is three characters and the key */
 constexpr size_t MIN_SHA1_LINE = 39;
 constexpr size_t MAX_SHA1_LINE = 48;
-constexpr int CONNECT_TMOUT_MS = 500;
 constexpr size_t TEXT_LIMIT = 127;
 constexpr uint32_t OPT_S = 1;
 constexpr char OPT_S_TEXT[] = "-S";
@@ -70,32 +68,71 @@ static const std::array<script_file, 4> SCRIPTS = {{{LBQ_FL_ADD, "add_url.sha1",
 
 /* ---- settings ---- */
 
+/* The record's texts; none of them may be empty. */
+static int read_required(const config_setting_t* group, const config_key& key, char* dst) noexcept
+{
+    if (read_config_text(group, key, dst) != 0)
+        return -1;
+    if (*dst)
+        return 0;
+    LOG_ERR("%s: missing %s setting\n", "load_lbdb_cfg", key.name);
+    return -1;
+}
+
+static int read_host(const config_setting_t* group, const config_key& key, void* record) noexcept
+{
+    return read_required(group, key, static_cast<lbdb_cfg*>(record)->host);
+}
+
+static int read_port(const config_setting_t* group, const config_key& key, void* record) noexcept
+{
+    int* const port = &static_cast<lbdb_cfg*>(record)->port;
+    if (read_config_int(group, key, port) != 0)
+        return -1;
+    if (*port >= key.min && *port <= key.max)
+        return 0;
+    LOG_ERR("%s: invalid port value: %d\n", "load_lbdb_cfg", *port);
+    return -1;
+}
+
+static int read_connect_tmout(const config_setting_t* group, const config_key& key, void* record) noexcept
+{
+    size_t ms = 0;
+    if (read_config_count(group, key, &ms) != 0)
+        return -1;
+    static_cast<lbdb_cfg*>(record)->tmout = {static_cast<time_t>(ms / 1000),
+                                             static_cast<suseconds_t>(ms % 1000 * 1000)};
+    return 0;
+}
+
+static int read_sha1_dir(const config_setting_t* group, const config_key& key, void* record) noexcept
+{
+    return read_required(group, key, static_cast<lbdb_cfg*>(record)->sha1_path);
+}
+
+static constexpr config_key LBDB_ROWS[] = {
+    {.name = "host",
+     .types = V_STRING,
+     .read = read_host,
+     .text = "Redis's host, name or address.",
+     .limit = TEXT_LIMIT},
+    {.name = "port", .types = V_INT, .read = read_port, .text = "Redis's port; 0: no database.", .max = 65535},
+    {.name = "connect_tmout_ms",
+     .types = V_INT,
+     .read = read_connect_tmout,
+     .text = "Milliseconds; a connect that takes longer fails the start.",
+     .number = 500},
+    {.name = "sha1_dir",
+     .types = V_STRING,
+     .read = read_sha1_dir,
+     .text = "Directory of the scripts' digests.",
+     .limit = TEXT_LIMIT},
+};
+constinit const config_table LBDB_KEYS = LBDB_ROWS;
+
 int load_lbdb_cfg(const config_setting_t* group, lbdb_cfg* cfg) noexcept
 {
-    if (load_config_setting_str(group, "host", cfg->host, TEXT_LIMIT, "") != 0)
-        return -1;
-    if (!cfg->host[0]) {
-        LOG_ERR("%s: missing host setting\n", __func__);
-        return -1;
-    }
-    if (load_config_setting_int(group, "port", &cfg->port, 0) != 0)
-        return -1;
-    if (cfg->port < 0 || cfg->port > 65535) {
-        LOG_ERR("%s: invalid port value: %d\n", __func__, cfg->port);
-        return -1;
-    }
-    int ms = 0;
-    if (load_config_setting_int(group, "connect_tmout_ms", &ms, CONNECT_TMOUT_MS) != 0)
-        return -1;
-    ms = std::max(ms, 0);
-    cfg->tmout = {ms / 1000, (ms % 1000) * 1000L};
-    if (load_config_setting_str(group, "sha1_dir", cfg->sha1_path, TEXT_LIMIT, "") != 0)
-        return -1;
-    if (!cfg->sha1_path[0]) {
-        LOG_ERR("%s: missing sha1_dir setting\n", __func__);
-        return -1;
-    }
-    return 0;
+    return load_config_keys(group, LBDB_KEYS, cfg);
 }
 
 /* ---- digests ---- */

@@ -2,6 +2,8 @@
    waits for the answer of its command: for ever, but no longer than 500 ms once a quit signal has come. */
 #pragma once
 
+#include "config_keys.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -20,12 +22,14 @@ constexpr int32_t LBQ_FL_DEL = 4;
 constexpr int32_t LBQ_FL_MBGET = 8;
 
 struct lbdb_cfg {
-    char host[128];
-    int port;            /* the database is used when > 0 */
+    char host[128];      /* name or address; never empty once loaded */
+    int port;            /* 1..65535; 0 = no database */
     char sha1_path[128]; /* directory of the digest files */
-    timeval tmout;       /* connect time-out */
+    timeval tmout;       /* of the connect only: a command's answer is waited for without one */
 };
 
+/* The keys of its group, for lbdb_cfg. */
+extern const config_table LBDB_KEYS;
 /* 0 or -1 (logged). */
 [[nodiscard]] int load_lbdb_cfg(const config_setting_t* group, lbdb_cfg* cfg) noexcept;
 /* Reads the digests of the scripts in need_func. 0, or the failing step's result (logged). */

@@ -1,8 +1,8 @@
 /* The configuration record: built-in defaults, the file, listeners of the command line. After start-up it is only read.
-   */
+   The defaults of the record and those of absent keys are two different sets, on purpose: the former hold only where the
+   file is not read at all. */
 #include "cfg.h"
 
-#include "config.h"
 #include "guard.h"
 #include "log.h"
 #include "strops.h"
@@ -18,7 +18,6 @@
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr size_t PATH_LIMIT = 127;
-constexpr int WEB_RQ_TMOUT_MS = 1000;
 
 kova_cfg g_cfg{};
 
@@ -44,127 +43,215 @@ void init_kova_config(kova_cfg* cfg) noexcept
 
 /* ---- the file ---- */
 
-static size_t not_negative(int value) noexcept
+/* Messages of the readers below name load_config, the road to them all. */
+static int read_channel_url(const config_setting_t* group, const config_key& key, void* record) noexcept
 {
-    return static_cast<size_t>(std::max(0, value));
-}
-
-static int load_udp_input(const config_setting_t* group, udp_lstn_cfg* cfg) noexcept
-{
-    if (load_config_setting_str(group, "url", cfg->url, PATH_LIMIT, "") != 0)
+    udp_lstn_cfg* const cfg = static_cast<udp_lstn_cfg*>(record);
+    if (read_config_text(group, key, cfg->url) != 0)
         return -1;
-    if (!cfg->url[0]) {
-        LOG_ERR("%s: missing url for UDP channel\n", "load_config");
-        return -1;
-    }
-    cfg->is_gzipped = config_setting_flag(group, "is_gzipped", true);
-    if (load_config_setting_str(group, "mcast_ifc", cfg->mifc, MAX_IFC_LEN - 1, "") != 0)
-        return -1;
-    cfg->must_lock = config_setting_flag(group, "must_lock", true);
-    return cfg->must_lock ? load_config_setting_str(group, "lock_dir", cfg->lkdir, PATH_LIMIT, "/tmp") : 0;
-}
-
-static int load_web_input(const config_setting_t* group, rui_cfg* cfg) noexcept
-{
-    if (get_listeners("web", config_setting_get_member(group, "web"), cfg->user) != 0) {
-        LOG_ERR("%s: failed to load web listener(s)\n", "load_config");
-        return -1;
-    }
-    int max_accept = 0;
-    if (const int rc = load_config_setting_int(group, "max_accept", &max_accept, D_MAX_ACCEPT))
-        return rc;
-    cfg->max_accept = not_negative(max_accept);
-    cfg->user_request_tmout = WEB_RQ_TMOUT_MS;
-    return 0;
-}
-
-/* The groups that are read only once. */
-static int load_groups(const config_t* file, kova_cfg* cfg) noexcept
-{
-    const config_setting_t* group = config_lookup(file, "kova.log");
-    if (!group || !config_setting_is_group(group)) {
-        LOG_ERR("%s: missing log section\n", "load_config");
-        return -1;
-    }
-    if (const int rc = load_log_config(group, &cfg->log))
-        return rc;
-    group = config_lookup(file, "kova.runtime");
-    if (!group || !config_setting_is_group(group)) {
-        LOG_ERR("%s: missing runtime section\n", "load_config");
-        return -1;
-    }
-    if (const int rc = load_rt_config(group, &cfg->rt))
-        return rc;
-    if ((group = config_lookup(file, "kova.udp_input"))) {
-        if (const int rc = load_udp_input(group, &cfg->udp_cha))
-            return rc;
-    }
-    if ((group = config_lookup(file, "kova.web_input"))) {
-        if (const int rc = load_web_input(group, &cfg->rui))
-            return rc;
-    }
-    if ((group = config_lookup(file, "kova.lbdb")))
-        return load_lbdb_cfg(group, &cfg->lbdb);
-    return 0;
-}
-
-static int load_data_dir(const config_t* file, kova_cfg* cfg) noexcept
-{
-    if (load_config_str(file, "kova.data_dir", cfg->data_dir, PATH_LIMIT, "/tmp") != 0)
-        return -1;
-    if (dir_check(cfg->data_dir, 1) == 0)
+    if (cfg->url[0])
         return 0;
-    LOG_ERR("%s: cannot accept [%s] as %s\n", "load_config", cfg->data_dir, "kova.data_dir");
+    LOG_ERR("%s: missing url for UDP channel\n", "load_config");
     return -1;
 }
 
-static int load_url_prefix(const config_t* file, kova_cfg* cfg) noexcept
+static int read_lock_dir(const config_setting_t* group, const config_key& key, void* record) noexcept
 {
-    static const char KEY[] = "kova.local_url_prefix";
-    if (load_config_str(file, KEY, cfg->seg_url_pfx, PATH_LIMIT, "") != 0)
+    udp_lstn_cfg* const cfg = static_cast<udp_lstn_cfg*>(record);
+    return cfg->must_lock ? read_config_text(group, key, cfg->lkdir) : 0;
+}
+
+static constexpr config_key UDP_ROWS[] = {
+    {.name = "url",
+     .types = V_STRING,
+     .read = read_channel_url,
+     .text = "addr:port, udp://addr:port or udp://sender@group:port.",
+     .limit = PATH_LIMIT},
+    key_flag<&udp_lstn_cfg::is_gzipped>("is_gzipped", true, "Only shown: datagrams are plain text."),
+    key_text<&udp_lstn_cfg::mifc>("mcast_ifc", "", "Interface of the group, name or address. Without one: any."),
+    key_flag<&udp_lstn_cfg::must_lock>("must_lock", true, "Serialise orders by lock files."),
+    {.name = "lock_dir",
+     .types = V_STRING,
+     .read = read_lock_dir,
+     .text = "Directory of the lock files, shared by cooperating agents.",
+     .word = "/tmp",
+     .limit = PATH_LIMIT},
+};
+static constinit const config_table UDP_KEYS = UDP_ROWS;
+
+static int read_listeners(const config_setting_t* group, const config_key& key, void* record) noexcept
+{
+    if (get_listeners(key.name, config_setting_get_member(group, key.name), static_cast<rui_cfg*>(record)->user) == 0)
+        return 0;
+    LOG_ERR("%s: failed to load web listener(s)\n", "load_config");
+    return -1;
+}
+
+static constexpr config_key WEB_ROWS[] = {
+    {.name = "web",
+     .types = V_GROUP | V_LIST,
+     .read = read_listeners,
+     .text = "A listener, or a list of up to four.",
+     .word = "",
+     .keys = &LISTENER_KEYS},
+    key_count<&rui_cfg::max_accept>("max_accept", D_MAX_ACCEPT, "Clients taken in one wake-up."),
+};
+static constinit const config_table WEB_KEYS = WEB_ROWS;
+
+/* Null (logged) when there is no such group. */
+static const config_setting_t* required_group(const config_setting_t* root, const config_key& key) noexcept
+{
+    const config_setting_t* group = config_lookup(root->config, key.name);
+    if (group && config_setting_is_group(group))
+        return group;
+    LOG_ERR("%s: missing %s section\n", "load_config", strchr(key.name, '.') + 1);
+    return nullptr;
+}
+
+static int read_log(const config_setting_t* root, const config_key& key, void* record) noexcept
+{
+    const config_setting_t* group = required_group(root, key);
+    return group ? load_log_config(group, &static_cast<kova_cfg*>(record)->log) : -1;
+}
+
+static int read_runtime(const config_setting_t* root, const config_key& key, void* record) noexcept
+{
+    const config_setting_t* group = required_group(root, key);
+    return group ? load_rt_config(group, &static_cast<kova_cfg*>(record)->rt) : -1;
+}
+
+static int read_udp_input(const config_setting_t* root, const config_key& key, void* record) noexcept
+{
+    const config_setting_t* group = config_lookup(root->config, key.name);
+    return group ? load_config_keys(group, UDP_KEYS, &static_cast<kova_cfg*>(record)->udp_cha) : 0;
+}
+
+static int read_web_input(const config_setting_t* root, const config_key& key, void* record) noexcept
+{
+    rui_cfg* const cfg = &static_cast<kova_cfg*>(record)->rui;
+    const config_setting_t* group = config_lookup(root->config, key.name);
+    if (!group)
+        return 0;
+    if (const int rc = load_config_keys(group, WEB_KEYS, cfg))
+        return rc;
+    cfg->user_request_tmout = D_URQ_TMOUT_MS;
+    return 0;
+}
+
+static int read_lbdb(const config_setting_t* root, const config_key& key, void* record) noexcept
+{
+    const config_setting_t* group = config_lookup(root->config, key.name);
+    return group ? load_lbdb_cfg(group, &static_cast<kova_cfg*>(record)->lbdb) : 0;
+}
+
+static int read_data_dir(const config_setting_t* root, const config_key& key, void* record) noexcept
+{
+    kova_cfg* const cfg = static_cast<kova_cfg*>(record);
+    if (read_config_text(root, key, cfg->data_dir) != 0)
+        return -1;
+    if (dir_check(cfg->data_dir, 1) == 0)
+        return 0;
+    LOG_ERR("%s: cannot accept [%s] as %s\n", "load_config", cfg->data_dir, key.name);
+    return -1;
+}
+
+static int read_url_prefix(const config_setting_t* root, const config_key& key, void* record) noexcept
+{
+    kova_cfg* const cfg = static_cast<kova_cfg*>(record);
+    if (read_config_text(root, key, cfg->seg_url_pfx) != 0)
         return -1;
     const size_t len = strlen(cfg->seg_url_pfx);
     if (len > 0 && cfg->seg_url_pfx[len - 1] == '/')
         cfg->seg_url_pfx[len - 1] = '\0';
     /* After the strip: a prefix of "/" alone is none, and no URL could be formed with it. */
     if (cfg->lbdb.port != 0 && !cfg->seg_url_pfx[0]) {
-        LOG_ERR("%s: %s must be set for lbdb-enabled mode\n", "load_config", KEY);
+        LOG_ERR("%s: %s must be set for lbdb-enabled mode\n", "load_config", key.name);
         return -1;
     }
     return 0;
 }
 
-static int load_numbers(const config_t* file, kova_cfg* cfg) noexcept
+static int read_urq_tmout(const config_setting_t* root, const config_key& key, void* record) noexcept
 {
-    int urq_sec = 0;
-    int ntasks = 0;
-    int task_ms = 0;
-    int mmap_mb = 0;
-    if (load_config_int(file, "kova.urq_tmout_sec", &urq_sec, 1) != 0 ||
-        load_config_int(file, "kova.max_tasks", &ntasks, D_MAX_TASKS) != 0 ||
-        load_config_int(file, "kova.task_tmout_ms", &task_ms, D_DW_TMOUT_MS) != 0 ||
-        load_config_int(file, "kova.max_mmap_mb", &mmap_mb, D_MAX_MMAP_MB) != 0)
+    int sec = 0;
+    if (read_config_int(root, key, &sec) != 0)
         return -1;
-    cfg->urq_tmout_sec = std::max(0, urq_sec);
-    /* A negative number becomes a size that no table can have: the start fails where the table is made. */
-    cfg->max_tasks = static_cast<size_t>(ntasks);
-    cfg->task_tmout_ms = not_negative(task_ms);
-    cfg->max_mmap_mb = not_negative(mmap_mb);
+    static_cast<kova_cfg*>(record)->urq_tmout_sec = std::max(0, sec);
     return 0;
 }
 
+static int read_max_tasks(const config_setting_t* root, const config_key& key, void* record) noexcept
+{
+    int ntasks = 0;
+    if (read_config_int(root, key, &ntasks) != 0)
+        return -1;
+    /* A negative number becomes a size that no table can have: the start fails where the table is made. */
+    static_cast<kova_cfg*>(record)->max_tasks = static_cast<size_t>(ntasks);
+    return 0;
+}
+
+static constexpr config_key KOVA_ROWS[] = {
+    {.name = "kova.log", .types = V_GROUP, .read = read_log, .text = "What is logged, and where.", .keys = &LOG_KEYS},
+    {.name = "kova.runtime", .types = V_GROUP, .read = read_runtime, .text = "The process.", .keys = &RUNTIME_KEYS},
+    {.name = "kova.udp_input",
+     .types = V_GROUP,
+     .read = read_udp_input,
+     .text = "Orders as datagrams.",
+     .word = "",
+     .keys = &UDP_KEYS},
+    {.name = "kova.web_input",
+     .types = V_GROUP,
+     .read = read_web_input,
+     .text = "Orders over HTTP.",
+     .word = "",
+     .keys = &WEB_KEYS},
+    {.name = "kova.lbdb",
+     .types = V_GROUP,
+     .read = read_lbdb,
+     .text = "Registration of stored files in Redis.",
+     .word = "",
+     .keys = &LBDB_KEYS},
+    {.name = "kova.data_dir",
+     .types = V_STRING,
+     .read = read_data_dir,
+     .text = "Where files are stored; must exist. Together with a destination and -Kova it makes a path of at most 126 "
+             "characters.",
+     .word = "/tmp",
+     .limit = PATH_LIMIT},
+    {.name = "kova.local_url_prefix",
+     .types = V_STRING,
+     .read = read_url_prefix,
+     .text = "Sources below it need no download; required with lbdb.",
+     .word = "",
+     .limit = PATH_LIMIT},
+    {.name = "kova.urq_tmout_sec",
+     .types = V_INT,
+     .read = read_urq_tmout,
+     .text = "Seconds that a client has to send its head, looked at every task_tmout_ms.",
+     .number = 1},
+    {.name = "kova.max_tasks",
+     .types = V_INT,
+     .read = read_max_tasks,
+     .text = "Downloads at once; 0: as many as descriptors allow.",
+     .number = D_MAX_TASKS},
+    key_count<&kova_cfg::task_tmout_ms>(
+        "kova.task_tmout_ms", D_DW_TMOUT_MS,
+        "Milliseconds between two looks at the clients' time-outs. No download is timed by it."),
+    key_count<&kova_cfg::max_mmap_mb>(
+        "kova.max_mmap_mb", D_MAX_MMAP_MB,
+        "MiB; bodies up to this size go through a mapping of the file, larger ones are written."),
+};
+constinit const config_table KOVA_KEYS = KOVA_ROWS;
+
+/* A group is read only once. */
 static int load_config(const config_t* file, kova_cfg* cfg, int reload) noexcept
 {
-    if (!reload) {
-        if (const int rc = load_groups(file, cfg))
+    for (const config_key& key : KOVA_KEYS) {
+        if (reload && key.types == V_GROUP)
+            continue;
+        if (const int rc = key.read(config_root_setting(file), key, cfg))
             return rc;
     }
-    if (const int rc = load_data_dir(file, cfg))
-        return rc;
-    if (const int rc = load_url_prefix(file, cfg))
-        return rc;
-    if (const int rc = load_numbers(file, cfg))
-        return rc;
     if (reload)
         LOG_INFO("%s: configuration re-loaded\n", __func__);
     return 0;

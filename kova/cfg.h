@@ -7,33 +7,36 @@
 #include <cstddef>
 #include <cstdio>
 
-constexpr size_t D_MAX_TASKS = 4096;
-constexpr size_t D_DW_TMOUT_MS = 5000;
-constexpr size_t D_MAX_MMAP_MB = 8;
+constexpr int D_MAX_TASKS = 4096;
+constexpr int D_DW_TMOUT_MS = 5000;
+constexpr int D_MAX_MMAP_MB = 8;
 constexpr size_t MAX_IFC_LEN = 32;
 
 struct udp_lstn_cfg {
     char url[128];          /* empty = no channel */
-    char mifc[MAX_IFC_LEN]; /* multicast interface, empty = any */
+    char mifc[MAX_IFC_LEN]; /* interface of the multicast group, empty = any */
     bool is_gzipped;        /* only shown: datagrams are plain text */
-    bool must_lock;
-    char lkdir[128];
+    bool must_lock;         /* each order's id is locked by a file in lkdir while it is taken and runs */
+    char lkdir[128];        /* empty unless must_lock */
 };
 
 struct kova_cfg {
-    char config_path[128];
+    char config_path[128]; /* the file that was read */
     log_cfg log;
     rt_cfg rt;
     rui_cfg rui;
-    char data_dir[128];
+    char data_dir[128]; /* root of all destinations; without a final slash, unless it is "/" */
     udp_lstn_cfg udp_cha;
-    int urq_tmout_sec;
-    size_t max_tasks; /* 0 = unlimited */
-    size_t task_tmout_ms;
-    size_t max_mmap_mb;
-    char seg_url_pfx[128]; /* prefix under which this host's files are published */
+    int urq_tmout_sec;     /* what a client has from its connect to the end of its head; 0: gone at the next look */
+    size_t max_tasks;      /* downloads at once; 0 = as many as descriptors allow */
+    size_t task_tmout_ms;  /* paces the look at the clients' time-outs, nothing else: no download is timed by it */
+    size_t max_mmap_mb;    /* MiB; larger bodies are written instead of mapped */
+    char seg_url_pfx[128]; /* prefix under which this host's files are published; without a final slash */
     lbdb_cfg lbdb;
 };
+
+/* The keys of the whole file, for kova_cfg, in the order in which they are read. */
+extern const config_table KOVA_KEYS;
 
 extern kova_cfg g_cfg; /* filled at start-up, read-only afterwards (the listeners' interface records excepted) */
 

@@ -3,12 +3,10 @@
 #include "check.h"
 
 #include "cfg.h"
-#include "config.h"
 #include "guard.h"
 #include "log.h"
 #include "meta.h"
 #include "options.h"
-#include "schema.h"
 #include "strops.h"
 #include "util.h"
 
@@ -50,140 +48,6 @@ constexpr size_t FDS_A_TASK = 3;
 constexpr size_t MANY_TASKS = 100'000'000; /* no machine has the memory */
 constexpr size_t FDS_A_LISTENER = 1001;    /* with its longest queue */
 constexpr size_t FDS_OF_ITS_OWN = 16;
-
-/* ---- the file's text ---- */
-
-unsigned type_of(const config_setting_t* s)
-{
-    switch (config_setting_type(s)) {
-    case CONFIG_TYPE_INT:
-    case CONFIG_TYPE_INT64:
-        return V_INT;
-    case CONFIG_TYPE_BOOL:
-        return V_BOOL;
-    case CONFIG_TYPE_STRING:
-        return V_STRING;
-    case CONFIG_TYPE_GROUP:
-        return V_GROUP;
-    case CONFIG_TYPE_LIST:
-        return V_LIST;
-    default:
-        return 0;
-    }
-}
-
-std::string type_names(unsigned types)
-{
-    static const struct {
-        unsigned type;
-        const char* name;
-    } NAMES[] = {
-        {V_INT, "a number"}, {V_BOOL, "true or false"}, {V_STRING, "a text"}, {V_GROUP, "a group"}, {V_LIST, "a list"}};
-    std::string text;
-    for (const auto& n : NAMES) {
-        if (types & n.type)
-            text += (text.empty() ? "" : " or ") + std::string(n.name);
-    }
-    return text;
-}
-
-void check_keys(const config_setting_t* group, std::span<const key_rule> rules);
-
-void check_value(const config_setting_t* s, const key_rule& rule)
-{
-    const unsigned type = type_of(s);
-    if (!(type & rule.types)) {
-        warn("line %u: %s is not %s, and has no effect", config_setting_source_line(s), config_setting_name(s),
-             type_names(rule.types).c_str());
-        return;
-    }
-    if (type == V_GROUP) {
-        check_keys(s, rule.keys);
-        return;
-    }
-    const long long value = type == V_INT ? config_setting_get_int64(s) : 0;
-    if (value < 0 && rule.name != "cpunum")
-        warn("line %u: %s is negative", config_setting_source_line(s), config_setting_name(s));
-    if (type != V_LIST)
-        return;
-    const int n = config_setting_length(s);
-    for (int i = 0; i < n; ++i) {
-        const config_setting_t* elem = config_setting_get_elem(s, static_cast<unsigned>(i));
-        if (i >= static_cast<int>(MAX_LISTENERS))
-            warn("line %u: listener %d is ignored: there are four at most", config_setting_source_line(elem), i + 1);
-        else if (config_setting_is_group(elem))
-            check_keys(elem, rule.keys);
-    }
-}
-
-void check_keys(const config_setting_t* group, std::span<const key_rule> rules)
-{
-    const int n = config_setting_length(group);
-    for (int i = 0; i < n; ++i) {
-        const config_setting_t* s = config_setting_get_elem(group, static_cast<unsigned>(i));
-        const char* name = config_setting_name(s);
-        const key_rule* found = nullptr;
-        for (const key_rule& rule : rules) {
-            if (rule.name == name)
-                found = &rule;
-        }
-        if (found)
-            check_value(s, *found);
-        else
-            warn("line %u: unknown key %s", config_setting_source_line(s), name);
-    }
-}
-
-/* A listener that is given a path and a port listens on the path only. */
-void check_listener(const config_setting_t* s)
-{
-    const char* path = nullptr;
-    if (config_setting_lookup_string(s, "domain_path", &path) == CONFIG_TRUE && *path &&
-        (config_setting_get_member(s, "port") || config_setting_get_member(s, "ifc")))
-        warn("line %u: ifc and port are ignored beside domain_path", config_setting_source_line(s));
-    const char* protocol = nullptr;
-    if (config_setting_lookup_string(s, "protocol", &protocol) == CONFIG_TRUE && ci_equal(protocol, "udp"))
-        warn("line %u: a web listener over udp accepts nobody", config_setting_source_line(s));
-}
-
-/* The parser library cuts a number without an L at its end to 32 bits and says nothing. */
-void check_numbers(const std::string& path)
-{
-    std::ifstream file(path);
-    const std::string text((std::istreambuf_iterator<char>(file)), {});
-    config_scan scan{.rest = text};
-    std::string_view word;
-    for (config_word kind{}; (kind = config_next_word(&scan, &word)) != config_word::END;) {
-        if (kind == config_word::INCLUDE) {
-            check_numbers(std::string(word)); /* the loader has bounded the depth */
-            continue;
-        }
-        const bool is_hex = word.starts_with("0x") || word.starts_with("0X");
-        errno = 0;
-        const long long value = strtoll(std::string(word).c_str(), nullptr, is_hex ? 16 : 10);
-        if (errno == ERANGE || value > INT_MAX || value < INT_MIN)
-            warn("%s, line %u: %.*s is beyond 32 bits, and is taken for another number", path.c_str(), scan.line,
-                 static_cast<int>(word.size()), word.data());
-    }
-}
-
-void check_text(const char* path)
-{
-    check_numbers(path);
-    config_t file;
-    config_init(&file);
-    const scope_guard destroy([&file] { config_destroy(&file); });
-    if (config_read_file(&file, path) != CONFIG_TRUE)
-        return; /* the loader has said so */
-    check_keys(config_root_setting(&file), FILE_KEYS);
-    const config_setting_t* web = config_lookup(&file, "kova.web_input.web");
-    if (web && config_setting_is_group(web)) {
-        check_listener(web);
-    } else if (web && config_setting_is_list(web)) {
-        for (int i = 0; i < config_setting_length(web); ++i)
-            check_listener(config_setting_get_elem(web, static_cast<unsigned>(i)));
-    }
-}
 
 /* ---- what it means on this machine ---- */
 
@@ -279,7 +143,7 @@ void check_daemon(const kova_cfg& cfg)
 int usage(FILE* out, int status)
 {
     fputs(
-        "usage: kov-checkconf [--strict] [FILE]\n\n"
+        "usage: kov-checkconf [--strict] [--wait SECONDS] [FILE]\n       kov-checkconf --keys\n\n"
         "Loads FILE (else the file that kov would find) as kov does, prints what it means, and warns of what is legal\n"
         "but hardly meant. Nothing is started, nothing is written.\n\n",
         out);
@@ -299,6 +163,10 @@ int main(int argc, char* argv[])
     for (int c = 0; (c = getopt_long(argc, argv, letters.c_str(), options.data(), nullptr)) != -1;) {
         if (c == 'h')
             return usage(stdout, 0);
+        if (c == 'k') {
+            list_keys();
+            return 0;
+        }
         if (c == 's') {
             is_strict = true;
             continue;

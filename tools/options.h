@@ -18,6 +18,9 @@ inline constexpr tool_option CHECKCONF_OPTIONS[] = {
     {{"wait", required_argument, nullptr, 'w'},
      "SECONDS",
      "for the file's database to answer; refuse when it does not"},
+    {{"keys", no_argument, nullptr, 'k'},
+     nullptr,
+     "list every key: path, type, value when absent, range, meaning; with tabs between"},
     {{"help", no_argument, nullptr, 'h'}, nullptr, "this text"},
 };
 
