@@ -1,170 +1,147 @@
-"""Whose file is it: repeated orders, mirrors for one destination, stalls, takeovers, and what stands in a task's way."""
+"""Whose file is it: repeated orders, mirrors for one destination, stalls, takeovers, what stands in a task's way."""
 
 import os
 import threading
 import time
-import unittest
 
-from kov import ANSWERS, KovTest, wait_for
-from services import Redis
+from harness import ANSWERS, MODES, KovTest, age, request, reset, sized, wait_for, write
 
-HEAD4 = b"HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\n"
+HEAD4 = sized(4)
 GONE = b"HTTP/1.1 404 Not Found\r\n\r\n"
-MODES = ("", "max_mmap_mb = 0;")
 
 
 class Ownership(KovTest):
-    def gated(self, path, first, *pieces):
-        """A source that sends first, and each further piece when its gate opens. Its URL and the gates."""
-        gates = [threading.Event() for _ in pieces]
-
-        def then(conn):
-            for gate, piece in zip(gates, pieces):
-                gate.wait(30)
-                conn.sendall(piece)
-        return (self.origin.raw(path, first, then), *gates)
-
-    def start_stalled(self, agent, path, dst):
+    def start_stalled(self, agent, path, dst, is_old=True):
         """A download of "abcd" that has got two bytes, the last of them long ago."""
-        url, gate = self.gated(path, HEAD4 + b"ab", b"cd")
-        self.assertEqual(agent.order(url, dst), ANSWERS[200])
-        self.age(agent, dst)
+        url, gate = self.origin.gated(path, HEAD4 + b"ab", b"cd")
+        agent.order(url, dst)
+        if is_old:
+            age(agent.path(dst + "-Kova"), 35)
         return url, gate
 
-    @staticmethod
-    def age(agent, dst, seconds=35):
-        os.utime(agent.path(dst + "-Kova"), (time.time() - seconds,) * 2)
-
     def answers_later(self, agent, url, dst):
-        """Places an order whose answer is collected by the function that is returned."""
-        client = agent.connect()
+        """Places an order whose answer is compared by the function that is returned."""
         before = agent.log().count("TASK-START")
-        client.sendall(f"GET /src/{url}/dst/{dst} HTTP/1.1\r\nHost: h\r\n\r\n".encode())
-        agent.wait_log("TASK-START", before + 1)
+        client = agent.ask(url, dst)
+        agent.logged("TASK-START", count=before + 1)
 
-        def answer():
+        def answer(expect):
             with client:
-                return client.recv(4096)
+                self.assertEqual(client.recv(4096), ANSWERS[expect])
         return answer
 
     def test_an_order_that_starts_nothing_removes_nothing_that_lives(self):
         for settings in MODES:
             agent = self.start(settings + f'max_tasks = 1; local_url_prefix = "{self.origin.url("/own")}";')
             url, gate = self.start_stalled(agent, "/a", "d/x")
-            self.assertEqual(agent.order(url, "d/x"), ANSWERS[500])
-            self.assertEqual(agent.order(url, "d//x"), ANSWERS[500])  # the same file by another name
-            self.assertEqual(agent.send(f"HEAD /src/{url}z/dst/d/x HTTP/1.1\r\nHost: h\r\n\r\n".encode()), b"")
-            self.assertEqual(agent.order(self.origin.url("/own/x"), "d/x"), ANSWERS[200])
-            self.assertEqual(agent.order(self.origin.url("/other"), "d/x"), ANSWERS[500])
-            self.assertIn("limit on tasks exceeded [1]", agent.log())
+            agent.order(url, "d/x", 500)
+            agent.order(url, "d//x", 500)  # the same file by another name
+            agent.send(request(f"/src/{url}z/dst/d/x", "HEAD"), 0)
+            agent.order(self.origin.url("/own/x"), "d/x")
+            agent.order(self.origin.url("/other"), "d/x", 500)
+            agent.logged("mk_dw_task: limit on tasks exceeded [1]")
             gate.set()
-            self.assertEqual(agent.stored("d/x"), b"abcd")
+            agent.stored("d/x", b"abcd")
+            agent.ended()
+            agent.fetch(self.origin.body("/next", b"next"), "next", b"next")
 
     def test_a_mapped_file_shows_when_its_last_byte_came(self):
         agent = self.start()
-        url, gate, gate_end = self.gated("/a", HEAD4 + b"a", b"b", b"cd")
-        self.assertEqual(agent.order(url, "x"), ANSWERS[200])
+        url, gate, gate_end = self.origin.gated("/a", HEAD4 + b"a", b"b", b"cd")
+        agent.order(url, "x")
         time.sleep(1.1)  # its time is set once a second
-        self.age(agent, "x")
+        age(agent.path("x-Kova"), 35)
         gate.set()
         wait_for(lambda: time.time() - os.stat(agent.path("x-Kova")).st_mtime < 10, "the file's time")
         gate_end.set()
-        self.assertEqual(agent.stored("x"), b"abcd")
+        agent.stored("x", b"abcd")
 
     def test_the_end_of_a_mirror_leaves_the_file_of_the_other(self):
         for settings in MODES:
             for answer, head in ((404, GONE), (500, HEAD4 + b"wxyz"), (500, b"")):
                 agent = self.start(settings)
-                first, gate_head, gate_body = self.gated("/first", b"", HEAD4 + b"ab", b"cd")
-                second, gate_second = self.gated("/second", b"", head)
+                first, gate_head, gate_body = self.origin.gated("/first", b"", HEAD4 + b"ab", b"cd")
+                second, gate_second = self.origin.gated("/second", b"", head)
                 of_first = self.answers_later(agent, first, "x")
                 of_second = self.answers_later(agent, second, "x")
                 gate_head.set()
-                self.assertEqual(of_first(), ANSWERS[200])
+                of_first(200)
                 gate_second.set()
-                self.assertEqual(of_second(), ANSWERS[answer])
-                agent.wait_log("TASK-END")
-                self.assertNotIn("removing unfinished", agent.log())
+                of_second(answer)
+                agent.ended()
+                agent.not_logged("removing unfinished")
                 gate_body.set()
-                self.assertEqual(agent.stored("x"), b"abcd")
+                agent.stored("x", b"abcd")
 
     def test_a_leftover_in_the_way_goes(self):
         agent = self.start()
-        for make in (lambda path: os.close(os.open(path, os.O_CREAT)), lambda path: os.symlink("/nonexistent", path)):
-            url, gate = self.gated("/a", b"", HEAD4 + b"abcd")
+        for make in (write, lambda path: os.symlink("/nonexistent", path)):
+            url, gate = self.origin.gated("/a", b"", HEAD4 + b"abcd")
             answer = self.answers_later(agent, url, "x")
             make(agent.path("x-Kova"))
             gate.set()
-            self.assertEqual(answer(), ANSWERS[500])
-            wait_for(lambda: agent.files() == [], "the leftover to go")
-        self.assertEqual(agent.log().count("free_dw: removing unfinished"), 2)
-        self.assertEqual(agent.order(f"http://127.0.0.1:{agent.port + 1}/refused", "y"), ANSWERS[400])
-        self.assertEqual(agent.log().count("removing unfinished"), 2)  # where nothing is, nothing is said
+            answer(500)
+            agent.holds()
+        agent.order(f"http://127.0.0.1:{agent.port + 1}/refused", "y", 400)
+        self.assertEqual(agent.log().count("free_dw: removing unfinished"), 2)  # where nothing is, nothing is said
 
     def test_a_takeover(self):
-        db = Redis(self.new_root())
-        self.addCleanup(db.stop)
+        db = self.redis()
         for n, settings in enumerate(MODES):
+            dst = f"x{n}"
             agent = self.start(settings + db.settings())
-            former, gate = self.start_stalled(agent, "/former", f"x{n}")
-            inode = os.stat(agent.path(f"x{n}-Kova")).st_ino
-            for answer, head in ((404, GONE), (500, HEAD4.replace(b"4", b"9223372036854775807"))):
-                self.assertEqual(agent.order(self.origin.raw("/no", head), f"x{n}"), ANSWERS[answer])
-            self.assertEqual(os.stat(agent.path(f"x{n}-Kova")).st_ino, inode)
-            self.assertNotIn("taken over", agent.log())  # nothing came that could take its place
-            url, gate_own = self.gated("/own", HEAD4 + b"wx", b"yz")
-            self.assertEqual(agent.order(url, f"x{n}"), ANSWERS[200])
+            former, gate = self.start_stalled(agent, "/former", dst)
+            inode = os.stat(agent.path(f"{dst}-Kova")).st_ino
+            for answer, head in ((404, GONE), (500, sized(2 ** 63 - 1))):
+                agent.order(self.origin.raw("/no", head), dst, answer)
+            self.assertEqual(os.stat(agent.path(f"{dst}-Kova")).st_ino, inode)
+            agent.not_logged("taken over")  # nothing came that could take its place
+            url, gate_own = self.origin.gated("/own", HEAD4 + b"wx", b"yz")
+            agent.order(url, dst)
             self.assertRegex(agent.log(), rf"\(WRN\)  T0004  .*\[{former}\].* taken over from \[{url}\]\n")
             gate.set()
-            agent.wait_log("removing T0001 due to error")
-            agent.wait_log("TASK-END", 3)
-            self.assertEqual(agent.files(), [f"x{n}-Kova"])
-            self.assertEqual(db.urls(f"x{n}"), {})
+            agent.logged("removing T0001 due to error")
+            agent.ended(3)
+            self.assertEqual((agent.files(), db.urls(dst)), ([f"{dst}-Kova"], {}))
             gate_own.set()
-            self.assertEqual(agent.stored(f"x{n}"), b"wxyz")
-            wait_for(lambda k=f"x{n}": db.urls(k) != {}, "the registration")
+            agent.stored(dst, b"wxyz")
+            wait_for(lambda k=dst: db.urls(k) != {}, "the registration")
 
     def test_a_stall_that_ends_in_time_is_not_taken_over(self):
         agent = self.start("max_mmap_mb = 0;")
         _, gate = self.start_stalled(agent, "/former", "x")
-        url, gate_head = self.gated("/own", b"", HEAD4 + b"wxyz")
+        url, gate_head = self.origin.gated("/own", b"", HEAD4 + b"wxyz")
         answer = self.answers_later(agent, url, "x")
-        self.age(agent, "x", 5)
+        age(agent.path("x-Kova"), 5)
         gate_head.set()
-        self.assertEqual(answer(), ANSWERS[500])
+        answer(500)
         gate.set()
-        self.assertEqual(agent.stored("x"), b"abcd")
+        agent.stored("x", b"abcd")
 
-    def test_a_file_that_was_cut_is_not_published(self):
+    def test_a_file_that_was_cut_or_replaced_is_not_published(self):
+        def replace(path):
+            os.unlink(path)
+            write(path, "not its own")
         for settings in MODES:
-            agent = self.start(settings)
-            url, gate = self.gated("/a", HEAD4 + b"ab", b"cd")
-            self.assertEqual(agent.order(url, "x"), ANSWERS[200])
-            os.truncate(agent.path("x-Kova"), 8)
-            gate.set()
-            agent.wait_log("complete_download: rename(")
-            agent.wait_log("TASK-END")
-            wait_for(lambda a=agent: a.files() == [], "the file to go")
+            for change, left in ((lambda path: os.truncate(path, 8), ()), (replace, ("x-Kova",))):
+                agent = self.start(settings)
+                _, gate = self.start_stalled(agent, "/a", "x", False)
+                change(agent.path("x-Kova"))
+                gate.set()
+                agent.logged("complete_download: rename(", "TASK-END")
+                agent.holds(*left)
+                for name in left:
+                    os.unlink(agent.path(name))
 
     def test_a_mapped_order_that_does_not_fit_gives_its_blocks_back(self):
-        trace = f"{self.root}/trace"
-        agent = self.start(env={"ASAN_OPTIONS": "detect_leaks=0"},  # leaks cannot be looked for under a tracer
-                           wrapper=["strace", "-D", "-qq", "-o", trace, "-e", "trace=fallocate,ftruncate", "-e",
-                                    "inject=fallocate:error=ENOSPC"])
-        self.assertEqual(agent.order(self.origin.body("/a", b"x" * 5000), "x"), ANSWERS[500])
-        with open(trace, encoding="ascii") as f:
-            calls = f.read()
-        self.assertRegex(calls, r"ftruncate\((\d+), 5000\).*\n.*ENOSPC.*\nftruncate\(\1, 0\)")
+        agent = self.start(trace="fallocate,ftruncate", inject=["fallocate:error=ENOSPC"])
+        agent.order(self.origin.body("/a", b"x" * 5000), "x", 500)
+        self.assertRegex(agent.trace(), r"ftruncate\((\d+), 5000\).*\n.*ENOSPC.*\nftruncate\(\1, 0\)")
 
     def test_a_whole_body_completes_even_when_its_source_resets(self):
         for settings in MODES:
             agent = self.start(settings)
             gate = threading.Event()
-            url = self.origin.raw("/a", HEAD4 + b"abcd", lambda conn, gate=gate: (gate.wait(30), self.origin.reset(conn)))
-            self.assertEqual(agent.order(url, "x"), ANSWERS[200])
+            agent.order(self.origin.raw("/a", HEAD4 + b"abcd", lambda conn, g=gate: (g.wait(30), reset(conn))), "x")
             gate.set()
-            self.assertEqual(agent.stored("x"), b"abcd")
-
-
-if __name__ == "__main__":
-    unittest.main()
+            agent.stored("x", b"abcd")
