@@ -3,13 +3,12 @@
 import fcntl
 import os
 import pwd
-import re
 import resource
 import signal
 import subprocess
 import unittest
 
-from kov import ANSWERS, KOV, KovTest, adopt_orphans, reap_all
+from harness import KOV, KovTest, adopt_orphans, read, reap_all, write
 
 NOBODY = pwd.getpwnam("nobody")
 
@@ -30,148 +29,128 @@ class Background(KovTest):
 
     def background(self, user="", more="", **kwargs):
         """Starts a daemon whose directory anybody can write to; its parts are closed to nobody."""
-        return self.start(runtime=f'pidfile = "{self.next_root()}/pid"; run_as_user = "{user}"; {more}', daemon=True, **kwargs)
+        runtime = f'pidfile = "{self.next_root()}/pid"; run_as_user = "{user}"; {more}'
+        return self.start(runtime=runtime, daemon=True, **kwargs)
 
     @staticmethod
-    def status(agent):
-        with open(f"/proc/{agent.pid}/status", encoding="ascii") as f:
-            return dict(line.split(":\t", 1) for line in f.read().splitlines())
+    def link(agent, name):
+        return os.readlink(f"/proc/{agent.pid}/{name}")
 
     def test_as_another_user(self):
         agent = self.background("nobody", preexec=lambda: (os.setgroups([0, 4, 6]), os.chdir("/root")))
         self.assertEqual((agent.starter_status, agent.leader_status), (0, 0))
-        status = self.status(agent)
+        status = dict(line.split(":\t", 1) for line in agent.proc_file("status").splitlines())
         self.assertEqual(status["Uid"].split(), [str(NOBODY.pw_uid)] * 4)
         self.assertEqual(status["Gid"].split(), [str(NOBODY.pw_gid)] * 4)
         self.assertEqual(status["Groups"].split(), [str(NOBODY.pw_gid)])
         self.assertEqual(int(status["PPid"]), os.getpid())  # adopted: its parent is gone
         self.assertNotIn(os.getsid(agent.pid), (os.getsid(0), agent.pid))
-        for fd in (0, 1, 2):
-            self.assertEqual(os.readlink(f"/proc/{agent.pid}/fd/{fd}"), "/dev/null")
-        self.assertEqual(os.readlink(f"/proc/{agent.pid}/cwd"), "/tmp")  # the directory of the start is closed to it
+        self.assertEqual({self.link(agent, f"fd/{fd}") for fd in (0, 1, 2)}, {"/dev/null"})
+        self.assertEqual(self.link(agent, "cwd"), "/tmp")  # the directory of the start is closed to it
         self.assertEqual(agent.read_pidfile(), str(agent.pid))
         log_stat = os.stat(agent.log_path)
         self.assertEqual((log_stat.st_uid, log_stat.st_mode & 0o7777), (NOBODY.pw_uid, 0o644))
-        self.assertRegex(agent.log(), rf"STARTING\. PID={agent.pid}\n")
-        self.assertIn(f"Created pidfile [{agent.pidfile}] with pid={agent.pid}.\n", agent.log())
-        self.assertRegex(agent.log(), rf"Runtime pid={agent.pid} uid/gid = {NOBODY.pw_uid}/{NOBODY.pw_gid} running in")
+        agent.logged(f"STARTING. PID={agent.pid}\n", f"Created pidfile [{agent.pidfile}] with pid={agent.pid}.\n",
+                     f"Runtime pid={agent.pid} uid/gid = {NOBODY.pw_uid}/{NOBODY.pw_gid} running in")
         self.assertNotRegex(agent.stderr(), "ERR|NRM")  # all went into the log
-        self.assertEqual(agent.order(self.origin.body("/a", b"first"), "new/dir/a"), ANSWERS[200])
-        self.assertEqual(agent.stored("new/dir/a"), b"first")
+        agent.fetch(self.origin.body("/a", b"first"), "new/dir/a", b"first")
         self.assertEqual(os.stat(agent.path("new/dir")).st_mode & 0o7777, 0o755)
-        self.assertEqual(agent.stop()[0], 0)
+        self.end(agent)
         self.assertFalse(os.path.exists(agent.pidfile))
-        self.assertIn("kov shut down\n", agent.log())
-        self.forget(agent)
+        agent.logged("kov shut down\n")
 
     def test_stays_in_a_directory_that_is_open_to_the_user(self):
         agent = self.background("nobody", preexec=lambda: os.chdir(self.root))
-        self.assertEqual(os.readlink(f"/proc/{agent.pid}/cwd"), self.root)
+        self.assertEqual(self.link(agent, "cwd"), self.root)
         agent = self.background(preexec=lambda: os.chdir(self.root))  # root stays where the daemon went
-        self.assertEqual(os.readlink(f"/proc/{agent.pid}/cwd"), "/")
-        self.assertEqual(self.status(agent)["Uid"].split(), ["0"] * 4)
+        self.assertEqual(self.link(agent, "cwd"), "/")
+        self.assertIn("\nUid:\t0\t0\t0\t0\n", agent.proc_file("status"))
 
     def test_a_relative_data_directory_is_where_the_operator_stood(self):
         root = self.next_root()
         name = "x" * (128 - len(root) - 1)
-        statuses, errors, _ = self.failed_start(options=("-D", name), preexec=lambda: os.chdir(root))
-        self.assertEqual(statuses, [1], errors)  # before the first fork
-        self.assertIn("is too long (128), max = 127 characters.\n", errors)
+        self.failed_start(["is too long (128), max = 127 characters.\n"], [1], ("-D", name), lambda: os.chdir(root))
         root = self.next_root()
         agent = self.background(options=("-D", "d"), preexec=lambda: os.chdir(root))
-        self.assertIn(f"\tdata directory       = [{root}/d]\n", agent.log())
-        self.assertEqual(agent.order(self.origin.body("/a", b"here"), "sub/a"), ANSWERS[200])
-        self.assertEqual(agent.stored("sub/a"), b"here")
+        agent.logged(f"\tdata directory       = [{root}/d]\n")
+        agent.fetch(self.origin.body("/a", b"here"), "sub/a", b"here")
 
     def test_core_limit(self):
-        for user, hard, message in (("", resource.RLIM_INFINITY, ""),
-                                    ("nobody", 0, "set_unlimited_core: setrlimit ERROR(1): ")):
+        for user, hard, limit, message in (("", resource.RLIM_INFINITY, "unlimited", ""),
+                                           ("nobody", 0, "0", "set_unlimited_core: setrlimit ERROR(1): ")):
             agent = self.background(user, "enforce_core_dumps = true;",
                                     preexec=lambda hard=hard: resource.setrlimit(resource.RLIMIT_CORE, (0, hard)))
-            with open(f"/proc/{agent.pid}/limits", encoding="ascii") as f:
-                limit = re.search(r"Max core file size +(\S+)", f.read()).group(1)
-            self.assertEqual(limit, "0" if user else "unlimited")
-            self.assertIn(message, agent.log())
+            self.assertRegex(agent.proc_file("limits"), f"Max core file size +{limit} ")
+            agent.logged(message)
 
     def test_hang_up_ends_it_by_default(self):
         agent = self.background()
-        self.assertEqual(agent.stop(signal.SIGHUP)[0], -signal.SIGHUP)
-        self.assertNotIn("SIGHUP", agent.log())
+        self.end(agent, -signal.SIGHUP, signal.SIGHUP)
+        agent.not_logged("SIGHUP")
         self.assertTrue(os.path.exists(agent.pidfile))
-        self.forget(agent)
 
     def test_a_later_instance_takes_the_pid_file_over(self):
         first = self.background()
         second = self.start(runtime=f'pidfile = "{first.pidfile}";', daemon=True)
         self.assertNotEqual(second.pid, first.pid)
-        self.assertEqual(first.stop()[0], 0)
+        self.end(first)
         self.assertFalse(os.path.exists(first.pidfile))  # unlinked by the first, though the second wrote it
-        self.forget(first)
-        self.assertEqual(second.get("/"), ANSWERS[204])
-        self.assertEqual(second.stop()[0], 0)  # and a missing file is no fault
-        self.assertNotIn("unlink", second.log())
-        self.forget(second)
+        second.get("/", 204)
+        self.end(second)  # and a missing file is no fault
+        second.not_logged("unlink")
 
     def test_a_terminal_run_unlinks_the_pid_file_of_another(self):
         pidfile = f"{self.root}/0/other"
         agent = self.start(runtime=f'pidfile = "{pidfile}";')
-        with open(pidfile, "w", encoding="ascii") as f:
-            f.write("1")
-        agent.stop()
+        write(pidfile, "1")
+        self.end(agent)
         self.assertFalse(os.path.exists(pidfile))
-        self.forget(agent)
 
-    def failed_start(self, runtime="", log="", options=(), preexec=None):
-        """Statuses of the three processes, standard error and log of a start that fails after the forks."""
+    def failed_start(self, messages, statuses, options=(), preexec=None, runtime="", place="errors"):
+        """A start that fails, with the statuses of its processes, and what it says on standard error or in the log."""
         root = self.new_root()
-        with open(f"{root}/kov.conf", "w", encoding="utf-8") as f:
-            f.write(f'kova = {{ log = {{ file = "{root}/log"; {log} }}; runtime = {{ {runtime} }};'
-                    f'web_input = {{ web = {{ ifc = "lo"; port = 9; }}; }}; data_dir = "{root}"; }};')
-        with subprocess.Popen([KOV, "-C", f"{root}/kov.conf", *options], stderr=subprocess.PIPE, preexec_fn=preexec) as proc:
+        write(f"{root}/kov.conf", f'kova = {{ log = {{ file = "{root}/log"; }}; runtime = {{ {runtime} }};'
+              f'web_input = {{ web = {{ ifc = "lo"; port = 9; }}; }}; data_dir = "{root}"; }};')
+        command = [KOV, "-C", f"{root}/kov.conf", *options]
+        with subprocess.Popen(command, stderr=subprocess.PIPE, preexec_fn=preexec) as proc:
             errors = proc.stderr.read().decode()
-            statuses = reap_all()
+            found = sorted(reap_all())  # two of them end in any order
             proc.returncode = 0
-        try:
-            with open(f"{root}/log", encoding="utf-8") as f:
-                return statuses, errors, f.read()
-        except FileNotFoundError:
-            return statuses, errors, ""
+        text = errors if place == "errors" else read(f"{root}/log")
+        self.assertEqual(found, statuses, text)
+        for message in messages:
+            self.assertIn(message, text)
 
     def test_failures_after_the_forks(self):
-        locked = f"{self.root}/locked"
+        pid = f'pidfile = "{self.root}/pid";'
+        locked, link, target, fifo, fifo_read = (f"{self.root}/{name}" for name in "abcde")
+        write(locked)
         holder = open(locked, "w", encoding="ascii")
         self.addCleanup(holder.close)
         fcntl.lockf(holder, fcntl.LOCK_EX)
-        pid = f'pidfile = "{self.root}/pid";'
-        link, target, fifo, read = (f"{self.root}/{name}" for name in ("link", "target", "fifo", "read"))
-        with open(target, "w", encoding="ascii") as f:
-            f.write("not a pid")
+        write(target, "not a pid")
         os.symlink(target, link)
         os.mkfifo(fifo)
-        os.mkfifo(read)
-        self.addCleanup(os.close, os.open(read, os.O_RDONLY | os.O_NONBLOCK))
-        for arguments, where, message in (
-                ({"runtime": pid + 'run_as_user = "no-such-user";'}, "stderr",
-                 "run_as_user: getpwnam: user no-such-user not found\n"),
-                ({"runtime": pid, "options": ("-l", "/nonexistent/log")}, "stderr",
+        os.mkfifo(fifo_read)
+        self.addCleanup(os.close, os.open(fifo_read, os.O_RDONLY | os.O_NONBLOCK))
+        created = "create_pidfile_extra: "
+        for runtime, options, place, message in (
+                (pid + 'run_as_user = "nosuch";', (), "errors", "run_as_user: getpwnam: user nosuch not found\n"),
+                (pid, ("-l", "/nonexistent/log"), "errors",
                  "do_open: uid/gig=0/0 fopen(/nonexistent/log) ERROR(2): No such file or directory\n"),
-                ({"runtime": ""}, "log", "create_pidfile_extra: no path specified\n"),
-                ({"runtime": 'pidfile = "/nonexistent/pid";'}, "log",
-                 "create_pidfile_extra: failed to create pidfile [/nonexistent/pid] with pid="),
-                ({"runtime": f'pidfile = "{locked}";'}, "log", "Another instance is already running\n"),
-                ({"runtime": f'pidfile = "{link}";'}, "log", f"open('{link}', "),
-                ({"runtime": f'pidfile = "{fifo}";'}, "log", "ERROR(6): "),
-                ({"runtime": f'pidfile = "{read}";'}, "log", f"create_pidfile_extra: [{read}] is not a regular file\n"),
-                ({"runtime": pid, "options": ("-P", "2000")}, "log", "Failed to pin this kov(pid=")):
-            statuses, errors, log = self.failed_start(**arguments)
-            text = errors if where == "stderr" else log
-            self.assertEqual(sorted(statuses), [0, 0, 1], text)  # the two orphans end in any order
-            for line in (message, "runtime_setup: FAILED (rc=-1)\n", "kov shut down\n", "EXIT(1). PID="):
-                self.assertIn(line, text)
+                ("", (), "log", created + "no path specified\n"),
+                ('pidfile = "/nonexistent/pid";', (), "log",
+                 created + "failed to create pidfile [/nonexistent/pid] with pid="),
+                (f'pidfile = "{locked}";', (), "log", "Another instance is already running\n"),
+                (f'pidfile = "{link}";', (), "log", f"open('{link}', "),
+                (f'pidfile = "{fifo}";', (), "log", "ERROR(6): "),
+                (f'pidfile = "{fifo_read}";', (), "log", created + f"[{fifo_read}] is not a regular file\n"),
+                (pid, ("-P", "2000"), "log", "Failed to pin this kov(pid=")):
+            messages = (message, "runtime_setup: FAILED (rc=-1)\n", "kov shut down\n", "EXIT(1). PID=")
+            self.failed_start(messages, [0, 0, 1], options, runtime=runtime, place=place)
             self.assertFalse(os.path.exists(f"{self.root}/pid"))
-        with open(target, encoding="ascii") as f:
-            self.assertEqual(f.read(), "not a pid")
-        self.assertTrue(all(os.path.lexists(path) for path in (link, fifo, read)))  # what was refused is left alone
+        self.assertEqual(read(target), "not a pid")
+        self.assertTrue(all(os.path.lexists(path) for path in (link, fifo, fifo_read)))  # the refused are left alone
         self.assertFalse(os.path.exists(locked))  # the refused instance unlinks the other one's file
 
     def test_start_in_a_removed_directory(self):
@@ -179,11 +158,4 @@ class Background(KovTest):
             os.mkdir(f"{self.root}/gone")
             os.chdir(f"{self.root}/gone")
             os.rmdir(f"{self.root}/gone")
-        statuses, errors, _ = self.failed_start(preexec=in_removed)
-        self.assertEqual(statuses, [1])  # before the first fork
-        self.assertIn("getcwd ERROR(2) : No such file or directory\n", errors)
-        self.assertIn("EXIT(1). PID=", errors)
-
-
-if __name__ == "__main__":
-    unittest.main()
+        self.failed_start(["getcwd ERROR(2) : No such file or directory\n", "EXIT(1). PID="], [1], preexec=in_removed)
