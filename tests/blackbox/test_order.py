@@ -1,120 +1,93 @@
-"""An order from the GET to the stored file: bodies of all shapes, answers, log lines."""
+"""An order from the GET to the stored file: targets, heads, bodies of all shapes, answers, log lines."""
 
 import os
 import re
-import time
+import shutil
+import subprocess
 import unittest
 
-from kov import ANSWERS, HEAD, KovTest, sha, wait_for
+from harness import HEAD, QUICK, KovTest, Nginx, age, request, write
 
 MIB = 1 << 20
 
 
 class Bodies(KovTest):
     def check_body(self, agent, name, size, **shape):
-        data = os.urandom(size)
-        url = self.origin.body(f"/{name}", data, **shape)
-        self.assertEqual(agent.order(url, f"out/{name}"), ANSWERS[200])
-        self.assertEqual(sha(agent.stored(f"out/{name}")), sha(data), name)
+        body = os.urandom(size)
+        agent.fetch(self.origin.body(f"/{name}", body, **shape), f"out/{name}", body)
 
-    def check_shapes(self, agent):
-        self.check_body(agent, "one", 1)
-        self.check_body(agent, "with-head", 700)
-        self.check_body(agent, "no-tail", 5000, pieces=[HEAD, 1], pause=0.05)
-        self.check_body(agent, "pieces", 50000, pieces=[HEAD] + [1000] * 20, pause=0.002)
-        self.check_body(agent, "drops", 9, pieces=[HEAD] + [1] * 9, pause=0.02)
-        self.check_body(agent, "odd", 3 * MIB + 17)
-
-    def test_mapped(self):
-        self.check_shapes(self.start())
-
-    def test_written(self):
-        self.check_shapes(self.start("max_mmap_mb = 0; max_tasks = 0;"))  # as many tasks as there are descriptors
-
-    def test_an_order_in_absolute_form(self):
-        agent = self.start()
-        url = self.origin.body("/a", b"absolute")
-        self.assertEqual(agent.send(f"GET http://agent.example/src/{url}/dst/a HTTP/1.0\r\nConnection: Close\r\n\r\n".encode()), ANSWERS[200])
-        self.assertEqual(agent.stored("a"), b"absolute")
+    def test_shapes(self):
+        for settings in ("", "max_mmap_mb = 0; max_tasks = 0;"):  # as many tasks as there are descriptors
+            agent = self.start(settings)
+            self.check_body(agent, "one", 1)
+            self.check_body(agent, "with-head", 700)
+            self.check_body(agent, "no-tail", 5000, pieces=[HEAD, 1], pause=0.05)
+            self.check_body(agent, "pieces", 50000, pieces=[HEAD] + [1000] * 20, pause=0.002)
+            self.check_body(agent, "drops", 9, pieces=[HEAD] + [1] * 9, pause=0.02)
+            self.check_body(agent, "odd", 3 * MIB + 17)
+            more = self.origin.raw("/more", b"HTTP/1.0 200 OK\nContent-Length: 5\n\n12345678")
+            agent.fetch(more, "more", b"12345")  # what is beyond the length is ignored
 
     def test_the_border_between_mapping_and_writing(self):
-        agent = self.start("max_mmap_mb = 1;", options=("-L", "debug"))
+        agent = self.start("max_mmap_mb = 1;", level="debug")
         for size, mode in ((MIB - 1, "mmap"), (MIB, "mmap"), (MIB + 1, "file")):
             self.check_body(agent, f"b{size}", size)
-            agent.wait_log(f"mk_dest_file: created {mode} for [{agent.path(f'out/b{size}')}-Kova]")
+            agent.logged(f"mk_dest_file: created {mode} for [{agent.path(f'out/b{size}')}-Kova]")
 
-    def test_what_is_beyond_the_length_is_ignored(self):
-        for settings in ("", "max_mmap_mb = 0;"):
-            agent = self.start(settings)
-            url = self.origin.raw("/more", b"HTTP/1.0 200 OK\nContent-Length: 5\n\n12345678")
-            self.assertEqual(agent.order(url, "more"), ANSWERS[200])
-            self.assertEqual(agent.stored("more"), b"12345")
+    @unittest.skipIf(QUICK or shutil.disk_usage("/tmp").free < 6 << 30, "needs room for two files of 2 GiB")
+    def test_large_files_of_nginx(self):
+        nginx = self.service(Nginx)
+        agent = self.start()
+        for size in (8 * MIB, 8 * MIB + 1, 50 * MIB, 2 << 30):
+            source = nginx.add(f"{size}", os.urandom(5 * MIB))
+            os.truncate(f"{nginx.www}/{size}", size)
+            agent.order(source, f"n/{size}")
+            agent.stored(f"n/{size}", seconds=60)
+            same = subprocess.run(["cmp", f"{nginx.www}/{size}", agent.path(f"n/{size}")], check=False)
+            self.assertEqual(same.returncode, 0)
 
 
 class Answers(KovTest):
     def test_answer_comes_with_the_head_and_the_name_with_the_last_byte(self):
         agent = self.start()
-        url = self.origin.raw("/slow", b"HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nab",
-                              lambda conn: (self.origin.stall(), conn.sendall(b"cd")))
-        self.assertEqual(agent.order(url, "x/slow.ts"), ANSWERS[200])
+        url = self.origin.halves("/slow", b"ab", b"cd")
+        agent.order(url, "x/slow.ts")
         self.assertEqual(agent.files(), ["x/slow.ts-Kova"])
         self.assertEqual(os.path.getsize(agent.path("x/slow.ts-Kova")), 4)
-        self.assertEqual(agent.order(url, "other"), ANSWERS[500])  # the source is being fetched
-        self.assertIn("task already present", agent.log())
-        self.assertEqual(agent.order(self.origin.url("/else"), "x/slow.ts"), ANSWERS[400])  # fresh unfinished file
+        agent.order(url, "other", 500)  # the source is being fetched
+        agent.logged("task already present")
+        agent.order(self.origin.url("/else"), "x/slow.ts", 400)  # fresh unfinished file
         self.origin.released.set()
-        self.assertEqual(agent.stored("x/slow.ts"), b"abcd")
+        agent.stored("x/slow.ts", b"abcd")
 
     def test_status_of_the_source_is_passed_on(self):
         agent = self.start()
-        for code, answer in ((404, 404), (403, 403), (418, 500), (500, 500), (100, 500), (103, 500), (1000, 500), (4294967496, 500)):
-            url = self.origin.raw(f"/s{code}", b"HTTP/1.1 %d Word\r\nContent-Length: 3\r\n\r\nxyz" % code)
-            self.assertEqual(agent.order(url, f"s{code}"), ANSWERS[answer], code)
+        for code, answer in ((404, 404), (403, 403), (418, 500), (500, 500), (100, 500), (103, 500), (1000, 500),
+                             (4294967496, 500)):
+            agent.order(self.origin.status(f"/s{code}", code), f"s{code}", answer)
         for code in (201, 299):
             url = self.origin.raw(f"/s{code}", b"HTTP/1.1 %d Word\r\ncontent-length:3\r\n\r\nxyz" % code)
-            self.assertEqual(agent.order(url, f"s{code}"), ANSWERS[200], code)
-            agent.wait_file(f"s{code}")
+            agent.fetch(url, f"s{code}", b"xyz")
         self.assertEqual(agent.files(), ["s201", "s299"])
 
-    def test_existing_destination_is_forbidden_and_stays(self):
+    def test_what_is_there_already(self):
         agent = self.start()
-        with open(agent.path("there"), "w", encoding="ascii") as f:
-            f.write("old")
-        url = self.origin.body("/new", b"new")
-        self.assertEqual(agent.order(url, "there"), ANSWERS[403])
-        self.assertEqual(agent.stored("there"), b"old")
-        self.assertIn(f"check_dest_path: destination [{agent.path('there')}] is BUSY (already there)", agent.log())
-
-    def test_stale_unfinished_file_is_taken_over(self):
-        agent = self.start()
-        for age, answer in ((29, 400), (32, 200)):
-            with open(agent.path("f-Kova"), "w", encoding="ascii") as f:
-                f.write("left behind")
-            when = time.time() - age
-            os.utime(agent.path("f-Kova"), (when, when))
-            self.assertEqual(agent.order(self.origin.body("/f", b"fresh"), "f"), ANSWERS[answer])
-        self.assertEqual(agent.stored("f"), b"fresh")
-
-    def test_replaced_unfinished_file_is_not_published(self):
-        agent = self.start()
-        url = self.origin.raw("/r", b"HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nab",
-                              lambda conn: (self.origin.stall(), conn.sendall(b"cd")))
-        self.assertEqual(agent.order(url, "r"), ANSWERS[200])
-        os.unlink(agent.path("r-Kova"))
-        with open(agent.path("r-Kova"), "w", encoding="ascii") as f:
-            f.write("not its own")
-        self.origin.released.set()
-        agent.wait_log("complete_download: rename(")
-        agent.wait_log("TASK-END")
-        self.assertEqual(agent.files(), ["r-Kova"])
-        os.unlink(agent.path("r-Kova"))
+        source = self.origin.body("/f", b"fresh")
+        write(agent.path("there"), "old")
+        agent.order(source, "there", 403)
+        agent.stored("there", b"old")
+        agent.logged(f"check_dest_path: destination [{agent.path('there')}] is BUSY (already there)")
+        write(agent.path("f-Kova"), "left behind", 29)
+        agent.order(source, "f", 400)
+        age(agent.path("f-Kova"), 32)
+        agent.fetch(source, "f", b"fresh")
 
     def test_log_lines_and_request_of_an_order(self):
         agent = self.start()
         url = self.origin.body("/a/b.ts", b"x" * 100)
-        self.assertEqual(agent.get(f"/any/prefix/SRC/{url}/Dst/?expiry=600&x=1"), ANSWERS[200])
-        self.assertEqual(agent.stored("a/b.ts"), b"x" * 100)
-        agent.wait_log("TASK-END")
+        agent.get(f"/any/prefix/SRC/{url}/Dst/?expiry=600&x=1", 200)
+        agent.stored("a/b.ts", b"x" * 100)
+        agent.ended()
         lines = [re.sub(r"\(0x[0-9a-f]+", "(P", line.split("(NRM)  ")[1])
                  for line in agent.log().splitlines() if "(NRM)" in line and "b.ts" in line]
         final = agent.path("a/b.ts")
@@ -132,29 +105,106 @@ class Answers(KovTest):
         agent = self.start()
         for i, (query, expiry) in enumerate((("?myexpiry=7", 7), ("?expiry=abc", 0), ("?a=1", 0), ("", 0),
                                              ("?a=1&expiry=-5&b", -5))):
-            self.assertEqual(agent.order(self.origin.body(f"/{i}", b"x"), f"e{i}", query), ANSWERS[200])
-            agent.wait_log(f"/e{i}-Kova] length=0, expiry={expiry} ")
+            agent.order(self.origin.body(f"/{i}", b"x"), f"e{i}", query=query)
+            agent.logged(f"/e{i}-Kova] length=0, expiry={expiry} ")
         self.assertEqual(agent.log().count("NO EXPIRY: sscanf"), 2)
-
-    def test_max_tasks(self):
-        agent = self.start("max_tasks = 2;")
-        head = b"HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nab"
-        for i in range(2):
-            self.assertEqual(agent.order(self.origin.raw(f"/{i}", head, self.origin.stall), f"f{i}"), ANSWERS[200])
-        self.assertEqual(agent.order(self.origin.body("/third", b"x"), "third"), ANSWERS[500])
-        self.assertIn("mk_dw_task: limit on tasks exceeded [2]", agent.log())
-        self.origin.released.set()
-        agent.wait_log("TASK-END", 2)
-        self.assertEqual(agent.order(self.origin.body("/third", b"x"), "third"), ANSWERS[200])
-        agent.wait_file("third")
 
     def test_local_source_needs_no_download(self):
         agent = self.start(f'local_url_prefix = "{self.origin.url("/own")}/";')
-        self.assertEqual(agent.order(self.origin.url("/OWN/a.ts"), "a.ts"), ANSWERS[200])
-        self.assertEqual(agent.order(self.origin.body("/owner", b"x"), "b.ts"), ANSWERS[200])
-        agent.wait_file("b.ts")
-        wait_for(lambda: agent.files() == ["b.ts"], "one stored file")
+        agent.order(self.origin.url("/OWN/a.ts"), "a.ts")
+        agent.fetch(self.origin.body("/owner", b"x"), "b.ts", b"x")
+        agent.holds("b.ts")
 
 
-if __name__ == "__main__":
-    unittest.main()
+class Grammar(KovTest):
+    """Every refusal has its code and leaves nothing behind; what looks odd and is accepted."""
+
+    def test_refused_targets(self):
+        agent = self.start()
+        src = "/src/http://h.example/a.ts/dst/"
+        room = 126 - len(agent.data) - len("/-Kova")  # of a path that is just short enough
+        write(agent.path("d"))
+        for target, message in (
+                ("/ping", "Handling user-side PING request"),
+                ("/PING/", "Handling user-side PING request"),
+                ("/favicon.ico", "ERROR(1028)"),
+                ("/word", "web_parse_urq: error(3) parsing request data [word]"),
+                ("/a/b/c", "web_parse_urq: error(-14) parsing request data [a/b/c]"),
+                ("/src/http://h/a", "web_parse_urq: error(1) parsing request data"),
+                ("/src/http://h/src/a/dst/b", "web_parse_urq: error(1) parsing request data"),
+                ("/hls-m3u/src/http://h/a/dst/b", "error(-14)"),
+                ("/udp/1.2.3.4:5/dst/x", "non-HTTP or invalid src=[udp://"),
+                ("/src/https://h/a/dst/b", "setup_dw_spec: non-HTTP or invalid src=[https://h/a]"),
+                ("/src/HTTP://h/a/dst/b", "non-HTTP or invalid src=[HTTP://h/a]"),
+                ("/src/http://h/dst/", "setup_dw_spec: cannot extract path from source URL: http://h"),
+                ("/src/http://h//dst/", "cannot extract path from source URL: http://h/"),
+                (src + "../x", "destination leaves the data directory"),
+                (src + "a/%2e%2e/x", "destination leaves the data directory"),
+                (src + "a/..", "destination leaves the data directory"),
+                (src + "x-Kova", "destination names an unfinished file"),
+                (src + "x-Kova/y", "destination names an unfinished file"),
+                (src + "new/\x7f", "setup_dw_spec: control byte 0x7f at 4 of the destination"),
+                ("/src/http://h\x01/new/a/dst/", "setup_dw_spec: control byte 0x01 at 8 of the source"),
+                ("http://src/http://h/a/dst/b", "web_parse_urq: error(-14) parsing request data [http://h/a/dst/b]"),
+                (src + "x" * (room + 1), "init_spec: full path was cut"),
+                (src + "x" * (room + 2), "init_spec: full path is too long: 128/128"),
+                (f"/src/http://h/{'s' * 119}/dst/x", "init_spec: source URL is too long: 128/128"),
+                (f"/src/http://h/{'s' * 250}/dst/x", "web_parse_urq: error(7)"),
+                (f"{src}x?{'q' * 256}", "URI query length (256 bytes) is beyond the limit: 256"),
+                (f"{src}x?{'q' * 240}", "URI query is too long (240 bytes)"),
+                (src + "d/x/y", "cannot ensure dest path")):
+            before = len(agent.log())
+            agent.get(target, 400)
+            self.assertIn(message, agent.log()[before:], target)
+        self.assertEqual((agent.files(), os.listdir(agent.data)), (["d"], ["d"]))
+        agent.not_logged("TASK-START")
+        agent.get("/", 204)
+
+    def test_accepted_targets(self):
+        agent = self.start()
+        self.origin.body("/src/a/dst/b", b"nested")  # a blank splits the request line of the scripted source
+        room = 126 - len(agent.data) - len("/-Kova")
+        nested = self.origin.url("/src/a/dst/b")
+        for target, stored in ((f"/p/dst/q/src/{nested}%20c/dst/n1", "n1"), (f"/src/{nested}+c/dst//n2", "n2"),
+                               (f"/src/{nested}%20c/dst/{'n' * room}", "n" * room)):
+            agent.get(target, 200)
+            agent.stored(stored, b"nested")
+        for n, host in enumerate(("udp", "RTP:80", "src", "hls-m3u", "hls-fra", "dst")):  # no segment
+            agent.get(f"http://{host}/src/{self.origin.body(f'/h{n}', b'host')}/dst/h{n}", 200)
+            agent.stored(f"h{n}", b"host")
+
+    def test_heads(self):
+        agent = self.start()
+        sources = [self.origin.body(f"/{n}", b"x").encode() for n in range(3)]
+        order = b" /src/http://h/a/dst/b"
+        host = b"\r\nHost: h.example.net\r\n\r\n"
+        for head, answer in (
+                (b"POST" + order + b" HTTP/1.1" + host, 400),
+                (b"OPTIONS" + order + b" HTTP/1.1\r\n\r\n", 400),
+                (b"PROPPATCH" + order + b" HTTP/1.1\r\n\r\n", 400),
+                (b"G" + order + b" HTTP/1.1" + host, 400),
+                (b"GET" + order + b" HTTP/2.0" + host, 400),
+                (b"GET" + order + host, 400),
+                (b"\r\n\r\n" + b" " * 40, 400),
+                (b"\0\1\2\3" * 20 + b"\r\n\r\n", 400),
+                (b"GET                    " + host, 400),
+                (b"get / http/1.1 this is long enough\r\n\r\n", 400),
+                (b"GET http://agent/ HTTP/1.1" + host, 204),
+                (b"GET http://agent HTTP/1.1" + host, 204),
+                (b"GET http://agent/favicon.ico HTTP/1.1" + host, 400),
+                (b"get / HTTP/1.9 this is long enough\r\n\r\n", 204),
+                (b"GET\t/src/%s/dst/t0 HTTP/1.0\n\n" % sources[0], 200),
+                (b"GET http://agent.example/src/%s/dst/t1 HTTP/1.0\r\nConnection: Close\r\n\r\n" % sources[1], 200),
+                (b"GET /src/%s/dst/t2 HTTP/1.1\r\nAccept-Encoding: %s\r\nHost: %s\r\nUser-Agent: %s\r\n\r\n"
+                 % (sources[2], b"e" * 40, b"h" * 64, b"u" * 128), 200)):
+            agent.send(head, answer)
+        for n in range(3):
+            agent.stored(f"t{n}", b"x")
+        agent.logged("[Accept-Encoding:] text has been trimmed from 40 to 31 chars", "Host length is too long: 64",
+                     "User-Agent length is too long: 128", "no header sections found", "HTTP [POST] is NOT supported")
+
+    def test_head_requests_get_no_answer(self):
+        agent = self.start()
+        agent.send(request(f"/src/{self.origin.body('/h', b'x')}/dst/h", "HEAD"), 0)
+        agent.send(request("/src/ftp://h/a/dst/h", "HEAD"), 400)
+        self.assertEqual(self.origin.requests, [])

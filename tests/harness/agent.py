@@ -27,7 +27,7 @@ ANSWERS = {
     403: b"HTTP/1.1 403 Forbidden\r\n" + SERVER + EMPTY,
     404: b"HTTP/1.1 404 Not Found\r\n" + SERVER + EMPTY,
     500: b"HTTP/1.1 500 Service error\r\n" + SERVER + EMPTY,
-    None: b"",                     # no answer
+    0: b"",                        # no answer
 }
 SOFT_FILES = 1024                  # each agent starts with it and raises it; this process opens more
 HARD_FILES = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
