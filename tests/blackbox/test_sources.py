@@ -1,29 +1,26 @@
-"""Sources that refuse, break, lie, stall, crowd."""
+"""Sources that refuse, break, lie, stall, crowd; a slow name server; bodies that move inside the kernel."""
 
 import os
-import random
 import re
-import resource
 import socket
 import threading
 import time
-import unittest
 
-from kov import ANSWERS, KovTest, free_port, needs_namespaces, wait_for
+from harness import (ASAN, HEAD, MODES, OK, KovTest, NameServer, free_port, needs_namespaces, read, reset, sized,
+                     wait_for)
 
-OK = b"HTTP/1.1 200 OK\r\n"
+SIZE = (3 << 20) + 17
 
 
 class Sources(KovTest):
     def test_refused_connection(self):
         agent = self.start()
-        self.assertEqual(agent.order(f"http://127.0.0.1:{free_port()}/a", "a"), ANSWERS[400])
+        agent.order(f"http://127.0.0.1:{free_port()}/a", "a", 400)
         for port in ("port", self.origin.port + 65536, self.origin.port - 65536, f"{self.origin.port}x", "+1"):
-            source = f"http://127.0.0.1:{port}/a".replace("+", "%2b")
-            self.assertEqual(agent.order(source, "a"), ANSWERS[500], port)
-            self.assertIn(f"open_socket: empty or invalid port [{port}]\n", agent.log())
+            agent.order(f"http://127.0.0.1:{port}/a".replace("+", "%2b"), "a", 500)
+            agent.logged(f"open_socket: empty or invalid port [{port}]\n")
         self.assertEqual(self.origin.requests, [])
-        self.assertEqual(agent.order("http://127.0.0.1", "a"), ANSWERS[400])
+        agent.order("http://127.0.0.1", "a", 400)
         self.assertEqual(agent.files(), [])
 
     def test_a_source_that_hangs_up_on_every_caller(self):
@@ -31,155 +28,105 @@ class Sources(KovTest):
         with socket.create_server(("127.0.0.1", 0)) as server:
             def hang_up():
                 for _ in range(20):
-                    conn, _ = server.accept()
-                    self.origin.reset(conn)
-                    conn.close()
+                    with server.accept()[0] as conn:
+                        reset(conn)
             threading.Thread(target=hang_up, daemon=True).start()
             for n in range(20):  # before the GET, behind it, or in between
-                self.assertEqual(agent.order(f"http://127.0.0.1:{server.getsockname()[1]}/{n}", "a"), ANSWERS[500])
+                agent.order(f"http://127.0.0.1:{server.getsockname()[1]}/{n}", "a", 500)
 
     def test_heads_that_are_refused(self):
         agent = self.start()
+        no_length = "invalid/missing content length"
         for i, (head, message) in enumerate((
                 (b"junk\r\n\r\n", "recv_http_response: parsed 0 < 4 elements"),
                 (b"HTTP/1.1 200\r\n\r\n", "recv_http_response: parsed 3 < 4 elements"),
                 (b"", "connection broken"),
                 (OK, "connection broken"),
                 (OK + b"X: " + b"y" * 3000, "buffer already full, yet no HTTP EOD"),
-                (OK + b"\r\nbody", "invalid/missing content length: 0"),
-                (OK + b"Content-Length: 0\r\n\r\n", "invalid/missing content length: 0"),
-                (OK + b"Content-Length: -5\r\n\r\n", "invalid/missing content length"),
-                (OK + b"Content-Length: 5x\r\n\r\n12345", "invalid/missing content length"),
-                (OK + b"X-Content-Length: 5\r\n\r\n12345", "invalid/missing content length"),
-                (OK + b"transfer-encoding : chunked\r\nContent-Length: 5\r\n\r\n5\r\nab", "encodings are not supported"),
-                (OK + b"Content-Length: 18446744073709551617\r\n\r\n", "invalid/missing content length"),
-                (OK + b"Content-Length: 9223372036854775807\r\n\r\n", "ERROR("))):
+                (OK + b"\r\nbody", no_length + ": 0"),
+                (OK + b"Content-Length: 0\r\n\r\n", no_length + ": 0"),
+                (OK + b"Content-Length: -5\r\n\r\n", no_length),
+                (OK + b"Content-Length: 5x\r\n\r\n12345", no_length),
+                (OK + b"X-Content-Length: 5\r\n\r\n12345", no_length),
+                (OK + b"transfer-encoding : chunked\r\nContent-Length: 5\r\n\r\n5\r\na", "encodings are not supported"),
+                (sized(18446744073709551617), no_length),
+                (sized(9223372036854775807), "ERROR("))):
             before = len(agent.log())
-            self.assertEqual(agent.order(self.origin.raw(f"/{i}", head), f"f{i}"), ANSWERS[500], head)
+            agent.order(self.origin.raw(f"/{i}", head), f"f{i}", 500)
             self.assertIn(message, agent.log()[before:], head)
-        reset = self.origin.raw("/reset", b"", self.origin.reset)
-        self.assertEqual(agent.order(reset, "r"), ANSWERS[500])
-        wait_for(lambda: agent.files() == [], "no file")
-
-    def test_partial_head_is_not_kept(self):
-        agent = self.start()
-        url = self.origin.raw("/p", OK, lambda conn: (time.sleep(0.2), conn.sendall(b"Content-Length: 1\r\n\r\nx")))
-        self.assertEqual(agent.order(url, "p"), ANSWERS[500])
+        agent.order(self.origin.raw("/reset", b"", reset), "r", 500)
+        partial = self.origin.raw("/p", OK, lambda conn: (time.sleep(0.2), conn.sendall(b"Content-Length: 1\r\n\r\nx")))
+        agent.order(partial, "p", 500)  # what has been seen of a head is not kept
+        agent.holds()
 
     def test_bodies_that_end_early(self):
-        for settings in ("", "max_mmap_mb = 0;"):
+        for settings in MODES:
             agent = self.start(settings)
-            for i, (body, then) in enumerate(((b"", None), (b"abc", None), (b"abc", self.origin.reset),
-                                              (b"", self.origin.reset), (b"a" * 100000, None))):
-                url = self.origin.raw(f"/{i}", OK + b"Content-Length: 200000\r\n\r\n" + body, then)
-                agent.order(url, f"e{i}")
-                agent.wait_log("TASK-END", i + 1)
-            wait_for(lambda: agent.files() == [], "no file")
-            self.assertIn("e1-Kova] failed, rc=104", agent.log())
-            self.assertIn("removing T0002 due to error, rc=104", agent.log())
+            for i, (body, then) in enumerate(((b"", None), (b"abc", None), (b"abc", reset), (b"", reset),
+                                              (b"a" * 100000, None))):
+                agent.order(self.origin.raw(f"/{i}", sized(200000) + body, then), f"e{i}", expect=None)
+                agent.ended(i + 1)
+            agent.holds()
+            agent.logged("e1-Kova] failed, rc=104", "removing T0002 due to error, rc=104")
 
     def test_stalled_sources_cost_no_cpu(self):
         agent = self.start()
         for i in range(20):
-            url = self.origin.raw(f"/{i}", OK + b"Content-Length: 9\r\n\r\nabc", self.origin.stall)
-            self.assertEqual(agent.order(url, f"s{i}"), ANSWERS[200])
-        client = agent.connect()
-        url = self.origin.raw("/silent", b"", self.origin.stall)
-        client.sendall(f"GET /src/{url}/dst/silent HTTP/1.1\r\nHost: h\r\n\r\n".encode())
-        agent.wait_log("TASK-START", 21)
-        wait_for(lambda: agent.log().count("urq_rm: URQ") == 21, "requests freed")
-        before = agent.cpu_seconds()
-        time.sleep(1)
-        self.assertLess(agent.cpu_seconds() - before, 0.05)
+            agent.order(self.origin.cut(f"/{i}", self.origin.stall), f"s{i}")
+        client = agent.ask(self.origin.raw("/silent", b"", self.origin.stall), "silent")
+        agent.logged("TASK-START", count=21)
+        agent.logged("urq_rm: URQ", count=21)
+        agent.idles()
         wait_for(lambda: self.keep_alive_timers() == 21, "a keep-alive for every source")
         self.origin.released.set()
-        agent.wait_log("TASK-END", 21)
+        agent.ended(21)
         client.close()
-        wait_for(lambda: agent.files() == [], "no file")
+        agent.holds()
 
     def keep_alive_timers(self):
         """The agent's connections to the source that will be probed within 60 s."""
-        with open("/proc/net/tcp", encoding="ascii") as f:
-            rows = [line.split() for line in f]
+        rows = [line.split() for line in read("/proc/net/tcp").splitlines()[1:]]
         return sum(row[2].endswith(f":{self.origin.port:04X}") and row[5].startswith("02:") and
-                   0 < int(row[5][3:], 16) <= 6000 for row in rows[1:])
+                   0 < int(row[5][3:], 16) <= 6000 for row in rows)
 
     def test_full_disk(self):
-        for settings, answer in (("", 500), ("max_mmap_mb = 0;", 200)):
+        for settings, answer in zip(MODES, (500, 200)):
             agent = self.start(settings, tmpfs_kib=1024)
             # Mapped: refused before the answer. Written: the answer is out when the disk fills up.
-            self.assertEqual(agent.order(self.origin.body("/big", b"x" * (2 << 20)), "big"), ANSWERS[answer])
-            agent.wait_log("TASK-END")
-            self.assertRegex(agent.log(), r"fallocate\(.*ERROR\(28\)|under-write to fd")
-            self.assertEqual(agent.order(self.origin.body("/small", b"x" * 1000), "small"), ANSWERS[200])
-            agent.wait_file("small")
-            wait_for(lambda: agent.files() == ["small"], "the refused file to go")
-
-
-class ManyOrders(KovTest):
-    N = 1000
+            agent.order(self.origin.body("/big", b"x" * SIZE, pieces=[HEAD, 1]), "big", answer)
+            agent.ended()
+            counts = re.search(r"fallocate\(.*ERROR\(28\)|read_fragment: under-write to fd\d+: (\d+)/(-?\d+)\n",
+                               agent.log())
+            self.assertTrue(counts and (not counts[1] or int(counts[2]) < int(counts[1])), agent.log())
+            agent.fetch(self.origin.body("/small", b"x" * 300_000), "small", b"x" * 300_000)
+            agent.holds("small")
 
     def test_a_thousand_at_once(self):
-        soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
-        resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, 8192), hard))
         agent = self.start()
         body = bytes(range(256)) * 64
 
-        def slow(conn, path):
-            conn.sendall(OK + b"Content-Length: %d\r\n\r\n" % len(body) + body[:5000])
-            self.origin.stall()
-            conn.sendall(body[5000:])
-
         def one(i):
-            self.origin.paths[f"/{i}"] = slow
-            self.assertEqual(agent.order(self.origin.url(f"/{i}"), f"m/{i}"), ANSWERS[200])
+            agent.order(self.origin.halves(f"/{i}", body[:5000], body[5000:]), f"m/{i}")
 
         one("warm-up")
         base_kib = agent.rss_kib()
-        for i in range(self.N):
+        for i in range(1000):
             one(i)
-        self.assertEqual(len([f for f in agent.files() if f.endswith("-Kova")]), self.N + 1)
+        self.assertEqual(len(agent.unfinished()), 1001)
         self.origin.released.set()
-        for i in range(self.N):
-            self.assertEqual(agent.stored(f"m/{i}"), body)
-        agent.wait_log("TASK-END", self.N + 1)
-        wait_for(lambda: agent.fds() <= agent.base_fds, "descriptors at base line")
-        if "asan" not in agent.proc.args[0]:
+        for i in range(1000):
+            agent.stored(f"m/{i}", body)
+        agent.ended(1001)
+        agent.at_base_line()
+        if not ASAN:
             self.assertLess(agent.rss_kib() - base_kib, 4096, "memory at base line")
-        resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
 
-
-@needs_namespaces
-class Names(KovTest):
-    """A name server of its own, slow and without any answer, behind the agent's resolver."""
-
-    def setUp(self):
-        super().setUp()
-        self.server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.addCleanup(self.server.close)
-        self.address = f"127.{os.getpid() % 250}.{random.randrange(250)}.53"
-        self.server.bind((self.address, 53))
-        self.asked = []
-        threading.Thread(target=self.serve, daemon=True).start()
-
-    def serve(self):
-        try:
-            while True:
-                query, peer = self.server.recvfrom(512)
-                self.asked.append(query[12:].split(b"\0")[0])
-                no_such_name = query[:2] + b"\x81\x83" + query[4:]
-                threading.Timer(0.55, self.server.sendto, (no_such_name, peer)).start()
-        except OSError:
-            pass
-
+    @needs_namespaces
     def test_a_slow_look_up_in_vain_closes_the_road_for_names_for_a_while(self):
-        resolv = f"{self.root}/resolv.conf"
-        with open(resolv, "w", encoding="ascii") as f:
-            f.write(f"nameserver {self.address}\noptions timeout:5 attempts:1\n")
-        mount = f'mount --bind {resolv} /etc/resolv.conf && exec "$0" "$@"'
-        agent = self.start(wrapper=("unshare", "-m", "sh", "-c", mount))
+        names = self.service(NameServer, 0.55, False)
+        agent = self.start(wrapper=names.wrapper)
         by_name = self.origin.body("/a", b"a").replace("127.0.0.1", "localhost")
-        self.assertEqual(agent.order("http://slow.example/a", "slow"), ANSWERS[500])
+        agent.order("http://slow.example/a", "slow", 500)
         line = (r"\(WRN\) .*open_socket: looking up \[slow\.example\] took (\d+) ms in vain: "
                 r"sources given by name are refused for (\d+) ms\n")
         self.assertRegex(agent.log(), line)
@@ -188,18 +135,76 @@ class Names(KovTest):
         self.assertGreater(took, 500)
         opens = time.monotonic() + closed / 1000
         for n in range(5):
-            self.assertEqual(agent.order(f"http://n{n}.example/a", "name"), ANSWERS[500])
-        self.assertEqual(agent.order(by_name, "local"), ANSWERS[500])
-        self.assertEqual(agent.order(self.origin.url("/a"), "address"), ANSWERS[200])
-        self.assertEqual(agent.get("/"), ANSWERS[204])
-        self.assertEqual(set(self.asked), {b"\4slow\7example"})
-        self.assertNotIn("looked up again", agent.log())
+            agent.order(f"http://n{n}.example/a", "name", 500)
+        agent.order(by_name, "local", 500)
+        agent.order(self.origin.url("/a"), "address")
+        agent.get("/", 204)
+        self.assertEqual(set(names.asked), {b"\4slow\7example\0"})
+        agent.not_logged("looked up again")
         wait_for(lambda: time.monotonic() > opens, "the road to open", took / 100 + 5)
-        self.assertEqual(agent.order(by_name, "local"), ANSWERS[200])
-        self.assertEqual(agent.stored("local"), b"a")
+        agent.fetch(by_name, "local", b"a")
         self.assertEqual(agent.log().count("sources given by name are "), 2)
         self.assertRegex(agent.log(), r"\(WRN\) .*open_socket: sources given by name are looked up again\n")
 
 
-if __name__ == "__main__":
-    unittest.main()
+class Moved(KovTest):
+    """Written bodies move inside the kernel, through one pipe."""
+
+    def traced(self, *injections, calls="splice"):
+        return self.start("max_mmap_mb = 0;", trace=calls, inject=injections)
+
+    def check_bodies(self, agent):
+        for n, size in enumerate((SIZE, 200_000, 131_071)):
+            body = os.urandom(size)
+            agent.fetch(self.origin.body(f"/{n}", body, pieces=[HEAD, 1]), f"b{n}", body)
+        agent.ended(3)
+
+    def test_long_bodies_move_and_short_rests_do_not(self):
+        agent = self.traced()
+        self.check_bodies(agent)
+        filled = emptied = 0
+        for line in agent.trace().splitlines():
+            n = int(line.rsplit("= ", 1)[1].split()[0])
+            if "NONBLOCK" in line:
+                filled += n
+            else:
+                emptied += n
+        self.assertEqual(filled, emptied)
+        self.assertGreater(filled, SIZE - 131_072)
+
+    def test_refusals_fall_back_to_the_buffer(self):
+        for injection in ("error=ENOSYS", "error=EINVAL:when=1", "error=EINVAL:when=2", "error=EIO:when=2",
+                          "error=EAGAIN:when=3", "error=EPERM:when=4", "error=EINTR:when=3", "error=ENOSPC:when=2"):
+            with self.subTest(injection):
+                agent = self.traced("splice:" + injection)
+                self.check_bodies(agent)
+                self.assertIn("INJECTED", agent.trace())
+
+    def test_without_a_pipe(self):
+        agent = self.traced(calls="fcntl")
+        wait_for(lambda: "F_SETPIPE_SZ" in agent.trace(), "the pipe")
+        nth = len(re.findall(r"(?m)^fcntl\(", agent.trace().split("F_SETPIPE_SZ")[0]))
+        base = agent.base_fds
+        for injection, text in ((f"fcntl:retval=65536:when={nth}", "is not granted (65536)"),
+                                (f"fcntl:error=EPERM:when={nth}", "is not granted (-1)"),
+                                ("pipe2:error=EMFILE", "ERROR(24)")):
+            agent = self.traced(injection, calls="fcntl,pipe2,splice")
+            self.assertEqual(agent.base_fds, base - 2)
+            self.assertRegex(agent.log(),
+                             rf"\(WRN\) .*open_body_pipe: .*{re.escape(text)}.*: bodies go through the buffer\n")
+            self.check_bodies(agent)
+            self.assertNotIn("\nsplice(", agent.trace())
+
+    def test_what_stays_in_the_pipe_is_gone_before_the_next_body(self):
+        refused = "splice:error=EIO:when=2"
+        agent = self.traced(refused, calls="splice,read")
+        self.check_bodies(agent)
+        until = agent.trace().split("INJECTED")[0]
+        nth = 1 + len(re.findall(r"(?m)^read\(", until))
+        agent = self.traced(refused, f"read:error=EIO:when={nth}", calls="splice,read")
+        agent.order(self.origin.body("/big", b"x" * SIZE, pieces=[HEAD, 1]), "big")
+        agent.ended()
+        self.assertRegex(agent.log(), r"\(ERR\)  T0001  read_fragment: under-write to fd\d+: \d+/-1\n")
+        agent.holds()
+        body = os.urandom(SIZE)
+        agent.fetch(self.origin.body("/next", body, pieces=[HEAD, 1]), "next", body)
