@@ -20,8 +20,7 @@ static int take_str(const char* fn, const char* key, const char* found, char* ds
     }
     if (copy_text(dst, limit, found))
         return 0;
-    LOG_ERR("%s: %s value is too long (%ld), max = %ld characters.\n", fn, key, static_cast<long>(strlen(found)),
-            static_cast<long>(limit));
+    LOG_ERR("%s: %s value is too long (%zu), max = %zu characters.\n", fn, key, strlen(found), limit);
     return -1;
 }
 

@@ -17,6 +17,7 @@ constexpr size_t TEXT_MAX = 1 << 20;
 constexpr size_t INCLUDE_PATH_MAX = 1024;
 constexpr int INCLUDE_DEPTH_MAX = 10; /* the library's own */
 constexpr std::string_view BLANKS = " \t";
+constexpr std::string_view WORD = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ._*-+";
 constexpr std::string_view DIRECTIVE = "@include";
 constexpr char CANNOT_OPEN[] = "cannot open include file"; /* the library's words for a missing one */
 
@@ -66,20 +67,6 @@ static bool take_include(config_scan* s, std::string_view* text) noexcept
     return true;
 }
 
-static bool is_word(char c) noexcept
-{
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '.' || c == '_' ||
-           c == '*' || c == '-' || c == '+';
-}
-
-static size_t word_at(std::string_view text) noexcept
-{
-    size_t n = 0;
-    while (n < text.size() && is_word(text[n]))
-        ++n;
-    return n;
-}
-
 /* A whole number without the L that makes it a long one. */
 static bool is_plain_number(std::string_view word) noexcept
 {
@@ -105,7 +92,7 @@ config_word config_next_word(config_scan* s, std::string_view* text) noexcept
             skip(s, std::min(s->rest.find('\n'), s->rest.size()));
         } else if (s->rest.starts_with("/*")) {
             skip(s, length_to(s->rest, 2, "*/", false));
-        } else if (const size_t n = word_at(s->rest)) {
+        } else if (const size_t n = std::min(s->rest.find_first_not_of(WORD), s->rest.size())) {
             *text = s->rest.substr(0, n);
             skip(s, n);
             if (is_plain_number(*text))

@@ -5,6 +5,7 @@
 #include "log.h"
 #include "strops.h"
 
+#include <bit>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -150,30 +151,11 @@ unsigned long tw_shift(long key, unsigned long seed) noexcept
     return k;
 }
 
-static unsigned long calc_hseed() noexcept
-{
-    return static_cast<unsigned long>(time(nullptr));
-}
-
-/* The largest power of two not above n; 1 for 0. */
-static size_t calc_rlen(size_t n) noexcept
-{
-    size_t len = 1;
-    while (len <= n / 2)
-        len *= 2;
-    return len;
-}
-
-static hrec** slot_of(const ht_tag* tbl, long key) noexcept
-{
-    const unsigned long h = tbl->icalc ? tbl->icalc(key, tbl->hseed) : static_cast<unsigned long>(key);
-    return &tbl->r[h & (tbl->rlen - 1)];
-}
-
 /* The link to the first record of the chain whose key is not below key; *cmp is 0 when it is that key. */
 static hrec** seek(const ht_tag* tbl, long key, int* cmp) noexcept
 {
-    hrec** link = slot_of(tbl, key);
+    const unsigned long h = tbl->icalc ? tbl->icalc(key, tbl->hseed) : static_cast<unsigned long>(key);
+    hrec** link = &tbl->r[h & (tbl->rlen - 1)];
     *cmp = 1;
     for (; *link; link = &(*link)->next) {
         *cmp = HTFUNC[tbl->ktype].kcmp(*link, key);
@@ -271,9 +253,9 @@ static int hcreate_(ht_tag** ph, ht_key_kind kind, size_t capacity, ht_hash_fn h
     if (!tbl)
         return ENOMEM;
     tbl->ktype = kind;
-    tbl->hseed = calc_hseed();
+    tbl->hseed = static_cast<unsigned long>(time(nullptr));
     tbl->icalc = !hash && kind == HT_STR ? plHash : hash;
-    tbl->rlen = calc_rlen(capacity * 3 / 2);
+    tbl->rlen = std::bit_floor(capacity * 3 / 2);
     tbl->r = static_cast<hrec**>(calloc(tbl->rlen, sizeof(hrec*)));
     if (!tbl->r) {
         free(tbl);

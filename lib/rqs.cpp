@@ -226,10 +226,10 @@ static void size_events() noexcept
     }
 }
 
-static int wait_limit_ms() noexcept
+static int wait_limit_ms(const char* fn) noexcept
 {
     if (slots_len(g_rqs.nopoll) > 0) {
-        LOG_DEBUG("%s: no-poll events present: changing to 0 timeout\n", "wait4events");
+        LOG_DEBUG("%s: no-poll events present: changing to 0 timeout\n", fn);
         return 0;
     }
     if (g_rqs.tmout.tv_sec < 0 || g_rqs.tmout.tv_nsec < 0)
@@ -256,7 +256,7 @@ static void check_signals() noexcept
 static int wait4events() noexcept
 {
     size_events();
-    const int limit = wait_limit_ms();
+    const int limit = wait_limit_ms(__func__);
     LOG_DEBUG("%s: timeout=%f sec\n", __func__, limit < 0 ? -1.0 : limit / 1000.0);
     const int n = epoll_pwait(g_rqs.loopfd, vec_at(&g_rqs.events, 0), static_cast<int>(g_rqs.events.raw.max_len), limit,
                               wait_sigmask());

@@ -30,7 +30,7 @@ int W_open(const char* caller, const char* path, int flags, mode_t mode) noexcep
 {
     const int fd = open(path, flags | O_CLOEXEC, mode);
     if (fd == -1)
-        LOG_ERRNO("%s: open('%s', %d, 0x%lx)", caller, path, flags, static_cast<unsigned long>(mode));
+        LOG_ERRNO("%s: open('%s', %d, 0x%x)", caller, path, flags, mode);
     return fd;
 }
 
@@ -48,7 +48,7 @@ void* W_calloc(const char* caller, size_t count, size_t size) noexcept
 {
     void* p = calloc(count, size);
     if (!p)
-        LOG_ERRNO("%s: calloc(%ld, %ld)", caller, static_cast<long>(count), static_cast<long>(size));
+        LOG_ERRNO("%s: calloc(%zu, %zu)", caller, count, size);
     return p;
 }
 
@@ -56,7 +56,7 @@ off_t W_lseek(const char* caller, int fd, off_t offset, int whence) noexcept
 {
     const off_t pos = lseek(fd, offset, whence);
     if (pos == -1)
-        LOG_ERRNO("%s: lseek(%d, %ld, %d)", caller, fd, static_cast<long>(offset), whence);
+        LOG_ERRNO("%s: lseek(%d, %jd, %d)", caller, fd, offset, whence);
     return pos;
 }
 
@@ -72,7 +72,7 @@ int W_ftruncate(const char* caller, int fd, off_t length) noexcept
 {
     const int rc = ftruncate(fd, length);
     if (rc == -1)
-        LOG_ERRNO("%s: ftruncate(%d, %ld)", caller, fd, static_cast<long>(length));
+        LOG_ERRNO("%s: ftruncate(%d, %jd)", caller, fd, length);
     return rc;
 }
 
@@ -85,7 +85,7 @@ int W_connect(const char* caller, int fd, const sockaddr* addr, socklen_t addrle
         LOG_INFO("%s: non-blocking connect in progress for fd%d\n", __func__, fd);
         errno = EINPROGRESS;
     } else {
-        LOG_ERRNO("%s: connect(%d, %p, %ld)", caller, fd, ptr(addr), static_cast<long>(addrlen));
+        LOG_ERRNO("%s: connect(%d, %p, %u)", caller, fd, ptr(addr), addrlen);
     }
     return rc;
 }
@@ -94,7 +94,7 @@ ssize_t W_write_f(const char* caller, int fd, const void* buf, size_t count, int
 {
     const ssize_t n = write(fd, buf, count);
     if (n == -1 && !no_fault(errno, strict))
-        LOG_ERRNO("%s: write(%d, %p, %ld)", caller, fd, buf, static_cast<long>(count));
+        LOG_ERRNO("%s: write(%d, %p, %zu)", caller, fd, buf, count);
     return n;
 }
 
@@ -102,7 +102,7 @@ ssize_t W_read_f(const char* caller, int fd, void* buf, size_t count, int strict
 {
     const ssize_t n = read(fd, buf, count);
     if (n == -1 && !no_fault(errno, strict))
-        LOG_ERRNO("%s: read(%d, %p, %ld)", caller, fd, buf, static_cast<long>(count));
+        LOG_ERRNO("%s: read(%d, %p, %zu)", caller, fd, buf, count);
     return n;
 }
 
@@ -120,7 +120,7 @@ int W_setsockopt(const char* caller, int fd, int level, int name, const void* va
 {
     const int rc = setsockopt(fd, level, name, value, length);
     if (rc == -1)
-        LOG_ERRNO("%s: setsockopt(%d, %d, %d, %p, %ld)", caller, fd, level, name, value, static_cast<long>(length));
+        LOG_ERRNO("%s: setsockopt(%d, %d, %d, %p, %u)", caller, fd, level, name, value, length);
     return rc;
 }
 
@@ -128,7 +128,7 @@ int W_bind(const char* caller, int fd, const sockaddr* addr, socklen_t addrlen) 
 {
     const int rc = bind(fd, addr, addrlen);
     if (rc == -1)
-        LOG_ERRNO("%s: bind(%d, %p, %ld):", caller, fd, ptr(addr), static_cast<long>(addrlen));
+        LOG_ERRNO("%s: bind(%d, %p, %u):", caller, fd, ptr(addr), addrlen);
     return rc;
 }
 
@@ -157,7 +157,7 @@ int W_accept(const char* caller, int fd, sockaddr* addr, socklen_t* addrlen) noe
 {
     const int client = accept4(fd, addr, addrlen, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (client == -1 && !is_eagain(errno))
-        LOG_ERRNO("%s: accept(%d, %p, %ld)", caller, fd, ptr(addr), addrlen ? static_cast<long>(*addrlen) : 0);
+        LOG_ERRNO("%s: accept(%d, %p, %u)", caller, fd, ptr(addr), addrlen ? *addrlen : 0);
     return client;
 }
 
@@ -165,7 +165,7 @@ int W_poll(const char* caller, pollfd* fds, nfds_t count, int timeout_ms) noexce
 {
     const int rc = poll(fds, count, timeout_ms);
     if (rc == -1)
-        LOG_ERRNO("%s: poll(%p, %ld, %d)", caller, ptr(fds), static_cast<long>(count), timeout_ms);
+        LOG_ERRNO("%s: poll(%p, %lu, %d)", caller, ptr(fds), count, timeout_ms);
     else if (rc == 0)
         LOG_WARN("%s: poll() has timed out after %d ms\n", caller, timeout_ms);
     return rc;
@@ -176,7 +176,7 @@ ssize_t W_sendto(const char* caller, int fd, const void* buf, size_t length, int
 {
     const ssize_t n = sendto(fd, buf, length, flags, addr, addrlen);
     if (n <= 0)
-        LOG_ERRNO("%s: sendto(%d, %p, %lu, %d, ...)", caller, fd, buf, static_cast<unsigned long>(length), flags);
+        LOG_ERRNO("%s: sendto(%d, %p, %zu, %d, ...)", caller, fd, buf, length, flags);
     return n;
 }
 
@@ -185,6 +185,6 @@ ssize_t W_recvfrom(const char* caller, int fd, void* buf, size_t length, int fla
 {
     const ssize_t n = recvfrom(fd, buf, length, flags, addr, addrlen);
     if (n <= 0)
-        LOG_ERRNO("%s: recvfrom(%d, %p, %lu, %d, ...)", caller, fd, buf, static_cast<unsigned long>(length), flags);
+        LOG_ERRNO("%s: recvfrom(%d, %p, %zu, %d, ...)", caller, fd, buf, length, flags);
     return n;
 }

@@ -93,7 +93,7 @@ static bool break_down(const timespec* ts, uint32_t flags, tm* parts, int* rc) n
 int mk_timestr(const timespec* ts, uint32_t flags, char* buf, size_t len) noexcept
 {
     if (flags & f_RAW_TIME) {
-        const int n = snprintf(buf, len - 1, "%ld.%06ld", static_cast<long>(ts->tv_sec), ts->tv_nsec / NS_PER_US);
+        const int n = snprintf(buf, len - 1, "%ld.%06ld", ts->tv_sec, ts->tv_nsec / NS_PER_US);
         return n >= 0 && static_cast<size_t>(n) < len ? n : -1;
     }
     tm t{};
@@ -112,7 +112,7 @@ int mk_timestr(const timespec* ts, uint32_t flags, char* buf, size_t len) noexce
                      t.tm_hour, t.tm_min, t.tm_sec, ts->tv_nsec / NS_PER_US, zone);
     }
     if (n < 0 || static_cast<size_t>(n) > len) {
-        log_trouble("%s: timestamp buffer needs %d bytes, only %ld provided\n", __func__, n, static_cast<long>(len));
+        log_trouble("%s: timestamp buffer needs %d bytes, only %zu provided\n", __func__, n, len);
         return -1;
     }
     return n;
@@ -149,7 +149,7 @@ time_t get_endofday_utime(time_t t) noexcept
         LOG_ERR("%s: localtime_r() FAILED\n", __func__);
         return -1;
     }
-    const long date = (parts.tm_year + 1900L) * 1000 + parts.tm_yday;
+    const long date = local_date(t);
     parts.tm_hour = EOD_HOUR;
     parts.tm_min = EOD_MIN;
     parts.tm_sec = 59;

@@ -48,11 +48,10 @@ void reg_set_timeout(tmout_registry* reg, int idx, long value) noexcept
         if (reg->min < 0 || reg->min > value)
             reg->min = value;
     }
-    LOG_DEBUG("%s: timeout[%d] lk=%lu val=%ld, min_val=%ld\n", __func__, idx, static_cast<unsigned long>(rec.nlocks),
-              value, reg->min);
+    LOG_DEBUG("%s: timeout[%d] lk=%zu val=%ld, min_val=%ld\n", __func__, idx, rec.nlocks, value, reg->min);
 }
 
-static void recompute_min(tmout_registry* reg) noexcept
+static void recompute_min(const char* fn, tmout_registry* reg) noexcept
 {
     long least = std::numeric_limits<long>::max();
     bool is_picked = false;
@@ -62,8 +61,7 @@ static void recompute_min(tmout_registry* reg) noexcept
             continue;
         least = rec.value;
         is_picked = true;
-        LOG_DEBUG("%s: picked rec[%ld] val=%ld, lk=%lu\n", "reg_rm_timeout", static_cast<long>(i), rec.value,
-                  static_cast<unsigned long>(rec.nlocks));
+        LOG_DEBUG("%s: picked rec[%zu] val=%ld, lk=%zu\n", fn, i, rec.value, rec.nlocks);
     }
     reg->min = is_picked ? least : MIN_TIMER_VAL;
 }
@@ -74,13 +72,13 @@ void reg_rm_timeout(tmout_registry* reg, int idx) noexcept
     tmo_rec& rec = reg->rec[idx];
     ASSERT(rec.nlocks > 0);
     if (--rec.nlocks > 0) {
-        LOG_DEBUG("%s: timeout[%d] lk=%lu\n", __func__, idx, static_cast<unsigned long>(rec.nlocks));
+        LOG_DEBUG("%s: timeout[%d] lk=%zu\n", __func__, idx, rec.nlocks);
         return;
     }
     const long old = rec.value;
     rec.value = 0;
     if (reg->min == 0 || reg->min >= old)
-        recompute_min(reg);
+        recompute_min(__func__, reg);
     LOG_DEBUG("%s: removed timeout[%d]: val=%ld, min_val=%ld\n", __func__, idx, old, reg->min);
 }
 

@@ -109,41 +109,43 @@ int uri_scheme_kind(const char* scheme) noexcept
     return URI_BAD;
 }
 
-/* Copies an optional part that is asked for: an absent one gives an empty text. False when it does not fit (logged). */
-static bool take_part(const char* name, const char* seg, size_t len, char* buf, size_t cap) noexcept
-{
-    if (!buf)
-        return true;
-    if (cpyseg(seg ? seg : "", len, buf, cap))
-        return true;
-    LOG_ERR("%s: uri_get_%s ERROR\n", "uri_extract", name);
-    return false;
-}
-
-static int extract_parts(const char* url, char* scheme, char* authority, char* path, char* query) noexcept
+static int extract_parts(const char* fn, const char* url, char* scheme, char* authority, char* path,
+                         char* query) noexcept
 {
     uri_layout u{};
     if (uri_parse(url, &u) != 0) {
-        LOG_ERR("%s: uri_parse ERROR\n", "uri_extract");
+        LOG_ERR("%s: uri_parse ERROR\n", fn);
         return URI_BAD;
     }
     std::array<char, URI_SCHEME_MAX> own_scheme{};
     if (!uri_get_scheme(&u, own_scheme.data(), own_scheme.size())) {
-        LOG_ERR("%s: uri_get_scheme ERROR\n", "uri_extract");
+        LOG_ERR("%s: uri_get_scheme ERROR\n", fn);
         return URI_BAD;
     }
     if (scheme)
         cut_text(scheme, URI_SCHEME_MAX, own_scheme.data());
-    if (!take_part("authority", u.authority, u.a_len, authority, URI_AUTH_MAX) ||
-        !take_part("path", u.path, u.p_len, path, URI_PATH_MAX) ||
-        !take_part("query", u.query, u.q_len, query, URI_QUERY_MAX))
-        return URI_BAD;
+    /* Optional parts: an absent one gives an empty text. */
+    const struct {
+        const char* name;
+        const char* seg;
+        size_t len;
+        char* buf;
+        size_t cap;
+    } parts[] = {{"authority", u.authority, u.a_len, authority, URI_AUTH_MAX},
+                 {"path", u.path, u.p_len, path, URI_PATH_MAX},
+                 {"query", u.query, u.q_len, query, URI_QUERY_MAX}};
+    for (const auto& part : parts) {
+        if (part.buf && !cpyseg(part.seg ? part.seg : "", part.len, part.buf, part.cap)) {
+            LOG_ERR("%s: uri_get_%s ERROR\n", fn, part.name);
+            return URI_BAD;
+        }
+    }
     return uri_scheme_kind(own_scheme.data());
 }
 
 int uri_extract(const char* url, char* scheme, char* authority, char* path, char* query) noexcept
 {
-    const int kind = extract_parts(url, scheme, authority, path, query);
+    const int kind = extract_parts(__func__, url, scheme, authority, path, query);
     if (kind == URI_BAD)
         LOG_ERR("%s: error parsing URI: [%.256s]\n", __func__, url);
     return kind;

@@ -89,66 +89,46 @@ std::optional<int64_t> extract_num_hdr(std::string_view name, std::string_view h
     return !value.empty() && value.front() != '-' ? parse_num<int64_t>(value) : std::nullopt;
 }
 
-static void take_host(const char* fields, http_header* hdr) noexcept
+/* The fields that a head may have; one that is too long is left out, or cut where only its beginning counts. */
+static void take_fields(const char* fn, const char* fields, http_header* hdr) noexcept
 {
     size_t len = 0;
-    const char* value = find_http_header("Host:", fields, &len);
-    if (!value)
-        return;
-    if (copy_text(hdr->host, sizeof(hdr->host), {value, len}))
-        LOG_DEBUG("%s: Host: %s\n", "parse_http_header", hdr->host);
-    else
-        LOG_ERR("%s: Host length is too long: %lu\n", "parse_http_header", static_cast<unsigned long>(len));
-}
-
-static void take_user_agent(const char* fields, http_header* hdr) noexcept
-{
-    size_t len = 0;
-    const char* value = find_http_header("User-Agent:", fields, &len);
-    if (!value)
-        return;
-    if (copy_text(hdr->user_agent, sizeof(hdr->user_agent), {value, len}))
-        LOG_DEBUG("%s: User-Agent: %s\n", "parse_http_header", hdr->user_agent);
-    else
-        LOG_WARN("%s: User-Agent length is too long: %lu\n", "parse_http_header", static_cast<unsigned long>(len));
-}
-
-static void take_connection(const char* fields, http_header* hdr) noexcept
-{
-    size_t len = 0;
-    const char* value = find_http_header("Connection:", fields, &len);
-    if (!value)
-        return;
-    const std::string_view text(value, len);
-    LOG_DEBUG("%s: Connection: %.*s\n", "parse_http_header", static_cast<int>(len), value);
-    if (ci_find(text, "keep-alive") != std::string_view::npos)
-        hdr->is_keep_alive = true;
-    else
-        hdr->is_close = ci_find(text, "close") != std::string_view::npos;
-}
-
-static void take_accept_encoding(const char* fields, http_header* hdr) noexcept
-{
-    static const char NAME[] = "Accept-Encoding:";
-    size_t len = 0;
-    const char* value = find_http_header(NAME, fields, &len);
-    if (!value)
-        return;
-    const size_t kept = cut_text(hdr->accept_enc, sizeof(hdr->accept_enc), {value, len});
-    if (kept < len)
-        LOG_WARN("%s: [%s] text has been trimmed from %zu to %zu chars\n", "parse_http_header", NAME, len, kept);
-    LOG_DEBUG("%s: %s %s\n", "parse_http_header", NAME, hdr->accept_enc);
+    if (const char* value = find_http_header("Host:", fields, &len)) {
+        if (copy_text(hdr->host, sizeof(hdr->host), {value, len}))
+            LOG_DEBUG("%s: Host: %s\n", fn, hdr->host);
+        else
+            LOG_ERR("%s: Host length is too long: %zu\n", fn, len);
+    }
+    if (const char* value = find_http_header("User-Agent:", fields, &len)) {
+        if (copy_text(hdr->user_agent, sizeof(hdr->user_agent), {value, len}))
+            LOG_DEBUG("%s: User-Agent: %s\n", fn, hdr->user_agent);
+        else
+            LOG_WARN("%s: User-Agent length is too long: %zu\n", fn, len);
+    }
+    if (const char* value = find_http_header("Connection:", fields, &len)) {
+        const std::string_view text(value, len);
+        LOG_DEBUG("%s: Connection: %.*s\n", fn, static_cast<int>(len), value);
+        hdr->is_keep_alive = ci_find(text, "keep-alive") != std::string_view::npos;
+        hdr->is_close = !hdr->is_keep_alive && ci_find(text, "close") != std::string_view::npos;
+    }
+    static constexpr char ENCODING[] = "Accept-Encoding:";
+    if (const char* value = find_http_header(ENCODING, fields, &len)) {
+        const size_t kept = cut_text(hdr->accept_enc, sizeof(hdr->accept_enc), {value, len});
+        if (kept < len)
+            LOG_WARN("%s: [%s] text has been trimmed from %zu to %zu chars\n", fn, ENCODING, len, kept);
+        LOG_DEBUG("%s: %s %s\n", fn, ENCODING, hdr->accept_enc);
+    }
 }
 
 /* ---- request line ---- */
 
-/* The method at p; *rest gets the text after it. 0, 22, -1. */
-static int parse_method(char* p, http_header* hdr, char** rest) noexcept
+/* The method at p; *rest gets the text after it. 0, EINVAL, -1. */
+static int parse_method(const char* fn, char* p, http_header* hdr, char** rest) noexcept
 {
     char* end = p + strcspn(p, " \t");
     const std::string_view method(p, static_cast<size_t>(end - p));
     if (method.size() < MIN_METHOD_LEN || method.size() > MAX_METHOD_LEN) {
-        LOG_HEAD(ERR_level, "%s: failed to get HTTP method from %7s\n", "parse_http_header", p);
+        LOG_HEAD(ERR_level, "%s: failed to get HTTP method from %7s\n", fn, p);
         return -1;
     }
     std::array<char, MAX_METHOD_LEN + 1> text{};
@@ -157,18 +137,19 @@ static int parse_method(char* p, http_header* hdr, char** rest) noexcept
         hdr->type = RQTYPE_GET;
     } else if (ci_equal(method, "HEAD")) {
         hdr->type = RQTYPE_HEAD;
-        LOG_DEBUG("%s: identified as HEAD\n", "parse_http_header");
+        LOG_DEBUG("%s: identified as HEAD\n", fn);
     } else {
         LOG_ERR("HTTP [%s] is NOT supported\n", text.data());
         return EINVAL;
     }
-    LOG_DEBUG("%s: %s request\n", "parse_http_header", text.data());
+    LOG_DEBUG("%s: %s request\n", fn, text.data());
     *rest = end;
     return 0;
 }
 
 /* The URI at p, terminated in place; *rest gets the text after it. */
-static int parse_target(char* p, http_header* hdr, char* full_url, size_t full_url_cap, char** rest) noexcept
+static int parse_target(const char* fn, char* p, http_header* hdr, char* full_url, size_t full_url_cap,
+                        char** rest) noexcept
 {
     p = skip_space(p);
     char* end = p;
@@ -177,42 +158,33 @@ static int parse_target(char* p, http_header* hdr, char* full_url, size_t full_u
     *rest = *end ? end + 1 : end;
     *end = '\0';
     if (full_url && copy_text(full_url, full_url_cap, p))
-        LOG_DEBUG("%s: full URL=[%s]\n", "parse_http_header", full_url);
+        LOG_DEBUG("%s: full URL=[%s]\n", fn, full_url);
     const int rc = uri_parse(p, &hdr->uri);
-    LOG_DEBUG("%s: url=[%.1024s], p_len=%u, q_len=%u, rc=%d\n", "parse_http_header", p,
-              static_cast<unsigned>(hdr->uri.p_len), static_cast<unsigned>(hdr->uri.q_len), rc);
+    LOG_DEBUG("%s: url=[%.1024s], p_len=%zu, q_len=%zu, rc=%d\n", fn, p, hdr->uri.p_len, hdr->uri.q_len, rc);
     if (rc != 0)
-        LOG_ERR("%s: failed to parse URL\n", "parse_http_header");
+        LOG_ERR("%s: failed to parse URL\n", fn);
     return rc;
-}
-
-static int parse_protocol(char* p, http_header* hdr, char** rest) noexcept
-{
-    p = skip_space(p);
-    if (strncmp(p, HTTP1, sizeof(HTTP1) - 1) != 0) {
-        LOG_HEAD(ERR_level, "%s: expected [%s] to follow the URI path, got [%s]\n", "parse_http_header", HTTP1, p);
-        return -1;
-    }
-    LOG_DEBUG("%s: request protocol: [%.*s]\n", "parse_http_header", 8, p);
-    if (p[sizeof(HTTP1) - 1] == '0') {
-        hdr->is_http10 = true;
-        LOG_DEBUG("%s: HTTP/1.0 detected\n", "parse_http_header");
-    }
-    *rest = p;
-    return 0;
 }
 
 int parse_http_header(char* buf, size_t len, http_header* hdr, char* full_url, size_t full_url_cap) noexcept
 {
-    LOG_HEAD(DEBUG_level, "%s: %lu bytes [%.1024s]\n", __func__, static_cast<unsigned long>(len), buf);
+    LOG_HEAD(DEBUG_level, "%s: %zu bytes [%.1024s]\n", __func__, len, buf);
     *hdr = http_header{};
     char* p = buf;
-    if (const int rc = parse_method(p, hdr, &p))
+    if (const int rc = parse_method(__func__, p, hdr, &p))
         return rc;
-    if (const int rc = parse_target(p, hdr, full_url, full_url_cap, &p))
+    if (const int rc = parse_target(__func__, p, hdr, full_url, full_url_cap, &p))
         return rc;
-    if (const int rc = parse_protocol(p, hdr, &p))
-        return rc;
+    p = skip_space(p);
+    if (strncmp(p, HTTP1, sizeof(HTTP1) - 1) != 0) {
+        LOG_HEAD(ERR_level, "%s: expected [%s] to follow the URI path, got [%s]\n", __func__, HTTP1, p);
+        return -1;
+    }
+    LOG_DEBUG("%s: request protocol: [%.*s]\n", __func__, 8, p);
+    if (p[sizeof(HTTP1) - 1] == '0') {
+        hdr->is_http10 = true;
+        LOG_DEBUG("%s: HTTP/1.0 detected\n", __func__);
+    }
     p += strcspn(p, "\r\n");
     p = skip_space(p);
     if (!*p) {
@@ -220,10 +192,7 @@ int parse_http_header(char* buf, size_t len, http_header* hdr, char* full_url, s
         return 0;
     }
     LOG_HEAD(DEBUG_level, "%s: p=[%.1024s]\n", __func__, p);
-    take_host(p, hdr);
-    take_user_agent(p, hdr);
-    take_connection(p, hdr);
-    take_accept_encoding(p, hdr);
+    take_fields(__func__, p, hdr);
     return 0;
 }
 
@@ -254,38 +223,23 @@ static std::string_view order_path(const uri_layout& u) noexcept
 }
 
 /* Pings and requests that are no orders. 0: go on. */
-static int special_path(std::string_view path) noexcept
+static int special_path(const char* fn, std::string_view path) noexcept
 {
     if (path.empty()) {
-        LOG_WARN("%s: no path in URL [%.256s]\n", "web_parse_urq", path.data());
+        LOG_WARN("%s: no path in URL [%.256s]\n", fn, path.data());
         return RC_EMPTY_PATH;
     }
     std::array<char, 16> word{};
     if (!copy_text(word.data(), word.size(), path))
         return 0;
     if (ci_equal(word.data(), "favicon.ico")) {
-        LOG_DEBUG("%s: favicon request received.\n", "web_parse_urq");
+        LOG_DEBUG("%s: favicon request received.\n", fn);
         return RC_FAVICON;
     }
     if (is_ping_request(word.data())) {
         LOG_INFO("Handling user-side PING request\n");
         return RC_PING;
     }
-    return 0;
-}
-
-static int append_query(const uri_layout& u, char* src, size_t cap) noexcept
-{
-    const size_t len = strlen(src);
-    const size_t room = cap - len;
-    if (room <= u.q_len + 1) {
-        LOG_ERR("%s: URI query is too long (%lu bytes), max allowed=%ld bytes, discarding request\n", "web_parse_urq",
-                static_cast<unsigned long>(u.q_len), static_cast<long>(room) - 2);
-        return E2BIG;
-    }
-    src[len] = '?';
-    cut_text(src + len + 1, room - 1, {u.query, u.q_len});
-    LOG_DEBUG("%s: query [%s] appended to source\n", "web_parse_urq", src + len + 1);
     return 0;
 }
 
@@ -296,12 +250,11 @@ int web_parse_urq(char* hbuf, size_t hlen, char* src, char* dst, size_t cap, htt
         return rc;
     const uri_layout& u = hdr->uri;
     if (u.q_len > URI_QUERY_MAX - 1) {
-        LOG_ERR("%s: URI query length (%lu bytes) is beyond the limit: %lu\n", __func__,
-                static_cast<unsigned long>(u.q_len), static_cast<unsigned long>(URI_QUERY_MAX));
+        LOG_ERR("%s: URI query length (%zu bytes) is beyond the limit: %zu\n", __func__, u.q_len, URI_QUERY_MAX);
         return RC_LONG_QUERY;
     }
     const std::string_view path = order_path(u);
-    if (const int rc = special_path(path))
+    if (const int rc = special_path(__func__, path))
         return rc;
     if (const int rc = uri_extract_endpts_ext(path.data(), path.size(), src, dst, cap)) {
         LOG_ERR("%s: error(%d) parsing request data [%.1024s]\n", __func__, rc, path.data());
@@ -312,8 +265,16 @@ int web_parse_urq(char* hbuf, size_t hlen, char* src, char* dst, size_t cap, htt
         return -1;
     }
     if (u.q_len > 0) {
-        if (const int rc = append_query(u, src, cap))
-            return rc;
+        const size_t len = strlen(src);
+        const size_t room = cap - len;
+        if (room <= u.q_len + 1) {
+            LOG_ERR("%s: URI query is too long (%zu bytes), max allowed=%zd bytes, discarding request\n", __func__,
+                    u.q_len, room - 2);
+            return E2BIG;
+        }
+        src[len] = '?';
+        cut_text(src + len + 1, room - 1, {u.query, u.q_len});
+        LOG_DEBUG("%s: query [%s] appended to source\n", __func__, src + len + 1);
     }
     LOG_DEBUG("%s: URI=[%.1024s] - src=[%s], dst=[%s]\n", __func__, u.path, src, dst);
     return 0;

@@ -9,7 +9,6 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
 #include <cstring>
 #include <sys/socket.h>
 
@@ -56,7 +55,7 @@ const http_response* http_code_resp(long code) noexcept
         if (r->code == code)
             return r;
     }
-    LOG_WARN("%s: no response for HTTP%d defined, please update the lib!\n", __func__, static_cast<int>(code));
+    LOG_WARN("%s: no response for HTTP%ld defined, please update the lib!\n", __func__, code);
     return code < 300 ? &g_resp_ok : &g_resp_err;
 }
 
@@ -83,38 +82,6 @@ static void put_line(resp_text* t, const char* name, const char* value) noexcept
     t->pos += n;
 }
 
-static void put_fields(resp_text* t, const http_response* r) noexcept
-{
-    std::array<char, 32> length{};
-    if (r->content_length >= 0)
-        std::to_chars(length.data(), length.data() + length.size() - 1, r->content_length);
-    put_line(t, "Content-Type", r->content_type);
-    put_line(t, "Content-Encoding", r->content_encoding);
-    put_line(t, "Content-Length", length.data());
-    put_line(t, "Connection", r->connection);
-    put_line(t, "Location", r->location);
-}
-
-static void put_ok_suffix(resp_text* t, const http_response* r) noexcept
-{
-    if (t->failed || r->code != HTTP_OK_CODE || !r->ok_suffix || !*r->ok_suffix)
-        return;
-    const int n = snprintf(t->buf + t->pos, t->cap - t->pos, "%s\r\n", r->ok_suffix);
-    t->failed = n < 0 || static_cast<size_t>(n) >= t->cap - t->pos;
-    t->pos += t->failed ? 0 : static_cast<size_t>(n);
-}
-
-static void put_file(resp_text* t, const http_response* r) noexcept
-{
-    if (t->failed || !r->fpath)
-        return;
-    const ssize_t n = read_file_buf(r->fpath, t->buf + t->pos, t->cap - t->pos - 1);
-    LOG_DEBUG("%s: file [%s] of %zd bytes included in HTTP response\n", "mk_http_xt_resp", r->fpath, n);
-    if (n > 0)
-        t->pos += static_cast<size_t>(n);
-    t->buf[t->pos] = '\0';
-}
-
 void http_set_server(const char* name) noexcept
 {
     g_server = name;
@@ -128,14 +95,25 @@ int mk_http_xt_resp(const http_response* resp, int version, char* buf, size_t ca
     }
     resp_text t = {buf, cap, 0, false};
     std::array<char, 16> code{};
+    std::array<char, 32> length{};
     std::to_chars(code.data(), code.data() + code.size() - 1, resp->code);
     t.pos = join_text(buf, cap,
                       {version == 10 ? "HTTP/1.0 " : "HTTP/1.1 ", code.data(), " ", resp->reason,
                        "\r\nServer: ", resp->server ? resp->server : g_server, "\r\n"});
     if (t.pos >= cap)
         return -1;
-    put_fields(&t, resp);
-    put_ok_suffix(&t, resp);
+    if (resp->content_length >= 0)
+        std::to_chars(length.data(), length.data() + length.size() - 1, resp->content_length);
+    put_line(&t, "Content-Type", resp->content_type);
+    put_line(&t, "Content-Encoding", resp->content_encoding);
+    put_line(&t, "Content-Length", length.data());
+    put_line(&t, "Connection", resp->connection);
+    put_line(&t, "Location", resp->location);
+    if (!t.failed && resp->code == HTTP_OK_CODE && resp->ok_suffix && *resp->ok_suffix) {
+        const size_t n = join_text(buf + t.pos, cap - t.pos, {resp->ok_suffix, "\r\n"});
+        t.failed = n >= cap - t.pos;
+        t.pos += t.failed ? 0 : n;
+    }
     if (cap - t.pos >= 3) {
         memcpy(buf + t.pos, "\r\n", 3);
         t.pos += 2;
@@ -143,9 +121,15 @@ int mk_http_xt_resp(const http_response* resp, int version, char* buf, size_t ca
         t.failed = true;
     }
     const size_t head = t.pos;
-    put_file(&t, resp);
-    LOG_HEAD(DEBUG_level, "%s: header:%d/total:%d bytes\n%.*s\n", __func__, static_cast<int>(head),
-             static_cast<int>(t.pos), static_cast<int>(std::min<size_t>(head, 1024)), buf);
+    if (!t.failed && resp->fpath) {
+        const ssize_t n = read_file_buf(resp->fpath, buf + t.pos, cap - t.pos - 1);
+        LOG_DEBUG("%s: file [%s] of %zd bytes included in HTTP response\n", __func__, resp->fpath, n);
+        if (n > 0)
+            t.pos += static_cast<size_t>(n);
+        buf[t.pos] = '\0';
+    }
+    LOG_HEAD(DEBUG_level, "%s: header:%zu/total:%zu bytes\n%.*s\n", __func__, head, t.pos,
+             static_cast<int>(std::min<size_t>(head, 1024)), buf);
     return t.failed ? -1 : static_cast<int>(t.pos);
 }
 
@@ -156,9 +140,8 @@ int mk_http_response(const http_response* resp, char* buf, size_t cap) noexcept
 
 using send_fn = ssize_t (*)(int fd, const void* buf, size_t count) noexcept;
 
-static int send_by(send_fn send_text, int fd, const http_response* resp) noexcept
+static int send_by(const char* fn, send_fn send_text, int fd, const http_response* resp) noexcept
 {
-    const char* fn = "send_http_response";
     static std::array<char, HTTP_RESP_MAX> buf; /* one for all callers: nothing is kept after the send */
 
     const int len = mk_http_response(resp, buf.data(), buf.size());
@@ -170,21 +153,20 @@ static int send_by(send_fn send_text, int fd, const http_response* resp) noexcep
     if (n < 1)
         LOG_ERR("%s: error sending HTTP response to fd=%d\n", fn, fd);
     else if (n < len)
-        LOG_WARN("%s: only %ld out of %ld bytes sent to fd=%d\n", fn, static_cast<long>(n), static_cast<long>(len), fd);
+        LOG_WARN("%s: only %zd out of %d bytes sent to fd=%d\n", fn, n, len, fd);
     else
-        LOG_HEAD(DEBUG_level, "%s: sent HTTP response (%ld bytes) to fd=%d:\n%.1024s\n", fn, static_cast<long>(n), fd,
-                 buf.data());
+        LOG_HEAD(DEBUG_level, "%s: sent HTTP response (%zd bytes) to fd=%d:\n%.1024s\n", fn, n, fd, buf.data());
     return 0;
 }
 
 int send_http_response(int fd, const http_response* resp) noexcept
 {
-    return send_by(nwrite, fd, resp);
+    return send_by(__func__, nwrite, fd, resp);
 }
 
 int send_final_response(int fd, const http_response* resp) noexcept
 {
-    const int rc = send_by(nsend_more, fd, resp);
+    const int rc = send_by("send_http_response", nsend_more, fd, resp);
     /* Before the close, which would answer unread bytes with a reset and drop what waits. Without a connection there is
        nothing to end. */
     (void)shutdown(fd, SHUT_WR);

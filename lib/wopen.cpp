@@ -40,38 +40,31 @@ void usock_set_apptag(const char* tag) noexcept
 
 /* ---- request ---- */
 
-static int mk_host_field(const http_request* rq, std::array<char, HOST_FIELD_MAX>* field) noexcept
-{
-    const char* host = rq->host_addr && *rq->host_addr ? rq->host_addr : "localhost";
-    const bool with_port = rq->host_port && *rq->host_port;
-    const bool is_ipv6 = strchr(host, ':') != nullptr; /* a bare one would read as a name and a port */
-    const size_t n =
-        join_text(field->data(), field->size(),
-                  {is_ipv6 ? "[" : "", host, is_ipv6 ? "]" : "", with_port ? ":" : "", with_port ? rq->host_port : ""});
-    if (n < field->size())
-        return 0;
-    LOG_ERR("%s: host buffer is too small, %d bytes needed\n", "send_http_request", static_cast<int>(n));
-    return -1;
-}
-
 int send_http_request(int fd, const http_request* rq) noexcept
 {
     if (rq->type != 0) {
         LOG_ERR("%s: only GET requests are currently supported.\n", __func__);
         return -1;
     }
+    const char* addr = rq->host_addr && *rq->host_addr ? rq->host_addr : "localhost";
+    const bool with_port = rq->host_port && *rq->host_port;
+    const bool is_ipv6 = strchr(addr, ':') != nullptr; /* a bare one would read as a name and a port */
     std::array<char, HOST_FIELD_MAX> host;
-    if (mk_host_field(rq, &host) != 0)
+    const size_t host_len =
+        join_text(host.data(), host.size(),
+                  {is_ipv6 ? "[" : "", addr, is_ipv6 ? "]" : "", with_port ? ":" : "", with_port ? rq->host_port : ""});
+    if (host_len >= host.size()) {
+        LOG_ERR("%s: host buffer is too small, %zu bytes needed\n", __func__, host_len);
         return -1;
+    }
     std::array<char, REQUEST_MAX> text;
     const size_t size = join_text(text.data(), text.size(),
                                   {"GET ", rq->request[0] == '/' ? "" : "/", rq->request, " HTTP/",
                                    rq->flags & RQFLAG_HTTP10_GET ? "1.0" : "1.1", "\r\nHost: ", host.data(),
                                    "\r\nConnection: ", rq->flags & RQFLAG_KEEPALIVE ? "keep-alive" : "close",
                                    "\r\nUser-Agent: ", rq->server, FIXED_FIELDS});
-    const auto len = static_cast<int>(size);
     if (size >= text.size()) {
-        LOG_ERR("%s: buffer is too small, %d bytes required.\n", __func__, len);
+        LOG_ERR("%s: buffer is too small, %zu bytes required.\n", __func__, size);
         return -1;
     }
     const ssize_t n = nwrite(fd, text.data(), size);
@@ -79,11 +72,11 @@ int send_http_request(int fd, const http_request* rq) noexcept
         LOG_ERR("%s: error sending HTTP request to fd=%d\n", __func__, fd);
         return -1;
     }
-    if (n < len) {
-        LOG_WARN("%s: only %ld out of %d bytes sent to fd=%d\n", __func__, static_cast<long>(n), len, fd);
+    if (static_cast<size_t>(n) < size) {
+        LOG_WARN("%s: only %zd out of %zu bytes sent to fd=%d\n", __func__, n, size, fd);
         return -1;
     }
-    LOG_HEAD(DEBUG_level, "%s: sent %ld bytes to fd=%d:\n%.1024s", __func__, static_cast<long>(n), fd, text.data());
+    LOG_HEAD(DEBUG_level, "%s: sent %zd bytes to fd=%d:\n%.1024s", __func__, n, fd, text.data());
     return 0;
 }
 
@@ -112,9 +105,9 @@ int fwd_http_rq(int fd, const char* url, const char* apptag, uint32_t flags) noe
     size_t n = 0;
     for (const std::string_view part : {std::string_view(tail, tail_len), mark, query})
         n += cut_text(request.data() + n, request.size() - n, part);
-    if (tail_len + mark.size() + query.size() >= request.size())
-        LOG_WARN("%s: GET query is too long [%d bytes], max=%ld bytes.\n", __func__,
-                 static_cast<int>(tail_len + mark.size() + query.size()), static_cast<long>(request.size() - 1));
+    const size_t wanted = tail_len + mark.size() + query.size();
+    if (wanted >= request.size())
+        LOG_WARN("%s: GET query is too long [%zu bytes], max=%zu bytes.\n", __func__, wanted, request.size() - 1);
     const http_request rq = {.type = 0,
                              .flags = flags,
                              .request = request.data(),
@@ -159,23 +152,16 @@ ssize_t read_http(int fd, char* buf, size_t cap, size_t pos, ssize_t* eoh) noexc
     const size_t head = head_eod(buf, pos + static_cast<size_t>(n));
     if (head > 0) {
         *eoh = static_cast<ssize_t>(head);
-        LOG_DEBUG("%s: HTTP EOD marker found at pos=%ld\n", __func__, static_cast<long>(head));
+        LOG_DEBUG("%s: HTTP EOD marker found at pos=%zu\n", __func__, head);
     } else {
-        LOG_DEBUG("%s: fd=%d, no HTTP EOD marker found, %ld bytes read.\n", __func__, fd,
-                  static_cast<long>(pos + static_cast<size_t>(n)));
+        LOG_DEBUG("%s: fd=%d, no HTTP EOD marker found, %zu bytes read.\n", __func__, fd, pos + static_cast<size_t>(n));
     }
     return n;
 }
 
-static bool is_aborted(int err) noexcept
+/* Reads until the head is complete. 0, EAGAIN, -1. */
+static int read_head(const char* fn, int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcept
 {
-    return err == ECONNRESET || err == ECONNABORTED;
-}
-
-/* Reads until the head is complete. 0, 11, -1. */
-static int read_head(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcept
-{
-    const char* fn = "recv_http_response";
     while (resp->total < static_cast<ssize_t>(cap) - 1) {
         const ssize_t n = read_http(fd, buf, cap - 1, static_cast<size_t>(resp->total), &resp->tail);
         if (n < 0 && is_eagain(errno)) {
@@ -184,7 +170,7 @@ static int read_head(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcep
         }
         if (n < 0 && errno == EINTR)
             continue;
-        if (n == 0 || (n < 0 && is_aborted(errno))) {
+        if (n == 0 || (n < 0 && (errno == ECONNRESET || errno == ECONNABORTED))) {
             LOG_ERR("%s: client [fd=%d] connection broken\n", fn, fd);
             return -1;
         }
@@ -192,7 +178,7 @@ static int read_head(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcep
             LOG_ERRNO("%s: recv(fd%d)", fn, fd);
             return -1;
         }
-        LOG_DEBUG("%s: read %ld bytes from fd=%d\n", fn, static_cast<long>(n), fd);
+        LOG_DEBUG("%s: read %zd bytes from fd=%d\n", fn, n, fd);
         resp->total += n;
         if (resp->tail > 0)
             return 0;
@@ -203,9 +189,8 @@ static int read_head(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcep
 }
 
 /* The line as scanf reads it: its leniency towards blanks, numbers and words is what sources may rely on. 0 or -1. */
-static int parse_status_line(int fd, const char* text, int* status) noexcept
+static int parse_status_line(const char* fn, int fd, const char* text, int* status) noexcept
 {
-    const char* fn = "recv_http_response";
     long major = 0;
     long minor = 0;
     long code = 0;
@@ -229,22 +214,14 @@ static int parse_status_line(int fd, const char* text, int* status) noexcept
 
 int recv_http_response(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcept
 {
-    if (const int rc = read_head(fd, buf, cap, resp))
+    if (const int rc = read_head(__func__, fd, buf, cap, resp))
         return rc;
     buf[resp->tail - 1] = '\0'; /* the head's last line end: the body's first byte stays */
-    LOG_HEAD(DEBUG_level, "%s: total=%lu, tail=%lu; buf=[%.1024s]\n", __func__, static_cast<unsigned long>(resp->total),
-             static_cast<unsigned long>(resp->tail), buf);
-    return parse_status_line(fd, buf, &resp->code);
+    LOG_HEAD(DEBUG_level, "%s: total=%zd, tail=%zd; buf=[%.1024s]\n", __func__, resp->total, resp->tail, buf);
+    return parse_status_line(__func__, fd, buf, &resp->code);
 }
 
 /* ---- opening ---- */
-
-/* Where a URL points: what open_socket wants to know. */
-struct endpoint {
-    std::array<char, HOST_MAX> host;
-    std::array<char, PORT_MAX> port;
-    std::array<char, URI_AUTH_MAX> source; /* of a source-specific group, empty = none */
-};
 
 /* A channel may be given as plain "addr:port", which is a datagram endpoint. */
 static int classify(const char* url) noexcept
@@ -264,62 +241,56 @@ static int classify(const char* url) noexcept
     return uri_get_scheme(&u, scheme.data(), scheme.size()) ? uri_scheme_kind(scheme.data()) : URI_BAD;
 }
 
-static int parse_endpoint(const char* url, usock_ctx* ctx, endpoint* ep) noexcept
-{
-    uri_layout u{};
-    if (uri_parse(url, &u) != 0)
-        return -1;
-    const char* tail =
-        uri_path_addrport(u.path, u.p_len, ep->host.data(), ep->host.size(), ep->port.data(), ep->port.size());
-    if (!tail)
-        return -1;
-    cut_text(ctx->url_path, sizeof(ctx->url_path), {tail, u.p_len - static_cast<size_t>(tail - u.path)});
-    if (u.authority && ctx->url_kind != URI_HTTP && !uri_get_authority(&u, ep->source.data(), ep->source.size())) {
-        LOG_ERR("%s: uri_get_authority ERROR\n", "usock_open");
-        return -1;
-    }
-    if (ctx->url_kind == URI_HTTP && !ep->port[0]) {
-        cut_text(ep->port.data(), ep->port.size(), HTTP_PORT);
-        LOG_DEBUG("%s: assuming HTTP port %s for [%s]\n", "usock_open", HTTP_PORT, url);
-    }
-    return 0;
-}
-
-static int open_file_url(usock_ctx* ctx, const char* url) noexcept
+static int open_file_url(const char* fn, usock_ctx* ctx, const char* url) noexcept
 {
     uri_layout u{};
     if (uri_parse(url, &u) != 0 || !uri_get_path(&u, ctx->url_path, sizeof(ctx->url_path)))
         return -1;
-    const int fd = W_open("usock_open", ctx->url_path, O_RDONLY, 0);
+    const int fd = W_open(fn, ctx->url_path, O_RDONLY, 0);
     if (fd < 0)
         return -1;
     ctx->non_pollable = true;
-    LOG_DEBUG("%s: fd%d FILE [%s]\n", "usock_open", fd, ctx->url_path);
+    LOG_DEBUG("%s: fd%d FILE [%s]\n", fn, fd, ctx->url_path);
     return fd;
 }
 
-static int open_net_url(usock_ctx* ctx, const char* url) noexcept
+static int open_net_url(const char* fn, usock_ctx* ctx, const char* url) noexcept
 {
-    endpoint ep{};
-    if (parse_endpoint(url, ctx, &ep) != 0)
+    uri_layout u{};
+    if (uri_parse(url, &u) != 0)
         return -1;
+    std::array<char, HOST_MAX> host{};
+    std::array<char, PORT_MAX> port{};
+    std::array<char, URI_AUTH_MAX> group_source{}; /* empty = any */
+    const char* tail = uri_path_addrport(u.path, u.p_len, host.data(), host.size(), port.data(), port.size());
+    if (!tail)
+        return -1;
+    cut_text(ctx->url_path, sizeof(ctx->url_path), {tail, u.p_len - static_cast<size_t>(tail - u.path)});
+    if (u.authority && ctx->url_kind != URI_HTTP && !uri_get_authority(&u, group_source.data(), group_source.size())) {
+        LOG_ERR("%s: uri_get_authority ERROR\n", fn);
+        return -1;
+    }
+    if (ctx->url_kind == URI_HTTP && !port[0]) {
+        cut_text(port.data(), port.size(), HTTP_PORT);
+        LOG_DEBUG("%s: assuming HTTP port %s for [%s]\n", fn, HTTP_PORT, url);
+    }
     const bool is_datagram = ctx->url_kind == URI_UDP || ctx->url_kind == URI_RTP;
     ctx->sspec.socktype = is_datagram ? SOCK_DGRAM : SOCK_STREAM;
     ctx->sspec.passive = ctx->inbound;
     ctx->sspec.writer = !ctx->inbound;
     ctx->sspec.non_blocking = ctx->non_blocking;
-    const char* source = is_datagram && ep.source[0] ? ep.source.data() : nullptr;
+    const char* source = is_datagram && group_source[0] ? group_source.data() : nullptr;
     if (source)
-        LOG_DEBUG("%s: SSM source=[%s]\n", "usock_open", source);
-    return open_socket(ep.host.data(), ep.port.data(), source, &ctx->sspec, ctx->ifc_tag, &ctx->mifc);
+        LOG_DEBUG("%s: SSM source=[%s]\n", fn, source);
+    return open_socket(host.data(), port.data(), source, &ctx->sspec, ctx->ifc_tag, &ctx->mifc);
 }
 
 /* The whole exchange up to the end of the response's head, on a blocking connection. */
-static int http_exchange(usock_ctx* ctx, int fd, const char* url) noexcept
+static int http_exchange(const char* fn, usock_ctx* ctx, int fd, const char* url) noexcept
 {
     if (usock_http_get(fd, url, ctx) != 0)
         return -1;
-    ctx->buf = static_cast<char*>(W_calloc("usock_open", 1, RESP_BUF_CAP));
+    ctx->buf = static_cast<char*>(W_calloc(fn, 1, RESP_BUF_CAP));
     if (!ctx->buf)
         return -1;
     ctx->bufcap = RESP_BUF_CAP;
@@ -346,9 +317,9 @@ int usock_open(usock_ctx* ctx, const char* url) noexcept
         return -1;
     }
     if (ctx->url_kind == URI_FILE)
-        return open_file_url(ctx, url);
-    const int fd = open_net_url(ctx, url);
-    if (fd >= 0 && ctx->url_kind == URI_HTTP && !ctx->skip_http && http_exchange(ctx, fd, url) != 0) {
+        return open_file_url(__func__, ctx, url);
+    const int fd = open_net_url(__func__, ctx, url);
+    if (fd >= 0 && ctx->url_kind == URI_HTTP && !ctx->skip_http && http_exchange(__func__, ctx, fd, url) != 0) {
         usock_close(fd, ctx);
         return -1;
     }
