@@ -222,7 +222,7 @@ int get_listeners(const char* kind, const config_setting_t* setting, rui_listene
             slots[count].index = count + 1;
         }
     }
-    LOG_DEBUG("%s: %lu %s listeners loaded\n", __func__, static_cast<unsigned long>(count), kind);
+    LOG_DEBUG("%s: %zu %s listeners loaded\n", __func__, count, kind);
     return 0;
 }
 

@@ -7,6 +7,7 @@
 #include "log.h"
 #include "netops.h"
 #include "strops.h"
+#include "timeop.h"
 #include "util.h"
 
 #include <algorithm>
@@ -232,7 +233,8 @@ static int wait_for_server(short events, int64_t deadline) noexcept
         if (g_quit)
             deadline = std::min(deadline, g_ctx.quit_deadline);
         const int64_t left = deadline == NO_DEADLINE ? 0 : std::max<int64_t>(deadline - now_ms(), 0);
-        const timespec limit = {left / 1000, left % 1000 * 1000000};
+        timespec limit{};
+        ms2timespec(left, &limit);
         const int rc = poll_with_signals(g_ctx.redis->fd, events, deadline == NO_DEADLINE ? nullptr : &limit);
         if (rc > 0)
             return 0;

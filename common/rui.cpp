@@ -23,8 +23,8 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr size_t ACCSET_ROOM = 65536; /* descriptors; a higher one makes the set grow */
 constexpr size_t PPRM_ROOM = 8;
+constexpr size_t MIN_TRKNUM_DIGITS = 4; /* shorter numbers get leading zeros */
 constexpr size_t TRKNUM_DIGITS = 5;
-constexpr size_t TRKNUM_PAD = 4; /* shorter numbers get leading zeros */
 
 static rui_socket_cb g_cb[RUI_MAX];
 
@@ -78,12 +78,6 @@ void rui_fdset_clear(rui_fdset* set, int fd) noexcept
         set->words[bit / 64] &= ~(uint64_t{1} << (bit % 64));
 }
 
-static void fdset_free(rui_fdset* set) noexcept
-{
-    free(set->words);
-    *set = rui_fdset{};
-}
-
 /* ---- set-up ---- */
 
 void rui_set_cb(int type, const rui_socket_cb* cb) noexcept
@@ -92,43 +86,37 @@ void rui_set_cb(int type, const rui_socket_cb* cb) noexcept
     g_cb[type] = *cb;
 }
 
-static int setup_one(rui_listener_cfg* lc, rui_socket_ctx* srv, const rui_socket_cb* cb) noexcept
-{
-    ASSERT(cb->new_rq && cb->rm_rq);
-    int rc = 0;
-    srv->requests = dlep_create(&rc);
-    if (!srv->requests) {
-        LOG_ERR("%s: dlep_create() failed rc=%d\n", "rui_setup_listeners", rc);
-        return rc;
-    }
-    rc = slots_reserve(&srv->pprm, PPRM_ROOM);
-    if (rc == 0 && !fdset_reserve(&srv->accset, std::min(fd_limit(), ACCSET_ROOM)))
-        rc = -1;
-    if (rc != 0) {
-        LOG_ERR("%s: xvlst_reserve() failed rc=%d\n", "rui_setup_listeners", rc);
-        dlep_destroy(srv->requests, nullptr);
-        slots_reset(&srv->pprm);
-        *srv = rui_socket_ctx{};
-        return rc;
-    }
-    srv->tag = TAG_RSC;
-    srv->sockfd = -1;
-    srv->lc = lc;
-    srv->rqtag = cb->tag;
-    srv->cb = cb;
-    return 0;
-}
-
 int rui_setup_listeners(int kind, rui_listener_cfg* cfg, rui_socket_ctx* srv) noexcept
 {
     ASSERT(kind >= 0 && kind < RUI_MAX);
+    const rui_socket_cb* cb = &g_cb[kind];
     size_t count = 0;
-    for (; count < MAX_LISTENERS && cfg[count].is_valid; ++count) {
-        if (const int rc = setup_one(&cfg[count], &srv[count], &g_cb[kind]))
+    for (; count < MAX_LISTENERS && cfg[count].is_valid; ++count, ++srv) {
+        ASSERT(cb->new_rq && cb->rm_rq);
+        int rc = 0;
+        srv->requests = dlep_create(&rc);
+        if (!srv->requests) {
+            LOG_ERR("%s: dlep_create() failed rc=%d\n", __func__, rc);
             return rc;
+        }
+        rc = slots_reserve(&srv->pprm, PPRM_ROOM);
+        if (rc == 0 && !fdset_reserve(&srv->accset, std::min(fd_limit(), ACCSET_ROOM)))
+            rc = -1;
+        if (rc != 0) {
+            LOG_ERR("%s: xvlst_reserve() failed rc=%d\n", __func__, rc);
+            dlep_destroy(srv->requests, nullptr);
+            slots_reset(&srv->pprm);
+            *srv = rui_socket_ctx{};
+            return rc;
+        }
+        srv->tag = TAG_RSC;
+        srv->sockfd = -1;
+        srv->lc = &cfg[count];
+        srv->rqtag = cb->tag;
+        srv->cb = cb;
     }
     if (count > 0)
-        LOG_DEBUG("%s: %lu [%s] listeners set up\n", __func__, static_cast<unsigned long>(count), g_cb[kind].tag.sym);
+        LOG_DEBUG("%s: %zu [%s] listeners set up\n", __func__, count, cb->tag.sym);
     return 0;
 }
 
@@ -145,24 +133,6 @@ int rui_ctx_init(rui_cfg* cfg, rui_ctx* ctx) noexcept
 
 /* ---- start and stop ---- */
 
-static int open_by_cfg(const rui_listener_cfg* lc) noexcept
-{
-    if (lc->domain_path[0])
-        return open_domain_listener(lc->domain_path);
-    if (lc->proto == IPPROTO_TCP) {
-        return lc->ifc ? open_listener(lc->ifc, lc->port, SOCK_NONBLOCK)
-                       : open_anyaddr_listener(lc->pref_af, lc->port, SOCK_NONBLOCK);
-    }
-    return lc->proto == IPPROTO_UDP && lc->ifc ? open_udp_listener(lc->ifc, lc->port) : -1;
-}
-
-static const char* place_of(const rui_listener_cfg* lc) noexcept
-{
-    if (lc->domain_path[0])
-        return lc->domain_path;
-    return lc->ifc ? lc->ifc->name : "all";
-}
-
 int rui_start_listener(rui_listener_cfg* lc, rui_socket_ctx* srv) noexcept
 {
     ASSERT(srv->rqtag.num && srv->cb->new_rq && srv->cb->rm_rq);
@@ -170,11 +140,18 @@ int rui_start_listener(rui_listener_cfg* lc, rui_socket_ctx* srv) noexcept
     const size_t pending = dlep_count(srv->requests);
     LOG_DEBUG("%s: %s\n", __func__, srv->rqtag.sym);
     srv->lc = lc;
-    srv->sockfd = open_by_cfg(lc);
+    if (lc->domain_path[0])
+        srv->sockfd = open_domain_listener(lc->domain_path);
+    else if (lc->proto == IPPROTO_TCP)
+        srv->sockfd = lc->ifc ? open_listener(lc->ifc, lc->port, SOCK_NONBLOCK)
+                              : open_anyaddr_listener(lc->pref_af, lc->port, SOCK_NONBLOCK);
+    else if (lc->proto == IPPROTO_UDP && lc->ifc)
+        srv->sockfd = open_udp_listener(lc->ifc, lc->port);
     if (srv->sockfd >= 0 && rqs_add_reader(srv->sockfd, srv) == 0) {
+        const char* place = lc->ifc ? lc->ifc->name : "all";
         srv->deferred = false;
-        LOG_INFO("STARTED listener fd%d for %s requests on %s:%s; %lu requests pending\n", srv->sockfd, srv->rqtag.sym,
-                 place_of(lc), lc->port, static_cast<unsigned long>(pending));
+        LOG_INFO("STARTED listener fd%d for %s requests on %s:%s; %zu requests pending\n", srv->sockfd, srv->rqtag.sym,
+                 lc->domain_path[0] ? lc->domain_path : place, lc->port, pending);
         return 0;
     }
     if (srv->sockfd >= 0)
@@ -191,7 +168,7 @@ int rui_enable_listeners(rui_socket_ctx* srv) noexcept
         if (const int rc = rui_start_listener(srv[count].lc, &srv[count]))
             return rc;
     }
-    LOG_DEBUG("%s: %lu [%s] listener(s) started\n", __func__, static_cast<unsigned long>(count), srv[0].rqtag.sym);
+    LOG_DEBUG("%s: %zu [%s] listener(s) started\n", __func__, count, srv[0].rqtag.sym);
     return 0;
 }
 
@@ -211,8 +188,7 @@ void rui_stop_listener(rui_socket_ctx* srv) noexcept
     ASSERT(0 == srv->deferred && srv->sockfd >= 0);
     const size_t queued = dlep_count(srv->requests);
     if (queued > 0)
-        LOG_WARN("%s listener fd%d wll be closed (%lu requsts queued)\n", srv->rqtag.sym, srv->sockfd,
-                 static_cast<unsigned long>(queued));
+        LOG_WARN("%s listener fd%d wll be closed (%zu requsts queued)\n", srv->rqtag.sym, srv->sockfd, queued);
     rui_resume(srv);
     rqs_rm_fd(srv->sockfd, true, false);
     W_close(__func__, srv->sockfd);
@@ -236,7 +212,8 @@ static void drop_listener(rui_socket_ctx* srv) noexcept
         srv->lc->is_valid = false;
     }
     slots_reset(&srv->pprm);
-    fdset_free(&srv->accset);
+    free(srv->accset.words);
+    srv->accset = rui_fdset{};
     srv->tag.num = 0;
 }
 
@@ -247,8 +224,7 @@ void rui_ctx_destroy(rui_ctx* ctx) noexcept
         size_t count = 0;
         for (; count < MAX_LISTENERS && set[count].tag.num; ++count)
             drop_listener(&set[count]);
-        LOG_DEBUG("%s: %lu [%s] listener(s) %s\n", "stop_listeners", static_cast<unsigned long>(count), kind_name(kind),
-                  "destroyed");
+        LOG_DEBUG("%s: %zu [%s] listener(s) %s\n", "stop_listeners", count, kind_name(kind), "destroyed");
     }
 }
 
@@ -289,8 +265,7 @@ void rui_rm_request(rui_rq_header* rq) noexcept
 static int purge_elem(rui_rq_header** elem, size_t j) noexcept
 {
     rui_rq_header* rq = *elem;
-    LOG_DEBUG("%s: %s [%s] (%p) j=%ld\n", "rui_pprm_all", rq->tag.sym, rq->trk_tag.sym8, static_cast<void*>(rq),
-              static_cast<long>(j));
+    LOG_DEBUG("%s: %s [%s] (%p) j=%zu\n", "rui_pprm_all", rq->tag.sym, rq->trk_tag.sym8, static_cast<void*>(rq), j);
     rm_request(rq, true);
     return 0;
 }
@@ -317,16 +292,6 @@ void rui_pprm_all(rui_ctx* ctx) noexcept
 
 /* ---- time-outs ---- */
 
-static size_t time_out_queue(rui_socket_ctx* srv, uint32_t ms) noexcept
-{
-    size_t count = 0;
-    for (dlep_elem* e = dlep_tail(srv->requests); e; e = e->next) {
-        ASSERT(srv->cb->time_out);
-        count += srv->cb->time_out(reinterpret_cast<rui_rq_header*>(e), ms);
-    }
-    return count;
-}
-
 void rui_tmout_all(rui_ctx* ctx, uint32_t tmout_ms) noexcept
 {
     for (int kind = RUI_USER; kind < RUI_MAX; ++kind) {
@@ -334,17 +299,33 @@ void rui_tmout_all(rui_ctx* ctx, uint32_t tmout_ms) noexcept
         if (!set[0].tag.num)
             continue;
         size_t count = 0;
-        for (size_t i = 0; rui_socket_ctx* srv = listener_at(set, i); ++i)
-            count += time_out_queue(srv, tmout_ms);
+        for (size_t i = 0; const rui_socket_ctx* srv = listener_at(set, i); ++i) {
+            for (dlep_elem* e = dlep_tail(srv->requests); e; e = e->next) {
+                ASSERT(srv->cb->time_out);
+                count += srv->cb->time_out(reinterpret_cast<rui_rq_header*>(e), tmout_ms);
+            }
+        }
         if (count > 0)
-            LOG_WARN("%s: %lu [%s] requests timed out\n", __func__, static_cast<unsigned long>(count),
-                     set[0].lc->alias);
+            LOG_WARN("%s: %zu [%s] requests timed out\n", __func__, count, set[0].lc->alias);
         else
             LOG_DEBUG("%s: no time-outs for [%s]\n", __func__, set[0].lc->alias);
     }
 }
 
 /* ---- tags and the end ---- */
+
+void rui_put_trknum(n64_tag* tag, char kind, size_t number, size_t min_digits, size_t max_digits) noexcept
+{
+    std::array<char, 24> text;
+    const auto end = std::to_chars(text.data(), text.data() + text.size(), number).ptr;
+    const std::string_view digits(text.data(), static_cast<size_t>(end - text.data()));
+    ASSERT(digits.size() <= MAX_TRKNUM_DIGITS);
+    *tag = n64_tag{.sym8 = {kind}};
+    size_t pos = 1;
+    while (pos + digits.size() <= min_digits)
+        tag->sym8[pos++] = '0';
+    cut_text(tag->sym8 + pos, max_digits + 2 - pos, digits);
+}
 
 void rui_mk_trknum(size_t* counter, n64_tag* tag, char kind, size_t max) noexcept
 {
@@ -353,15 +334,7 @@ void rui_mk_trknum(size_t* counter, n64_tag* tag, char kind, size_t max) noexcep
         LOG_DEBUG("%s: rolling over %c-requests\n", __func__, kind);
     }
     ++*counter;
-    tag->num64 = 0;
-    tag->sym8[0] = kind;
-    std::array<char, 24> text;
-    text.fill('0');
-    char* digits = text.data() + TRKNUM_PAD - 1;
-    const auto n = std::to_chars(digits, text.data() + text.size(), *counter).ptr - digits;
-    ASSERT(n > 0 && n <= 6);
-    const size_t zeros = static_cast<size_t>(n) < TRKNUM_PAD ? TRKNUM_PAD - static_cast<size_t>(n) : 0;
-    cut_text(tag->sym8 + 1, TRKNUM_DIGITS + 1, {digits - zeros, zeros + static_cast<size_t>(n)});
+    rui_put_trknum(tag, kind, *counter, MIN_TRKNUM_DIGITS, TRKNUM_DIGITS);
 }
 
 void rui_crash_on_error(rui_socket_ctx* srv, uint32_t flags) noexcept

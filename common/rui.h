@@ -19,6 +19,7 @@ constexpr size_t MAX_RUI_QUEUED = 1000;           /* requests of one listener */
 constexpr int RUI_LOW_WMARK = 32;                 /* bytes that make a client's socket readable */
 constexpr uint32_t RUI_TCP_NODELAY = 1;
 constexpr size_t MAX_RQNUM = 100000;
+constexpr size_t MAX_TRKNUM_DIGITS = 6; /* with the kind and a NUL they fill a tag */
 
 /* Registry kind that keeps the loop waking while a listener waits for descriptors to come back. */
 constexpr int LSN_PAUSE_TMOUT = 3;
@@ -106,6 +107,9 @@ void rui_rm_request(rui_rq_header* rq) noexcept;
 /* Removes what is on the pprm lists and wakes paused listeners. From post-processing. */
 void rui_pprm_all(rui_ctx* ctx) noexcept;
 void rui_tmout_all(rui_ctx* ctx, uint32_t tmout_ms) noexcept;
+/* A tracking tag of kind and number: leading zeros up to min_digits, cut behind max_digits. More than MAX_TRKNUM_DIGITS
+   are an assertion. */
+void rui_put_trknum(n64_tag* tag, char kind, size_t number, size_t min_digits, size_t max_digits) noexcept;
 /* Next tracking tag: kind and the counter with at least four digits; starts again at 1 after max. */
 void rui_mk_trknum(size_t* counter, n64_tag* tag, char kind, size_t max) noexcept;
 /* Ends the process: an error on a listening socket is fatal. */

@@ -6,6 +6,7 @@
 #include "rqs.h"
 #include "rui_internal.h"
 #include "syswrap.h"
+#include "timeop.h"
 #include "tmout.h"
 #include "util.h"
 
@@ -20,7 +21,7 @@ constexpr size_t ADDR_TEXT_MAX = 64;
 
 /* ---- when accepting fails ---- */
 
-static void pause_listener(rui_socket_ctx* srv, const char* why, int err) noexcept
+static void pause_listener(const char* fn, rui_socket_ctx* srv, const char* why, int err) noexcept
 {
     if (srv->is_paused || rqs_mod(srv->sockfd, srv, 0) != 0)
         return;
@@ -28,8 +29,8 @@ static void pause_listener(rui_socket_ctx* srv, const char* why, int err) noexce
     rqs_set_now(&srv->paused_tm);
     set_timeout(LSN_PAUSE_TMOUT, LSN_PAUSE_TMOUT_MS);
     if (!srv->is_short)
-        LOG_WARN("%s(%s): %s, ERROR(%d): waiting clients stay queued until some come back\n", "rui_accept",
-                 srv->lc->alias, why, err);
+        LOG_WARN("%s(%s): %s, ERROR(%d): waiting clients stay queued until some come back\n", fn, srv->lc->alias, why,
+                 err);
     srv->is_short = true;
 }
 
@@ -44,9 +45,11 @@ void rui_resume(rui_socket_ctx* srv) noexcept
    listener woken too early would be reported, refused and paused again without end. */
 void rui_wake(rui_socket_ctx* srv) noexcept
 {
-    static constexpr timespec PAUSE = {LSN_PAUSE_TMOUT_MS / 1000, LSN_PAUSE_TMOUT_MS % 1000 * 1000000};
-
-    if (!srv->is_paused || !timed_out(srv->paused_tm, PAUSE))
+    if (!srv->is_paused)
+        return;
+    timespec pause{};
+    ms2timespec(LSN_PAUSE_TMOUT_MS, &pause);
+    if (!timed_out(srv->paused_tm, pause))
         return;
     if (rqs_mod(srv->sockfd, srv, RQS_READ) == 0)
         rui_resume(srv);
@@ -58,7 +61,7 @@ int rui_add_request(int fd, rui_socket_ctx* srv, void* udata) noexcept
 {
     const size_t queued = dlep_count(srv->requests);
     if (queued > MAX_RUI_QUEUED - 1) {
-        LOG_ERR("%s: Too many user requests (%lu) queued\n", __func__, static_cast<unsigned long>(queued));
+        LOG_ERR("%s: Too many user requests (%zu) queued\n", __func__, queued);
         return EBUSY;
     }
     ASSERT(srv->cb);
@@ -87,8 +90,8 @@ int rui_add_request(int fd, rui_socket_ctx* srv, void* udata) noexcept
 /* ---- accept ---- */
 
 /* Prepares and queues one accepted client. Its descriptor is closed on failure (logged). */
-static int take_client(int fd, const sockaddr_storage& peer, socklen_t len, rui_socket_ctx* srv, uint32_t flags,
-                       void* udata) noexcept
+static int take_client(const char* fn, int fd, const sockaddr_storage& peer, socklen_t len, rui_socket_ctx* srv,
+                       uint32_t flags, void* udata) noexcept
 {
     std::array<char, ADDR_TEXT_MAX> text{};
     LOG_INFO("Accepted %s request [fd=%d] from %s\n", srv->lc->alias, fd,
@@ -97,9 +100,9 @@ static int take_client(int fd, const sockaddr_storage& peer, socklen_t len, rui_
     const bool is_net = peer.ss_family == AF_INET || peer.ss_family == AF_INET6;
     int rc = 0;
     if (is_net) {
-        rc = W_setsockopt("rui_accept", fd, SOL_SOCKET, SO_RCVLOWAT, &RUI_LOW_WMARK, sizeof(RUI_LOW_WMARK));
+        rc = W_setsockopt(fn, fd, SOL_SOCKET, SO_RCVLOWAT, &RUI_LOW_WMARK, sizeof(RUI_LOW_WMARK));
         if (rc == 0)
-            LOG_DEBUG("%s: low watermark set to %d for fd=%d\n", "rui_accept", RUI_LOW_WMARK, fd);
+            LOG_DEBUG("%s: low watermark set to %d for fd=%d\n", fn, RUI_LOW_WMARK, fd);
     }
     if (rc == 0 && is_net && (flags & RUI_TCP_NODELAY))
         rc = set_tcp_nodelay(fd, true);
@@ -108,24 +111,8 @@ static int take_client(int fd, const sockaddr_storage& peer, socklen_t len, rui_
     if (rc == 0)
         return 0;
     LOG_ERR("Error rc=%d processing connection [%s] fd=%d\n", rc, srv->lc->alias, fd);
-    W_close("rui_accept", fd);
+    W_close(fn, fd);
     return rc;
-}
-
-static bool is_datagram(const rui_socket_ctx* srv) noexcept
-{
-    return srv->lc->proto == IPPROTO_UDP && !srv->lc->domain_path[0];
-}
-
-/* Any other error is left alone once, since it may have been that client's. Twice in a row it is the listener's,
-   which would be reported without end. */
-static void accept_failed(rui_socket_ctx* srv, int err) noexcept
-{
-    if (is_datagram(srv) && (err == EOPNOTSUPP || err == EINVAL))
-        (void)rqs_mod(srv->sockfd, srv, 0); /* it accepts nothing, ever */
-    else if (srv->has_failed)
-        pause_listener(srv, "accepting fails", err);
-    srv->has_failed = true;
 }
 
 /* An accept that finds nobody makes a file first, and is the dearest call of a lone order: behind the first client the
@@ -138,27 +125,34 @@ static bool is_second_waiting(int fd) noexcept
 }
 
 /* What a failed accept asks for. True: try again at once. */
-static bool goes_on(rui_socket_ctx* srv, int err) noexcept
+static bool goes_on(const char* fn, rui_socket_ctx* srv, int err) noexcept
 {
+    const bool is_datagram = srv->lc->proto == IPPROTO_UDP && !srv->lc->domain_path[0];
     switch (err) {
     case EINTR:
         return !g_quit;
     case ECONNABORTED:
     case ECONNRESET:
-        LOG_INFO("%s(%s): connection aborted/reset before accept()\n", "rui_accept", srv->lc->alias);
+        LOG_INFO("%s(%s): connection aborted/reset before accept()\n", fn, srv->lc->alias);
         return true;
     case EAGAIN:
         srv->has_failed = false;
-        LOG_DEBUG("%s(%s): end of accept queue reached\n", "rui_accept", srv->lc->alias);
+        LOG_DEBUG("%s(%s): end of accept queue reached\n", fn, srv->lc->alias);
         return false;
     case EMFILE:
     case ENFILE:
     case ENOBUFS:
     case ENOMEM:
-        pause_listener(srv, "out of resources", err);
+        pause_listener(fn, srv, "out of resources", err);
         return false;
     default:
-        accept_failed(srv, err);
+        /* Left alone once, since it may have been that client's. Twice in a row it is the listener's, which would be
+           reported without end. */
+        if (is_datagram && (err == EOPNOTSUPP || err == EINVAL))
+            (void)rqs_mod(srv->sockfd, srv, 0); /* it accepts nothing, ever */
+        else if (srv->has_failed)
+            pause_listener(fn, srv, "accepting fails", err);
+        srv->has_failed = true;
         return false;
     }
 }
@@ -175,22 +169,21 @@ int rui_accept(rui_socket_ctx* srv, size_t max, uint32_t flags, void* udata) noe
         sockaddr_storage peer{};
         socklen_t len = sizeof(peer);
         if (accepted + refused == 1 && !is_second_waiting(srv->sockfd)) {
-            (void)goes_on(srv, EAGAIN);
+            (void)goes_on(__func__, srv, EAGAIN);
             break;
         }
         const int fd = W_accept(__func__, srv->sockfd, reinterpret_cast<sockaddr*>(&peer), &len);
         if (fd < 0) {
-            if (!goes_on(srv, errno))
+            if (!goes_on(__func__, srv, errno))
                 break;
             continue;
         }
         srv->is_short = srv->has_failed = false;
-        rc = take_client(fd, peer, len, srv, flags, udata);
+        rc = take_client(__func__, fd, peer, len, srv, flags, udata);
         ++(rc == 0 ? accepted : refused);
     }
     if (accepted >= max)
-        LOG_WARN("%s(%s): CANNOT ACCEPT ALL (accepted=%ld), max=%lu\n", __func__, srv->lc->alias,
-                 static_cast<long>(accepted), static_cast<unsigned long>(max));
+        LOG_WARN("%s(%s): CANNOT ACCEPT ALL (accepted=%zu), max=%zu\n", __func__, srv->lc->alias, accepted, max);
     LOG_DEBUG("%s: rc=%d\n", __func__, rc);
     return rc;
 }

@@ -40,4 +40,10 @@ void set_clk_now(timespec* ts, clockid_t id) noexcept;
 [[nodiscard]] time_t get_endofday_utime(time_t t) noexcept;
 
 /* Milliseconds as a wait limit: negative gives {-1, 0} (no limit), 0 gives {0, 0}. */
-void ms2timespec(long ms, timespec* ts) noexcept;
+constexpr void ms2timespec(long ms, timespec* ts) noexcept
+{
+    if (ms < 0)
+        *ts = {-1, 0};
+    else
+        *ts = {ms / 1000, (ms % 1000) * 1000000};
+}

@@ -14,9 +14,7 @@
 #include "tmout.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -46,12 +44,7 @@ void mk_trk_tag(size_t* counter, n64_tag* tag, char letter, size_t max) noexcept
     if (*counter >= max)
         *counter = 0;
     ++*counter;
-    std::array<char, 24> digits;
-    const auto n = std::to_chars(digits.data(), digits.data() + digits.size(), *counter).ptr - digits.data();
-    ASSERT(n >= 1 && n <= 6);
-    tag->num64 = 0;
-    tag->sym8[0] = letter;
-    cut_text(tag->sym8 + 1, sizeof(tag->sym8) - 1, {digits.data(), static_cast<size_t>(n)});
+    rui_put_trknum(tag, letter, *counter, 1, MAX_TRKNUM_DIGITS);
 }
 
 dw_urq* urq_new(int sockfd, rui_socket_ctx* srv, void* /*opaque*/) noexcept

@@ -79,8 +79,7 @@ int rqs_init(const rqs_config* cfg) noexcept
     }
     refresh_clock();
     g_last_signal_check = g_rqs.itime;
-    LOG_DEBUG("%s: rqs time: %lu.%09lu\n", __func__, static_cast<unsigned long>(g_rqs.itime.tv_sec),
-              static_cast<unsigned long>(g_rqs.itime.tv_nsec));
+    LOG_DEBUG("%s: rqs time: %lu.%09lu\n", __func__, g_rqs.itime.tv_sec, g_rqs.itime.tv_nsec);
     undo.release();
     return 0;
 }
@@ -127,15 +126,14 @@ static int do_epoll_watch(int op, uint32_t events, int fd, void* udata) noexcept
         ev.data.u64 = static_cast<uint64_t>(fd);
     const int rc = epoll_ctl(g_rqs.loopfd, op, fd, &ev);
     if (rc != 0) {
-        LOG_ERRNO("%s: epoll_ctl(%d, %s, %d, {0x%lx, %p})", __func__, g_rqs.loopfd, op_name(op), fd,
-                  static_cast<unsigned long>(events), ev.data.ptr);
+        LOG_ERRNO("%s: epoll_ctl(%d, %s, %d, {0x%x, %p})", __func__, g_rqs.loopfd, op_name(op), fd, events,
+                  ev.data.ptr);
         return rc;
     }
-    LOG_DEBUG("%s: OK fd=%d %s to epoll with events=0x%lx, data=%p\n", __func__, fd, op_name(op),
-              static_cast<unsigned long>(events), ev.data.ptr);
+    LOG_DEBUG("%s: OK fd=%d %s to epoll with events=0x%x, data=%p\n", __func__, fd, op_name(op), events, ev.data.ptr);
     if (op == EPOLL_CTL_ADD) {
         ++g_rqs.poll_fds;
-        LOG_DEBUG("%s: fd%d, poll_fds count=%lu\n", __func__, fd, static_cast<unsigned long>(g_rqs.poll_fds));
+        LOG_DEBUG("%s: fd%d, poll_fds count=%zu\n", __func__, fd, g_rqs.poll_fds);
     }
     return 0;
 }
@@ -185,7 +183,7 @@ int rqs_rm_fd(int fd, bool /*unused*/, bool /*unused*/) noexcept
         LOG_ERRNO("%s: epoll_ctl(%d, EPOLL_CTL_DEL, %d,..)", __func__, g_rqs.loopfd, fd);
     } else {
         --g_rqs.poll_fds;
-        LOG_DEBUG("%s: fd%d, poll_fds count=%lu\n", __func__, fd, static_cast<unsigned long>(g_rqs.poll_fds));
+        LOG_DEBUG("%s: fd%d, poll_fds count=%zu\n", __func__, fd, g_rqs.poll_fds);
     }
     LOG_DEBUG("%s: REMOVE fd=%d from epoll %s [rc=%d]\n", __func__, fd, rc == 0 ? "OK" : "FAILED", rc);
     return rc;
@@ -226,19 +224,6 @@ static void size_events() noexcept
     }
 }
 
-static int wait_limit_ms(const char* fn) noexcept
-{
-    if (slots_len(g_rqs.nopoll) > 0) {
-        LOG_DEBUG("%s: no-poll events present: changing to 0 timeout\n", fn);
-        return 0;
-    }
-    if (g_rqs.tmout.tv_sec < 0 || g_rqs.tmout.tv_nsec < 0)
-        return -1;
-    if (g_rqs.tmout.tv_sec >= INT_MAX / 1000)
-        return INT_MAX;
-    return static_cast<int>(g_rqs.tmout.tv_sec * 1000 + g_rqs.tmout.tv_nsec / 1000000);
-}
-
 /* Signals get in while the loop waits; a wait that has events at hand lets none in, and one event may take long (the
    look-up of a name, a registration). */
 static void check_signals() noexcept
@@ -256,13 +241,21 @@ static void check_signals() noexcept
 static int wait4events() noexcept
 {
     size_events();
-    const int limit = wait_limit_ms(__func__);
+    int limit = -1; /* ms */
+    if (slots_len(g_rqs.nopoll) > 0) {
+        LOG_DEBUG("%s: no-poll events present: changing to 0 timeout\n", __func__);
+        limit = 0;
+    } else if (g_rqs.tmout.tv_sec >= INT_MAX / 1000) {
+        limit = INT_MAX;
+    } else if (g_rqs.tmout.tv_sec >= 0 && g_rqs.tmout.tv_nsec >= 0) {
+        limit = static_cast<int>(g_rqs.tmout.tv_sec * 1000 + g_rqs.tmout.tv_nsec / 1000000);
+    }
     LOG_DEBUG("%s: timeout=%f sec\n", __func__, limit < 0 ? -1.0 : limit / 1000.0);
     const int n = epoll_pwait(g_rqs.loopfd, vec_at(&g_rqs.events, 0), static_cast<int>(g_rqs.events.raw.max_len), limit,
                               wait_sigmask());
     const int err = errno;
     if (n < 0 && err == EINTR)
-        LOG_INFO("%s interrupted, quit=%d\n", __func__, static_cast<int>(g_quit));
+        LOG_INFO("%s interrupted, quit=%d\n", __func__, g_quit);
     else if (n < 0)
         LOG_ERRNO("%s: epoll_wait(%d...)", __func__, g_rqs.loopfd);
     else if (n > MANY_EVENTS && static_cast<size_t>(n) == g_rqs.events.raw.max_len)
@@ -272,8 +265,7 @@ static int wait4events() noexcept
     if (n > 0)
         LOG_DEBUG("%s: got %d events\n", __func__, n);
     refresh_clock();
-    LOG_DEBUG("%s: rqs time: %lu.%09lu\n", __func__, static_cast<unsigned long>(g_rqs.itime.tv_sec),
-              static_cast<unsigned long>(g_rqs.itime.tv_nsec));
+    LOG_DEBUG("%s: rqs time: %lu.%09lu\n", __func__, g_rqs.itime.tv_sec, g_rqs.itime.tv_nsec);
     if (n >= 0)
         check_signals();
     errno = err;
@@ -299,37 +291,11 @@ static int on_event(const epoll_event& ev) noexcept
         return cb.write(ev.data.fd, flags, ev.data.ptr, nullptr);
     if (flags)
         return cb.error(ev.data.fd, flags, ev.data.ptr, nullptr);
-    LOG_ERR("%s: unsupported event mask: 0x%lx\n", __func__, static_cast<unsigned long>(ev.events));
+    LOG_ERR("%s: unsupported event mask: 0x%x\n", __func__, ev.events);
     return -1;
 }
 
-/* The events left over when a quit signal has come are dropped: what they belong to ends anyway. */
-static size_t dispatch_events(int n) noexcept
-{
-    size_t failed = 0;
-    if (n > 0)
-        LOG_DEBUG("%s: processing %d pollable events\n", "rqs_event_loop", n);
-    g_rqs.loop_stage = ELOOP_EV;
-    const auto* events = vec_at(&g_rqs.events, 0);
-    for (int i = 0; i < n && !g_quit; ++i) {
-        failed += on_event(events[i]) != 0;
-        check_signals();
-    }
-    return failed;
-}
-
 /* ---- the loop ---- */
-
-static bool nothing_left() noexcept
-{
-    bool idle = g_rqs.poll_fds == 0 && slots_len(g_rqs.nopoll) == 0;
-    if (idle && g_rqs_cfg.cb.is_dormant)
-        idle = g_rqs_cfg.cb.is_dormant();
-    if (!g_rqs_cfg.quit_on_zero_fds || !idle)
-        return false;
-    LOG_CRIT("%s: no fd's, no activity, quitting now.\n", "rqs_event_loop");
-    return true;
-}
 
 /* Waits where there is something to wait for; without a wait, pending signals are let in here. False ends the loop; *rc
    is the wait's errno, *n the events at hand. */
@@ -362,12 +328,18 @@ static int post_process(int stage) noexcept
     return g_rqs_cfg.cb.post_process ? g_rqs_cfg.cb.post_process() : 0;
 }
 
-/* One round. False ends the loop. */
-static bool one_round(int* rc, size_t* failed) noexcept
+/* One round; the order of its steps is what handlers may rely on. False ends the loop. */
+static bool one_round(const char* fn, int* rc, size_t* failed) noexcept
 {
+    const rqs_callbacks& cb = g_rqs_cfg.cb;
     g_rqs.loop_stage = ELOOP_START;
-    if (nothing_left())
+    bool is_idle = g_rqs.poll_fds == 0 && slots_len(g_rqs.nopoll) == 0;
+    if (is_idle && cb.is_dormant)
+        is_idle = cb.is_dormant();
+    if (is_idle && g_rqs_cfg.quit_on_zero_fds) {
+        LOG_CRIT("%s: no fd's, no activity, quitting now.\n", fn);
         return false;
+    }
     g_rqs.events.raw.len = 0;
     int n = 0;
     if (!take_events(&n, rc))
@@ -377,16 +349,24 @@ static bool one_round(int* rc, size_t* failed) noexcept
         return false;
     if ((*rc = rqs_purge_nopoll()) != 0)
         return false;
-    *failed += dispatch_events(n);
+    if (n > 0)
+        LOG_DEBUG("%s: processing %d pollable events\n", fn, n);
+    g_rqs.loop_stage = ELOOP_EV;
+    const epoll_event* events = vec_at(&g_rqs.events, 0);
+    /* Events left over when a quit signal has come are dropped: what they belong to ends anyway. */
+    for (int i = 0; i < n && !g_quit; ++i) {
+        *failed += on_event(events[i]) != 0;
+        check_signals();
+    }
     if ((*rc = post_process(ELOOP_POSTEV)) != 0)
         return false;
     if ((*rc = rqs_purge_nopoll()) != 0)
         return false;
     if (*failed > 0) {
-        LOG_DEBUG("%s: failed %ld events\n", "rqs_event_loop", static_cast<long>(*failed));
+        LOG_DEBUG("%s: failed %zu events\n", fn, *failed);
         return false;
     }
-    if (g_rqs_cfg.cb.on_idle && (*rc = g_rqs_cfg.cb.on_idle()) != 0)
+    if (cb.on_idle && (*rc = cb.on_idle()) != 0)
         return false;
     *rc = post_process(ELOOP_ENDPP);
     return *rc == 0;
@@ -400,10 +380,10 @@ int rqs_event_loop() noexcept
     LOG_INFO("Entering event loop\n");
     int rc = 0;
     size_t failed = 0;
-    while (!g_quit && one_round(&rc, &failed)) {
+    while (!g_quit && one_round(__func__, &rc, &failed)) {
     }
     if (rc == EINTR && g_quit)
         rc = 0;
-    LOG_INFO("Exiting event loop, %d failed, rc=%d, quit=%d\n", static_cast<int>(failed), rc, static_cast<int>(g_quit));
+    LOG_INFO("Exiting event loop, %zu failed, rc=%d, quit=%d\n", failed, rc, g_quit);
     return rc ? rc : static_cast<int>(failed);
 }

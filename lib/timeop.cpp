@@ -164,11 +164,3 @@ time_t get_endofday_utime(time_t t) noexcept
     }
     return end;
 }
-
-void ms2timespec(long ms, timespec* ts) noexcept
-{
-    if (ms < 0)
-        *ts = {-1, 0};
-    else
-        *ts = {ms / 1000, (ms % 1000) * 1000000};
-}
