@@ -65,6 +65,10 @@ extern ctl_settings g_set;
 [[nodiscard]] int cmd_register_from_log(std::span<char* const> args);
 [[nodiscard]] int cmd_expire(std::span<char* const> args);
 
+/* ---- what the fleet's database tells (ctl_fleet.cpp) ---- */
+
+[[nodiscard]] int cmd_fleet();
+
 /* ---- the agent's process (ctl_proc.cpp) ---- */
 
 /* The process: --pid's, else the one that listens where the configuration says, else, when it says nothing, the pid

@@ -1,7 +1,7 @@
 /* What the agent's log tells of orders: those that a stop, a crash or a full disk cut off after their sender had his
    answer, registrations that failed, files whose time is over. The lines of level norm are enough. A line can be forged
    by whoever may place orders; it gives him no more than an order of his own would. */
-#include "ctl.h"
+#include "ctl_db.h"
 
 #include "cfg.h"
 #include "data.h"
@@ -17,7 +17,6 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
-#include <hiredis/hiredis.h>
 #include <map>
 #include <memory>
 #include <unistd.h>
@@ -28,7 +27,6 @@ namespace
 {
 
 constexpr long FIRST_UNIX_TIME = 1000000000; /* an expiry from here on is a time, not a length */
-constexpr long REDIS_WAIT_SEC = 2;
 
 /* ---- a record ---- */
 
@@ -376,36 +374,6 @@ std::optional<std::string> dst_of(const order& o)
 
 /* ---- the database ---- */
 
-using redis_ptr = std::unique_ptr<redisContext, releaser<redisFree>>;
-using reply_ptr = std::unique_ptr<redisReply, releaser<freeReplyObject>>;
-
-template <class... Args>
-reply_ptr ask_redis(redisContext* redis, const char* format, Args... args)
-{
-    reply_ptr reply(static_cast<redisReply*>(redisCommand(redis, format, args...)));
-    if (!reply)
-        fail(STATUS_UNREGISTERED, std::string("the database is gone: ") + redis->errstr);
-    if (reply->type == REDIS_REPLY_ERROR)
-        fail(STATUS_UNREGISTERED, std::string("the database refuses: ") + printable(reply->str));
-    return reply;
-}
-
-redis_ptr open_redis()
-{
-    const timeval wait = {REDIS_WAIT_SEC, 0};
-    redis_ptr redis(redisConnectWithTimeout(g_cfg.lbdb.host, g_cfg.lbdb.port, wait));
-    if (!redis || redis->err || redisSetTimeout(redis.get(), wait) != REDIS_OK)
-        fail(STATUS_UNREGISTERED,
-             "no database answers at " + std::string(g_cfg.lbdb.host) + ":" + std::to_string(g_cfg.lbdb.port));
-    const char* user = getenv("REDISCLI_USER");
-    const char* password = getenv("REDISCLI_AUTH");
-    if (user && password)
-        (void)ask_redis(redis.get(), "AUTH %s %s", user, password);
-    else if (password)
-        (void)ask_redis(redis.get(), "AUTH %s", password);
-    return redis;
-}
-
 /* Whether a reader is still sent to this copy: somebody has registered it again. */
 bool is_wanted(redisContext* redis, const std::string& dst, time_t now)
 {
@@ -489,7 +457,7 @@ int cmd_expire(std::span<char* const> args)
     h.want_stored = true;
     read_logs(args, &h);
     const time_t now = time(nullptr);
-    const redis_ptr redis = g_cfg.lbdb.port > 0 ? open_redis() : nullptr;
+    const std::optional<fleet_db> db = g_cfg.lbdb.port > 0 ? std::optional(open_fleet_db()) : std::nullopt;
     removal r;
     for (const auto& [path, o] : h.stored) {
         struct stat st {
@@ -499,10 +467,11 @@ int cmd_expire(std::span<char* const> args)
         if (!dst || left_of(o, now) || is_unfinished(path) || lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
             st.st_mtime > o.tm)
             continue;
-        if (redis && is_wanted(redis.get(), *dst, now))
+        redisContext* redis = db ? server_of(*db, *dst) : nullptr;
+        if (redis && is_wanted(redis, *dst, now))
             continue;
         if (redis && g_set.is_deleting)
-            (void)ask_redis(redis.get(), "ZREM %s %s", dst->c_str(), (g_set.prefix + "/" + *dst).c_str());
+            (void)ask_redis(redis, "ZREM %s %s", dst->c_str(), (g_set.prefix + "/" + *dst).c_str());
         r.take(path, st, "its time is over");
     }
     return r.status();

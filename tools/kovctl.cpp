@@ -170,6 +170,8 @@ int run(ctl_cmd cmd, std::span<char* const> args)
         return cmd_replay(args);
     case CTL_EXPIRE:
         return cmd_expire(args);
+    case CTL_FLEET:
+        return cmd_fleet();
     }
     return STATUS_USAGE;
 }

@@ -32,7 +32,9 @@ inline constexpr tool_option CTL_OPTIONS[] = {
     {{"pid", required_argument, nullptr, 'p'}, "PID", "its process"},
     {{"expiry", required_argument, nullptr, 'e'}, "SECONDS", "of an order"},
     {{"wait", no_argument, nullptr, 'w'}, nullptr, "until the file is stored"},
-    {{"timeout", required_argument, nullptr, 't'}, "SECONDS", "of a wait: ping 2, ready 30, an answer 60, --wait 600"},
+    {{"timeout", required_argument, nullptr, 't'},
+     "SECONDS",
+     "of a wait: ping 2, ready 30, an answer 60, --wait 600; what fleet calls soon: 3600"},
     {{"json", no_argument, nullptr, 'j'}, nullptr, "status as one JSON object"},
     {{"delete", no_argument, nullptr, 'd'}, nullptr, "verify, sweep and expire remove what they find"},
     {{"from-log", no_argument, nullptr, 'f'}, nullptr, "of register: what the logs tell of failed registrations"},
@@ -62,6 +64,7 @@ enum ctl_cmd {
     CTL_LOST,
     CTL_REPLAY,
     CTL_EXPIRE,
+    CTL_FLEET,
 };
 
 inline constexpr ctl_command CTL_COMMANDS[] = {
@@ -77,6 +80,7 @@ inline constexpr ctl_command CTL_COMMANDS[] = {
     {"lost", "[LOG...]", 0, 10000, "orders that a stop, a crash or a full disk has cut off after their answer"},
     {"replay", "[LOG...]", 0, 10000, "places them again, with what is left of their expiry"},
     {"expire", "[LOG...]", 0, 10000, "stored files whose expiry is over, and their entries in the database"},
+    {"fleet", "", 0, 0, "from the database: hosts that live, files of each, what ends within --timeout"},
 };
 
 /* getopt's tables of `options`: the long ones with their end, the letters. */

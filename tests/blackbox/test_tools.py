@@ -200,7 +200,7 @@ class Orders(Ctl):
             kovctl("-a", place, "ping", status=5)
             self.assertLess(time.monotonic() - begin, 10)
             kovctl("-a", place, "-t", "1", "ready", status=5)
-        commands = "ping ready get send status metrics verify sweep register lost replay expire"
+        commands = "ping ready get send status metrics verify sweep register lost replay expire fleet"
         self.assertEqual(re.findall(r"(?m)^  (\w+) ", kovctl("--help")), commands.split())
 
     def test_each_agent_is_found_by_its_listeners(self):
@@ -316,6 +316,30 @@ unfinished: {running}, 3 of 9 bytes, 4\d s since its last change\n$""")
         self.assertNotIn("http://me.example/short", self.database.urls("short"))
         self.database.stop()
         self.ctl("expire", status=7)  # nobody can tell what was prolonged
+
+
+class Fleet(KovTest):
+    def test_who_lives_and_what_ends(self):
+        database = self.redis()
+        alive = "return redis.call('HSET', KEYS[1], ARGV[1], redis.call('TIME')[1] * 1000 + ARGV[2] .. ARGV[3])"
+        for host, age_ms in (("http://a/f", 0), ("http://b", -9000)):
+            database.cli("eval", alive, "1", "kov:alive", host, str(age_ms), " 100 1073741824 2147483648 1")
+        now = int(time.time())
+        for name, host, ends in (("1", "http://a/f", now + 60), ("1", "http://b", "+inf"), ("2", "http://b", now + 60),
+                                 ("dir/3", "http://a/f", now + 60), ("gone", "http://a/f", now - 5)):
+            database.cli("zadd", name, str(ends), f"{host}/{name}")
+        place = {**os.environ, "KOV_FLEET": f"redis://127.0.0.1:{database.port}"}
+        out = kovctl("fleet", env=place, status=1)
+        for line in (r"http://a/f +yes +100 +1\.0 +yes +2 +2 +0", r"http://b +no, \d+ s +100 +1\.0 +yes +2 +1 +1",
+                     "ids: 3; their last copy ends within 3600 s: 2; on no living host: 1",
+                     r"ends in \d+ s: dir/3", "on no living host: 2"):
+            self.assertRegex(out, f"(?m)^{line}$")
+        self.assertNotIn("gone", out)
+        kovctl("-t", "5", "fleet", env=place, status=1, says="within 5 s: 0;")
+        database.cli("xadd", "kov:outbox", "*", "id", "x")
+        kovctl("fleet", env=place, status=2, says="is an outbox")
+        database.stop()
+        kovctl("fleet", env=place, status=7, says="no database answers at ")
 
 
 class Pages(KovTest):

@@ -1,0 +1,203 @@
+/* Finds the servers that hold a fleet's data: one, the master that Sentinels name, or the masters of a cluster. */
+#include "ctl_db.h"
+
+#include "cfg.h"
+#include "strops.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <sys/time.h>
+
+namespace
+{
+
+constexpr timeval WAIT = {2, 0};
+constexpr size_t CLUSTER_SLOTS = 16384;
+
+struct place {
+    std::string host;
+    int port = 0;
+    [[nodiscard]] std::string name() const { return host + ":" + std::to_string(port); }
+};
+
+/* What KOV_FLEET says. */
+struct fleet_url {
+    std::string scheme;
+    std::string user;
+    std::string password;
+    std::string master; /* of Sentinels: the name of the set that they watch */
+    std::vector<place> places;
+};
+
+place parse_place(const std::string& text)
+{
+    constexpr int REDIS_PORT = 6379;
+    const size_t colon = text.rfind(':');
+    if (colon == std::string::npos || text.back() == ']')
+        return {text, REDIS_PORT};
+    std::string host = text.substr(0, colon);
+    if (host.size() > 2 && host.front() == '[')
+        host = host.substr(1, host.size() - 2);
+    return {host, parse_num<int>(text.substr(colon + 1)).value_or(0)};
+}
+
+fleet_url parse_url(const std::string& text)
+{
+    fleet_url url;
+    const size_t colon = text.find("://");
+    url.scheme = text.substr(0, colon);
+    if (colon == std::string::npos || (url.scheme != "redis" && url.scheme != "sentinel" && url.scheme != "cluster"))
+        fail(STATUS_USAGE, "KOV_FLEET: redis://, sentinel:// or cluster:// is what kovctl can follow");
+    std::string rest = text.substr(colon + 3);
+    if (const size_t at = rest.rfind('@'); at != std::string::npos) {
+        const std::string who = rest.substr(0, at);
+        const size_t mark = who.rfind(':');
+        url.user = mark == std::string::npos ? "" : who.substr(0, mark);
+        url.password = mark == std::string::npos ? who : who.substr(mark + 1);
+        rest = rest.substr(at + 1);
+    }
+    const size_t slash = std::min(rest.find('/'), rest.size());
+    url.master = slash < rest.size() ? rest.substr(slash + 1) : "";
+    rest.resize(slash);
+    for (size_t from = 0; from <= rest.size();) {
+        const size_t comma = std::min(rest.find(',', from), rest.size());
+        url.places.push_back(parse_place(rest.substr(from, comma - from)));
+        from = comma + 1;
+    }
+    return url;
+}
+
+fleet_url url_of_configuration()
+{
+    if (g_cfg.lbdb.port <= 0)
+        fail(STATUS_USAGE, "the configuration has no lbdb, the environment no KOV_FLEET: there is no database to ask");
+    fleet_url url;
+    url.scheme = "redis";
+    url.places.push_back({g_cfg.lbdb.host, g_cfg.lbdb.port});
+    return url;
+}
+
+/* Without the user of the data: Sentinels have their own, if any. */
+redis_ptr connect_to(const place& to)
+{
+    redis_ptr redis(redisConnectWithTimeout(to.host.c_str(), to.port, WAIT));
+    if (!redis || redis->err || redisSetTimeout(redis.get(), WAIT) != REDIS_OK)
+        redis.reset();
+    return redis;
+}
+
+redis_ptr log_in(const place& to, const fleet_url& url)
+{
+    redis_ptr redis = connect_to(to);
+    if (!redis)
+        return nullptr;
+    if (!url.user.empty() && !url.password.empty())
+        (void)ask_redis(redis.get(), "AUTH %s %s", url.user.c_str(), url.password.c_str());
+    else if (!url.password.empty())
+        (void)ask_redis(redis.get(), "AUTH %s", url.password.c_str());
+    return redis;
+}
+
+[[noreturn]] void fail_absent(const fleet_url& url)
+{
+    std::string places;
+    for (const place& p : url.places)
+        places += (places.empty() ? "" : ", ") + p.name();
+    fail(STATUS_UNREGISTERED, "no database answers at " + places);
+}
+
+place ask_sentinels(const fleet_url& url)
+{
+    for (const place& sentinel : url.places) {
+        const redis_ptr redis = connect_to(sentinel);
+        if (!redis)
+            continue;
+        const reply_ptr reply = ask_redis(redis.get(), "SENTINEL get-master-addr-by-name %s", url.master.c_str());
+        if (reply->type == REDIS_REPLY_ARRAY && reply->elements == 2)
+            return {reply->element[0]->str, parse_num<int>(reply->element[1]->str).value_or(0)};
+    }
+    fail(STATUS_UNREGISTERED, "no Sentinel names the master of " + url.master);
+}
+
+/* One element of CLUSTER SLOTS: first slot, last slot, master, replicas; a node is its host, its port, ... */
+void take_slots(fleet_db* db, const redisReply* range, const fleet_url& url, const place& seed)
+{
+    const redisReply* node = range->element[2];
+    const char* host = node->element[0]->str;
+    const place master = {host && *host ? host : seed.host, static_cast<int>(node->element[1]->integer)};
+    const auto known = std::find_if(db->servers.begin(), db->servers.end(),
+                                    [&master](const db_server& s) { return s.name == master.name(); });
+    const auto at = static_cast<size_t>(known - db->servers.begin());
+    if (known == db->servers.end())
+        db->servers.push_back({master.name(), log_in(master, url)});
+    const auto first = static_cast<size_t>(range->element[0]->integer);
+    const auto last = std::min(static_cast<size_t>(range->element[1]->integer), CLUSTER_SLOTS - 1);
+    for (size_t slot = first; slot <= last; ++slot)
+        db->owners[slot] = at;
+}
+
+/* What a user of few rights may not ask is no. */
+bool is_cluster_node(redisContext* redis)
+{
+    const reply_ptr info(static_cast<redisReply*>(redisCommand(redis, "INFO cluster")));
+    return info && info->type == REDIS_REPLY_STRING && strstr(info->str, "cluster_enabled:1");
+}
+
+bool is_outbox(redisContext* redis)
+{
+    const reply_ptr found(static_cast<redisReply*>(redisCommand(redis, "EXISTS kov:outbox")));
+    return found && found->type == REDIS_REPLY_INTEGER && found->integer != 0;
+}
+
+} // namespace
+
+fleet_db open_fleet_db()
+{
+    const char* text = getenv("KOV_FLEET");
+    fleet_url url = text && *text ? parse_url(text) : url_of_configuration();
+    if (url.scheme == "sentinel")
+        url.places = {ask_sentinels(url)};
+    const char* user = getenv("REDISCLI_USER");
+    const char* password = getenv("REDISCLI_AUTH");
+    if (url.password.empty() && password) {
+        url.user = user ? user : "";
+        url.password = password;
+    }
+    fleet_db db;
+    for (const place& p : url.places) {
+        redis_ptr redis = log_in(p, url);
+        if (!redis)
+            continue;
+        if (url.scheme != "cluster" && !is_cluster_node(redis.get())) {
+            if (is_outbox(redis.get()))
+                fail(STATUS_USAGE, p.name() + " is an outbox: name the fleet's database in KOV_FLEET");
+            db.servers.push_back({p.name(), std::move(redis)});
+            return db;
+        }
+        db.owners.assign(CLUSTER_SLOTS, SIZE_MAX);
+        const reply_ptr slots = ask_redis(redis.get(), "CLUSTER SLOTS");
+        for (size_t i = 0; i < slots->elements; ++i)
+            take_slots(&db, slots->element[i], url, p);
+        if (!db.servers.empty())
+            return db;
+    }
+    fail_absent(url);
+}
+
+redisContext* server_of(const fleet_db& db, const std::string& key)
+{
+    if (db.owners.empty())
+        return db.servers.front().redis.get();
+    for (const db_server& s : db.servers) {
+        if (!s.redis)
+            continue;
+        const reply_ptr slot = ask_redis(s.redis.get(), "CLUSTER KEYSLOT %b", key.data(), key.size());
+        const size_t owner = db.owners[static_cast<size_t>(slot->integer) % CLUSTER_SLOTS];
+        if (owner != SIZE_MAX && db.servers[owner].redis)
+            return db.servers[owner].redis.get();
+        break;
+    }
+    fail(STATUS_UNREGISTERED, "no server of the cluster answers for " + printable(key));
+}

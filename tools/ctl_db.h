@@ -1,0 +1,40 @@
+/* The database that a fleet's readers read: the environment's KOV_FLEET, as for kov-forward and kov-alive, else the
+   configuration's lbdb. User and password stand in KOV_FLEET, or in REDISCLI_USER and REDISCLI_AUTH. */
+#pragma once
+
+#include "ctl.h"
+#include "guard.h"
+
+#include <hiredis/hiredis.h>
+#include <memory>
+#include <string>
+#include <vector>
+
+using redis_ptr = std::unique_ptr<redisContext, releaser<redisFree>>;
+using reply_ptr = std::unique_ptr<redisReply, releaser<freeReplyObject>>;
+
+/* A server of its own, or one master of a cluster. */
+struct db_server {
+    std::string name; /* host:port */
+    redis_ptr redis;  /* null: no answer there */
+};
+struct fleet_db {
+    std::vector<db_server> servers; /* at least one */
+    std::vector<size_t> owners;     /* of a cluster's slots: places in servers, SIZE_MAX: nobody's; else empty */
+};
+/* Ends the program when no database answers. Of a cluster, masters that do not are there with a null connection. */
+[[nodiscard]] fleet_db open_fleet_db();
+/* The connection to the server that has the key. Ends the program when that one does not answer. */
+[[nodiscard]] redisContext* server_of(const fleet_db& db, const std::string& key);
+
+/* One command; an error, or no answer, ends the program. Arguments as for redisCommand. */
+template <class... Args>
+reply_ptr ask_redis(redisContext* redis, const char* format, Args... args)
+{
+    reply_ptr reply(static_cast<redisReply*>(redisCommand(redis, format, args...)));
+    if (!reply)
+        fail(STATUS_UNREGISTERED, std::string("the database is gone: ") + redis->errstr);
+    if (reply->type == REDIS_REPLY_ERROR)
+        fail(STATUS_UNREGISTERED, std::string("the database refuses: ") + printable(reply->str));
+    return reply;
+}

@@ -1,0 +1,219 @@
+/* What the fleet's database tells of the fleet: who lives, who has how many files, what ends soon. */
+#include "ctl_db.h"
+#include "strops.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <set>
+
+namespace
+{
+
+constexpr int64_t LIVES_MS = 3000; /* after its last beat: as long as balancers send players to a host */
+constexpr long SOON_SEC = 3600;
+constexpr size_t SHOWN = 10;
+constexpr const char* ALIVE_KEY = "kov:alive";
+
+/* Counts one page of ids where they are: a million would be 100 MB on the wire. A page holds the server up for half a
+   millisecond. ARGV: cursor, now, horizon, the living hosts. Answers the cursor, the number of ids that have a
+   copy, {id, end}... of those that end within the horizon, {id}... of those that no living host has, and
+   {host, copies, those that end within the horizon, those that never do}... */
+constexpr const char* PAGE = R"(
+local now, horizon, lives = ARGV[2], tonumber(ARGV[3]), {}
+for i = 4, #ARGV do lives[ARGV[i]] = true end
+local page = redis.call('SCAN', ARGV[1], 'COUNT', 100, 'TYPE', 'zset')
+local ids, ending, lost, hosts, order = 0, {}, {}, {}, {}
+for _, id in ipairs(page[2]) do
+    local copies = redis.call('ZRANGEBYSCORE', id, '(' .. now, '+inf', 'WITHSCORES')
+    local is_held, tail = false, '/' .. id
+    for i = 1, #copies, 2 do
+        local host, ends = copies[i], copies[i + 1]
+        if host:sub(-#tail) == tail then host = host:sub(1, -#tail - 1) end
+        if not hosts[host] then
+            hosts[host] = {host, 0, 0, 0}
+            order[#order + 1] = hosts[host]
+        end
+        local h = hosts[host]
+        h[2] = h[2] + 1
+        if ends == 'inf' then h[4] = h[4] + 1 elseif tonumber(ends) <= horizon then h[3] = h[3] + 1 end
+        is_held = is_held or lives[host]
+    end
+    if #copies > 0 then
+        ids = ids + 1
+        local last = copies[#copies]
+        if last ~= 'inf' and tonumber(last) <= horizon then ending[#ending + 1] = {id, last} end
+        if not is_held then lost[#lost + 1] = id end
+    end
+end
+return {page[1], ids, ending, lost, order}
+)";
+
+struct host_row {
+    bool is_beating = false; /* there is a field for it; the next four are from there */
+    int64_t age_ms = 0;
+    std::string weight;
+    uint64_t free_bytes = 0;
+    std::string agent; /* 1 it answers, 0 it does not, - nobody knows */
+    uint64_t copies = 0;
+    uint64_t soon = 0;
+    uint64_t never = 0;
+
+    [[nodiscard]] bool lives() const { return is_beating && age_ms <= LIVES_MS; }
+};
+
+struct fleet_state {
+    std::map<std::string, host_row> hosts;
+    long now = 0; /* s, by the clock of the server that was asked last */
+    uint64_t ids = 0;
+    uint64_t ending = 0;                            /* ids whose last copy ends within the horizon */
+    std::set<std::pair<long, std::string>> soonest; /* the first of them, and when */
+    uint64_t lost = 0;                              /* ids that no living host has */
+    std::set<std::string> lost_shown;
+    bool is_whole = true; /* each server has answered */
+};
+
+int64_t now_ms(redisContext* redis)
+{
+    const reply_ptr reply = ask_redis(redis, "TIME");
+    if (reply->type != REDIS_REPLY_ARRAY || reply->elements != 2)
+        fail(STATUS_UNREGISTERED, "the database does not tell its time");
+    constexpr int64_t MS = 1000;
+    return parse_num<int64_t>(reply->element[0]->str).value_or(0) * MS +
+           parse_num<int64_t>(reply->element[1]->str).value_or(0) / MS;
+}
+
+/* "beat_ms weight free all agent" */
+host_row row_of(std::string_view value, int64_t now)
+{
+    std::vector<std::string> words;
+    for (size_t from = 0; from < value.size();) {
+        const size_t blank = std::min(value.find(' ', from), value.size());
+        words.emplace_back(value.substr(from, blank - from));
+        from = blank + 1;
+    }
+    words.resize(std::max<size_t>(words.size(), 5), "-");
+    host_row row;
+    row.is_beating = true;
+    row.age_ms = now - parse_num<int64_t>(words[0]).value_or(0);
+    row.weight = words[1];
+    row.free_bytes = parse_num<uint64_t>(words[2]).value_or(0);
+    row.agent = words[4];
+    return row;
+}
+
+void read_alive(const fleet_db& db, fleet_state* f)
+{
+    redisContext* redis = server_of(db, ALIVE_KEY);
+    const int64_t now = now_ms(redis); /* the beats are by this server's clock */
+    const reply_ptr reply = ask_redis(redis, "HGETALL %s", ALIVE_KEY);
+    for (size_t i = 0; i + 1 < reply->elements; i += 2)
+        f->hosts[reply->element[i]->str] = row_of(reply->element[i + 1]->str, now);
+}
+
+std::string text_of(const redisReply* reply)
+{
+    return {reply->str, reply->len};
+}
+
+void take_page(const redisReply* page, fleet_state* f)
+{
+    f->ids += static_cast<uint64_t>(page->element[1]->integer);
+    const redisReply* ending = page->element[2];
+    f->ending += ending->elements;
+    for (size_t i = 0; i < ending->elements; ++i) {
+        const redisReply* e = ending->element[i];
+        f->soonest.emplace(strtol(e->element[1]->str, nullptr, 10), text_of(e->element[0]));
+        if (f->soonest.size() > SHOWN)
+            f->soonest.erase(std::prev(f->soonest.end()));
+    }
+    const redisReply* lost = page->element[3];
+    f->lost += lost->elements;
+    for (size_t i = 0; i < lost->elements && f->lost_shown.size() < SHOWN; ++i)
+        f->lost_shown.insert(text_of(lost->element[i]));
+    const redisReply* hosts = page->element[4];
+    for (size_t i = 0; i < hosts->elements; ++i) {
+        const redisReply* h = hosts->element[i];
+        host_row& row = f->hosts[text_of(h->element[0])];
+        row.copies += static_cast<uint64_t>(h->element[1]->integer);
+        row.soon += static_cast<uint64_t>(h->element[2]->integer);
+        row.never += static_cast<uint64_t>(h->element[3]->integer);
+    }
+}
+
+void read_ids(redisContext* redis, fleet_state* f)
+{
+    constexpr int64_t MS = 1000;
+    f->now = now_ms(redis) / MS;
+    const std::string now_text = std::to_string(f->now);
+    const std::string horizon = std::to_string(f->now + g_set.timeout.value_or(SOON_SEC));
+    std::vector<std::string> living;
+    for (const auto& [name, row] : f->hosts) {
+        if (row.lives())
+            living.push_back(name);
+    }
+    std::string cursor = "0";
+    do {
+        std::vector<const char*> args = {"EVAL", PAGE, "0", cursor.c_str(), now_text.c_str(), horizon.c_str()};
+        for (const std::string& name : living)
+            args.push_back(name.c_str());
+        const reply_ptr page(
+            static_cast<redisReply*>(redisCommandArgv(redis, static_cast<int>(args.size()), args.data(), nullptr)));
+        if (!page || page->type != REDIS_REPLY_ARRAY || page->elements != 5)
+            fail(STATUS_UNREGISTERED, std::string("the database refuses to count: ") +
+                                          (page && page->type == REDIS_REPLY_ERROR ? page->str : redis->errstr));
+        take_page(page.get(), f);
+        cursor = page->element[0]->str;
+    } while (cursor != "0");
+}
+
+std::string age_text(const host_row& row)
+{
+    if (!row.is_beating)
+        return "never seen";
+    constexpr int64_t MS = 1000;
+    return row.lives() ? "yes" : "no, " + std::to_string(row.age_ms / MS) + " s";
+}
+
+void print(const fleet_state& f)
+{
+    constexpr double GIB = 1 << 30;
+    printf("%-40s %-12s %6s %10s %6s %10s %10s %8s\n", "host", "lives", "weight", "free GiB", "agent", "copies",
+           "end soon", "never");
+    for (const auto& [name, row] : f.hosts) {
+        const char* agent = row.agent == "1" ? "yes" : row.agent == "0" ? "no" : "-";
+        printf("%-40s %-12s %6s %10.1f %6s %10" PRIu64 " %10" PRIu64 " %8" PRIu64 "\n", printable(name).c_str(),
+               age_text(row).c_str(), row.is_beating ? printable(row.weight).c_str() : "-",
+               static_cast<double>(row.free_bytes) / GIB, agent, row.copies, row.soon, row.never);
+    }
+    printf("ids: %" PRIu64 "; their last copy ends within %ld s: %" PRIu64 "; on no living host: %" PRIu64 "\n", f.ids,
+           g_set.timeout.value_or(SOON_SEC), f.ending, f.lost);
+    for (const auto& [ends, id] : f.soonest)
+        printf("ends in %ld s: %s\n", ends - f.now, printable(id).c_str());
+    for (const std::string& id : f.lost_shown)
+        printf("on no living host: %s\n", printable(id).c_str());
+}
+
+} // namespace
+
+int cmd_fleet()
+{
+    const fleet_db db = open_fleet_db();
+    fleet_state f;
+    read_alive(db, &f);
+    for (const db_server& s : db.servers) {
+        if (s.redis) {
+            read_ids(s.redis.get(), &f);
+        } else {
+            f.is_whole = false;
+            printf("%s: does not answer; its ids are not counted\n", s.name.c_str());
+        }
+    }
+    print(f);
+    const bool are_all_well =
+        f.is_whole && f.lost == 0 &&
+        std::all_of(f.hosts.begin(), f.hosts.end(), [](const auto& host) { return host.second.lives(); });
+    return are_all_well ? 0 : STATUS_REFUSED;
+}
