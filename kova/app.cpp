@@ -39,10 +39,41 @@ dw_task* get_dw_task(const char* key) noexcept
     return task;
 }
 
+static n32_tag next_state(n32_tag state) noexcept
+{
+    if (state.num == 0)
+        return DW_INI;
+    return state.num == DW_INI.num ? DW_RSP : DW_DNL;
+}
+
 void set_dw_state(dw_task* task, n32_tag state) noexcept
 {
     LOG_DEBUG("%s: %s %s -> %s\n", __func__, task->trk_tag.sym8, task->state.sym, state.sym);
+    ASSERT(task->state.num != DW_DNL.num);
+    ASSERT(state.num == next_state(task->state).num);
     task->state = state;
+}
+
+void check_task(const dw_task* task) noexcept
+{
+    ASSERT(task->tag.num == TAG_DOW.num);
+    ASSERT(task->idx >= 0);
+    ASSERT(task->is_hashed != task->is_quitting);
+    if (task->is_quitting)
+        return;
+    ASSERT(task->sfd > 0);
+    ASSERT(task->is_watched);
+    if (task->state.num == DW_DNL.num) {
+        ASSERT(task->cfd == -1);
+        ASSERT(task->dfd > 0);
+        ASSERT(task->dest == dw_dest::own);
+        ASSERT(task->nleft + static_cast<size_t>(task->f_pos) == task->content_length);
+        ASSERT(task->buflen == (task->is_mmapped ? task->content_length : 0));
+    } else {
+        ASSERT(task->dfd == -1);
+        ASSERT(task->dest == dw_dest::none);
+        ASSERT(!task->is_mmapped);
+    }
 }
 
 /* One of the two lines that frame a task's life. */

@@ -14,7 +14,10 @@
    released. */
 [[nodiscard]] int mk_dw_task(int client_fd, dw_spec* spec) noexcept;
 [[nodiscard]] dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag) noexcept;
+/* Asserts the transition: zero, ini, rsp, dnl, one after the other. */
 void set_dw_state(dw_task* task, n32_tag state) noexcept;
+/* Asserts what holds of a task between two events, in its state. Every handler begins with it. */
+void check_task(const dw_task* task) noexcept;
 int unhash_task(dw_task* task) noexcept;
 /* Releases everything a task holds, at whatever stage; an unfinished file is removed. */
 void free_dw(dw_task* task) noexcept;

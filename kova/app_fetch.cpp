@@ -66,6 +66,7 @@ int request_data_stream(dw_task* task) noexcept
 int dw_write(dw_task* task) noexcept
 {
     const log_group_guard group(task->trk_tag);
+    check_task(task);
     if (task->is_quitting) {
         LOG_WARN("%s: %s already quitting\n", __func__, task->trk_tag.sym8);
         return 0;
@@ -106,7 +107,7 @@ static void answer_client(dw_task* task, const http_response* chosen, int rc, in
 
 int read_src_response(dw_task* task) noexcept
 {
-    std::unique_ptr<src_head> head(new (std::nothrow) src_head{});
+    const std::unique_ptr<src_head> head(new (std::nothrow) src_head); /* only what is received is looked at */
     if (!head)
         return -ENOMEM;
 
@@ -133,8 +134,6 @@ int read_src_response(dw_task* task) noexcept
         LOG_ERR("%s: expected HTTP 2xx, got HTTP %d\n", __func__, resp.code);
         rc = -1;
     }
-    head.reset();
-
     answer_client(task, chosen, rc, resp.code);
     if (rc == 0) {
         LOG_INFO("%s: ready to download %zu bytes to [%s]\n", __func__, task->content_length, task->spec.fpath);
@@ -150,6 +149,7 @@ bool is_whole(const dw_task* task) noexcept
 
 void dw_broken(dw_task* task) noexcept
 {
+    check_task(task);
     if (!task->is_quitting)
         answer_client(task, nullptr, -1, 0);
     pprm_task(task);
@@ -157,6 +157,7 @@ void dw_broken(dw_task* task) noexcept
 
 int dw_read(dw_task* task) noexcept
 {
+    check_task(task);
     if (task->is_quitting) {
         LOG_WARN("%s: %s already quitting\n", __func__, task->trk_tag.sym8);
         return 0;

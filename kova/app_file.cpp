@@ -121,9 +121,11 @@ static int create_dest(dw_task* task) noexcept
     clear_the_way(task);
     task->dfd = W_open("mk_dest_file", task->spec.fpath, O_RDWR | O_CREAT | O_EXCL, DST_MODE);
     if (task->dfd == -1) {
-        task->has_leftover = errno == EEXIST;
+        if (errno == EEXIST)
+            task->dest = dw_dest::unproved;
         return errno;
     }
+    task->dest = dw_dest::own;
     rqs_set_now(&task->touch_tm);
     if (const int rc = W_ftruncate("mk_dest_file", task->dfd, static_cast<off_t>(task->content_length)))
         return rc;
@@ -204,10 +206,9 @@ int complete_download(dw_task* task) noexcept
     /* A network file system may report here that written bytes were lost. */
     const int rc_close = W_close(__func__, task->dfd);
     task->dfd = -1;
-    if (rc_close != 0) {
-        task->has_leftover = true; /* its own, which no descriptor proves any more */
+    task->dest = rc_close == 0 ? dw_dest::final : dw_dest::unproved;
+    if (rc_close != 0)
         return -1;
-    }
     std::array<char, SPEC_PATH_MAX> unfinished{};
     cut_text(unfinished.data(), unfinished.size(), task->spec.fpath);
     cut_text(task->spec.fpath, sizeof(task->spec.fpath), final_path.data());

@@ -53,12 +53,21 @@ struct dw_spec {
     bool takes_over;             /* a stalled task wrote its unfinished file when the order was checked */
 };
 
+/* Whose is the file under a task's unfinished name, and what becomes of it when the task ends. */
+enum class dw_dest : uint8_t {
+    none,     /* not this task's, or gone: it stays */
+    own,      /* made by this task, dfd proves it: it goes */
+    unproved, /* it stood in the way, or is the task's own after a close that failed: it goes unless a task writes it */
+    final,    /* spec.fpath has become the final path, for the rename: whatever stands there stays */
+};
+
 /* A transfer of one source into one file. Lives in its slot of g_ctx.tasks from add_dw to free_dw.
      (zero)  slot filled                   accepts nothing
      ini     connecting to the source      accepts writable: send the GET
      rsp     GET sent                      accepts readable: read the head
      dnl     head accepted, file made      accepts readable: read a fragment
-   The state keeps its last value once is_quitting is set; events are ignored from then on. */
+   The state keeps its last value once is_quitting is set; events are ignored from then on. check_task says what holds of
+   a task between two events. */
 struct dw_task {
     n32_tag tag; /* "DOW"; the first byte becomes '#' on release, so that a late event is recognised */
     dw_spec spec;
@@ -79,11 +88,11 @@ struct dw_task {
     const http_response* hresp; /* chosen for the client; shared */
     bool is_hashed;             /* in g_ctx.task_ht */
     bool is_mmapped;
-    bool is_unmoved;   /* the kernel has refused to move its body: it goes through the buffer */
+    bool is_unmoved; /* the kernel has refused to move its body: it goes through the buffer */
+    dw_dest dest;
     bool is_quitting;  /* listed for reaping */
     bool is_watched;   /* sfd is registered with the loop */
     bool is_unguarded; /* sfd waits for its keep-alive and holds SRC_GUARD_TMOUT */
-    bool has_leftover; /* a file under its unfinished name is to go at its end, though no descriptor says whose it is */
 };
 inline constexpr n32_tag DW_INI = mk_tag("ini");
 inline constexpr n32_tag DW_RSP = mk_tag("rsp");

@@ -83,6 +83,7 @@ void urq_rm(dw_urq* urq) noexcept
 
 void urq_set_state(dw_urq* urq, n32_tag state) noexcept
 {
+    ASSERT(state.num == (urq->state.num == URQ_INI.num ? URQ_RD : URQ_QUI).num);
     ASSERT(urq->state.num != state.num);
     LOG_DEBUG("%s [%s] (%p) state: %s -> %s\n", urq->tag.sym, urq->trk_tag.sym8, static_cast<void*>(urq),
               urq->state.sym, state.sym);

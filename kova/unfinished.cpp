@@ -137,14 +137,12 @@ bool owes_removal(const dw_task* task) noexcept
     const char* path = task->spec.fpath;
     struct stat st {
     };
-    if (!is_unfinished_seg(path))
-        return false;
-    if (task->dfd > 0) {
+    if (task->dest == dw_dest::own) {
         const int err = check_own_unfinished(task, &st);
         /* What cannot be looked at is its own as long as nobody else is known to write it. */
         return err == 0 || (err != ESTALE && err != ENOENT && !unfinished_writer(path));
     }
-    return task->has_leftover && lstat(path, &st) == 0 && !unfinished_writer(path);
+    return task->dest == dw_dest::unproved && lstat(path, &st) == 0 && !unfinished_writer(path);
 }
 
 void remove_unfinished(dw_task* task) noexcept
@@ -157,4 +155,5 @@ void remove_unfinished(dw_task* task) noexcept
         LOG_ERR("%s: unlink(%s) ERROR(%d): %s\n", "free_dw", path, err, strerror(err));
     }
     task->spec.fpath[0] = '\0';
+    task->dest = dw_dest::none;
 }
