@@ -1,6 +1,6 @@
 -- Sends a player to a living host that has the file, else to the origin, and orders what is missing.
--- A request costs at most one call of Redis: who lives, which server has a key, and the database's clock are asked for in
--- the background, twice a second by each worker. While the database is away every player goes to the origin, at once.
+-- A request costs at most one call of Redis: who lives, which server has a key, and the database's clock are asked for
+-- in the background, twice a second by each worker. While the database is away every player goes to the origin.
 local redis = require "nginx.redis"
 local bit = require "bit"
 
@@ -254,8 +254,8 @@ local function order_of(id)
     return "#!" .. ngx.md5(id):sub(1, 24) .. " http://" .. url .. " " .. conf.expiry
 end
 
--- An order gets no answer and may be lost: it is repeated while players ask and nobody has the file, at growing intervals.
--- Where agents are ordered one by one, each repetition goes to the next.
+-- An order gets no answer and may be lost: it is repeated while players ask and nobody has the file, at growing
+-- intervals. Where agents are ordered one by one, each repetition goes to the next.
 local function order(id)
     if state:get("wait:" .. id) then
         return
@@ -324,6 +324,11 @@ function M.metrics()
         living = living + (host.beat >= oldest and 1 or 0)
     end
     ngx.say("kov_balancer_living_hosts ", living)
+    local away = told ~= nil
+    for _, until_when in pairs(away_until) do
+        away = away or until_when > ngx.now()
+    end
+    ngx.say("kov_balancer_database_up ", away and 0 or 1)
 end
 
 -- ---- life ----
