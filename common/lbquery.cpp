@@ -6,9 +6,9 @@
 #include "guard.h"
 #include "log.h"
 #include "netops.h"
+#include "signals.h"
 #include "strops.h"
 #include "timeop.h"
-#include "util.h"
 
 #include <algorithm>
 #include <array>
@@ -30,6 +30,7 @@ constexpr size_t REPLY_PREFIX_LEN = 3; /* a reply is three characters and the ke
 constexpr size_t MIN_SHA1_LINE = 39;
 constexpr size_t MAX_SHA1_LINE = 48;
 constexpr size_t TEXT_LIMIT = 127;
+constexpr int RC_NO_SCRIPT = 2;
 constexpr uint32_t OPT_S = 1;
 constexpr char OPT_S_TEXT[] = "-S";
 constexpr int64_t QUIT_GRACE_MS = 500;      /* what a server still gets once the agent has been asked to quit */
@@ -177,17 +178,6 @@ int verify_db_script(const char* dir, const char* name, char* dst, size_t cap) n
     return g_ctx.redis ? check_script_exists(dst) : 0;
 }
 
-static int read_digests(const char* dir, int32_t need_func) noexcept
-{
-    for (const script_file& s : SCRIPTS) {
-        if (!(need_func & s.func))
-            continue;
-        if (const int rc = verify_db_script(dir, s.name, s.sha1, LBQ_MAX_SHA1_LEN))
-            return rc;
-    }
-    return 0;
-}
-
 int lbdb_init(const char* sha1_dir, int32_t need_func, uint32_t options) noexcept
 {
     ASSERT(0 == g_ctx.init_tm);
@@ -196,9 +186,13 @@ int lbdb_init(const char* sha1_dir, int32_t need_func, uint32_t options) noexcep
         LOG_ERR("%s: sha1_dir is too long: %zu/%zu\n", __func__, len, LBQ_MAX_DIRNAME_LEN - 1);
         return ERANGE;
     }
-    if (const int rc = read_digests(sha1_dir, need_func)) {
-        lbdb_destroy();
-        return rc;
+    for (const script_file& s : SCRIPTS) {
+        if (!(need_func & s.func))
+            continue;
+        if (const int rc = verify_db_script(sha1_dir, s.name, s.sha1, LBQ_MAX_SHA1_LEN)) {
+            lbdb_destroy();
+            return rc;
+        }
     }
     if (options & OPT_S) {
         const size_t used = strlen(g_ctx.call_opt);
@@ -277,46 +271,36 @@ static redisReply* await_reply() noexcept
     return nullptr;
 }
 
-/* A server that says more than it was asked for would shift every later answer by one. */
-static bool is_in_step() noexcept
-{
-    return !g_ctx.redis->err && g_ctx.redis->reader->pos == g_ctx.redis->reader->len;
-}
-
 /* One round trip. Null: the connection is lost. */
 template <class... Args>
 static reply_ptr command(const char* format, Args... args) noexcept
 {
-    if (!is_in_step() || redisAppendCommand(g_ctx.redis, format, args...) != REDIS_OK)
+    /* A server that says more than it was asked for would shift every later answer by one. */
+    const bool is_in_step = !g_ctx.redis->err && g_ctx.redis->reader->pos == g_ctx.redis->reader->len;
+    if (!is_in_step || redisAppendCommand(g_ctx.redis, format, args...) != REDIS_OK)
         return nullptr; /* the library would keep the command, and all later ones */
     return reply_ptr(await_reply());
 }
 
-/* One element that is an integer; complaints go to standard error. */
-static int script_in_array(const redisReply* reply) noexcept
+/* What a server says to "script exists": an array of one integer, or that integer alone. Complaints about the array go
+   to standard error. */
+static int judge_script_reply(const char* fn, const char* sha1, const redisReply* reply) noexcept
 {
-    if (reply->elements != 1) {
-        log_trouble("%s: more than 1 element (%zu) returned\n", "check_script_exists", reply->elements);
-        return EINVAL;
-    }
-    const redisReply* e = reply->element[0];
-    if (e->type != REDIS_REPLY_INTEGER) {
-        log_trouble("%s: expected integer, got %d\n", "check_script_exists", e->type);
-        return EINVAL;
-    }
-    return e->integer == 1 ? 0 : 2;
-}
-
-static int judge_script_reply(const char* sha1, const redisReply* reply) noexcept
-{
-    const char* fn = "check_script_exists";
     switch (reply->type) {
     case REDIS_REPLY_ARRAY:
-        return script_in_array(reply);
+        if (reply->elements != 1) {
+            log_trouble("%s: more than 1 element (%zu) returned\n", fn, reply->elements);
+            return EINVAL;
+        }
+        if (reply->element[0]->type != REDIS_REPLY_INTEGER) {
+            log_trouble("%s: expected integer, got %d\n", fn, reply->element[0]->type);
+            return EINVAL;
+        }
+        return reply->element[0]->integer == 1 ? 0 : RC_NO_SCRIPT;
     case REDIS_REPLY_INTEGER:
         if (reply->integer == 0)
             LOG_ERR("%s: no such script: %s\n", fn, sha1);
-        return reply->integer == 1 ? 0 : 2;
+        return reply->integer == 1 ? 0 : RC_NO_SCRIPT;
     case REDIS_REPLY_ERROR:
         LOG_ERR("%s: Redis error: %s\n", fn, reply->str);
         return -1;
@@ -334,7 +318,7 @@ int check_script_exists(const char* sha1) noexcept
         LOG_ERR("%s: NULL as reply\n", __func__);
         return -1;
     }
-    const int rc = judge_script_reply(sha1, reply.get());
+    const int rc = judge_script_reply(__func__, sha1, reply.get());
     LOG_DEBUG("%s: %s, rc=%d\n", __func__, sha1, rc);
     return rc;
 }
@@ -361,36 +345,30 @@ static void bound_arrays(redisReader* reader) noexcept
     reader->fn = &g_bounded_fns;
 }
 
-/* Waits for the end of the connect. 0, or an errno value. */
-static int finish_connect(timeval tmout) noexcept
-{
-    if (const int err = wait_for_server(POLLOUT, now_ms() + tmout.tv_sec * int64_t{1000} + tmout.tv_usec / 1000))
-        return err;
-    int err = 0;
-    socklen_t len = sizeof(err);
-    return getsockopt(g_ctx.redis->fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0 ? errno : err;
-}
-
-static int open_connection(const char* host, int port, timeval tmout) noexcept
+static int open_connection(const char* fn, const char* host, int port, timeval tmout) noexcept
 {
     g_ctx.redis = redisConnectNonBlock(host, port);
     if (!g_ctx.redis) {
-        LOG_ERR("%s: redisConnectWithTimeout: cannot allocate context\n", "lbdb_connect");
+        LOG_ERR("%s: redisConnectWithTimeout: cannot allocate context\n", fn);
         return -1;
     }
     if (g_ctx.redis->err) {
-        LOG_ERR("%s: redisConnectWithTimeout ERROR(%d): %s\n", "lbdb_connect", g_ctx.redis->err, g_ctx.redis->errstr);
+        LOG_ERR("%s: redisConnectWithTimeout ERROR(%d): %s\n", fn, g_ctx.redis->err, g_ctx.redis->errstr);
         return -1;
     }
-    if (const int err = finish_connect(tmout)) {
-        LOG_ERR("%s: redisConnectWithTimeout ERROR(%d): %s\n", "lbdb_connect", REDIS_ERR_IO, strerror(err));
+    int err = wait_for_server(POLLOUT, now_ms() + tmout.tv_sec * int64_t{1000} + tmout.tv_usec / 1000);
+    socklen_t len = sizeof(err);
+    if (err == 0 && getsockopt(g_ctx.redis->fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0)
+        err = errno;
+    if (err != 0) {
+        LOG_ERR("%s: redisConnectWithTimeout ERROR(%d): %s\n", fn, REDIS_ERR_IO, strerror(err));
         return -1;
     }
     (void)fcntl(g_ctx.redis->fd, F_SETFD, FD_CLOEXEC);
     (void)set_keepalive(g_ctx.redis->fd, SERVER_KEEPALIVE);
     (void)set_user_timeout(g_ctx.redis->fd, SERVER_GONE_MS);
     bound_arrays(g_ctx.redis->reader);
-    LOG_INFO("%s: connected to %s:%d\n", "lbdb_connect", host, port);
+    LOG_INFO("%s: connected to %s:%d\n", fn, host, port);
     return 0;
 }
 
@@ -419,7 +397,7 @@ int lbdb_connect(const char* host, int port, timeval tmout) noexcept
     cut_text(g_conn.host, sizeof(g_conn.host), host);
     g_conn.port = port;
     g_conn.tmout = tmout;
-    int rc = open_connection(host, port, tmout);
+    int rc = open_connection(__func__, host, port, tmout);
     if (rc == 0)
         rc = verify_scripts();
     if (rc != 0) {
@@ -449,11 +427,11 @@ void lbdb_destroy() noexcept
 
 /* ---- registration ---- */
 
-static int copy_reply(const redisReply* reply, char* buf, size_t cap) noexcept
+static int copy_reply(const char* fn, const redisReply* reply, char* buf, size_t cap) noexcept
 {
     const auto len = static_cast<size_t>(reply->len);
     if (len > cap) {
-        LOG_ERR("%s: reply is bigger than buffer: %zu/%zu\n", "reply_to_str", len, cap);
+        LOG_ERR("%s: reply is bigger than buffer: %zu/%zu\n", fn, len, cap);
         return ERANGE;
     }
     memcpy(buf, reply->str, len);
@@ -465,7 +443,7 @@ int reply_to_str(const redisReply* reply, char* buf, size_t cap) noexcept
 {
     switch (reply->type) {
     case REDIS_REPLY_STRING:
-        return copy_reply(reply, buf, cap);
+        return copy_reply(__func__, reply, buf, cap);
     case REDIS_REPLY_ARRAY:
         if (reply->elements != 1) {
             LOG_ERR("%s: more than 1 element (%zu) returned\n", __func__, reply->elements);
@@ -475,7 +453,7 @@ int reply_to_str(const redisReply* reply, char* buf, size_t cap) noexcept
             LOG_ERR("%s: expected string, got %d\n", __func__, reply->element[0]->type);
             return EINVAL;
         }
-        return copy_reply(reply->element[0], buf, cap);
+        return copy_reply(__func__, reply->element[0], buf, cap);
     case REDIS_REPLY_STATUS:
         LOG_ERR("%s: Redis status: %s\n", __func__, reply->str);
         return -1;

@@ -143,15 +143,14 @@ int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
         return 0;
     }
     if (strlen(path) >= sizeof(log->name)) {
-        log_trouble("Log pathname/command is too long, %ld bytes allowed\n", static_cast<long>(LOG_PATHNAME_MAX));
+        log_trouble("Log pathname/command is too long, %zu bytes allowed\n", LOG_PATHNAME_MAX);
         return -1;
     }
     pid_t pid = 0;
     FILE* fp = is_pipe ? open_pipe(path, &pid) : open_file(path);
     if (!fp) {
-        const int err = errno;
-        log_trouble("%s: uid/gig=%ld/%ld %s(%s) ERROR(%d): %s\n", "do_open", static_cast<long>(geteuid()),
-                    static_cast<long>(getegid()), is_pipe ? "popen" : "fopen", path, err, strerror(err));
+        log_trouble("%s: uid/gig=%u/%u %s(%s) ERROR(%d): %s\n", "do_open", geteuid(), getegid(),
+                    is_pipe ? "popen" : "fopen", path, errno, strerror(errno));
         return -1;
     }
     cut_text(log->name, sizeof(log->name), path);
@@ -166,8 +165,7 @@ int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
     struct stat st {
     };
     if (fstat(fileno(fp), &st) != 0) {
-        const int err = errno;
-        log_trouble("%s: fstat(%s) ERROR(%d): %s\n", "do_open", path, err, strerror(err));
+        log_trouble("%s: fstat(%s) ERROR(%d): %s\n", "do_open", path, errno, strerror(errno));
     } else if (S_ISREG(st.st_mode)) {
         log->total_out = static_cast<size_t>(st.st_size);
         log->is_rotatable = is_own_file(path, st);
@@ -181,19 +179,16 @@ static void move_aside(const char* path) noexcept
     struct stat st {
     };
     if (stat(path, &st) != 0) {
-        const int err = errno;
-        if (err != ENOENT)
-            log_trouble("stat(%s) ERROR(%d): %s\n", path, err, strerror(err));
+        if (errno != ENOENT)
+            log_trouble("stat(%s) ERROR(%d): %s\n", path, errno, strerror(errno));
         return;
     }
     if (!is_own_file(path, st) || st.st_size == 0)
         return;
     std::array<char, ROTATED_NAME_MAX> aside{};
-    snprintf(aside.data(), aside.size(), "%s.%lu", path, static_cast<unsigned long>(st.st_mtime));
-    if (rename(path, aside.data()) != 0) {
-        const int err = errno;
-        log_trouble("Cannot rename(%s, %s): ERROR(%d): %s\n", path, aside.data(), err, strerror(err));
-    }
+    snprintf(aside.data(), aside.size(), "%s.%lu", path, st.st_mtime);
+    if (rename(path, aside.data()) != 0)
+        log_trouble("Cannot rename(%s, %s): ERROR(%d): %s\n", path, aside.data(), errno, strerror(errno));
 }
 
 int log_open_ex(log_ctx* log, const char* path, uint32_t flags) noexcept
@@ -242,9 +237,8 @@ void log_close(log_ctx* log) noexcept
     if (log->fp && log->fp != stdout && log->fp != stderr) {
         const bool is_pipe = log->is_pipe;
         if (log_close_stream(log) != 0) {
-            const int err = errno;
-            log_trouble("%s: %s error(%d) for the application log: %s\n", __func__, is_pipe ? "pclose" : "fclose", err,
-                        strerror(err));
+            log_trouble("%s: %s error(%d) for the application log: %s\n", __func__, is_pipe ? "pclose" : "fclose",
+                        errno, strerror(errno));
         }
     }
     out_detach(&log->out);
@@ -288,11 +282,10 @@ using rotated_name = std::array<char, ROTATED_NAME_MAX>;
 
 static bool mk_rotated_name(const char* fn, const log_ctx* log, time_t tm, rotated_name* name) noexcept
 {
-    const int n = snprintf(name->data(), name->size(), "%s.%lu", log->name, static_cast<unsigned long>(tm));
-    if (n > 0 && n < static_cast<int>(name->size()))
+    const int n = snprintf(name->data(), name->size(), "%s.%lu", log->name, tm);
+    if (n > 0 && static_cast<size_t>(n) < name->size())
         return true;
-    log_trouble("%s: log log->name is too long (%d bytes), max=%lu\n", fn, n,
-                static_cast<unsigned long>(name->size() - 1));
+    log_trouble("%s: log log->name is too long (%d bytes), max=%zu\n", fn, n, name->size() - 1);
     return false;
 }
 
@@ -302,18 +295,15 @@ static void handle_rotation(log_ctx* log, time_t tm, const char* name) noexcept
 {
     rotation_ctx& r = log->rota;
     const ssize_t i = r.next_idx;
-    LOG_NORM("[%s]: previous log rotated to [%s] tm=%ld, idx=%ld\n", glog_app_tag(), name, static_cast<long>(tm),
-             static_cast<long>(i));
+    LOG_NORM("[%s]: previous log rotated to [%s] tm=%ld, idx=%zd\n", glog_app_tag(), name, tm, i);
     if (r.tm[i] && r.tm[i] != tm) {
         rotated_name oldest{};
         if (!mk_rotated_name(__func__, log, r.tm[i], &oldest))
             return;
         if (unlink(oldest.data()) != 0) {
-            const int err = errno;
-            LOG_ERR("%s: unlink(%s) ERROR(%d) : %s\n", __func__, oldest.data(), err, strerror(err));
+            LOG_ERR("%s: unlink(%s) ERROR(%d) : %s\n", __func__, oldest.data(), errno, strerror(errno));
         } else {
-            LOG_DEBUG("%s: replaced %s with %s.%lu\n", __func__, oldest.data(), log->name,
-                      static_cast<unsigned long>(tm));
+            LOG_DEBUG("%s: replaced %s with %s.%lu\n", __func__, oldest.data(), log->name, tm);
         }
     }
     for (time_t& other : r.tm) {
@@ -325,25 +315,16 @@ static void handle_rotation(log_ctx* log, time_t tm, const char* name) noexcept
     errno = 0;
 }
 
-static int refuse_rotation(const log_ctx* log) noexcept
+/* Why the log cannot be rotated, or null. */
+static const char* no_rotation(const log_ctx* log) noexcept
 {
-    if (!log->fp || !log->name[0]) {
-        log_trouble("%s: nothing to rotate.\n", "log_rotate");
-        return -1;
-    }
-    if (log->fp == stdout || log->fp == stderr) {
-        log_trouble("%s: stdout and stderr cannot be rotated.\n", "log_rotate");
-        return -1;
-    }
-    if (log->is_pipe || log->name[0] == '|') {
-        log_trouble("%s: not supported for pipe-based streams.\n", "log_rotate");
-        return -1;
-    }
-    if (!log->is_rotatable) {
-        log_trouble("%s: not supported for what is no regular file.\n", "log_rotate");
-        return -1;
-    }
-    return 0;
+    if (!log->fp || !log->name[0])
+        return "nothing to rotate.";
+    if (log->fp == stdout || log->fp == stderr)
+        return "stdout and stderr cannot be rotated.";
+    if (log->is_pipe || log->name[0] == '|')
+        return "not supported for pipe-based streams.";
+    return log->is_rotatable ? nullptr : "not supported for what is no regular file.";
 }
 
 /* Is the file behind the stream still the one at its path? What somebody has put there is not the log's to rename. 0,
@@ -361,8 +342,10 @@ static int check_in_place(const log_ctx* log) noexcept
 
 int log_rotate(log_ctx* log) noexcept
 {
-    if (const int rc = refuse_rotation(log))
-        return rc;
+    if (const char* why = no_rotation(log)) {
+        log_trouble("%s: %s\n", __func__, why);
+        return -1;
+    }
     const time_t now = time(nullptr);
     rotated_name name{};
     if (!mk_rotated_name(__func__, log, now, &name))

@@ -146,11 +146,6 @@ static bool wait_for_room(log_out* out, bool is_idle) noexcept
 
 /* ---- a text ---- */
 
-static bool would_block(int err) noexcept
-{
-    return err == EAGAIN || err == EWOULDBLOCK;
-}
-
 /* Writes text as far as it goes; *done is the number of bytes that were taken. 0 when that is all of it, or an errno.
    */
 static int put_part(log_out* out, std::string_view text, size_t* done) noexcept
@@ -162,7 +157,7 @@ static int put_part(log_out* out, std::string_view text, size_t* done) noexcept
         if (n > 0) {
             *done += static_cast<size_t>(n);
             out->is_stalled = has_waited = false;
-        } else if (would_block(err)) {
+        } else if (err == EAGAIN || err == EWOULDBLOCK) {
             if (!wait_for_room(out, has_waited)) {
                 out->is_stalled = true;
                 return EAGAIN;

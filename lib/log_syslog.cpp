@@ -42,41 +42,31 @@ static time_t now_sec() noexcept
     return now.tv_sec;
 }
 
-static void disconnect() noexcept
-{
-    out_detach(&g_syslog.out);
-}
-
 void syslog_open(const char* ident, int option) noexcept
 {
-    disconnect();
+    out_detach(&g_syslog.out);
     cut_text(g_syslog.ident, sizeof(g_syslog.ident), ident);
     g_syslog.option = option == SYSLOG_DEFAULT ? LOG_PID | LOG_CONS : option;
     g_syslog.retry_at = 0;
-}
-
-static bool connect_daemon() noexcept
-{
-    const int fd = connect_unix(_PATH_LOG, &g_syslog.is_stream);
-    if (fd < 0) {
-        g_syslog.retry_at = now_sec() + RETRY_SEC;
-        return false;
-    }
-    out_attach(&g_syslog.out, fd);
-    g_syslog.out.is_own = true;
-    return true;
 }
 
 /* text has a NUL behind it, with which the records of a stream end. False: there is no daemon. */
 static bool send_line(const char* text, size_t len) noexcept
 {
     for (int i = 0; i < 2; ++i) { /* a connection from before the daemon's restart fails once */
-        if (!g_syslog.out.is_attached && !connect_daemon())
-            return false;
+        if (!g_syslog.out.is_attached) {
+            const int fd = connect_unix(_PATH_LOG, &g_syslog.is_stream);
+            if (fd < 0) {
+                g_syslog.retry_at = now_sec() + RETRY_SEC;
+                return false;
+            }
+            out_attach(&g_syslog.out, fd);
+            g_syslog.out.is_own = true;
+        }
         const int rc = out_put(&g_syslog.out, {text, len + (g_syslog.is_stream ? 1 : 0)});
         if (rc == 0 || (rc == EAGAIN && !g_syslog.out.is_torn))
             return true;
-        disconnect(); /* also from the middle of a stream's line */
+        out_detach(&g_syslog.out); /* also from the middle of a stream's line */
     }
     return false;
 }
@@ -105,7 +95,7 @@ void syslog_put(int level, int facility, std::string_view line) noexcept
         return;
     std::array<char, PREFIX_MAX / 2 + IDENT_MAX> tag{};
     if (g_syslog.option & LOG_PID)
-        snprintf(tag.data(), tag.size(), "%s[%ld]: ", g_syslog.ident, static_cast<long>(getpid()));
+        snprintf(tag.data(), tag.size(), "%s[%d]: ", g_syslog.ident, getpid());
     else
         snprintf(tag.data(), tag.size(), "%s: ", g_syslog.ident);
     std::array<char, PREFIX_MAX * 2 + LOG_LINE_MAX> text{};
@@ -119,5 +109,5 @@ void syslog_put(int level, int facility, std::string_view line) noexcept
 
 void syslog_close() noexcept
 {
-    disconnect();
+    out_detach(&g_syslog.out);
 }
