@@ -2,12 +2,12 @@
 #include "rui.h"
 
 #include "log.h"
+#include "process.h"
 #include "rqs.h"
 #include "rui_internal.h"
 #include "strops.h"
 #include "syswrap.h"
 #include "tmout.h"
-#include "util.h"
 
 #include <algorithm>
 #include <array>

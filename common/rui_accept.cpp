@@ -5,10 +5,10 @@
 #include "log.h"
 #include "rqs.h"
 #include "rui_internal.h"
+#include "signals.h"
 #include "syswrap.h"
 #include "timeop.h"
 #include "tmout.h"
-#include "util.h"
 
 #include <array>
 #include <cerrno>

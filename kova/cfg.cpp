@@ -3,10 +3,10 @@
    file is not read at all. */
 #include "cfg.h"
 
+#include "dirs.h"
 #include "guard.h"
 #include "log.h"
 #include "strops.h"
-#include "util.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -4,11 +4,11 @@
 
 #include "app.h"
 #include "log.h"
+#include "process.h"
 #include "register.h"
 #include "rq.h"
 #include "rqs.h"
 #include "udl.h"
-#include "util.h"
 
 #include <algorithm>
 

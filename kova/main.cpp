@@ -6,9 +6,10 @@
 #include "ctx.h"
 #include "log.h"
 #include "meta.h"
+#include "process.h"
+#include "signals.h"
 #include "timeop.h"
 #include "tmout.h"
-#include "util.h"
 
 #include <cerrno>
 #include <csignal>

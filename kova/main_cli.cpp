@@ -4,8 +4,8 @@
 #include "data.h"
 #include "log.h"
 #include "meta.h"
+#include "process.h"
 #include "strops.h"
-#include "util.h"
 
 #include <array>
 #include <cstdio>

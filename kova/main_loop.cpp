@@ -7,10 +7,10 @@
 #include "fdio.h"
 #include "log.h"
 #include "rq.h"
+#include "signals.h"
 #include "timeop.h"
 #include "tmout.h"
 #include "udl.h"
-#include "util.h"
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 

@@ -4,8 +4,9 @@
 #include "data.h"
 #include "log.h"
 #include "meta.h"
+#include "process.h"
+#include "signals.h"
 #include "strops.h"
-#include "util.h"
 #include "webops.h"
 #include "wopen.h"
 

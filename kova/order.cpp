@@ -2,10 +2,10 @@
    and refusals. Nothing is made on disk but missing directories, and those only once the order is acceptable. */
 #include "order.h"
 
+#include "dirs.h"
 #include "log.h"
 #include "strops.h"
 #include "unfinished.h"
-#include "util.h"
 
 #include <array>
 #include <cerrno>

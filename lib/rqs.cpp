@@ -6,7 +6,7 @@
 #include "guard.h"
 #include "log.h"
 #include "rqs_internal.h"
-#include "util.h"
+#include "signals.h"
 
 #include <cerrno>
 #include <climits>

@@ -7,8 +7,8 @@
 #include "log.h"
 #include "meta.h"
 #include "options.h"
+#include "process.h"
 #include "strops.h"
-#include "util.h"
 
 #include <cerrno>
 #include <climits>

@@ -5,7 +5,6 @@
 #include "log.h"
 #include "options.h"
 #include "strops.h"
-#include "util.h"
 
 #include <algorithm>
 #include <arpa/inet.h>

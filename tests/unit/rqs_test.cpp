@@ -1,7 +1,7 @@
 #include "rqs.h"
 
 #include "caught_log.h"
-#include "util.h"
+#include "signals.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,6 @@
-/* Process utilities of a daemon: detaching, giving up root, working directory, pid file. */
-#include "util.h"
+/* The process: standard descriptors, limits, and the steps by which it becomes a daemon. Their order is the caller's:
+   what needs root comes before the user is changed, what needs the terminal before the process leaves it. */
+#include "process.h"
 
 #include "guard.h"
 #include "log.h"
@@ -11,8 +12,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <getopt.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,6 +26,94 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 constexpr mode_t PIDFILE_MODE = 0644;
 constexpr size_t PID_TEXT_MAX = 22;
 constexpr int PIDF_LONG_MSG = 1; /* create_pidfile_extra */
+
+/* ---- descriptors ---- */
+
+void fill_std_fds() noexcept
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) == -1 && errno == EBADF)
+            (void)open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY); /* takes fd, the lowest one free */
+    }
+}
+
+void null_fd(int fd) noexcept
+{
+    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (null < 0) {
+        LOG_ERRNO("%s: open('/dev/null')", __func__);
+        return;
+    }
+    if (null == fd)
+        return; /* it was closed, and open has just taken its place */
+    if (dup2(null, fd) < 0)
+        LOG_ERRNO("%s: dup2(fd%d)", __func__, fd);
+    close(null);
+}
+
+size_t fd_limit() noexcept
+{
+    rlimit lim{};
+    if (getrlimit(RLIMIT_NOFILE, &lim) != 0)
+        return 1024;
+    return lim.rlim_cur;
+}
+
+int raise_fd_limit() noexcept
+{
+    rlimit lim{};
+    if (getrlimit(RLIMIT_NOFILE, &lim) != 0) {
+        LOG_ERRNO("%s: getrlimit", __func__);
+        return -1;
+    }
+    const rlim_t soft = lim.rlim_cur;
+    lim.rlim_cur = lim.rlim_max;
+    if (soft != lim.rlim_max && setrlimit(RLIMIT_NOFILE, &lim) != 0) {
+        LOG_ERRNO("%s: setrlimit", __func__);
+        return -1;
+    }
+    LOG_INFO("%s: descriptor limit raised from %lu to %lu\n", __func__, soft, lim.rlim_max);
+    return 0;
+}
+
+int set_unlimited_core(int /*flags*/) noexcept
+{
+    if (prctl(PR_GET_DUMPABLE) == 0) {
+        LOG_INFO("%s: process is currently NOT core-dumpable; will enforce\n", __func__);
+        if (prctl(PR_SET_DUMPABLE, 1) != 0) {
+            LOG_ERRNO("%s: prctl(PR_SET_DUMPABLE, 1)", __func__);
+            return -1;
+        }
+    }
+    rlimit lim{};
+    if (getrlimit(RLIMIT_CORE, &lim) != 0) {
+        LOG_ERRNO("%s: getrlimit", __func__);
+        return -1;
+    }
+    if (lim.rlim_cur == RLIM_INFINITY) {
+        LOG_DEBUG("%s: already set\n", __func__);
+        return 0;
+    }
+    LOG_DEBUG("%s: current=%ld/%ld\n", __func__, lim.rlim_cur, lim.rlim_max);
+    lim.rlim_cur = lim.rlim_max = RLIM_INFINITY;
+    if (setrlimit(RLIMIT_CORE, &lim) != 0) {
+        LOG_ERRNO("%s: setrlimit", __func__);
+        return -1;
+    }
+    LOG_DEBUG("%s: OK\n", __func__);
+    return 0;
+}
+
+int pin2cpu(int cpu) noexcept
+{
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (cpu >= 0 && cpu < CPU_SETSIZE)
+        CPU_SET(cpu, &set);
+    return sched_setaffinity(0, sizeof(set), &set);
+}
+
+/* ---- the way to a daemon ---- */
 
 static int step_failed(const char* fn, const char* step) noexcept
 {
@@ -180,4 +273,9 @@ int create_pidfile_extra(const char* path, pid_t pid, ino_t* inode, int flags) n
     else
         LOG_ERR("%s: failed to create pidfile [%s] with pid=%d.\n", __func__, path, pid);
     return rc;
+}
+
+void reset_getopt_state() noexcept
+{
+    optind = 0;
 }
