@@ -1,195 +1,314 @@
-"""A long run: orders over HTTP and as datagrams, a tenth of them failing in every way that a client, a source or a sender has.
+"""Long runs with Redis on. Status 0 when every file that was stored is its source's and registered, and nothing else is.
 
-    soak.py MINUTES
+    soak.py MINUTES [ORDERS A SECOND]
 
-Says each minute what was done and what the agent holds; at the end asks whether memory and descriptors stayed flat, every
-stored file is its source's, and no ERR line came that was not provoked."""
+Orders over HTTP and as datagrams, a tenth of them failing in every way that a client, a source or a sender has: memory
+and descriptors stay flat, an idle agent uses no CPU, no ERR line comes that was not provoked.
 
-import hashlib
+    soak.py mixed ROUNDS
+
+Orders that meet: repetitions and HEADs of running orders, mirrors that race for one destination, stalls that are taken
+over; every other round is cut by SIGTERM, and ends within a second."""
+
 import os
-import random
 import re
-import socket
 import sys
 import tempfile
+import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
+from random import Random
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../blackbox"))
-from kov import ANSWERS, Agent, Origin, free_port, read_all, wait_for  # noqa: E402
-from services import Nginx, Redis  # noqa: E402
+from harness import ANSWERS, Agent, Nginx, Origin, Redis, age, read, read_all, request, reset, sized, wait_for
 
 SIZES = (1, 900, 4096, 50_000, 300_000, 2 << 20)
-PER_SECOND = 40
+ROUND = 60  # orders that meet
+REFUSED = (ANSWERS[400], ANSWERS[403], ANSWERS[500])
 # The ERR lines that the failing orders provoke.
 PROVOKED = re.compile(
-    r"non-HTTP or invalid src|parse_dw_get: URQ|malformed HTTP request|destination leaves|request failed|message prefix|"
-    r"message length|missing URL part|id length|connection broken|connect.*ERROR\(111\)|ERROR\(111\)|error sending HTTP|"
+    r"non-HTTP or invalid src|parse_dw_get: URQ|malformed HTTP request|destination leaves|request failed|"
+    r"message prefix|message length|missing URL part|id length|connection broken|ERROR\(111\)|error sending HTTP|"
     r"removing T\d+ due to error|expected HTTP 2xx|content length|parsed \d < 4|failed, rc=104|already there|rc=-?\d+$|"
     r"HTTP \[|failed to get HTTP method|expected \[HTTP|is to be removed|timed out|on_read: |on_error|"
     r"task already present|already exists|failed to parse URL|error\(\S+\) parsing|NOT SUPPORTED|invalid path size")
 
 
-class Soak:
+class Run:
+    """What was ordered, what has come of it, and what is wrong."""
+
     def __init__(self, root):
-        self.rnd = random.Random(1)
+        self.root = root
+        self.rnd = Random(1)
         self.origin = Origin()
-        self.nginx = Nginx(f"{root}/nginx")
-        self.db = Redis(f"{root}/redis")
-        self.digests = []
-        for k, size in enumerate(SIZES * 8):
-            body = self.rnd.randbytes(size)
-            self.digests.append(hashlib.sha256(body).hexdigest())
-            with open(f"{self.nginx.www}/{k}", "wb") as f:
-                f.write(body)
-        ok = b"HTTP/1.1 200 OK\r\n"
-        length = ok + b"Content-Length: 9000\r\n\r\n"
-        for path, data, then in (("/garbage", os.urandom(500) + b"\r\n\r\n", None), ("/cut", length + b"abc", None),
-                                 ("/reset", length + b"abc", Origin.reset), ("/none", b"", None), ("/nolength", ok + b"\r\nxyz", None),
-                                 ("/lies", ok + b"Content-Length: -1\r\n\r\n", None), ("/gone", b"HTTP/1.1 404 Not Found\r\n\r\n", None),
-                                 ("/halfhead", ok, None), ("/slowcut", length, lambda conn: time.sleep(1))):
-            self.origin.raw(path, data, then)
-        self.udp_port = free_port()
-        self.locks = f"{root}/locks"
-        os.makedirs(self.locks)
-        self.agent = Agent(f"{root}/agent", self.db.settings() + f"max_mmap_mb = 1; udp_input = {{ url = "
-                           f'"127.0.0.1:{self.udp_port}"; lock_dir = "{self.locks}"; }};', options=("-L", "norm"),
-                           log="max_size_mb = 16; max_files = 100;").wait_ready()
-        self.sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.number = 0
-        self.good = 0
-        self.failing = 0
-        self.pending = []  # (destination, digest) not yet seen
-        self.wrong = []
+        self.db = Redis(self.new_root("redis"))
+        self.bodies = {}  # destination -> those of its sources
+        self.stored = set()
+        self.faults = []
 
-    def send(self, text):
-        self.sender.sendto(text.encode(), ("127.0.0.1", self.udp_port))
+    def new_root(self, name):
+        os.makedirs(f"{self.root}/{name}")
+        return f"{self.root}/{name}"
 
-    def order_well(self, n):
-        k = self.rnd.randrange(len(self.digests))
-        dst = f"s/{n % 97}/{n}"
-        if n % 3 == 0:
-            self.send(f"#!soak{n:08} http://any/src/{self.nginx.url(k)}/dst/{dst} 600")
-        else:
-            answer = self.agent.order(self.nginx.url(k), dst, "?expiry=600")
-            if answer == ANSWERS[500]:
-                return  # the source is still being fetched by another order
-            if answer != ANSWERS[200]:
-                self.wrong.append(f"{dst}: {answer[:40]}")
-        self.pending.append((dst, self.digests[k], time.monotonic()))
-        self.good += 1
+    def check(self, is_so, fault):
+        if not is_so:
+            self.faults.append(fault)
 
-    def order_badly(self, n):
-        self.failing += 1
-        source = self.origin.url(self.rnd.choice(sorted(self.origin.paths)))
-        kind = self.rnd.randrange(10)
-        if kind < 4:
-            self.agent.order(source, f"bad/{n}")
-        elif kind == 4:
-            self.send(f"#!bad{n:08} http://any/src/{source}/dst/bad/{n} 5")
-        elif kind == 5:
-            self.send(self.rnd.choice(("short", "x" * 1401, "no prefix " * 5, f"#!ab http://h/src/{source}/dst/x 5",
-                                       f"#!dots http://h/src/{source}/dst/../x 5")))
-        elif kind == 6:
-            self.agent.order(self.rnd.choice(("ftp://h/a", f"http://127.0.0.1:1/{n}")), f"bad/{n}")
-        elif kind == 7:
-            self.agent.order(source, f"../../bad/{n}")
-        elif kind == 8:
-            self.agent.send(self.rnd.randbytes(self.rnd.randrange(40, 900)) + b"\r\n\r\n")
-        else:
-            s = self.agent.connect()
-            s.sendall(f"GET /src/{source}".encode())
-            if n % 2:
-                Origin.reset(s)
-            s.close()
+    def take_files(self, agent):
+        """Compares and removes what has been stored."""
+        for name in agent.files():
+            if not name.endswith("-Kova"):
+                with open(agent.path(name), "rb") as f:
+                    self.check(f.read() in self.bodies.pop(name, ()), f"{name}: no source's body")
+                os.remove(agent.path(name))
+                self.stored.add(name)
 
-    def collect(self, patience=0.0):
-        """Compares and removes what has been stored; complains of what is late."""
-        deadline = time.monotonic() + patience
-        while True:
-            waiting = []
-            for dst, digest, since in self.pending:
-                path = self.agent.path(dst)
-                try:
-                    with open(path, "rb") as f:
-                        body = f.read()
-                except FileNotFoundError:
-                    waiting.append((dst, digest, since))
-                    continue
-                if hashlib.sha256(body).hexdigest() != digest:
-                    self.wrong.append(f"{dst}: another body")
-                os.remove(path)
-            self.pending = waiting
-            if not waiting or time.monotonic() >= deadline:
-                return
-            time.sleep(0.1)
-
-    def provoked(self, line):
-        return "(ERR)" not in line or PROVOKED.search(line.split("(ERR)", 1)[1])
-
-    def unprovoked(self):
-        directory = os.path.dirname(self.agent.log_path)
-        found = []
-        for name in sorted(os.listdir(directory)):
-            if name.startswith("log"):
-                with open(f"{directory}/{name}", encoding="utf-8", errors="replace") as f:
-                    found += [line.rstrip() for line in f if not self.provoked(line)]
-        return found
-
-    def run(self, minutes):
-        start = time.monotonic()
-        end = start + 60 * minutes
-        report = start
-        history = []
-        while (now := time.monotonic()) < end:
-            self.number += 1
-            (self.order_badly if self.number % 10 == 0 else self.order_well)(self.number)
-            if self.number % 50 == 0:
-                self.collect()
-            if now >= report:
-                history.append((self.agent.rss_kib(), self.agent.fds()))
-                print(f"{(now - start) / 60:5.1f} min: {self.number} orders, {history[-1][0]} KiB resident, {history[-1][1]} descriptors,"
-                      f" {self.agent.cpu_seconds():.1f} s CPU", flush=True)
-                report += 60 if minutes >= 5 else 10
-            time.sleep(max(0.0, start + self.number / PER_SECOND - time.monotonic()))
-        self.collect(20.0)
-        # Datagrams for a source that was being fetched are refused, so their files never come.
-        lost = [dst for dst, _, _ in self.pending if not self.was_refused(dst)]
-        wait_for(lambda: self.agent.fds() <= self.agent.base_fds, "descriptors at base line", 15)
-        left = [name for name in self.agent.files() if name.endswith("-Kova")]
-        warm = history[max(1, len(history) // 10)][0] if len(history) > 1 else history[0][0]
-        grown = self.agent.rss_kib() - warm
-        errors = self.unprovoked()
-        status = self.agent.stop()[0]
-        print(f"soak: {minutes} min, {self.number} orders, {self.good} good ones, {self.failing} failing ones; {len(self.wrong)} wrong, "
-              f"{len(lost)} lost, {len(left)} unfinished left, {grown} KiB grown since the warm-up, {len(errors)} ERR lines that "
-              f"nothing provoked, locks left {len(os.listdir(self.locks))}, status {status}")
-        print("\n".join([*self.wrong[:5], *lost[:5], *left[:5], *errors[:5]]))
-        return not (self.wrong or lost or left or errors or status or grown > 1024 or os.listdir(self.locks))
-
-    def was_refused(self, dst):
-        directory = os.path.dirname(self.agent.log_path)
-        lid = f"soak{int(dst.rsplit('/', 1)[1]):08}"
-        return not any(f"lid=[{lid}]" in open(f"{directory}/{name}", encoding="utf-8", errors="replace").read()
-                       for name in os.listdir(directory) if name.startswith("log"))
+    def check_registrations(self):
+        registered = set(self.db.cli("keys", "*").split())
+        self.faults += [f"{name}: not registered" for name in self.stored - registered]
+        self.faults += [f"{name}: registered without a file" for name in registered - self.stored]
+        self.db.cli("flushdb")
 
     def stop(self):
-        self.agent.kill()
         self.db.stop()
-        self.nginx.stop()
         self.origin.close()
 
 
+class Soak(Run):
+    def __init__(self, root):
+        super().__init__(root)
+        self.nginx = Nginx(self.new_root("nginx"))
+        self.sources = [self.rnd.randbytes(size) for size in SIZES * 8]
+        for k, body in enumerate(self.sources):
+            self.nginx.add(str(k), body)
+        for path, data, then in (("/garbage", os.urandom(500) + b"\r\n\r\n", None), ("/none", b"", None),
+                                 ("/nolength", b"HTTP/1.1 200 OK\r\n\r\nxyz", None), ("/lies", sized(-1), None),
+                                 ("/halfhead", b"HTTP/1.1 200 OK\r\n", None),
+                                 ("/slowcut", sized(9000), lambda conn: time.sleep(1))):
+            self.origin.raw(path, data, then)
+        self.origin.status("/gone", 404)
+        self.origin.cut("/cut")
+        self.origin.cut("/reset", reset)
+        self.agent = Agent(self.new_root("agent"), self.db.settings() + "max_mmap_mb = 1;", channel="127.0.0.1:{}",
+                           level="norm", log="max_size_mb = 16; max_files = 100;").wait_ready()
+
+    def order_well(self, n):
+        k = self.rnd.randrange(len(self.sources))
+        url = self.nginx.url(f"{n}/../{k}")  # a URL of its own: one that is being fetched is refused
+        dst = f"s/{n % 97}/{n}"
+        self.bodies[dst] = [self.sources[k]]
+        if n % 3 == 0:
+            self.agent.datagram(f"#!soak{n:08} http://any/src/{url}/dst/{dst} 0")
+        else:
+            self.check(self.agent.order(url, dst, expect=None) == ANSWERS[200], f"{dst}: not taken")
+
+    def order_badly(self, n):
+        source = self.origin.url(self.rnd.choice(sorted(self.origin.paths)))
+        kind = self.rnd.randrange(10)
+        if kind < 4:
+            self.agent.order(source, f"bad/{n}", expect=None)
+        elif kind == 4:
+            self.agent.datagram(f"#!bad{n:08} http://any/src/{source}/dst/bad/{n} 5")
+        elif kind == 5:
+            tail = f"http://h/src/{source}/dst/"
+            self.agent.datagram(self.rnd.choice(("short", "x" * 1401, "no prefix " * 5, f"#!ab {tail}x 5",
+                                                 f"#!dots {tail}../x 5")))
+        elif kind == 6:
+            self.agent.order(self.rnd.choice(("ftp://h/a", f"http://127.0.0.1:1/{n}")), f"bad/{n}", expect=None)
+        elif kind == 7:
+            self.agent.order(source, f"../../bad/{n}", 400)
+        elif kind == 8:
+            self.agent.send(self.rnd.randbytes(self.rnd.randrange(40, 900)) + b"\r\n\r\n")
+        else:
+            with self.agent.connect(f"GET /src/{source}".encode()) as s:
+                if n % 2:
+                    reset(s)
+
+    def unprovoked(self):
+        logs = (read(f"{self.agent.root}/{name}") for name in os.listdir(self.agent.root) if name.startswith("log"))
+        return [line for log in logs for line in log.splitlines()
+                if "(ERR)" in line and not PROVOKED.search(line.split("(ERR)", 1)[1])]
+
+    def run(self, minutes, per_second=40):
+        agent = self.agent
+        agent.idles(2.0, 0.03)
+        start = report = time.monotonic()
+        history = []
+        n = 0
+        while (now := time.monotonic()) < start + 60 * minutes:
+            n += 1
+            (self.order_badly if n % 10 == 0 else self.order_well)(n)
+            if n % 50 == 0:
+                self.take_files(agent)
+            if now >= report:
+                history.append(agent.rss_kib())
+                print(f"{(now - start) / 60:5.1f} min: {n} orders, {history[-1]} KiB resident, {agent.fds()} descriptors,"
+                      f" {agent.cpu_seconds():.1f} s CPU", flush=True)
+                report += 60 if minutes >= 5 else 5
+            time.sleep(max(0.0, start + n / per_second - time.monotonic()))
+        wait_for(lambda: self.take_files(agent) or not self.bodies or time.monotonic() > now + 20, "the last files", 30)
+        self.faults += [f"{dst}: lost" for dst in self.bodies]
+        agent.at_base_line(15)
+        self.faults += [f"{name}: left" for name in agent.files() + agent.held()]
+        self.check_registrations()
+        grown = agent.rss_kib() - history[max(1, len(history) // 10)]
+        self.check(grown <= 512, f"{grown} KiB grown since the warm-up")
+        self.faults += self.unprovoked()
+        self.check(agent.stop()[0] == 0, "does not end with status 0")
+        print(f"soak: {minutes} min, {n} orders, {len(self.stored)} files, {grown} KiB grown since the warm-up")
+
+    def stop(self):
+        self.agent.kill()
+        self.nginx.stop()
+        super().stop()
+
+
+class Source:
+    """One order's source: a body of its own, sent in two halves with a pause or a gate between them."""
+
+    def __init__(self, mixed, dst, pause=0.0, gate=None):
+        self.body = mixed.rnd.randbytes(mixed.rnd.choice((2, 900, 5000, 300_000)))
+        self.pause = pause
+        self.gate = gate
+        self.is_delivered = False
+        self.dst = dst
+        self.answer = None
+        self.url = mixed.origin.serve(f"/{next(mixed.numbers)}", self.serve)
+
+    def serve(self, conn, _):
+        half = len(self.body) // 2
+        conn.sendall(sized(len(self.body)) + self.body[:half])
+        time.sleep(self.pause)
+        if self.gate:
+            self.gate.wait(20)
+        conn.sendall(self.body[half:])
+        self.is_delivered = True
+
+
+class Mixed(Run):
+    def __init__(self, root):
+        super().__init__(root)
+        self.numbers = iter(range(1 << 30))
+        self.pool = ThreadPoolExecutor(16)
+        self.pairs = ThreadPoolExecutor(32)  # the two clients of each race
+        self.counts = {"orders": 0, "repeated": 0, "heads": 0, "mirrors": 0, "takeovers": 0, "stored": 0}
+        self.worst = (0.0, 0)
+
+    @staticmethod
+    def place(agent, source, method="GET"):
+        """The answer, or none from an agent that has ended."""
+        try:
+            with agent.connect(request(f"/src/{source.url}/dst/{source.dst}", method)) as s:
+                return read_all(s)
+        except OSError:
+            return b""
+
+    def plain(self, agent, dst):
+        source = Source(self, dst, pause=self.rnd.choice((0, 0, 0.05, 0.2)))
+        kind = self.rnd.random()
+        source.answer = self.place(agent, source)
+        if kind < 0.3 and source.pause:
+            self.repeat(agent, source, "HEAD" if kind < 0.1 else "GET")
+        return [source]
+
+    def repeat(self, agent, source, method="GET"):
+        self.counts["heads" if method == "HEAD" else "repeated"] += 1
+        answer = self.place(agent, source, method)
+        self.check(answer in (b"", *REFUSED), f"{method} of a running order: {answer[:40]}")
+
+    def mirrors(self, agent, dst):
+        self.counts["mirrors"] += 1
+        sources = [Source(self, dst, pause=self.rnd.choice((0, 0.02, 0.1))) for _ in range(2)]
+        for source, answer in [(s, self.pairs.submit(self.place, agent, s)) for s in sources]:
+            source.answer = answer.result()
+        return sources
+
+    def stall(self, agent, dst):
+        """A source that has been silent for 35 s: its own order comes again, then perhaps another source takes over."""
+        former = Source(self, dst, gate=threading.Event())
+        former.answer = self.place(agent, former)
+        sources = [former]
+        try:
+            age(agent.path(dst + "-Kova"), 35)
+            self.repeat(agent, former)
+            self.repeat(agent, former, "HEAD")
+            if self.rnd.random() < 0.5:
+                self.counts["takeovers"] += 1
+                sources.append(Source(self, dst))
+                sources[-1].answer = self.place(agent, sources[-1])
+        except FileNotFoundError:  # the agent has been asked to quit
+            pass
+        former.gate.set()
+        return sources
+
+    def load(self, agent, n):
+        jobs = []
+        for i in range(ROUND):
+            kind = self.rnd.random()
+            job = self.mirrors if kind < 0.15 else self.stall if kind < 0.25 else self.plain
+            self.counts["orders"] += 1
+            jobs.append(self.pool.submit(job, agent, f"{n % 7}/{n}-{i}"))
+        return jobs
+
+    def round(self, n, agent):
+        jobs = self.load(agent, n)
+        is_cut = n % 2 == 1
+        if is_cut:
+            time.sleep(self.rnd.uniform(0.02, 0.25))
+            running = agent.fds() - agent.base_fds
+        else:
+            sources = [source for job in jobs for source in job.result(60)]
+            agent.at_base_line(30)
+            self.judge(agent, sources)
+        status, seconds = agent.stop()
+        if is_cut:
+            self.worst = max(self.worst, (seconds, running))
+            sources = [source for job in jobs for source in job.result(60)]
+        self.check(status == 0 and seconds <= 1.0, f"round {n}: status {status} after {seconds:.2f} s")
+        for source in sources:
+            self.bodies.setdefault(source.dst, []).append(source.body)
+        self.stored.clear()
+        self.take_files(agent)
+        self.faults += [f"{name}: left" for name in agent.files()]
+        self.check_registrations()
+        self.counts["stored"] += len(self.stored)
+        self.bodies.clear()
+
+    def judge(self, agent, sources):
+        """Who got 200, and whose source delivered, has its file."""
+        for s in sources:
+            is_due = s.answer == ANSWERS[200] and s.is_delivered
+            self.check(not is_due or os.path.exists(agent.path(s.dst)), f"{s.dst}: no file")
+            self.check(s.answer in (ANSWERS[200], *REFUSED), f"{s.dst}: {s.answer[:40]}")
+
+    def run(self, rounds):
+        for n in range(int(rounds)):
+            if n % 20 == 0 or rounds < 20:
+                mode = ("", "max_mmap_mb = 0;")[n // 2 % 2]
+                agent = Agent(self.new_root(str(n)), mode + self.db.settings(), level="norm")
+            else:
+                agent.run()
+            agent.wait_ready()
+            self.round(n, agent)
+        print(f"mixed: {rounds:.0f} rounds, {self.counts}; worst end {self.worst[0]:.3f} s with {self.worst[1]} "
+              "descriptors in use")
+
+    def stop(self):
+        self.pool.shutdown(cancel_futures=True)
+        self.pairs.shutdown(cancel_futures=True)
+        super().stop()
+
+
 def main():
-    minutes = float(sys.argv[1])
+    kind, numbers = (Mixed, sys.argv[2:]) if sys.argv[1] == "mixed" else (Soak, sys.argv[1:])
     with tempfile.TemporaryDirectory(prefix="s", dir="/tmp") as root:
         os.chmod(root, 0o755)
-        for name in ("agent", "nginx", "redis"):
-            os.makedirs(f"{root}/{name}")
-        soak = Soak(root)
+        run = kind(root)
         try:
-            return 0 if soak.run(minutes) else 1
+            run.run(*map(float, numbers))
         finally:
-            soak.stop()
+            run.stop()
+    print("\n".join([f"{len(run.faults)} faults", *run.faults[:20]]))
+    return 1 if run.faults else 0
 
 
 if __name__ == "__main__":
