@@ -1,6 +1,6 @@
-"""Makes every system call and every allocation on the agent's roads fail, one at a time, and asks after each what holds for
-all of them: the agent lives or has ended with a status, nothing but whole bodies has a final name, nothing is left behind,
-and the next good order works.
+"""Makes every system call and every allocation on the agent's roads fail, one at a time, and asks after each what holds
+for all of them: the agent lives or has ended with a status, nothing but whole bodies has a final name, nothing is left
+behind, and the next good order works. Each road is also walked under memcheck: no leak, no stray descriptor, no invalid access.
 
     torture.py [--sample N] [SCENARIO ...]      KOV and FAILALLOC name the program and the preloaded library"""
 
@@ -12,89 +12,90 @@ import random
 import re
 import shutil
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../blackbox"))
-from kov import ANSWERS, Agent, Origin, free_port, wait_for  # noqa: E402
-from services import Redis  # noqa: E402
+from harness import ANSWERS, Agent, Origin, Redis, memcheck, read, read_all, request, strace, wait_for
 
 # What the kernel can answer; calls that cannot fail, or only by a fault of the program's own, are left out.
 ERRORS = {
     "accept4": "EMFILE ENFILE ECONNABORTED EINTR EPERM", "access": "EACCES EIO", "bind": "EADDRINUSE EACCES",
     "chdir": "EACCES", "close": "EIO EINTR", "connect": "ECONNREFUSED ENETUNREACH EINTR EADDRNOTAVAIL",
-    "epoll_create": "EMFILE ENOMEM", "epoll_ctl": "ENOMEM ENOSPC", "epoll_pwait": "EINTR", "fallocate": "ENOSPC EOPNOTSUPP EINTR",
-    "fcntl": "EMFILE EINVAL", "pipe2": "EMFILE",
-    "splice": "EINVAL EIO ENOSYS EAGAIN EINTR ENOSPC ECONNRESET", "inotify_init1": "EMFILE", "recvmsg": "ENOBUFS EINTR", "fstat": "EIO",
-    "ftruncate": "EIO ENOSPC", "getcwd": "ENOENT", "getsockname": "ENOBUFS",
+    "epoll_create": "EMFILE ENOMEM", "epoll_ctl": "ENOMEM ENOSPC", "epoll_pwait": "EINTR",
+    "fallocate": "ENOSPC EOPNOTSUPP EINTR", "fcntl": "EMFILE EINVAL", "pipe2": "EMFILE",
+    "splice": "EINVAL EIO ENOSYS EAGAIN EINTR ENOSPC ECONNRESET", "inotify_init1": "EMFILE", "recvmsg": "ENOBUFS EINTR",
+    "fstat": "EIO", "ftruncate": "EIO ENOSPC", "getcwd": "ENOENT", "getsockname": "ENOBUFS",
     "getsockopt": "ENOBUFS", "ioctl": "ENODEV", "listen": "EADDRINUSE", "lseek": "EINVAL", "mkdir": "EACCES ENOSPC",
-    "mmap": "ENOMEM", "msync": "EIO", "munmap": "ENOMEM", "newfstatat": "EIO EACCES", "openat": "EMFILE ENOSPC EACCES EINTR",
-    "poll": "EINTR ENOMEM", "prctl": "EINVAL", "prlimit64": "EPERM", "read": "EIO EINTR ECONNRESET",
-    "recvfrom": "ECONNRESET EAGAIN EINTR ENOMEM", "rename": "EIO EACCES", "rt_sigaction": "EINVAL",
-    "sched_setaffinity": "EINVAL", "sendto": "EPIPE EAGAIN EINTR ENOBUFS", "setsockopt": "ENOPROTOOPT ENOBUFS",
-    "shutdown": "ENOTCONN", "socket": "EMFILE ENOBUFS", "unlink": "EACCES EIO", "write": "EIO ENOSPC EINTR EAGAIN",
+    "mmap": "ENOMEM", "msync": "EIO", "munmap": "ENOMEM", "newfstatat": "EIO EACCES",
+    "openat": "EMFILE ENOSPC EACCES EINTR", "poll": "EINTR ENOMEM", "prctl": "EINVAL", "prlimit64": "EPERM",
+    "read": "EIO EINTR ECONNRESET", "recvfrom": "ECONNRESET EAGAIN EINTR ENOMEM", "rename": "EIO EACCES",
+    "rt_sigaction": "EINVAL", "sched_setaffinity": "EINVAL", "sendto": "EPIPE EAGAIN EINTR ENOBUFS",
+    "setsockopt": "ENOPROTOOPT ENOBUFS", "shutdown": "ENOTCONN", "socket": "EMFILE ENOBUFS", "unlink": "EACCES EIO",
+    "write": "EIO ENOSPC EINTR EAGAIN",
 }
-SMALL = b"s" * 3000            # mapped
+SMALL = b"s" * 3000               # mapped
 LARGE = bytes(range(256)) * 8192  # 2 MiB: written
-PATIENCE = 5.0
+RUNS = itertools.count()
 
 
 class Broken(Exception):
     """A promise that did not hold."""
 
 
+Point = collections.namedtuple("Point", "name call wrapper env", defaults=("", (), {}))
+
+
 class Scenario:
     """One road: what the agent is started with, and what is done to it. Subclasses drive their orders in run()."""
 
-    settings = "max_mmap_mb = 1;"
     log = ""
     level = "norm"
+    needs_db = False
 
-    def __init__(self, root, origin, db):
+    def __init__(self, root, origin):
         self.root = root
         self.origin = origin
-        self.db = db
-        self.locks = f"{root}/locks"
-        self.udp_port = free_port()
-        self.call = ""  # the one that fails
+        self.db = Redis(f"{root}.db") if self.needs_db else None
+        self.base_fds = 0
 
-    def start(self, wrapper, env=None):
+    def start(self, point):
+        """Starts the agent with what is in front of it at this point."""
+        self.call = point.call
+        self.patience = 30.0 if point.name == "memcheck" else 5.0
+        env = dict(point.env)
+        if "KOV_PROFILES" in os.environ:  # a coverage build: each run's own counters, since their writing may fail, too
+            env["GCOV_PREFIX"] = f"{os.environ['KOV_PROFILES']}/{next(RUNS)}"
         shutil.rmtree(self.root, ignore_errors=True)
-        os.makedirs(self.locks)
-        extra = self.settings
-        if self.db:
-            extra += self.db.settings()
-            extra += f'udp_input = {{ url = "127.0.0.1:{self.udp_port}"; lock_dir = "{self.locks}"; }};'
-        agent = Agent(self.root, extra, log=self.log, options=("-L", self.level, "-p", f"{self.root}/pid"), env=env,
-                      wrapper=wrapper)
-        deadline = time.monotonic() + PATIENCE
-        while not agent.is_listening() and agent.proc.poll() is None:
-            if time.monotonic() > deadline:
-                agent.kill()
-                raise Broken("neither started nor ended")
-            time.sleep(0.002)
+        agent = Agent(self.root, "max_mmap_mb = 1;" + (self.db.settings() if self.db else ""), log=self.log, env=env,
+                      channel="127.0.0.1:{}" if self.db else "", level=self.level, options=("-p", f"{self.root}/pid"),
+                      wrapper=point.wrapper)
+        self.until(lambda: agent.is_listening() or agent.proc.poll() is not None, self.patience, "no start and no end")
         return agent
+
+    @staticmethod
+    def until(condition, seconds, promise):
+        deadline = time.monotonic() + seconds
+        while not condition():
+            if time.monotonic() > deadline:
+                raise Broken(promise)
+            time.sleep(0.002)
 
     def ask(self, agent, target):
         """The answer, empty if the connection was closed without one."""
         # A call that fails by strace is not made: what failed to close stays open, and its client waits for the end.
-        patience = 0.3 if self.call == "close" else PATIENCE
-        data = b""
+        patience = 0.3 if self.call == "close" else self.patience
         try:
-            with socket.create_connection(("127.0.0.1", agent.port), timeout=patience) as s:
-                s.sendall(f"GET {target} HTTP/1.1\r\nHost: agent.example.net\r\n\r\n".encode())
-                while chunk := s.recv(4096):
-                    data += chunk
-                return data
+            with agent.connect(request(target)) as s:
+                s.settimeout(patience)
+                return read_all(s) if self.call != "close" else s.recv(4096)
         except TimeoutError:
             if self.call != "close":
                 raise Broken(f"no answer to {target[:60]}") from None
-            return data
         except OSError:
-            return b""
+            pass
+        return b""
 
     def order(self, agent, name, dst):
         return self.ask(agent, f"/src/{self.origin.url('/' + name)}/dst/{dst}")
@@ -108,30 +109,124 @@ class Scenario:
                 return
         raise Broken("the next good order does not work")
 
-    def comes(self, agent, dst):
+    @staticmethod
+    def comes(agent, dst):
         deadline = time.monotonic() + 1.0
-        while time.monotonic() < deadline and agent.proc.poll() is None:
-            if os.path.exists(agent.path(dst)):
-                return True
+        while not os.path.exists(agent.path(dst)) and time.monotonic() < deadline and agent.proc.poll() is None:
             time.sleep(0.002)
-        return False
+        return os.path.exists(agent.path(dst))
 
-    def settle(self, agent):
+    @staticmethod
+    def settle(agent):
         """Until nothing is in progress."""
-        text = ""
         for _ in range(400):
             text = agent.log()
             if text.count("TASK-START") <= text.count("TASK-END") or agent.proc.poll() is not None:
                 break
             time.sleep(0.005)
 
+    def walk(self, point):
+        """The whole road; the outcome in a word."""
+        agent = self.start(point)
+        try:
+            if point.name in ("road", "memcheck"):
+                self.base_fds = agent.fds()
+            if agent.proc.poll() is None:
+                self.run(agent)
+                self.settle(agent)
+                self.good_order(agent)
+                self.settle(agent)
+            self.check(agent, self.base_fds + (self.call == "close"))  # what failed to close is still open
+            return self.end(agent)
+        finally:
+            agent.kill()
+
+    def check(self, agent, limit):
+        """The invariants, after the road and the good order."""
+        lives = agent.proc.poll() is None
+        for name in agent.files():
+            if name.endswith("-Kova"):
+                # Left under that name where it could not be removed, or, as documented, could not be renamed.
+                if lives and self.call != "unlink" and "complete_download: rename(" not in agent.log():
+                    raise Broken(f"unfinished file {name}")
+            else:
+                with open(agent.path(name), "rb") as f:
+                    if f.read() not in (SMALL, LARGE):
+                        raise Broken(f"wrong body under the final name {name}")
+        if not lives:
+            return
+        kept = [n for n in agent.held() if n != "job2.lock"]  # a local order leaves its lock to lapse
+        if kept and self.call not in ("unlink", "close"):
+            raise Broken(f"locks {kept}")
+        self.until(lambda: agent.fds() <= limit, 2.0, f"more than {limit} descriptors")
+        try:
+            agent.idles(0.05, 0.04)
+        except AssertionError:
+            raise Broken("spins") from None
+
+    def end(self, agent):
+        """Quits the agent, which has one more download, if it lives; the outcome in a word."""
+        lived = agent.proc.poll() is None
+        if lived:
+            self.order(agent, "stalled", "cut-by-the-end")
+            agent.proc.send_signal(signal.SIGTERM)
+        try:
+            status = agent.proc.wait(self.patience)
+        except subprocess.TimeoutExpired:
+            raise Broken("does not quit") from None
+        said = agent.log() + agent.stderr()
+        if status < 0 and not (status == -signal.SIGABRT and "(PNC)" in said):
+            raise Broken(f"ended by signal {-status}")
+        if status < 0:
+            # The event loop's own containers are the one thing that it cannot do without; an unreadable digest is an
+            # empty one; a mapping that cannot be given back has been corrupted.
+            panic = "".join(re.findall(r"\(PNC\)(?s:.*)", said))
+            expected = r"add_sha1|xvlst_reset: munmap FAILED" + ("" if self.call else r"|rqs_\w+|reserve")
+            if not re.search(expected, panic):
+                raise Broken(f"aborted: {panic[:200]}")
+            return "aborted"
+        return "lived" if lived else "ended"
+
+    def points(self):
+        """Every point of failure on this road, and the calls that cannot fail."""
+        trace, counter, report = f"{self.root}.trace", f"{self.root}.count", f"{self.root}.memcheck"
+        if self.walk(Point("road", wrapper=["strace", "-D", "-qq", "-o", trace])) != "lived":
+            raise Broken("ends by itself though nothing fails")
+        wait_for(lambda: "exit_group(" in read(trace)[-200:], "the trace")
+        calls = [line.split("(", 1)[0] for line in read(trace).splitlines()]
+        main = next(n for n, line in enumerate(read(trace).splitlines()) if line.startswith("fcntl(0, F_GETFD)"))
+        before, total = collections.Counter(calls[:main]), collections.Counter(calls)
+        found = []
+        for call, errors in ERRORS.items():
+            numbers = range(before[call] + 1, total[call] + 2)
+            if len(numbers) > 100:  # the same turn of the loop, over and over
+                numbers = [*numbers[:10], *numbers[-30:]]
+            found += [Point(f"{call} {n} {error}", call, strace("/dev/null", call, f"{call}:error={error}:when={n}"))
+                      for n in numbers for error in errors.split()]
+        if "FAILALLOC" in os.environ:
+            preload = {"LD_PRELOAD": os.environ["FAILALLOC"]}
+            self.walk(Point("count", env={**preload, "KOV_ALLOC_COUNT": counter}))
+            found += [Point(f"allocation {n}", env={**preload, "KOV_FAIL_ALLOC": str(n)})
+                      for n in range(1, int(read(counter)) + 1)]
+        found.append(Point("memcheck", wrapper=memcheck(report)))
+        return found, sorted(call for call in set(total) - set(ERRORS) if call.isidentifier())
+
+    def one(self, point):
+        outcome = self.walk(point)
+        if point.name == "memcheck":
+            text = read(f"{self.root}.memcheck")
+            if "ERROR SUMMARY: 0 errors" not in text or text.count("Open ") > text.count("<inherited from parent>"):
+                raise Broken(text[-2000:])
+        return outcome
+
 
 class Http(Scenario):
-    """Start, a mapped and a written order into new directories, a refused one, a ping, the end."""
+    """Start, a mapped and a written order into new directories, one that breaks, a refused one, a ping, the end."""
 
     def run(self, agent):
         self.order(agent, "small", "dir/mapped")
         self.order(agent, "large", "dir/written")
+        self.order(agent, "broken", "broken")
         self.ask(agent, "/src/ftp://h/a/dst/b")
         self.ask(agent, "/")
 
@@ -139,12 +234,13 @@ class Http(Scenario):
 class Datagram(Scenario):
     """An order as a datagram under a lock, registered in Redis; a local one; one for a source that is not there."""
 
+    needs_db = True
+
     def run(self, agent):
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
-            for lid, source in (("job1", self.origin.url("/small")), ("job2", "http://me.example/x"),
-                                ("job3", "http://127.0.0.1:1/none")):
-                s.sendto(f"#!{lid} http://h/src/{source}/dst/{lid} 600".encode(), ("127.0.0.1", self.udp_port))
-                time.sleep(0.02)
+        for lid, source in (("job1", self.origin.url("/small")), ("job2", "http://me.example/x"),
+                            ("job3", "http://127.0.0.1:1/none")):
+            agent.datagram(f"#!{lid} http://h/src/{source}/dst/{lid} 600")
+            time.sleep(0.02)
 
 
 class Rotation(Scenario):
@@ -163,154 +259,50 @@ class Rotation(Scenario):
 SCENARIOS = {"http": Http, "datagram": Datagram, "rotation": Rotation}
 
 
-def check(scenario, agent, base_fds, call):
-    """The invariants, after the scenario and the good order."""
-    for name in agent.files():
-        with open(agent.path(name), "rb") as f:
-            body = f.read()
-        if name.endswith("-Kova"):
-            # Left under its unfinished name where it could not be removed, or, as documented, could not be renamed.
-            kept = call == "unlink" or "complete_download: rename(" in agent.log()
-            if not kept and agent.proc.poll() is None:
-                raise Broken(f"unfinished file {name}")
-        elif body not in (SMALL, LARGE):
-            raise Broken(f"wrong body under the final name {name}")
-    if agent.proc.poll() is None:
-        kept = [n for n in os.listdir(scenario.locks) if n != "job2.lock"]  # a local order leaves its lock to lapse
-        if kept and call not in ("unlink", "close"):
-            raise Broken(f"locks {kept}")
-        limit = base_fds + (call == "close")  # what failed to close is still open
-        deadline = time.monotonic() + 2.0
-        while agent.fds() > limit:
-            if time.monotonic() > deadline:
-                raise Broken(f"{agent.fds()} descriptors, {base_fds} at base line")
-            time.sleep(0.01)
-        before = agent.cpu_seconds()
-        time.sleep(0.05)
-        if agent.cpu_seconds() - before > 0.04:
-            raise Broken("spins")
-
-
-def end(agent, call):
-    """Quits the agent if it lives; the outcome in a word."""
-    lived = agent.proc.poll() is None
-    if lived:
-        agent.proc.send_signal(signal.SIGTERM)
-    try:
-        status = agent.proc.wait(PATIENCE)
-    except subprocess.TimeoutExpired:
-        raise Broken("does not quit") from None
-    if status < 0 and not (status == -signal.SIGABRT and "(PNC)" in agent.log() + agent.stderr()):
-        raise Broken(f"ended by signal {-status}")
-    if status < 0:
-        # The event loop's own containers are the one thing that it cannot do without; an unreadable digest is an empty one;
-        # a mapping that cannot be given back has been corrupted.
-        panic = "".join(re.findall(r"\(PNC\)(?s:.*)", agent.log() + agent.stderr()))
-        if not re.search("add_sha1|xvlst_reset: munmap FAILED", panic) and (call or not re.search(r"rqs_\w+|reserve", panic)):
-            raise Broken(f"aborted: {panic[:200]}")
-        return "aborted"
-    return "lived" if lived else "ended"
-
-
-RUNS = itertools.count()
-
-
-def one(scenario, wrapper, base_fds, call, env=None):
-    scenario.call = call
-    if "KOV_PROFILES" in os.environ:  # a coverage build: counters of its own for each run, since their writing may fail, too
-        env = {**(env or {}), "GCOV_PREFIX": f"{os.environ['KOV_PROFILES']}/{next(RUNS)}"}
-    agent = scenario.start(wrapper, env)
-    try:
-        if agent.proc.poll() is None:
-            scenario.run(agent)
-            scenario.settle(agent)
-            scenario.good_order(agent)
-            scenario.settle(agent)
-        check(scenario, agent, base_fds, call)
-        return end(agent, call)
-    finally:
-        agent.kill()
-
-
-def road(scenario):
-    """A run in which nothing fails: how often each call is made before the program's own code and in all, and base_fds."""
-    trace = f"{scenario.root}.trace"
-    agent = scenario.start(["strace", "-D", "-qq", "-o", trace])
-    base_fds = agent.fds()
-    scenario.run(agent)
-    scenario.settle(agent)
-    scenario.good_order(agent)
-    check(scenario, agent, base_fds, "")
-    if end(agent, "") != "lived":
-        raise Broken("ends by itself though nothing fails")
-    agent.kill()
-    wait_for(lambda: "exit_group(" in open(trace, encoding="utf-8", errors="replace").read()[-200:], "the trace")
-    before, total, in_main = collections.Counter(), collections.Counter(), False
-    with open(trace, encoding="utf-8", errors="replace") as f:
-        for line in f:
-            call = line.split("(", 1)[0]
-            in_main = in_main or line.startswith("fcntl(0, F_GETFD)")  # the first thing that main does
-            total[call] += 1
-            before[call] += not in_main
-    os.remove(trace)
-    return before, total, base_fds
-
-
-def points(scenario):
-    """Every point of failure on the scenario's road: a name, the call, the command in front, the environment."""
-    before, total, base_fds = road(scenario)
-    found = []
-    for call, errors in ERRORS.items():
-        numbers = range(before[call] + 1, total[call] + 2)
-        if len(numbers) > 100:  # the same turn of the loop, over and over
-            numbers = [*numbers[:10], *numbers[-30:]]
-        for n in numbers:
-            for error in errors.split():
-                found.append((f"{call} {n} {error}", call, ["strace", "-D", "-qq", "-o", "/dev/null", "-e", f"trace={call}",
-                                                            "-e", f"inject={call}:error={error}:when={n}"], {}))
-    unknown = sorted(call for call in set(total) - set(ERRORS) if call.isidentifier())
-    if "FAILALLOC" in os.environ:
-        counter = f"{scenario.root}.count"
-        one(scenario, [], base_fds, "", {"LD_PRELOAD": os.environ["FAILALLOC"], "KOV_ALLOC_COUNT": counter})
-        with open(counter, encoding="ascii") as f:
-            count = int(f.read())
-        found += [(f"allocation {n}", "", [], {"LD_PRELOAD": os.environ["FAILALLOC"], "KOV_FAIL_ALLOC": str(n)})
-                  for n in range(1, count + 1)]
-    return found, base_fds, unknown
+def torture(scenario, name, args):
+    """The broken promises of one road."""
+    violations = []
+    found, unknown = scenario.points()
+    found = [p for p in found if re.search(args.only, p.name)]
+    chosen = found
+    if args.sample:
+        chosen = random.Random(args.sample).sample(found[:-1], min(args.sample, len(found) - 1)) + found[-1:]
+    outcomes = collections.Counter()
+    for point in chosen:
+        try:
+            outcomes[scenario.one(point)] += 1
+        except Broken as e:
+            outcomes["broken"] += 1
+            violations.append(f"{name}: {point.name}: {e}")
+            print(violations[-1], flush=True)
+    print(f"{name}: {len(chosen)} of {len(found)} points, {outcomes['lived']} lived, {outcomes['ended']} ended with a "
+          f"status, {outcomes['aborted']} aborted as stated, {outcomes['broken']} broken promises; calls that cannot "
+          f"fail: {' '.join(unknown)}", flush=True)
+    return violations
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--sample", type=int, default=0, help="so many points of each scenario, spread by chance")
+    parser.add_argument("--sample", type=int, default=0, help="so many points of each scenario by chance, and memcheck")
     parser.add_argument("--only", default="", help="only points whose name matches")
     parser.add_argument("scenarios", nargs="*", default=list(SCENARIOS))
     args = parser.parse_args()
-
     root = tempfile.mkdtemp(prefix="t", dir="/tmp")
     os.chmod(root, 0o755)
     origin = Origin()
     origin.body("/small", SMALL)
     origin.body("/large", LARGE)
-    db = Redis(f"{root}/redis")
+    origin.cut("/stalled", origin.stall)
     violations = []
     try:
         for name in args.scenarios:
-            scenario = SCENARIOS[name](f"{root}/{name}", origin, db if name == "datagram" else None)
-            found, base_fds, unknown = points(scenario)
-            found = [p for p in found if re.search(args.only, p[0])]
-            chosen = random.Random(args.sample).sample(found, min(args.sample, len(found))) if args.sample else found
-            outcomes = collections.Counter()
-            for point, call, wrapper, env in chosen:
-                try:
-                    outcomes[one(scenario, wrapper, base_fds, call, env)] += 1
-                except Broken as e:
-                    outcomes["broken"] += 1
-                    violations.append(f"{name}: {point}: {e}")
-                    print(violations[-1], flush=True)
-            print(f"{name}: {len(chosen)} of {len(found)} points, {outcomes['lived']} lived, {outcomes['ended']} ended with a "
-                  f"status, {outcomes['aborted']} aborted as stated, {outcomes['broken']} broken promises; calls that cannot fail: {' '.join(unknown)}", flush=True)
+            scenario = SCENARIOS[name](f"{root}/{name}", origin)
+            try:
+                violations += torture(scenario, name, args)
+            finally:
+                if scenario.db:
+                    scenario.db.stop()
     finally:
-        db.stop()
         origin.close()
         shutil.rmtree(root, ignore_errors=True)
     return 1 if violations else 0
