@@ -14,9 +14,8 @@ import tempfile
 import threading
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../tests/blackbox"))
-from kov import Agent, Origin  # noqa: E402
-from services import Nginx, Redis  # noqa: E402
+sys.path[:0] = [os.path.join(os.path.dirname(__file__), path) for path in ("../tests", "../tools/client")]
+from harness import Agent, Nginx, Origin, Redis  # noqa: E402
 
 SPEED = 480
 PEAK = 250  # orders a second of the player's own time

@@ -3,24 +3,19 @@
 import os
 import socket
 import subprocess
-import sys
 import threading
-import unittest
 
-from kov import KovTest, free_port, wait_for
+import kov_client
+from harness import KovTest, free_port, wait_for
 
-CLIENT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../tools/client")
-sys.path.insert(0, CLIENT)
-import kov_client  # noqa: E402  pylint: disable=wrong-import-position
-
+CLIENT = os.path.dirname(kov_client.__file__)
 ODD_NAMES = ("a b%41+c@d&e.ts", "lead/src/a", "DST/b", "\u00e9/\u20ac", "q?x#y")
 
 
 class Client(KovTest):
     def setUp(self):
         super().setUp()
-        self.udp_port = free_port()
-        self.agent = self.start(f'udp_input = {{ url = "127.0.0.1:{self.udp_port}"; lock_dir = "{self.root}"; }};')
+        self.agent = self.start(channel="127.0.0.1:{}")
         self.place = ("127.0.0.1", self.agent.port)
 
     def order(self, path, dst, **more):
@@ -38,21 +33,21 @@ class Client(KovTest):
             self.order(given, dst, expiry=77)
             path = kov_client.stored_path(self.agent.data, self.origin.url(given), dst)
             kov_client.wait_for_file(path, timeout=10)
-            self.assertEqual(self.agent.stored(dst), body)
+            self.agent.stored(dst, body)
             done = self.shell(self.origin.url("/live/Src/%41%20b%40+c"), dst + ".sh", "77")
             self.assertEqual((done.returncode, done.stdout), (0, "begun\n"), done.stderr)
-            self.assertEqual(self.agent.stored(dst + ".sh"), body)
+            self.agent.stored(dst + ".sh", body)
         self.assertEqual(self.agent.log().count("expiry=77"), 4 * len(ODD_NAMES))
         self.order("/live/Src/%41%20b%40+c", "")  # the agent makes the name of the source's path
-        self.agent.wait_file("live/Src/%41%20b%40+c")
+        self.agent.stored("live/Src/%41%20b%40+c")
 
     def test_each_answer_has_its_exception(self):
         self.origin.body("/a", b"x")
-        self.origin.raw("/404", b"HTTP/1.1 404 Not Found\r\n\r\n")
+        self.origin.status("/404", 404)
         self.order("/a", "a")
         cases = (("/a", "a", kov_client.Exists, 403), ("/404", "b", kov_client.SourceRefused, 404),
                  ("/a", "x" * 120, kov_client.Refused, 400), (":1/a", "c", kov_client.Refused, 500))
-        self.agent.wait_file("a")
+        self.agent.stored("a")
         for path, dst, error, status in cases:
             with self.assertRaises(error) as caught:
                 self.order(path, dst)
@@ -84,11 +79,11 @@ class Client(KovTest):
 
     def test_datagrams_and_the_wait_for_the_file(self):
         self.origin.body("/a", b"by datagram")
-        channel = ("127.0.0.1", self.udp_port)
+        channel = ("127.0.0.1", self.agent.udp_port)
         kov_client.send(channel, "job1", self.origin.url("/a"), "b +c", expiry=kov_client.FOREVER)
         kov_client.wait_for_file(self.agent.path("b +c"), timeout=10, grace=10)
-        cut = self.origin.raw("/cut", b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc")
-        kov_client.order(self.place, cut, "cut", expiry=1)
+        self.origin.cut("/cut")
+        self.order("/cut", "cut")
         with self.assertRaises(kov_client.DownloadFailed):
             kov_client.wait_for_file(self.agent.path("cut"), timeout=10)
         with self.assertRaises(TimeoutError):
@@ -114,7 +109,3 @@ class Client(KovTest):
             with self.assertRaisesRegex(kov_client.NoAnswer, "not like an agent"):
                 kov_client.order(server.getsockname(), "http://h/a", "a", expiry=1)
             wait_for(lambda: not talker.is_alive(), "the end of the babble")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -12,6 +12,8 @@ import subprocess
 import time
 import unittest
 
+import kov_client
+
 KOV = os.environ["KOV"]
 ASAN = "asan" in KOV
 QUICK = os.environ.get("KOV_QUICK") == "1"
@@ -299,8 +301,9 @@ class Agent:
         """Places an order whose answer is read from the socket that is returned."""
         return self.connect(request(f"/src/{src}/dst/{dst}"))
 
-    def fetch(self, src, dst, body, query=""):
-        self.order(src, dst, 200, query)
+    def fetch(self, src, dst, body):
+        """An ordinary order, placed by the senders' module, to its stored file."""
+        kov_client.order(("127.0.0.1", self.port), src, dst, expiry=kov_client.FOREVER)
         self.stored(dst, body)
 
     def datagram(self, text, host="127.0.0.1", sender="127.0.0.1"):
