@@ -1,4 +1,4 @@
-/* Identity and version texts. */
+/* Identity and version texts. VERSION_MAJOR and VERSION_MINOR are the project's, from CMakeLists.txt. */
 #include "meta.h"
 
 #include <array>
@@ -6,8 +6,6 @@
 
 constexpr char FAMILY[] = "marlinet";
 constexpr char FAMILY_RELEASE[] = "0.2";
-constexpr int VERSION_MAJOR = 0;
-constexpr int VERSION_MINOR = 7;
 constexpr char EDITION[] = "regular";
 constexpr char CHECKSUM[] = "7e301497";
 constexpr char BUILD_DATE[] = "2019-10-07";
