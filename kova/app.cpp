@@ -1,6 +1,6 @@
-/* The task table: how a task is made, found, un-hashed and freed. A task lives in its slot of
-   g_ctx.tasks, which is reserved once, so pointers to it hold until free_dw; everything a task owns is released there
-   and nowhere else. */
+/* The task table: how a task is made, found, un-hashed and freed. A task lives in its slot of g_ctx.tasks, which is
+   reserved once, so pointers to it hold until free_dw; everything a task owns is released there and nowhere else. The
+   difficulty is that free_dw meets tasks at every stage, half-made ones too: what is not there must say so (-1, null). */
 #include "app.h"
 
 #include "guard.h"
@@ -12,6 +12,7 @@
 #include "unfinished.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -21,13 +22,15 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr size_t MAX_TASK_NUM = 10000; /* tracking tags start again at T0001 after it */
 
-const char* url2key(const char* url) noexcept
+/* The key of a source in the hash: the scheme does not tell sources apart. Points into url. */
+static const char* url2key(const char* url) noexcept
 {
     const char* sep = strstr(url, "://");
     return sep ? sep + 3 : url;
 }
 
-dw_task* get_dw_task(const char* key) noexcept
+/* The running task of a source that nobody has listed for reaping, or null. */
+static dw_task* get_dw_task(const char* key) noexcept
 {
     void* data = nullptr;
     if (skht_get(g_ctx.task_ht, key, &data) != 0) {
@@ -76,16 +79,16 @@ void check_task(const dw_task* task) noexcept
     }
 }
 
-/* One of the two lines that frame a task's life. */
+/* One of the two lines that frame a task's life. Tools read its fields by their places. */
 static void log_task(const char* what, const dw_task* task) noexcept
 {
-    LOG_NORM("%s [%s] (%p/idx=%zd) [%s]->[%s] length=%lu, expiry=%ld lid=[%s]\n", what, task->tag.sym,
+    LOG_NORM("%s [%s] (%p/idx=%zd) [%s]->[%s] length=%jd, expiry=%jd lid=[%s]\n", what, task->tag.sym,
              static_cast<const void*>(task), task->idx, task->spec.url, task->spec.fpath,
-             static_cast<unsigned long>(task->spec.content_length), static_cast<long>(task->spec.expiry_tm),
-             task->spec.lid);
+             intmax_t{task->spec.content_length}, intmax_t{task->spec.expiry_tm}, task->spec.lid);
 }
 
-dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag) noexcept
+/* Fills a free slot and hashes it. Null: no slot, or no memory (logged). */
+static dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag) noexcept
 {
     /* A table that grew would move the records under the pointers of the loop and of the hash. */
     const ssize_t j = slots_full(g_ctx.tasks) ? -1 : slots_add(&g_ctx.tasks);
@@ -114,42 +117,6 @@ dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag) noexcept
     return task;
 }
 
-/* The client's socket is duplicated: the request closes its own descriptor long before the task answers. */
-static int attach_client(dw_task* task, int client_fd) noexcept
-{
-    if (client_fd < 0) {
-        task->cfd = -1;
-        LOG_DEBUG("%s: no client connection\n", "mk_dw_task");
-        return 0;
-    }
-    task->cfd = fcntl(client_fd, F_DUPFD_CLOEXEC, 0);
-    if (task->cfd < 0) {
-        const int err = errno;
-        LOG_ERR("%s: dup(fd%d) ERROR(%d): %s\n", "mk_dw_task", client_fd, err, strerror(err));
-        return err;
-    }
-    LOG_DEBUG("%s: client cfd%d created\n", "mk_dw_task", task->cfd);
-    return 0;
-}
-
-static int start_task(dw_task* task, int client_fd) noexcept
-{
-    if (const int rc = attach_client(task, client_fd))
-        return rc;
-    task->sfd = connect_to_src(task->spec.url, &task->sctx);
-    if (task->sfd < 0)
-        return -1;
-    if (const int rc = rqs_add_writer(task->sfd, task)) {
-        LOG_ERR("%s: rqs_add_writer(fd%d,..) failed for %s\n", "mk_dw_task", task->sfd, task->trk_tag.sym8);
-        return rc;
-    }
-    task->is_watched = true;
-    set_unguarded(task, true);
-    set_dw_state(task, DW_INI);
-    ASSERT(task->tag.num == TAG_DOW.num);
-    return 0;
-}
-
 int mk_dw_task(int client_fd, dw_spec* spec) noexcept
 {
     LOG_DEBUG("%s: fd%d url=[%s]\n", __func__, client_fd, spec->url);
@@ -167,7 +134,6 @@ int mk_dw_task(int client_fd, dw_spec* spec) noexcept
                 other->trk_tag.sym8, other->spec.url);
         return EEXIST;
     }
-
     n64_tag trk_tag{};
     rui_mk_trknum(&g_ctx.last_task_id, &trk_tag, 'T', MAX_TASK_NUM);
     dw_task* task = add_dw(spec, trk_tag);
@@ -176,10 +142,29 @@ int mk_dw_task(int client_fd, dw_spec* spec) noexcept
     unlock.release(); /* the task's copy of the order owns the lock */
 
     const log_group_guard group(trk_tag);
-    if (const int rc = start_task(task, client_fd)) {
-        free_dw(task);
+    scope_guard undo([task] { free_dw(task); });
+    if (client_fd < 0) {
+        LOG_DEBUG("%s: no client connection\n", __func__);
+    } else {
+        /* A duplicate: the request closes its own descriptor long before the task answers. */
+        task->cfd = fcntl(client_fd, F_DUPFD_CLOEXEC, 0);
+        if (task->cfd < 0) {
+            LOG_ERRNO("%s: dup(fd%d)", __func__, client_fd);
+            return errno;
+        }
+        LOG_DEBUG("%s: client cfd%d created\n", __func__, task->cfd);
+    }
+    task->sfd = connect_to_src(task->spec.url, &task->sctx);
+    if (task->sfd < 0)
+        return -1;
+    if (const int rc = rqs_add_writer(task->sfd, task)) {
+        LOG_ERR("%s: rqs_add_writer(fd%d,..) failed for %s\n", __func__, task->sfd, task->trk_tag.sym8);
         return rc;
     }
+    task->is_watched = true;
+    set_unguarded(task, true);
+    set_dw_state(task, DW_INI);
+    undo.release();
     return 0;
 }
 
@@ -198,43 +183,7 @@ int unhash_task(dw_task* task) noexcept
     return rc;
 }
 
-/* Descriptor 0 is never closed here: start-up keeps it occupied, so a task's descriptor is always above it. */
-static void close_task_fds(dw_task* task) noexcept
-{
-    set_unguarded(task, false);
-    if (task->sfd > 0) {
-        if (task->is_watched)
-            rqs_rm_fd(task->sfd, false, false);
-        task->is_watched = false;
-        usock_close(task->sfd, &task->sctx);
-        task->sfd = -1;
-    }
-    if (task->cfd > 0) {
-        W_close("free_dw", task->cfd);
-        task->cfd = -1;
-    }
-    if (task->dfd > 0) {
-        W_close("free_dw", task->dfd);
-        task->dfd = -1;
-    }
-}
-
-static void unmap_task(dw_task* task) noexcept
-{
-    if (!task->is_mmapped)
-        return;
-    ASSERT(task->buf && task->buflen);
-    if (munmap(task->buf, task->buflen) != 0) {
-        const int err = errno;
-        LOG_ERR("%s: munmap(fd%d, .., %zu) ERROR(%d): %s\n", "free_dw", task->dfd, task->buflen, err, strerror(err));
-    }
-    task->buf = nullptr;
-    task->buflen = 0;
-    task->is_mmapped = false;
-    LOG_DEBUG("%s: unmapped fd%d, buf=%p, %zu bytes\n", "free_dw", task->dfd, static_cast<void*>(task->buf),
-              task->buflen);
-}
-
+/* In this order: while dfd is open it proves whose file it is, and the file goes before the lock that guards it. */
 void free_dw(dw_task* task) noexcept
 {
     LOG_DEBUG("%s: %s (%p) url=[%s], dst=[%s], idx=%zd\n", __func__, task->trk_tag.sym8, static_cast<void*>(task),
@@ -243,11 +192,35 @@ void free_dw(dw_task* task) noexcept
         log_task("TASK-END", task);
     task->tag.sym[0] = '#';
     unhash_task(task);
-    const bool is_owed = owes_removal(task); /* while its descriptor says whose file it is */
-    close_task_fds(task);
-    unmap_task(task);
+    const bool is_owed = owes_removal(task);
+
+    /* Descriptor 0 is never closed here: start-up keeps it occupied, so a task's descriptor is always above it. */
+    set_unguarded(task, false);
+    if (task->sfd > 0) {
+        if (task->is_watched)
+            rqs_rm_fd(task->sfd, false, false);
+        task->is_watched = false;
+        usock_close(task->sfd, &task->sctx);
+        task->sfd = -1;
+    }
+    for (int* fd : {&task->cfd, &task->dfd}) {
+        if (*fd > 0) {
+            W_close(__func__, *fd);
+            *fd = -1;
+        }
+    }
+    if (task->is_mmapped) {
+        ASSERT(task->buf && task->buflen);
+        if (munmap(task->buf, task->buflen) != 0)
+            LOG_ERRNO("%s: munmap(fd%d, .., %zu)", __func__, task->dfd, task->buflen);
+        task->buf = nullptr;
+        task->buflen = 0;
+        task->is_mmapped = false;
+        LOG_DEBUG("%s: unmapped fd%d, buf=%p, %zu bytes\n", __func__, task->dfd, static_cast<void*>(task->buf),
+                  task->buflen); /* after the clearing: the line has always shown an empty buffer */
+    }
     if (is_owed)
-        remove_unfinished(task);
+        remove_unfinished(__func__, task);
     task->hresp = nullptr;
     if (task->spec.lid[0]) {
         lid_unlock(task->spec.lid, task->spec.lock_tm);

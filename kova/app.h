@@ -6,14 +6,10 @@
 
 /* ---- task table ---- */
 
-/* The URL without its scheme. */
-[[nodiscard]] const char* url2key(const char* url) noexcept;
-[[nodiscard]] dw_task* get_dw_task(const char* key) noexcept;
-/* Starts a download. client_fd is duplicated, negative = nobody waits. On 0 the task owns the order and its lock. 17
+/* Starts a download. client_fd is duplicated, negative = nobody waits. On 0 the task owns the order and its lock. EEXIST
    the source is being fetched already; -1 or an errno value: refused (logged). In every failure the order's lock is
    released. */
 [[nodiscard]] int mk_dw_task(int client_fd, dw_spec* spec) noexcept;
-[[nodiscard]] dw_task* add_dw(const dw_spec* spec, n64_tag trk_tag) noexcept;
 /* Asserts the transition: zero, ini, rsp, dnl, one after the other. */
 void set_dw_state(dw_task* task, n32_tag state) noexcept;
 /* Asserts what holds of a task between two events, in its state. Every handler begins with it. */
@@ -25,6 +21,7 @@ int free_dw_elem(void* data, size_t idx) noexcept;
 
 /* ---- source ---- */
 
+/* Begins to connect, without waiting. The socket, which goes with sctx until usock_close; -1 (logged). */
 [[nodiscard]] int connect_to_src(const char* url, usock_ctx* sctx) noexcept;
 /* Writable, readable: 0 always; a failure lists the task for reaping. */
 [[nodiscard]] int dw_write(dw_task* task) noexcept;
@@ -33,15 +30,16 @@ int free_dw_elem(void* data, size_t idx) noexcept;
 void dw_broken(dw_task* task) noexcept;
 /* Every byte of the body has come: the task completes with its next event, whatever that says of the source. */
 [[nodiscard]] bool is_whole(const dw_task* task) noexcept;
-[[nodiscard]] int request_data_stream(dw_task* task) noexcept;
-/* 0 head accepted, file made, client answered; 11 more is awaited; else failed. */
-[[nodiscard]] int read_src_response(dw_task* task) noexcept;
 
 /* ---- destination ---- */
 
-[[nodiscard]] int check_dest_path(const char* fpath) noexcept; /* 0, or -16 the final file exists */
+/* fpath is the unfinished name. 0, or -EBUSY the final file exists (logged). */
+[[nodiscard]] int check_dest_path(const char* fpath) noexcept;
+/* Makes the unfinished file from an accepted head, and puts the body's bytes that came with it there. 0; EINVAL the
+   head has no length, or chunks; -1 or an errno value. A failure is logged; what it leaves goes with the task. */
 [[nodiscard]] int mk_dest_file(dw_task* task, const char* head, const http_resp_ctx* resp) noexcept;
-[[nodiscard]] bool can_mmap_dw(const dw_task* task) noexcept;
+/* Every byte is there: the file gets its final name and is registered, and the task is listed for reaping. 0, or not:
+   nothing was published (logged). */
 [[nodiscard]] int complete_download(dw_task* task) noexcept;
 
 /* ---- the body ---- */

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -21,9 +22,10 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 constexpr size_t DWBUF_LEN = 1048576;   /* one piece of a written body, by either road */
 constexpr size_t MIN_MOVE_LEN = 131072; /* a shorter rest costs less through the buffer */
 
+/* Written and emptied within one call, by write_rest and receive_written. */
 static std::array<char, DWBUF_LEN> g_buf;
 
-/* Both -1: none, every body goes through the buffer. */
+/* Both -1: none, every body goes through the buffer. Opened and closed by open_body_pipe and close_body_pipe only. */
 static struct {
     int out; /* bytes come out here */
     int in;
@@ -35,8 +37,7 @@ void open_body_pipe() noexcept
 {
     std::array<int, 2> fds{};
     if (pipe2(fds.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
-        const int err = errno;
-        LOG_WARN("%s: ERROR(%d): %s: bodies go through the buffer\n", __func__, err, strerror(err));
+        LOG_WARN("%s: ERROR(%d): %s: bodies go through the buffer\n", __func__, errno, strerror(errno));
         return;
     }
     g_pipe = {fds[0], fds[1]};
@@ -76,7 +77,8 @@ static ssize_t write_rest(const dw_task* task, size_t rest) noexcept
     return nwrite(task->dfd, g_buf.data(), rest);
 }
 
-/* What is in the pipe goes into the file. The bytes that got there; -1 none. */
+/* What is in the pipe goes into the file. Whatever the kernel does not move is written by hand at once, since nothing
+   may stay in a pipe that the next task uses. The bytes that reached the file; -1 none did. */
 static ssize_t empty_pipe(dw_task* task, size_t len) noexcept
 {
     size_t moved = 0;
@@ -101,22 +103,15 @@ static bool is_refused(int err) noexcept
            err == ENOMEM;
 }
 
-/* One piece from the socket into the pipe. As read(2). */
-static ssize_t fill_pipe(const dw_task* task) noexcept
-{
-    ssize_t n = 0;
-    do {
-        n = splice(task->sfd, nullptr, g_pipe.in, nullptr, std::min(task->nleft, DWBUF_LEN),
-                   SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
-    } while (n < 0 && errno == EINTR);
-    return n;
-}
-
 /* One piece of a written body. The bytes read, as read(2); *written gets those that reached the file. */
 static ssize_t receive_written(dw_task* task, ssize_t* written) noexcept
 {
     if (g_pipe.in >= 0 && task->nleft >= MIN_MOVE_LEN && !task->is_unmoved) {
-        const ssize_t n = fill_pipe(task);
+        ssize_t n = 0;
+        do {
+            n = splice(task->sfd, nullptr, g_pipe.in, nullptr, std::min(task->nleft, DWBUF_LEN),
+                       SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+        } while (n < 0 && errno == EINTR);
         if (n > 0)
             *written = empty_pipe(task, static_cast<size_t>(n));
         if (n >= 0 || !is_refused(errno))
@@ -146,40 +141,33 @@ static void touch_mapped(dw_task* task) noexcept
 
 /* ---- one event ---- */
 
-/* One piece of the body. The count, or -1 with *rc set. */
-static ssize_t receive(dw_task* task, int* rc) noexcept
-{
-    ssize_t written = 0;
-    errno = 0;
-    const ssize_t n =
-        task->is_mmapped ? nread(task->sfd, task->buf + task->f_pos, task->nleft) : receive_written(task, &written);
-    if (n < 1) {
-        *rc = n == 0 ? ECONNRESET : errno; /* bytes are missing, so an end of the stream is a break */
-        return -1;
-    }
-    if (task->is_mmapped) {
-        touch_mapped(task);
-    } else if (written != n) {
-        LOG_ERR("%s: under-write to fd%d: %zd/%zd\n", "read_fragment", task->dfd, n, written);
-        *rc = -1;
-        return -1;
-    }
-    return n;
-}
-
+/* One read an event, so that no source keeps the others waiting. errno is cleared before it: an end of the stream
+   leaves it alone, and an old value must not speak for it. */
 int read_fragment(dw_task* task) noexcept
 {
     int rc = 0;
+    ssize_t n = 0;
+    ssize_t written = 0;
     const size_t left = task->nleft;
-    /* Nothing is left when the whole body came with the head: the event only says that the task may complete. */
-    const ssize_t n = left > 0 ? receive(task, &rc) : 0;
-    if (n > 0) {
+    if (left > 0) { /* else the whole body came with the head: the event only says that the task may complete */
+        errno = 0;
+        n = task->is_mmapped ? nread(task->sfd, task->buf + task->f_pos, left) : receive_written(task, &written);
+        if (n < 1)
+            rc = n == 0 ? ECONNRESET : errno; /* bytes are missing, so an end of the stream is a break */
+    }
+    if (n > 0 && task->is_mmapped) {
+        touch_mapped(task);
+    } else if (n > 0 && written != n) {
+        LOG_ERR("%s: under-write to fd%d: %zd/%zd\n", __func__, task->dfd, n, written);
+        rc = -1;
+    }
+    if (n > 0 && rc == 0) {
         if (static_cast<size_t>(n) > left)
             PANIC("%s: BAD CONTENT-LEFT: nrecv/left: %zd/%zu bytes\n", __func__, n, left);
         task->f_pos += n;
         task->nleft -= static_cast<size_t>(n);
-        LOG_DEBUG("%s: %zd bytes, total=%zd/%zu, %zu left\n", __func__, n, static_cast<ssize_t>(task->f_pos),
-                  task->content_length, task->nleft);
+        LOG_DEBUG("%s: %zd bytes, total=%jd/%zu, %zu left\n", __func__, n, intmax_t{task->f_pos}, task->content_length,
+                  task->nleft);
     }
     rqs_set_now(&task->last_io_tm);
     if (rc != 0)

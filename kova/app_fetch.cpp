@@ -1,5 +1,6 @@
 /* The source side of a task: connect, GET, head of the response. The waiting client is answered here, as soon as the
-   head was accepted and the destination exists, not when the body is complete. */
+   head was accepted and the destination exists, not when the body is complete. A failure never travels up to the loop:
+   the handlers answer 0 and list the task for reaping. */
 #include "app.h"
 
 #include "guard.h"
@@ -15,7 +16,7 @@
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr size_t SRC_HEAD_CAP = 2048;
-constexpr int SRC_TMOUT_MS = 3000;
+constexpr int SRC_TMOUT_MS = 3000; /* of a blocking open, which this is not: stated, without effect */
 
 using src_head = std::array<char, SRC_HEAD_CAP>;
 
@@ -34,33 +35,28 @@ int connect_to_src(const char* url, usock_ctx* sctx) noexcept
     return fd;
 }
 
-static int send_get(dw_task* task) noexcept
+/* The connect has ended, one way or the other: sending the GET tells which. */
+static void request_data_stream(dw_task* task) noexcept
 {
-    if (const int rc = usock_http_get(task->sfd, task->spec.url, &task->sctx))
-        return rc;
-    if (const int rc = rqs_mod(task->sfd, task, RQS_READ)) {
-        LOG_ERR("%s: rqs_mod(fd%d,...) FAILED\n", "request_data_stream", task->sfd);
-        return rc;
+    int rc = usock_http_get(task->sfd, task->spec.url, &task->sctx);
+    if (rc == 0) {
+        rc = rqs_mod(task->sfd, task, RQS_READ);
+        if (rc != 0)
+            LOG_ERR("%s: rqs_mod(fd%d,...) FAILED\n", __func__, task->sfd);
     }
-    return 0;
-}
-
-int request_data_stream(dw_task* task) noexcept
-{
-    if (send_get(task) == 0) {
+    if (rc == 0) {
         set_dw_state(task, DW_RSP);
         LOG_DEBUG("%s: awaiting response from %s\n", __func__, task->spec.url);
-        return 0;
+        return;
     }
-    const bool is_broken = errno == ECONNRESET || errno == EPIPE;
     /* A connection that was made and has broken is the source's fault; one that was not made is the order's. */
+    const bool is_broken = errno == ECONNRESET || errno == EPIPE;
     task->hresp = is_broken ? &g_resp_err : &g_resp_bad;
     (void)send_http_response(task->cfd, task->hresp); /* without a client, too: the failed send stands in the log */
     if (pprm_task(task) != 0) {
         LOG_WARN("%s: could not pprm %s\n", __func__, task->trk_tag.sym8);
         free_dw(task);
     }
-    return 0;
 }
 
 int dw_write(dw_task* task) noexcept
@@ -75,13 +71,14 @@ int dw_write(dw_task* task) noexcept
         PANIC("%s: unexpected for %s (%p) in [%s]\n", __func__, task->trk_tag.sym8, static_cast<void*>(task),
               task->state.sym);
     }
-    return request_data_stream(task);
+    request_data_stream(task);
+    return 0;
 }
 
-/* Sends the answer chosen for the waiting client and closes its connection, whether the send succeeded or not. */
-static void answer_client(dw_task* task, const http_response* chosen, int rc, int code) noexcept
+/* Sends the answer chosen for the waiting client and closes its connection, whether the send succeeded or not. Without
+   a choice (null) the status of the source is passed on: code, 0 where none was read; rc is the order's result. */
+static void answer_client(const char* fn, dw_task* task, const http_response* chosen, int rc, int code) noexcept
 {
-    const char* fn = "read_src_response";
     if (task->cfd == -1) {
         LOG_DEBUG("%s: no client, skipping response\n", fn);
         return;
@@ -105,7 +102,8 @@ static void answer_client(dw_task* task, const http_response* chosen, int rc, in
     task->cfd = -1;
 }
 
-int read_src_response(dw_task* task) noexcept
+/* 0 head accepted, file made, client answered; EAGAIN more is awaited; else failed (logged). */
+static int read_src_response(dw_task* task) noexcept
 {
     const std::unique_ptr<src_head> head(new (std::nothrow) src_head); /* only what is received is looked at */
     if (!head)
@@ -134,7 +132,7 @@ int read_src_response(dw_task* task) noexcept
         LOG_ERR("%s: expected HTTP 2xx, got HTTP %d\n", __func__, resp.code);
         rc = -1;
     }
-    answer_client(task, chosen, rc, resp.code);
+    answer_client(__func__, task, chosen, rc, resp.code);
     if (rc == 0) {
         LOG_INFO("%s: ready to download %zu bytes to [%s]\n", __func__, task->content_length, task->spec.fpath);
         set_dw_state(task, DW_DNL);
@@ -151,7 +149,7 @@ void dw_broken(dw_task* task) noexcept
 {
     check_task(task);
     if (!task->is_quitting)
-        answer_client(task, nullptr, -1, 0);
+        answer_client("read_src_response", task, nullptr, -1, 0); /* in the words of a head that could not be read */
     pprm_task(task);
 }
 

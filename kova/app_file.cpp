@@ -38,15 +38,16 @@ int check_dest_path(const char* fpath) noexcept
     return 0;
 }
 
-bool can_mmap_dw(const dw_task* task) noexcept
+/* At most max_mmap_mb MiB, to the byte; the limit itself may be beyond what a size in bytes can hold. */
+static bool can_mmap_dw(const dw_task* task) noexcept
 {
-    return task->content_length >> 20 < g_cfg.max_mmap_mb ||
-           (task->content_length >> 20 == g_cfg.max_mmap_mb && (task->content_length & 0xfffff) == 0);
+    const size_t mib = task->content_length >> 20;
+    return mib < g_cfg.max_mmap_mb || (mib == g_cfg.max_mmap_mb && (task->content_length & 0xfffff) == 0);
 }
 
 /* Blocks that exist before the mapping is touched cannot run out: a full disk fails here and not as a fault later.
    *reserved is false where the file system has no such call. 0, or an errno value (logged). */
-static int reserve_blocks(const dw_task* task, bool* reserved) noexcept
+static int reserve_blocks(const char* fn, const dw_task* task, bool* reserved) noexcept
 {
     int rc = 0;
     do {
@@ -56,70 +57,51 @@ static int reserve_blocks(const dw_task* task, bool* reserved) noexcept
     if (rc == 0 || errno == EOPNOTSUPP || errno == ENOSYS)
         return 0;
     const int err = errno;
-    LOG_ERR("%s: fallocate(fd%d, %zu) ERROR(%d): %s\n", "mk_dest_file", task->dfd, task->content_length, err,
-            strerror(err));
+    LOG_ERRNO("%s: fallocate(fd%d, %zu)", fn, task->dfd, task->content_length);
     /* What it got before the disk was full is there for the other orders of this round, not only after its end. */
-    (void)W_ftruncate("mk_dest_file", task->dfd, 0);
+    (void)W_ftruncate(fn, task->dfd, 0);
     return err;
 }
 
 /* Writes the body bytes that came with the head through the descriptor, at its start. */
-static int write_tail(const dw_task* task, std::string_view tail) noexcept
+static int write_tail(const char* fn, const dw_task* task, std::string_view tail) noexcept
 {
     const ssize_t n = nwrite(task->dfd, tail.data(), tail.size());
-    if (n != static_cast<ssize_t>(tail.size())) {
-        LOG_ERR("%s: under-write(fd%d) %zd/%zd\n", "mk_dest_file", task->dfd, n, static_cast<ssize_t>(tail.size()));
-        return -1;
-    }
-    return 0;
+    if (n == static_cast<ssize_t>(tail.size()))
+        return 0;
+    LOG_ERR("%s: under-write(fd%d) %zd/%zu\n", fn, task->dfd, n, tail.size());
+    return -1;
 }
 
-static int map_dest(dw_task* task, std::string_view tail) noexcept
+static int map_dest(const char* fn, dw_task* task, std::string_view tail) noexcept
 {
     bool reserved = false;
-    if (const int rc = reserve_blocks(task, &reserved))
+    if (const int rc = reserve_blocks(fn, task, &reserved))
         return rc;
     void* p = mmap(nullptr, task->content_length, PROT_WRITE, MAP_SHARED | MAP_NORESERVE | MAP_POPULATE, task->dfd, 0);
     if (p == MAP_FAILED) {
-        const int err = errno;
-        LOG_ERR("%s: mmap() for %zu bytes failed, ERROR(%d): %s\n", "mk_dest_file", task->content_length, err,
-                strerror(err));
+        LOG_ERRNO("%s: mmap() for %zu bytes failed,", fn, task->content_length);
         return -1;
     }
     task->buf = static_cast<char*>(p);
     task->buflen = task->content_length;
     task->is_mmapped = true;
-    task->f_pos = 0;
     if (tail.empty())
         return 0;
-    LOG_DEBUG("%s: memcopy tail of %zd bytes\n", "mk_dest_file", static_cast<ssize_t>(tail.size()));
+    LOG_DEBUG("%s: memcopy tail of %zu bytes\n", fn, tail.size());
     /* Without reserved blocks a copy into the mapping could fault; a write fails with an error. Later bytes are put
        into the mapping by the kernel, whose read fails with an error too. */
     if (!reserved)
-        return write_tail(task, tail);
+        return write_tail(fn, task, tail);
     memcpy(task->buf, tail.data(), tail.size());
     return 0;
 }
 
-static int open_for_writes(dw_task* task, std::string_view tail) noexcept
-{
-    if (W_lseek("mk_dest_file", task->dfd, 0, SEEK_SET) == -1)
-        return errno;
-    task->is_mmapped = false;
-    task->buf = nullptr;
-    task->buflen = 0;
-    task->f_pos = 0;
-    if (tail.empty())
-        return 0;
-    LOG_DEBUG("%s: write tail of %zd bytes\n", "mk_dest_file", static_cast<ssize_t>(tail.size()));
-    return write_tail(task, tail);
-}
-
-/* Creates the unfinished file at its full length. */
-static int create_dest(dw_task* task) noexcept
+/* The unfinished file at its full length, with the first bytes of its body. */
+static int make_dest(const char* fn, dw_task* task, std::string_view tail) noexcept
 {
     clear_the_way(task);
-    task->dfd = W_open("mk_dest_file", task->spec.fpath, O_RDWR | O_CREAT | O_EXCL, DST_MODE);
+    task->dfd = W_open(fn, task->spec.fpath, O_RDWR | O_CREAT | O_EXCL, DST_MODE);
     if (task->dfd == -1) {
         if (errno == EEXIST)
             task->dest = dw_dest::unproved;
@@ -127,18 +109,17 @@ static int create_dest(dw_task* task) noexcept
     }
     task->dest = dw_dest::own;
     rqs_set_now(&task->touch_tm);
-    if (const int rc = W_ftruncate("mk_dest_file", task->dfd, static_cast<off_t>(task->content_length)))
+    if (const int rc = W_ftruncate(fn, task->dfd, static_cast<off_t>(task->content_length)))
         return rc;
-    LOG_DEBUG("%s: destination fd%d opened [%s], %zu bytes\n", "mk_dest_file", task->dfd, task->spec.fpath,
-              task->content_length);
-    return 0;
-}
-
-static int make_dest(dw_task* task, std::string_view tail) noexcept
-{
-    if (const int rc = create_dest(task))
-        return rc;
-    return can_mmap_dw(task) ? map_dest(task, tail) : open_for_writes(task, tail);
+    LOG_DEBUG("%s: destination fd%d opened [%s], %zu bytes\n", fn, task->dfd, task->spec.fpath, task->content_length);
+    if (can_mmap_dw(task))
+        return map_dest(fn, task, tail);
+    if (W_lseek(fn, task->dfd, 0, SEEK_SET) == -1)
+        return errno;
+    if (tail.empty())
+        return 0;
+    LOG_DEBUG("%s: write tail of %zu bytes\n", fn, tail.size());
+    return write_tail(fn, task, tail);
 }
 
 int mk_dest_file(dw_task* task, const char* head, const http_resp_ctx* resp) noexcept
@@ -151,32 +132,24 @@ int mk_dest_file(dw_task* task, const char* head, const http_resp_ctx* resp) noe
     }
     const int64_t length = extract_num_hdr("Content-Length", {head, head_len}).value_or(0);
     if (length <= 0) {
-        LOG_ERR("%s: invalid/missing content length: %zd\n", __func__, static_cast<ssize_t>(length));
+        LOG_ERR("%s: invalid/missing content length: %jd\n", __func__, intmax_t{length});
         return EINVAL;
     }
-    const size_t ntail = total - head_len;
-    LOG_DEBUG("%s: [%s] length=%zd, tail=%zd\n", __func__, task->spec.fpath, static_cast<ssize_t>(length),
-              static_cast<ssize_t>(ntail));
+    LOG_DEBUG("%s: [%s] length=%jd, tail=%zu\n", __func__, task->spec.fpath, intmax_t{length}, total - head_len);
     task->content_length = task->nleft = static_cast<size_t>(length);
 
     /* What a source sends beyond the announced length is ignored. */
-    const std::string_view tail(head + head_len, std::min(ntail, task->nleft));
-    const bool is_takeover = begin_takeover(task);
-    const int rc = make_dest(task, tail);
+    const std::string_view tail(head + head_len, std::min(total - head_len, task->nleft));
+    const bool is_takeover = begin_takeover(__func__, task);
+    const int rc = make_dest(__func__, task, tail);
     if (is_takeover)
-        end_takeover(task, rc == 0);
+        end_takeover(__func__, task, rc == 0);
     if (rc != 0)
         return rc;
-    task->f_pos += static_cast<off_t>(tail.size());
+    task->f_pos = static_cast<off_t>(tail.size());
     task->nleft -= tail.size();
     LOG_DEBUG("%s: created %s for [%s]\n", __func__, task->is_mmapped ? "mmap" : "file", task->spec.fpath);
     return 0;
-}
-
-static int rename_failed(const char* unfinished, const char* final_path, int err) noexcept
-{
-    LOG_ERR("%s: rename(%s, %s) ERROR(%d): %s\n", "complete_download", unfinished, final_path, err, strerror(err));
-    return -1;
 }
 
 /* Only what this task has written, and all of it, gets the final name: another order may have taken the destination
@@ -190,38 +163,36 @@ static int check_complete(const dw_task* task) noexcept
     return static_cast<size_t>(st.st_size) == task->content_length ? 0 : EIO;
 }
 
+/* The descriptor is closed before the rename, because a network file system may report only then that bytes were lost;
+   from the close on no descriptor proves whose the file is. */
 int complete_download(dw_task* task) noexcept
 {
     if (task->is_mmapped && msync(task->buf, task->buflen, MS_ASYNC) != 0) {
-        const int err = errno;
-        LOG_ERR("%s: msync(%p, %zu) on fd%d ERROR(%d): %s\n", __func__, static_cast<void*>(task->buf), task->buflen,
-                task->dfd, err, strerror(err));
+        LOG_ERRNO("%s: msync(%p, %zu) on fd%d", __func__, static_cast<void*>(task->buf), task->buflen, task->dfd);
         return -1;
     }
-    std::array<char, SPEC_PATH_MAX> final_path{};
+    std::array<char, SPEC_PATH_MAX> final_path;
     cut_text(final_path.data(), final_path.size(), task->spec.fpath);
     ASSERT(cutoff_segext(final_path.data()) == 0);
-    if (const int err = check_complete(task))
-        return rename_failed(task->spec.fpath, final_path.data(), err);
-    /* A network file system may report here that written bytes were lost. */
+    if (const int err = check_complete(task)) {
+        LOG_ERRNUM(err, "%s: rename(%s, %s)", __func__, task->spec.fpath, final_path.data());
+        return -1;
+    }
     const int rc_close = W_close(__func__, task->dfd);
     task->dfd = -1;
     task->dest = rc_close == 0 ? dw_dest::final : dw_dest::unproved;
     if (rc_close != 0)
         return -1;
-    std::array<char, SPEC_PATH_MAX> unfinished{};
-    cut_text(unfinished.data(), unfinished.size(), task->spec.fpath);
-    cut_text(task->spec.fpath, sizeof(task->spec.fpath), final_path.data());
-    int rc = rename(unfinished.data(), final_path.data());
+    const int rc = rename(task->spec.fpath, final_path.data());
     if (rc != 0)
-        rc = rename_failed(unfinished.data(), final_path.data(), errno);
+        LOG_ERRNO("%s: rename(%s, %s)", __func__, task->spec.fpath, final_path.data());
     else
-        LOG_DEBUG("%s: rename(%s, %s): OK\n", __func__, unfinished.data(), final_path.data());
-    /* The registration follows whatever became of the rename, and its result changes nothing. */
-    register_file(&task->spec);
-    if (rc == 0) {
-        LOG_NORM("downloaded: %zu bytes, [%s] to [%s]\n", task->content_length, task->spec.url, task->spec.fpath);
-        pprm_task(task);
-    }
-    return rc;
+        LOG_DEBUG("%s: rename(%s, %s): OK\n", __func__, task->spec.fpath, final_path.data());
+    cut_text(task->spec.fpath, sizeof(task->spec.fpath), final_path.data());
+    register_file(&task->spec); /* whatever became of the rename, and its result changes nothing */
+    if (rc != 0)
+        return -1;
+    LOG_NORM("downloaded: %zu bytes, [%s] to [%s]\n", task->content_length, task->spec.url, task->spec.fpath);
+    pprm_task(task);
+    return 0;
 }

@@ -29,8 +29,7 @@ int pprm_task(dw_task* task) noexcept
         LOG_ERR("%s: FAILED on [%s] (%p)\n", __func__, task->trk_tag.sym8, static_cast<void*>(task));
         return -1;
     }
-    LOG_DEBUG("%s: [%s] (%p) idx=%ld OK\n", __func__, task->trk_tag.sym8, static_cast<void*>(task),
-              static_cast<long>(j));
+    LOG_DEBUG("%s: [%s] (%p) idx=%zd OK\n", __func__, task->trk_tag.sym8, static_cast<void*>(task), j);
     return 0;
 }
 
@@ -38,7 +37,7 @@ void pprm_task_cleanup() noexcept
 {
     if (slots_len(g_ctx.pprm_tasks) == 0)
         return;
-    LOG_DEBUG("%s: %ld pprm tasks\n", __func__, static_cast<long>(slots_len(g_ctx.pprm_tasks)));
+    LOG_DEBUG("%s: %zu pprm tasks\n", __func__, slots_len(g_ctx.pprm_tasks));
     xvlst_purge_all(&g_ctx.pprm_tasks.raw, free_dw_elem);
 }
 

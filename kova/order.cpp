@@ -249,5 +249,5 @@ int setup_dw_spec(const char* src, char* dst, size_t dst_cap, dw_spec* spec) noe
         return rc;
     if (const int rc = init_spec(g_cfg.data_dir, src, dst, spec))
         return rc;
-    return check_unfinished(spec);
+    return check_unfinished(__func__, spec);
 }

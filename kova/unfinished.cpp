@@ -62,12 +62,12 @@ int check_own_unfinished(const dw_task* task, struct stat* own) noexcept
     return is_same_file(*own, st) ? 0 : ESTALE;
 }
 
-int check_unfinished(dw_spec* spec) noexcept
+int check_unfinished(const char* fn, dw_spec* spec) noexcept
 {
     long age = 0;
     const int rc = check_age(spec->fpath, STALE_LOCK_SEC, &age);
     if (rc == EBUSY) {
-        LOG_ERR("%s: [%s] already exists\n", "setup_dw_spec", spec->fpath);
+        LOG_ERR("%s: [%s] already exists\n", fn, spec->fpath);
         return EEXIST;
     }
     if (rc != ESTALE)
@@ -88,35 +88,34 @@ static aside_path aside_of(const dw_task* task) noexcept
     return aside;
 }
 
-static bool move_file(const char* from, const char* to) noexcept
+static bool move_file(const char* fn, const char* from, const char* to) noexcept
 {
     if (rename(from, to) == 0)
         return true;
-    const int err = errno;
-    LOG_ERR("%s: rename(%s, %s) ERROR(%d): %s\n", "mk_dest_file", from, to, err, strerror(err));
+    LOG_ERRNO("%s: rename(%s, %s)", fn, from, to);
     return false;
 }
 
-bool begin_takeover(const dw_task* task) noexcept
+bool begin_takeover(const char* fn, const dw_task* task) noexcept
 {
     long age = 0;
     if (!task->spec.takes_over || check_age(task->spec.fpath, STALE_LOCK_SEC, &age) != ESTALE)
         return false;
-    return move_file(task->spec.fpath, aside_of(task).data()); /* if not, the order finds it in its way */
+    return move_file(fn, task->spec.fpath, aside_of(task).data()); /* if not, the order finds it in its way */
 }
 
-void end_takeover(const dw_task* task, bool is_made) noexcept
+void end_takeover(const char* fn, const dw_task* task, bool is_made) noexcept
 {
     const aside_path aside = aside_of(task);
     const dw_task* former = unfinished_writer(aside.data());
     if (!is_made && former) {
-        (void)move_file(aside.data(), task->spec.fpath); /* as it was, in place of what could not be made */
+        (void)move_file(fn, aside.data(), task->spec.fpath); /* as it was, in place of what could not be made */
         return;
     }
     if (former)
-        LOG_WARN("%s: [%s] of %s from [%s] has stalled and is taken over from [%s]\n", "mk_dest_file", task->spec.fpath,
+        LOG_WARN("%s: [%s] of %s from [%s] has stalled and is taken over from [%s]\n", fn, task->spec.fpath,
                  former->trk_tag.sym8, former->spec.url, task->spec.url);
-    W_unlink("mk_dest_file", aside.data());
+    W_unlink(fn, aside.data());
 }
 
 /* A match for the walk over the tasks that have ended in this round. */
@@ -129,7 +128,7 @@ void clear_the_way(dw_task* task) noexcept
 {
     dw_task** ended = slots_find<has_path>(&g_ctx.pprm_tasks, task->spec.fpath);
     if (ended && owes_removal(*ended))
-        remove_unfinished(*ended);
+        remove_unfinished("free_dw", *ended); /* in the words of its end, which this is a part of */
 }
 
 bool owes_removal(const dw_task* task) noexcept
@@ -145,14 +144,13 @@ bool owes_removal(const dw_task* task) noexcept
     return task->dest == dw_dest::unproved && lstat(path, &st) == 0 && !unfinished_writer(path);
 }
 
-void remove_unfinished(dw_task* task) noexcept
+void remove_unfinished(const char* fn, dw_task* task) noexcept
 {
     const char* path = task->spec.fpath;
     if (unlink(path) == 0) {
-        LOG_WARN("%s: removing unfinished [%s]\n", "free_dw", path);
+        LOG_WARN("%s: removing unfinished [%s]\n", fn, path);
     } else if (errno != ENOENT) {
-        const int err = errno;
-        LOG_ERR("%s: unlink(%s) ERROR(%d): %s\n", "free_dw", path, err, strerror(err));
+        LOG_ERRNO("%s: unlink(%s)", fn, path);
     }
     task->spec.fpath[0] = '\0';
     task->dest = dw_dest::none;
