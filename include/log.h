@@ -7,6 +7,7 @@
    written; a filtered-out record costs one comparison. The message carries its own newline. */
 #pragma once
 
+#include "log_levels.h"
 #include "tags.h"
 
 #include <cerrno>
@@ -15,42 +16,10 @@
 #include <ctime>
 #include <sys/types.h>
 
-constexpr int MIN_level = -127; /* below every level: a record without a level tag */
-constexpr int PANIC_level = -4;
-constexpr int ERR_level = -3;
-constexpr int CRIT_level = -2;
-constexpr int WARN_level = -1;
-constexpr int NORM_level = 0;
-constexpr int INFO_level = 1;
-constexpr int DEBUG_level = 2;
-constexpr int SECTION_level = 64;
-
-constexpr int LL_MAX_MODULES = 128;
-constexpr int LL_MAX_SECTIONS = 128;
-constexpr int LL_STACK_DEPTH = 8;
 constexpr size_t LOG_PATHNAME_MAX = 128;
 constexpr size_t LOG_LINE_MAX = 2047; /* characters of one record */
 constexpr size_t MAX_CYCLIC_ROTATIONS = 128;
 constexpr uint32_t F_APPEND_OLD = 1; /* log_open_ex: keep writing to an existing file */
-
-/* Module indices: 0 for every file but these two. */
-constexpr int MOD_SYSWRAP = 2;
-constexpr int MOD_FDIO = 4;
-
-extern int g_mod_ll[LL_MAX_MODULES]; /* highest level written, by module */
-extern int g_sec_ll[LL_MAX_SECTIONS];
-
-/* One for each source file. */
-struct loglevel_ctx {
-    int mod;                       /* index into g_mod_ll */
-    int sec;                       /* index into g_sec_ll, -1 = none */
-    int sec_sp;                    /* section stack pointer */
-    int sec_stack[LL_STACK_DEPTH]; /* saved sections */
-};
-#define LOGLEVEL_CTX(module)                                                                                           \
-    {                                                                                                                  \
-        (module), -1, 0, {}                                                                                            \
-    }
 
 struct rotation_ctx {
     time_t tm[MAX_CYCLIC_ROTATIONS]; /* time suffix of each rotated file, 0 = slot unused */
@@ -143,20 +112,6 @@ void glog_enable_syslog(const char* ident) noexcept;
 void disable_syslog(log_ctx* log) noexcept;
 void glog_disable_syslog() noexcept;
 
-/* ---- levels ---- */
-
-void log_set_modules(log_ctx* log, int level) noexcept;
-void log_set_sections(log_ctx* log, int level) noexcept;
-/* One save slot, not a stack: a second push without a pop does nothing. */
-void log_push_mlevels() noexcept;
-void log_pop_mlevels() noexcept;
-/* Level of a word (any case). 0, or -1 for an unknown word. */
-[[nodiscard]] int match_log_level(const char* text, int* level) noexcept;
-[[nodiscard]] const char* log_level_str(int level) noexcept;
-[[nodiscard]] const char* get_level_tag(int level) noexcept;
-/* An environment variable's integer value; absent or not a number: deflt. */
-[[nodiscard]] int read_level_env(const char* name, int deflt) noexcept;
-
 /* ---- rotation ---- */
 
 /* Size limit in bytes (0 = none); files kept when 1..127, else 16; eod_start > 0 turns rotation at the day's end on. */
@@ -186,11 +141,6 @@ void log_put_text(log_ctx* log, const char* text, size_t len) noexcept;
     return log->lh != nullptr;
 }
 void log_lard(log_ctx* log, int level) noexcept;
-
-[[nodiscard]] inline bool log_passes(const loglevel_ctx& c, int level) noexcept
-{
-    return c.sec < 0 ? g_mod_ll[c.mod] >= level : g_sec_ll[c.sec] <= g_mod_ll[c.mod];
-}
 
 #define LOG_WITH(prepare, level, ...)                                                                                  \
     do {                                                                                                               \

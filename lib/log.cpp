@@ -27,8 +27,6 @@ constexpr size_t TIME_CAP = 64;
 constexpr int BTRACE_FRAMES = 16;
 constexpr size_t BTRACE_CAP = 512;
 
-int g_mod_ll[LL_MAX_MODULES];
-int g_sec_ll[LL_MAX_SECTIONS];
 volatile int g_in_signal = 0;
 
 /* Writes to standard error until it is opened; a null stream later on means that lines are dropped. */
@@ -48,11 +46,6 @@ static struct {
     char text[LOG_BUF_CAP];
     size_t len;
 } g_line;
-
-static struct {
-    bool is_saved;
-    int levels[LL_MAX_MODULES];
-} g_saved;
 
 /* ---- set-up ---- */
 
@@ -150,97 +143,6 @@ void glog_disable_syslog() noexcept
     disable_syslog(g_log);
 }
 
-/* ---- levels ---- */
-
-struct level_names {
-    int level;
-    const char* tag;
-    const char* name; /* "ctitical" is what operators' tools know */
-};
-
-static const level_names LEVELS[] = {
-    {PANIC_level, "(PNC)", "panic"},  {ERR_level, "(ERR)", "error"},       {CRIT_level, "(CRI)", "ctitical"},
-    {WARN_level, "(WRN)", "warning"}, {NORM_level, "(NRM)", "normal"},     {INFO_level, "(INF)", "info"},
-    {DEBUG_level, "(DBG)", "debug"},  {SECTION_level, "(SCT)", "section"},
-};
-static const level_names UNKNOWN_LEVEL = {0, "( ? )", "??"};
-
-static const level_names& names_of(int level) noexcept
-{
-    for (const level_names& l : LEVELS) {
-        if (l.level == level)
-            return l;
-    }
-    return UNKNOWN_LEVEL;
-}
-
-const char* log_level_str(int level) noexcept
-{
-    return names_of(level).name;
-}
-
-const char* get_level_tag(int level) noexcept
-{
-    return names_of(level).tag;
-}
-
-struct level_word {
-    const char* word;
-    int level;
-};
-
-static const level_word LEVEL_WORDS[] = {
-    {"err", ERR_level},      {"error", ERR_level},    {"crit", CRIT_level}, {"critical", CRIT_level},
-    {"warn", WARN_level},    {"warning", WARN_level}, {"norm", NORM_level}, {"normal", NORM_level},
-    {"info", INFO_level},    {"debug", DEBUG_level},  {"dbg", DEBUG_level}, {"section", SECTION_level},
-    {"sect", SECTION_level},
-};
-
-int match_log_level(const char* text, int* level) noexcept
-{
-    for (const level_word& w : LEVEL_WORDS) {
-        if (ci_equal(text, w.word)) {
-            *level = w.level;
-            return 0;
-        }
-    }
-    return -1;
-}
-
-int read_level_env(const char* name, int deflt) noexcept
-{
-    const char* text = getenv(name);
-    return text ? parse_num<int>(text).value_or(deflt) : deflt;
-}
-
-void log_set_modules(log_ctx* log, int level) noexcept
-{
-    std::fill(std::begin(g_mod_ll), std::end(g_mod_ll), level);
-    log->llst.mod_ll_set = 1;
-}
-
-void log_set_sections(log_ctx* log, int level) noexcept
-{
-    std::fill(std::begin(g_sec_ll), std::end(g_sec_ll), level);
-    log->llst.sec_ll_set = 1;
-}
-
-void log_push_mlevels() noexcept
-{
-    if (g_saved.is_saved)
-        return;
-    std::copy(std::begin(g_mod_ll), std::end(g_mod_ll), std::begin(g_saved.levels));
-    g_saved.is_saved = true;
-}
-
-void log_pop_mlevels() noexcept
-{
-    if (!g_saved.is_saved)
-        return;
-    std::copy(std::begin(g_saved.levels), std::end(g_saved.levels), std::begin(g_mod_ll));
-    g_saved.is_saved = false;
-}
-
 /* ---- records ---- */
 
 void logbuf_reset() noexcept
@@ -289,18 +191,15 @@ static struct {
     time_t sec;
 } g_time;
 
-static bool patch_time(const timespec& now, uint32_t format) noexcept
-{
-    if (g_time.usec_at == 0 || g_time.format != format || g_time.sec != now.tv_sec)
-        return false;
-    long usec = now.tv_nsec / 1000;
-    for (size_t i = 6; i > 0; --i, usec /= 10)
-        g_time.text[g_time.usec_at + i - 1] = static_cast<char>('0' + usec % 10);
-    return true;
-}
-
+/* Fills g_time with the text of now. False when it cannot be made (said on standard error). */
 static bool make_time(const timespec& now, uint32_t format) noexcept
 {
+    if (g_time.usec_at > 0 && g_time.format == format && g_time.sec == now.tv_sec) {
+        long usec = now.tv_nsec / 1000;
+        for (size_t i = 6; i > 0; --i, usec /= 10)
+            g_time.text[g_time.usec_at + i - 1] = static_cast<char>('0' + usec % 10);
+        return true;
+    }
     g_time.usec_at = 0;
     const int n = mk_timestr(&now, format, g_time.text, TIME_CAP);
     if (n < 1 || n >= static_cast<int>(TIME_CAP)) {
@@ -329,22 +228,19 @@ static bool put_time(uint32_t format) noexcept
         log_trouble("%s: %s\n", "clock_gettime", strerror(errno));
         return false;
     }
-    return (patch_time(now, format) || make_time(now, format)) && put_field("time", false, {g_time.text, g_time.len});
-}
-
-static bool put_pid(pid_t pid) noexcept
-{
-    std::array<char, 24> text{};
-    const auto end = std::to_chars(text.data(), text.data() + text.size(), static_cast<unsigned long>(pid)).ptr;
-    return put_field("pid", true, {text.data(), static_cast<size_t>(end - text.data())});
+    return make_time(now, format) && put_field("time", false, {g_time.text, g_time.len});
 }
 
 static bool put_head(log_ctx* log, int level) noexcept
 {
     if (!put_time(log->time_format))
         return false;
-    if (log->pid >= 1 && !put_pid(log->pid))
-        return false;
+    if (log->pid >= 1) {
+        std::array<char, 24> text{};
+        const char* end = std::to_chars(text.data(), text.data() + text.size(), log->pid).ptr;
+        if (!put_field("pid", true, {text.data(), static_cast<size_t>(end - text.data())}))
+            return false;
+    }
     if (level >= MIN_level + 1 && !put_field("level", true, get_level_tag(level)))
         return false;
     if (log->group.num64 == 0)
@@ -541,6 +437,7 @@ int btrace_to_buf(char* buf, size_t size) noexcept
     return 0;
 }
 
+/* The back-trace behind the line that says why. */
 static void log_btrace(const char* title) noexcept
 {
     std::array<char, BTRACE_CAP> trace{};
