@@ -88,8 +88,8 @@ struct written_file {
     };
     uint64_t position = 0; /* 0 also while a mapping is written to */
 };
-/* The unfinished files that the process has open; none if its descriptors may not be seen. */
-[[nodiscard]] std::optional<std::vector<written_file>> files_written_by(pid_t pid);
+/* The unfinished files among the descriptors of the process. */
+[[nodiscard]] std::vector<written_file> files_written_by(pid_t pid, const std::vector<descriptor>& fds);
 
 /* The files that processes have open, by device and inode. Fails when an agent may not be looked into. */
 using held_files = std::set<std::pair<dev_t, ino_t>>;
@@ -113,7 +113,7 @@ struct removal {
     void take(const std::filesystem::path& path, const struct stat& seen, const char* why);
     [[nodiscard]] int status() const { return found > removed ? STATUS_REFUSED : 0; }
 };
-[[nodiscard]] bool is_unfinished(const std::filesystem::path& path);
+[[nodiscard]] bool is_unfinished(std::string_view path);
 [[nodiscard]] long age_of(const struct stat& st); /* s since the last change */
 /* Text from outside without what commands a terminal. */
 [[nodiscard]] std::string printable(std::string_view text);

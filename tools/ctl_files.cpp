@@ -1,6 +1,7 @@
 /* The agent's files: what is being written, what a power cut or a crash has left. */
 #include "ctl.h"
 #include "data.h"
+#include "guard.h"
 #include "lock.h"
 
 #include <algorithm>
@@ -8,6 +9,9 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -15,31 +19,39 @@ namespace fs = std::filesystem;
 namespace
 {
 
-/* Every regular file below the data directory; what vanishes or may not be entered on the way is passed by. */
+/* Every regular file below the data directory that has, or has not, the name of an unfinished one; what vanishes or may
+   not be entered on the way is passed by. There may be millions: only those that are wanted are looked at. */
 template <class F>
-void each_file(F&& f)
+void each_file(bool wants_unfinished, F&& f)
 {
     if (g_set.data_dir.empty())
         fail(STATUS_USAGE, "no data directory given: name the configuration (-C) or the directory (-D)");
     std::error_code ec;
-    std::vector<fs::path> dirs{g_set.data_dir};
+    std::vector<std::string> dirs{g_set.data_dir};
     if (!fs::is_directory(g_set.data_dir, ec))
         fail(STATUS_USAGE, g_set.data_dir + ": no directory that can be looked into");
     while (!dirs.empty()) {
-        const fs::path dir = std::move(dirs.back());
+        const std::string path = std::move(dirs.back());
         dirs.pop_back();
-        fs::directory_iterator it(dir, ec);
-        if (ec && ec != std::errc::no_such_file_or_directory)
-            fprintf(stderr, "kovctl: %s: %s\n", dir.c_str(), ec.message().c_str());
-        for (; !ec && it != fs::directory_iterator(); it.increment(ec)) {
+        const std::unique_ptr<DIR, releaser<closedir>> dir(opendir(path.c_str()));
+        if (!dir && errno != ENOENT)
+            fprintf(stderr, "kovctl: %s: %s\n", path.c_str(), strerror(errno));
+        while (const dirent* entry = dir ? readdir(dir.get()) : nullptr) {
+            const std::string_view name = static_cast<const char*>(entry->d_name);
+            const bool may_be_wanted = is_unfinished(name) == wants_unfinished;
+            const bool has_type = entry->d_type != DT_UNKNOWN;
             struct stat st {
             };
-            if (lstat(it->path().c_str(), &st) != 0)
+            if (name == "." || name == ".." || (has_type && entry->d_type != DT_DIR && !may_be_wanted))
+                continue;
+            if (has_type && entry->d_type == DT_DIR)
+                st.st_mode = S_IFDIR;
+            else if (fstatat(dirfd(dir.get()), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0)
                 continue;
             if (S_ISDIR(st.st_mode))
-                dirs.push_back(it->path());
-            else if (S_ISREG(st.st_mode))
-                f(it->path(), st);
+                dirs.push_back(path + "/" + entry->d_name);
+            else if (S_ISREG(st.st_mode) && may_be_wanted)
+                f(path, name, st);
         }
     }
 }
@@ -65,9 +77,9 @@ std::optional<uid_t> owner_of_locks()
 
 } // namespace
 
-bool is_unfinished(const fs::path& path)
+bool is_unfinished(std::string_view path)
 {
-    return std::string_view(path.native()).ends_with(UNFINISHED_SFX);
+    return path.ends_with(UNFINISHED_SFX);
 }
 
 long age_of(const struct stat& st)
@@ -105,9 +117,9 @@ void removal::take(const fs::path& path, const struct stat& seen, const char* wh
 int cmd_verify()
 {
     removal r;
-    each_file([&r](const fs::path& path, const struct stat& st) {
-        if (!is_unfinished(path) && st.st_blocks * 512 < st.st_size)
-            r.take(path, st, "has fewer blocks than its size");
+    each_file(false, [&r](const std::string& dir, std::string_view name, const struct stat& st) {
+        if (st.st_blocks * 512 < st.st_size)
+            r.take(fs::path(dir) / name, st, "has fewer blocks than its size");
     });
     return r.status();
 }
@@ -116,9 +128,9 @@ int cmd_sweep()
 {
     removal r;
     const held_files held = all_held_files();
-    each_file([&](const fs::path& path, const struct stat& st) {
-        if (is_unfinished(path) && age_of(st) > STALE_LOCK_SEC && !held.contains({st.st_dev, st.st_ino}))
-            r.take(path, st, "unfinished, and no agent writes it");
+    each_file(true, [&](const std::string& dir, std::string_view name, const struct stat& st) {
+        if (age_of(st) > STALE_LOCK_SEC && !held.contains({st.st_dev, st.st_ino}))
+            r.take(fs::path(dir) / name, st, "unfinished, and no agent writes it");
     });
     const auto owner = owner_of_locks();
     std::error_code ec;

@@ -235,7 +235,8 @@ void show_progress(const fs::path& unfinished, long seconds)
         return;
     constexpr uint64_t WIDTH = 40;
     uint64_t pos = 0;
-    for (const written_file& f : files_written_by(agent.pid.value_or(0)).value_or(std::vector<written_file>{}))
+    const pid_t pid = agent.pid.value_or(0);
+    for (const written_file& f : files_written_by(pid, descriptors_of(pid).value_or(std::vector<descriptor>{})))
         pos = f.st.st_ino == st.st_ino && f.st.st_dev == st.st_dev ? f.position : pos;
     const auto size = static_cast<uint64_t>(st.st_size);
     if (pos > 0 && size > 0) {
@@ -283,7 +284,7 @@ bool serves_channel()
     const found_agent agent = find_agent();
     if (!agent.pid)
         return false;
-    const std::vector<net_socket> own = own_sockets(*agent.pid);
+    const std::vector<net_socket> own = own_listeners(*agent.pid);
     return std::any_of(own.begin(), own.end(), [](const net_socket& s) { return s.kind == net_socket::DATAGRAM; });
 }
 

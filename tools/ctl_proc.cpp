@@ -16,20 +16,16 @@ namespace fs = std::filesystem;
 namespace
 {
 
-/* What a descriptor of a process leads to. False when it is gone. An agent whose directory may be read may still forbid
-   to follow: a file that it holds must not pass for one that nobody holds. */
-bool stat_descriptor(pid_t pid, const fs::path& fd, struct stat* st)
+/* The file that a descriptor leads to. False when it is none, or was closed. */
+bool stat_file(pid_t pid, const descriptor& fd, struct stat* st)
 {
-    if (stat(fd.c_str(), st) == 0)
-        return true;
-    if (errno != ENOENT && is_agent(pid))
-        fail_blind(pid);
-    return false;
+    return fd.target.starts_with('/') && stat((proc_of(pid) / "fd" / fd.number).c_str(), st) == 0 &&
+           S_ISREG(st->st_mode);
 }
 
 bool listens(pid_t pid)
 {
-    const std::vector<net_socket> own = own_sockets(pid);
+    const std::vector<net_socket> own = own_listeners(pid);
     return std::any_of(g_set.places.begin(), g_set.places.end(), [&own](const listening_place& p) {
         return std::any_of(own.begin(), own.end(), [&p](const net_socket& s) { return p.is_served_by(s); });
     });
@@ -89,19 +85,15 @@ found_agent find_agent()
     return {std::nullopt, "more than one agent " + here + " (" + pids_text(agents) + "): choose one with --pid"};
 }
 
-std::optional<std::vector<written_file>> files_written_by(pid_t pid)
+std::vector<written_file> files_written_by(pid_t pid, const std::vector<descriptor>& fds)
 {
-    const auto fds = descriptors_of(pid);
-    if (!fds)
-        return std::nullopt;
     std::vector<written_file> files;
-    for (const fs::path& fd : *fds) {
-        std::error_code ec;
+    for (const descriptor& fd : fds) {
         written_file f;
-        f.path = fs::read_symlink(fd, ec);
-        if (ec || !is_unfinished(f.path) || stat(fd.c_str(), &f.st) != 0 || !S_ISREG(f.st.st_mode))
+        f.path = fd.target;
+        if (!is_unfinished(fd.target) || !stat_file(pid, fd, &f.st))
             continue;
-        (void)sscanf(first_line(proc_of(pid) / "fdinfo" / fd.filename()).c_str(), "pos: %lu", // NOLINT(cert-err34-c)
+        (void)sscanf(first_line(proc_of(pid) / "fdinfo" / fd.number).c_str(), "pos: %lu", // NOLINT(cert-err34-c)
                      &f.position);
         files.push_back(std::move(f));
     }
@@ -115,10 +107,10 @@ held_files all_held_files()
         const auto fds = descriptors_of(pid);
         if (!fds && is_agent(pid))
             fail_blind(pid);
-        for (const fs::path& fd : fds.value_or(std::vector<fs::path>{})) {
+        for (const descriptor& fd : fds.value_or(std::vector<descriptor>{})) {
             struct stat st {
             };
-            if (stat_descriptor(pid, fd, &st) && S_ISREG(st.st_mode))
+            if (stat_file(pid, fd, &st))
                 held.emplace(st.st_dev, st.st_ino);
         }
     }

@@ -8,10 +8,9 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
-#include <fcntl.h>
 #include <fstream>
 #include <iterator>
 #include <linux/inet_diag.h>
@@ -22,6 +21,7 @@
 #include <map>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -32,6 +32,8 @@ namespace
 constexpr long SILENT_SEC = 30;
 constexpr long SAMPLE_MS = 50; /* over which bytes a second are measured */
 constexpr int DIAG_WAIT_MS = 500;
+constexpr uint32_t DATALESS_STATES =
+    1U << 6 | 1U << 10; /* TCP_TIME_WAIT, TCP_LISTEN: of netinet/tcp.h, beside linux/tcp.h */
 
 /* What the kernel knows of a connection's incoming side. */
 struct reception {
@@ -95,7 +97,7 @@ bool dump_receptions(int fd, int family, receptions* all)
     ask.rq.sdiag_family = static_cast<uint8_t>(family);
     ask.rq.sdiag_protocol = IPPROTO_TCP;
     ask.rq.idiag_ext = 1 << (INET_DIAG_INFO - 1);
-    ask.rq.idiag_states = ~0U;
+    ask.rq.idiag_states = ~DATALESS_STATES;
     if (send(fd, &ask, sizeof(ask), 0) != sizeof(ask))
         return false;
     for (;;) {
@@ -114,8 +116,8 @@ bool dump_receptions(int fd, int family, receptions* all)
     }
 }
 
-/* Of this network namespace; none where the kernel does not say. */
-std::optional<receptions> all_receptions()
+/* Of these connections' families in this network namespace; none where the kernel does not say. */
+std::optional<receptions> receptions_like(const std::vector<net_socket>& sockets)
 {
     const int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
     if (fd < 0)
@@ -124,8 +126,11 @@ std::optional<receptions> all_receptions()
     const timeval wait = {0, DIAG_WAIT_MS * 1000};
     (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
     receptions all;
-    if (!dump_receptions(fd, AF_INET, &all) || !dump_receptions(fd, AF_INET6, &all))
-        return std::nullopt;
+    for (const bool is_six : {false, true}) { /* each costs a walk over all the connections of the host */
+        if (std::any_of(sockets.begin(), sockets.end(), [is_six](const net_socket& s) { return s.is_six == is_six; }) &&
+            !dump_receptions(fd, is_six ? AF_INET6 : AF_INET, &all))
+            return std::nullopt;
+    }
     return all;
 }
 
@@ -158,12 +163,11 @@ std::string listener_text(const net_socket& s, const std::vector<net_socket>& al
 }
 
 /* Sorts the process's sockets: what is neither its listener nor a client nor the database is a source. */
-std::vector<net_socket> take_sockets(agent_state* a)
+std::vector<net_socket> take_sockets(agent_state* a, const std::set<ino_t>& own_inodes)
 {
     std::set<unsigned> ports;
     std::set<std::string> paths;
-    const std::set<ino_t> own_inodes = sockets_of(a->pid);
-    const std::vector<net_socket> all = net_sockets(a->pid);
+    const std::vector<net_socket> all = net_sockets(a->pid, socket_choice::ALL);
     std::vector<net_socket> own;
     std::copy_if(all.begin(), all.end(), std::back_inserter(own),
                  [&](const net_socket& s) { return own_inodes.contains(s.inode); });
@@ -194,16 +198,26 @@ std::vector<net_socket> take_sockets(agent_state* a)
     return sources;
 }
 
-void take_receptions(agent_state* a, const std::vector<net_socket>& sources)
+/* A look at what the sources have sent. */
+struct sample {
+    std::optional<receptions> got;
+    std::chrono::steady_clock::time_point time;
+};
+
+sample take_sample(const std::vector<net_socket>& sources)
 {
-    timespec begin{};
-    timespec end{};
-    clock_gettime(CLOCK_MONOTONIC, &begin);
-    const auto first = all_receptions();
+    auto got = receptions_like(sources);
+    return {std::move(got), std::chrono::steady_clock::now()};
+}
+
+/* Since the first sample, which is SAMPLE_MS old at least. */
+void take_receptions(agent_state* a, const std::vector<net_socket>& sources, const sample& first_sample)
+{
     if (!sources.empty())
-        usleep(SAMPLE_MS * 1000);
-    const auto second = all_receptions();
-    clock_gettime(CLOCK_MONOTONIC, &end);
+        std::this_thread::sleep_until(first_sample.time + std::chrono::milliseconds(SAMPLE_MS));
+    const sample second_sample = take_sample(sources);
+    const auto& [first, begin] = first_sample;
+    const auto& [second, end] = second_sample;
     if (!first || !second)
         return;
     uint64_t bytes = 0;
@@ -219,7 +233,7 @@ void take_receptions(agent_state* a, const std::vector<net_socket>& sources)
         ++silent.downloads;
         silent.longest = std::max(silent.longest, now->second.idle_sec);
     }
-    const int64_t us = (end.tv_sec - begin.tv_sec) * 1000000 + (end.tv_nsec - begin.tv_nsec) / 1000;
+    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(end - begin).count();
     a->rate = bytes * 1000000 / static_cast<uint64_t>(std::max<int64_t>(us, 1));
 }
 
@@ -228,15 +242,15 @@ agent_state look_at(pid_t pid)
     agent_state a;
     a.pid = pid;
     const auto fds = descriptors_of(pid);
-    auto files = files_written_by(pid);
-    if (!fds || !files)
+    if (!fds)
         fail_blind(pid);
+    const std::vector<net_socket> sources = take_sockets(&a, sockets_among(*fds));
+    const sample first = take_sample(sources);
+    a.downloads = sources.size();
     a.fds = fds->size();
     a.fd_limit = fd_limit_of(pid);
-    a.files = std::move(*files);
-    const std::vector<net_socket> sources = take_sockets(&a);
-    a.downloads = sources.size();
-    take_receptions(&a, sources);
+    a.files = files_written_by(pid, *fds);
+    take_receptions(&a, sources, first);
     return a;
 }
 

@@ -3,16 +3,22 @@
 
 #include "appcfg.h"
 #include "data.h"
+#include "guard.h"
 #include "strops.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
+#include <cerrno>
 #include <charconv>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
 #include <fstream>
+#include <memory>
 #include <netdb.h>
 #include <string_view>
 #include <unistd.h>
@@ -45,7 +51,8 @@ std::string address_text(std::string_view hex)
     return inet_ntop(is_six && !is_mapped ? AF_INET6 : AF_INET, address, text.data(), text.size()) ? text.data() : "?";
 }
 
-void read_inet(const fs::path& table, net_socket::kind_of kind, std::vector<net_socket>* sockets)
+/* The tables begin with what listens. */
+void read_inet(const fs::path& table, net_socket::kind_of kind, socket_choice choice, std::vector<net_socket>* sockets)
 {
     std::ifstream in(table);
     std::string line;
@@ -60,9 +67,12 @@ void read_inet(const fs::path& table, net_socket::kind_of kind, std::vector<net_
                    &s.inode) != 7)
             continue;
         s.kind = kind;
+        s.is_listening = kind == net_socket::DATAGRAM || state == STATE_LISTENING;
+        if (choice == socket_choice::LISTENING && !s.is_listening)
+            return;
+        s.is_six = strlen(host.data()) > 8;
         s.host = address_text(host.data());
         s.peer_host = address_text(peer.data());
-        s.is_listening = kind == net_socket::DATAGRAM || state == STATE_LISTENING;
         sockets->push_back(std::move(s));
     }
 }
@@ -109,10 +119,13 @@ fs::path proc_of(pid_t pid)
 
 std::string first_line(const fs::path& path)
 {
-    std::string line;
-    std::ifstream in(path);
-    std::getline(in, line);
-    return line;
+    std::array<char, 4096> buf{};
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    const ssize_t n = fd >= 0 ? read(fd, buf.data(), buf.size()) : -1;
+    if (fd >= 0)
+        close(fd);
+    const std::string_view text(buf.data(), static_cast<size_t>(std::max<ssize_t>(n, 0)));
+    return std::string(text.substr(0, text.find('\n')));
 }
 
 std::vector<pid_t> all_pids()
@@ -136,30 +149,40 @@ bool is_agent(pid_t pid)
     return name_of(pid) == APP_NAME;
 }
 
-std::optional<std::vector<fs::path>> descriptors_of(pid_t pid)
+std::optional<std::vector<descriptor>> descriptors_of(pid_t pid)
 {
-    std::vector<fs::path> fds;
-    std::error_code ec;
-    fs::directory_iterator it(proc_of(pid) / "fd", ec);
-    if (ec)
+    const std::unique_ptr<DIR, releaser<closedir>> dir(opendir((proc_of(pid) / "fd").c_str()));
+    if (!dir)
         return std::nullopt;
-    for (; !ec && it != fs::directory_iterator(); it.increment(ec))
-        fds.push_back(it->path());
+    std::vector<descriptor> fds;
+    std::array<char, PATH_MAX> target{};
+    while (const dirent* entry = readdir(dir.get())) {
+        if (entry->d_name[0] == '.')
+            continue;
+        const ssize_t n = readlinkat(dirfd(dir.get()), entry->d_name, target.data(), target.size());
+        if (n < 0 && (errno == EACCES || errno == EPERM)) /* they may be counted, but not looked at */
+            return std::nullopt;
+        if (n >= 0) /* else closed meanwhile */
+            fds.push_back({entry->d_name, {target.data(), static_cast<size_t>(n)}});
+    }
     return fds;
+}
+
+std::set<ino_t> sockets_among(const std::vector<descriptor>& fds)
+{
+    std::set<ino_t> inodes;
+    for (const descriptor& fd : fds) {
+        constexpr std::string_view HEAD = "socket:[";
+        if (fd.target.starts_with(HEAD))
+            inodes.insert(
+                parse_num<ino_t>(fd.target.substr(HEAD.size(), fd.target.size() - HEAD.size() - 1)).value_or(0));
+    }
+    return inodes;
 }
 
 std::set<ino_t> sockets_of(pid_t pid)
 {
-    std::set<ino_t> inodes;
-    const auto fds = descriptors_of(pid);
-    for (const fs::path& fd : fds.value_or(std::vector<fs::path>{})) {
-        std::array<char, 64> link{};
-        ino_t inode = 0;
-        if (readlink(fd.c_str(), link.data(), link.size() - 1) > 0 &&
-            sscanf(link.data(), "socket:[%lu]", &inode) == 1) // NOLINT(cert-err34-c)
-            inodes.insert(inode);
-    }
-    return inodes;
+    return sockets_among(descriptors_of(pid).value_or(std::vector<descriptor>{}));
 }
 
 std::string net_socket::place() const
@@ -172,22 +195,22 @@ std::string net_socket::peer() const
     return host_and_port(peer_host, peer_port);
 }
 
-std::vector<net_socket> net_sockets(pid_t pid)
+std::vector<net_socket> net_sockets(pid_t pid, socket_choice choice)
 {
     const fs::path net = proc_of(pid) / "net";
     std::vector<net_socket> sockets;
-    read_inet(net / "tcp", net_socket::STREAM, &sockets);
-    read_inet(net / "tcp6", net_socket::STREAM, &sockets);
+    read_inet(net / "tcp", net_socket::STREAM, choice, &sockets);
+    read_inet(net / "tcp6", net_socket::STREAM, choice, &sockets);
     read_paths(net / "unix", &sockets);
-    read_inet(net / "udp", net_socket::DATAGRAM, &sockets);
-    read_inet(net / "udp6", net_socket::DATAGRAM, &sockets);
+    read_inet(net / "udp", net_socket::DATAGRAM, choice, &sockets);
+    read_inet(net / "udp6", net_socket::DATAGRAM, choice, &sockets);
     return sockets;
 }
 
-std::vector<net_socket> own_sockets(pid_t pid)
+std::vector<net_socket> own_listeners(pid_t pid)
 {
     const std::set<ino_t> own = sockets_of(pid);
-    std::vector<net_socket> sockets = net_sockets(pid);
+    std::vector<net_socket> sockets = net_sockets(pid, socket_choice::LISTENING);
     std::erase_if(sockets, [&own](const net_socket& s) { return !own.contains(s.inode); });
     return sockets;
 }
@@ -234,7 +257,7 @@ std::vector<listening_place> places_of(const rui_cfg& cfg)
 std::vector<pid_t> who_listens(const listening_place& place)
 {
     std::set<ino_t> inodes;
-    for (const net_socket& s : net_sockets(getpid())) {
+    for (const net_socket& s : net_sockets(getpid(), socket_choice::LISTENING)) {
         if (place.is_served_by(s))
             inodes.insert(s.inode);
     }

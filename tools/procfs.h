@@ -19,9 +19,16 @@ struct rui_cfg;
 [[nodiscard]] std::string name_of(pid_t pid);
 [[nodiscard]] bool is_agent(pid_t pid);
 
-/* The descriptors of a process as paths below /proc; none if they may not be seen. */
-[[nodiscard]] std::optional<std::vector<std::filesystem::path>> descriptors_of(pid_t pid);
-/* The inodes of its sockets, as far as they may be seen. */
+/* An open descriptor of a process. */
+struct descriptor {
+    std::string number;
+    std::string target; /* "socket:[4711]"; of a file its path, with " (deleted)" behind that of a removed one */
+};
+/* None if they may not be seen. */
+[[nodiscard]] std::optional<std::vector<descriptor>> descriptors_of(pid_t pid);
+/* The inodes of the sockets among them. */
+[[nodiscard]] std::set<ino_t> sockets_among(const std::vector<descriptor>& fds);
+/* Of a process, as far as they may be seen. */
 [[nodiscard]] std::set<ino_t> sockets_of(pid_t pid);
 
 struct net_socket {
@@ -31,6 +38,7 @@ struct net_socket {
     std::string peer_host;
     unsigned peer_port = 0;
     bool is_listening = false;
+    bool is_six = false;       /* an IPv6 socket, whatever its addresses */
     unsigned long waiting = 0; /* of a listening STREAM: clients that the process has not taken yet */
     ino_t inode = 0;
 
@@ -38,10 +46,12 @@ struct net_socket {
     [[nodiscard]] std::string peer() const;
 };
 
-/* The sockets in the network namespace of a process, whosever they are. */
-[[nodiscard]] std::vector<net_socket> net_sockets(pid_t pid);
-/* Those of them that are the process's own. */
-[[nodiscard]] std::vector<net_socket> own_sockets(pid_t pid);
+/* The sockets in the network namespace of a process, whosever they are. LISTENING leaves the connections out, of which
+   there may be very many. */
+enum class socket_choice { LISTENING, ALL };
+[[nodiscard]] std::vector<net_socket> net_sockets(pid_t pid, socket_choice choice);
+/* Those of its listening ones and channels that are the process's own. */
+[[nodiscard]] std::vector<net_socket> own_listeners(pid_t pid);
 
 /* Where a listener or a channel will be found. */
 struct listening_place {
