@@ -6,6 +6,8 @@
 #include <libconfig.h>
 #include <string_view>
 
+constexpr size_t CONFIG_TEXT_MAX = 1 << 20; /* bytes: a file that has as many is no configuration */
+
 /* Reads and parses a whole file. 0, or -1 (logged); an included file that cannot be read counts as an error of the
    text, where the parser library alone would end the process. */
 [[nodiscard]] int parse_config(config_t* cfg, const char* path, FILE* fp) noexcept;

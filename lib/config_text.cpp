@@ -13,7 +13,6 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
-constexpr size_t TEXT_MAX = 1 << 20;
 constexpr size_t INCLUDE_PATH_MAX = 1024;
 constexpr int INCLUDE_DEPTH_MAX = 10; /* the library's own */
 constexpr std::string_view BLANKS = " \t";
@@ -114,11 +113,11 @@ struct file_text {
 /* False: it cannot be read, or is longer than any configuration. */
 static bool read_text(FILE* fp, file_text* text) noexcept
 {
-    text->buf.reset(static_cast<char*>(malloc(TEXT_MAX)));
+    text->buf.reset(static_cast<char*>(malloc(CONFIG_TEXT_MAX)));
     if (!text->buf)
         return false;
-    text->len = fread(text->buf.get(), 1, TEXT_MAX, fp);
-    return !ferror(fp) && text->len < TEXT_MAX;
+    text->len = fread(text->buf.get(), 1, CONFIG_TEXT_MAX, fp);
+    return !ferror(fp) && text->len < CONFIG_TEXT_MAX;
 }
 
 static int refuse(const char* path, unsigned line, const char* why) noexcept

@@ -17,6 +17,7 @@
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 
 namespace
 {
@@ -195,6 +196,10 @@ void list_keys()
 
 void check_text(const char* path)
 {
+    struct stat st {
+    };
+    if (stat(path, &st) != 0 || !S_ISREG(st.st_mode) || static_cast<size_t>(st.st_size) >= CONFIG_TEXT_MAX)
+        return; /* cannot be read twice, or was refused for its length */
     check_numbers(path);
     config_t file;
     config_init(&file);

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <limits>
 #include <map>
 #include <memory>
 #include <unistd.h>
@@ -27,6 +28,7 @@ namespace
 {
 
 constexpr long FIRST_UNIX_TIME = 1000000000; /* an expiry from here on is a time, not a length */
+constexpr size_t LINE_MAX_LEN = 65536;
 
 /* ---- a record ---- */
 
@@ -310,6 +312,19 @@ std::vector<fs::path> default_logs()
     return logs;
 }
 
+/* No record is longer than LINE_MAX_LEN: what goes beyond is passed by, so that no log takes all the memory. */
+bool next_line(std::istream& in, std::string* line)
+{
+    std::array<char, LINE_MAX_LEN> buf{};
+    in.getline(buf.data(), buf.size());
+    line->assign(buf.data());
+    if (in.fail() && in.gcount() > 0 && !in.eof()) {
+        in.clear();
+        in.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
+    }
+    return static_cast<bool>(in) || !line->empty();
+}
+
 void read_logs(std::span<char* const> args, history* h)
 {
     if (g_set.data_dir.empty())
@@ -318,12 +333,11 @@ void read_logs(std::span<char* const> args, history* h)
     if (const fs::path absolute = fs::absolute(g_set.data_dir, ec); !ec)
         g_set.data_dir = absolute.lexically_normal();
     const std::vector<fs::path> logs = args.empty() ? default_logs() : std::vector<fs::path>(args.begin(), args.end());
-    std::string line;
     for (const fs::path& log : logs) {
         std::ifstream in(log);
         if (!in)
             fail(STATUS_USAGE, log.native() + ": " + strerror(errno));
-        while (std::getline(in, line)) {
+        for (std::string line; next_line(in, &line);) {
             if (const auto r = parse_record(line))
                 take_record(h, *r);
         }

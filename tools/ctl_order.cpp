@@ -123,7 +123,8 @@ outcome try_ask(const std::string& target, long wait_ms)
     std::array<char, 64> answer{};
     const ssize_t n = recv(fd, answer.data(), answer.size() - 1, 0);
     int code = 0;
-    return {.code = n > 0 && sscanf(answer.data(), "HTTP/1.%*d %d", &code) == 1 ? code : 0}; // NOLINT(cert-err34-c)
+    const bool is_http = n > 0 && sscanf(answer.data(), "HTTP/1.%*1d %3d", &code) == 1; // NOLINT(cert-err34-c)
+    return {.code = is_http && code >= 100 && code < 600 ? code : 0};
 }
 
 /* The status of the answer; 0 when the agent closed without one. */
@@ -241,10 +242,10 @@ void show_progress(const fs::path& unfinished, long seconds)
     const auto size = static_cast<uint64_t>(st.st_size);
     if (pos > 0 && size > 0) {
         const auto done = static_cast<size_t>(std::min(pos, size) * WIDTH / size);
-        fprintf(stderr, "\r[%s%s] %3lu%%", std::string(done, '#').c_str(), std::string(WIDTH - done, '.').c_str(),
-                pos * 100 / size);
+        dprintf(STDERR_FILENO, "\r[%s%s] %3lu%%", std::string(done, '#').c_str(),
+                std::string(WIDTH - done, '.').c_str(), pos * 100 / size);
     } else {
-        fprintf(stderr, "\r%ld s, %lu bytes announced", seconds, size);
+        dprintf(STDERR_FILENO, "\r%ld s, %lu bytes announced", seconds, size);
     }
 }
 

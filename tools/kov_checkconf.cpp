@@ -7,6 +7,7 @@
 #include "log.h"
 #include "meta.h"
 #include "options.h"
+#include "plain_out.h"
 #include "process.h"
 #include "strops.h"
 
@@ -156,6 +157,7 @@ int usage(FILE* out, int status)
 
 int main(int argc, char* argv[])
 {
+    make_output_plain();
     const std::string letters = option_letters(CHECKCONF_OPTIONS);
     const auto options = long_options(CHECKCONF_OPTIONS);
     bool is_strict = false;

@@ -4,6 +4,7 @@
 #include "data.h"
 #include "log.h"
 #include "options.h"
+#include "plain_out.h"
 #include "strops.h"
 
 #include <algorithm>
@@ -179,6 +180,7 @@ int run(ctl_cmd cmd, std::span<char* const> args)
 
 int main(int argc, char* argv[])
 {
+    make_output_plain();
     const char* named = nullptr;
     const std::string letters = option_letters(CTL_OPTIONS);
     const auto options = long_options(CTL_OPTIONS);

@@ -1,12 +1,10 @@
 """What tools/client gives to senders: the Python module and the shell example, against a real agent."""
 
 import os
-import socket
 import subprocess
-import threading
 
 import kov_client
-from harness import KovTest, free_port, wait_for
+from harness import KovTest, free_port
 
 CLIENT = os.path.dirname(kov_client.__file__)
 ODD_NAMES = ("a b%41+c@d&e.ts", "lead/src/a", "DST/b", "\u00e9/\u20ac", "q?x#y")
@@ -90,22 +88,11 @@ class Client(KovTest):
             kov_client.wait_for_file(self.agent.path("never"), timeout=0.2)
 
     def test_a_mute_and_a_babbling_agent_are_given_up(self):
-        with socket.create_server(("127.0.0.1", 0)) as mute:
-            with self.assertRaises(kov_client.NoAnswer):
-                kov_client.order(mute.getsockname(), "http://h/a", "a", expiry=1, timeout=0.3)
-
-        def babble(server):
-            conn, _ = server.accept()
-            with conn:
-                try:
-                    while True:
-                        conn.sendall(b"\0\xff garbage" * 1000)
-                except OSError:
-                    pass
-
-        with socket.create_server(("127.0.0.1", 0)) as server:
-            talker = threading.Thread(target=babble, args=(server,))
-            talker.start()
-            with self.assertRaisesRegex(kov_client.NoAnswer, "not like an agent"):
-                kov_client.order(server.getsockname(), "http://h/a", "a", expiry=1)
-            wait_for(lambda: not talker.is_alive(), "the end of the babble")
+        order = "/src/http://h/a/dst/a?expiry=1"
+        place = ("127.0.0.1", self.origin.port)
+        for answer, error in ((lambda conn, _: self.origin.stall(), "no answer within 0.3 s"),
+                              (lambda conn, _: None, "closed without an answer"),
+                              (lambda conn, _: conn.sendall(b"\0\xff" * 10000000), "not like an agent")):
+            self.origin.serve(order, answer)
+            with self.assertRaisesRegex(kov_client.NoAnswer, error):
+                kov_client.order(place, "http://h/a", "a", expiry=1, timeout=0.3)

@@ -222,6 +222,50 @@ class Orders(Ctl):
         self.ctl("ready")
 
 
+class Hostile(KovTest):
+    """Both programs end soon, with a status of theirs, and print nothing that would command a terminal."""
+
+    def tools(self, *args, program="kovctl", **kwargs):
+        done = subprocess.run([f"{BIN}/{program}", *args], capture_output=True, timeout=20, check=False, **kwargs)
+        self.assertIn(done.returncode, range(8), done)
+        self.assertNotRegex(done.stdout + done.stderr, rb"[\x00-\x09\x0b-\x1f\x7f]|runtime error|Sanitizer")
+        return done.returncode
+
+    def test_agents_that_answer_garbage_never_or_for_ever(self):
+        place = f"127.0.0.1:{self.origin.port}"
+        order = "/src/http://h/a/dst/a?expiry=5"
+        for answer, status in ((b"\0\x1b[2J\xff" * 1000, 1), (b"HTTP/1.1 99999999999999999999 x\r\n", 1), (b"", 1),
+                               (b"HTTP/1.1 200" + b"x" * 10_000_000, 0), (None, 5)):
+            for path in ("/", order):
+                self.origin.serve(path, lambda conn, _, a=answer: self.origin.stall() if a is None else conn.sendall(a))
+            self.assertEqual(self.tools("-a", place, "-t", "1", "ping"), status or 1)
+            self.assertEqual(self.tools("-a", place, "-t", "1", "ready"), 5)
+            self.assertEqual(self.tools("-a", place, "-t", "1", "-e", "5", "get", "http://h/a", "a"), status)
+
+    def test_arguments_files_and_logs_of_megabytes_and_control_characters(self):
+        long, odd = "x" * 100_000, "a\x1b[2J\r\x07\x7f"
+        for text in (long, odd, ""):
+            for args in (("-C", text, "ping"), ("-a", text, "ping"), ("-u", text, "send", "job1", "http://h/a", "b", "5"),
+                         ("-a", "h:1", "get", text, "a"), ("-a", "h:1", "get", "http://h/a", text),
+                         ("-D", text, "verify"), ("-D", "/", "lost", text), (text,), ("-p", text, "status"),
+                         ("-t", text, "ping"), ("--" + text, "ping")):
+                self.assertNotEqual(self.tools(*args), 0, args)
+            self.tools(text, program="kov-checkconf")
+            self.tools("--wait", text, "/dev/null", program="kov-checkconf")
+        head = "2026-11-22 02:00:40.574449 UTC 4711  (NRM)  u1  TASK-START [DOW] (0x7f/idx=0) "
+        for text in ("x" * 10_000_000, odd * 1_000_000, "\0" * 10_000_000, "(" * 1_000_000, "{ a = " * 100_000,
+                     'kova = { log = { file = "' + long * 100 + '"; }; };', f'kova = {{ {odd} = 1; "{odd}" }};',
+                     f'kova = {{ log = {{ file = "/tmp/{odd}"; }}; data_dir = "/{odd}"; {long} = 1; }};',
+                     f"{head}[{long * 100}]->[/d/a] length=0, expiry=60 lid=[]\n" * 2,
+                     f"{head}[http://h/{odd}]->[/d/{odd}-Kova] length=0, expiry=9223372036854775807 lid=[]\n",
+                     f"{head}[http://h/a]->[/d/a-Kova] length=0, expiry={'9' * 1000} lid=[]\n" * 10_000):
+            write(f"{self.root}/f", text)
+            self.assertEqual(self.tools(f"{self.root}/f", program="kov-checkconf"), 1)
+            self.assertEqual(self.tools("-C", f"{self.root}/f", "status"), 2)
+            for command in ("lost", "expire"):
+                self.tools("-D", "/d", command, f"{self.root}/f")
+
+
 class Left(Ctl):
     def test_what_it_holds_and_what_was_left_behind(self):
         self.ctl("get", self.origin.cut("/r", self.origin.stall), 'run"ning')

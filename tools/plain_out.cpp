@@ -1,0 +1,50 @@
+/* Standard output and error without control bytes. */
+#include "plain_out.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <unistd.h>
+
+namespace
+{
+
+/* The cookie is the descriptor. All of it, or less after an error. */
+ssize_t write_plain(void* cookie, const char* text, size_t len)
+{
+    const int fd = static_cast<int>(reinterpret_cast<intptr_t>(cookie));
+    std::array<char, 4096> plain{};
+    for (size_t done = 0; done < len;) {
+        const size_t part = std::min(len - done, plain.size());
+        std::replace_copy_if(
+            text + done, text + done + part, plain.begin(),
+            [](char c) { return (static_cast<unsigned char>(c) < ' ' && c != '\n') || c == 0x7f; }, '?');
+        const ssize_t n = write(fd, plain.data(), part);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return static_cast<ssize_t>(done);
+        done += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(len);
+}
+
+FILE* plain_stream(int fd, int mode, FILE* otherwise)
+{
+    FILE* out = fopencookie(reinterpret_cast<void*>(static_cast<intptr_t>(fd)), "w",
+                            {.read = nullptr, .write = write_plain, .seek = nullptr, .close = nullptr});
+    if (!out)
+        return otherwise;
+    setvbuf(out, nullptr, mode, BUFSIZ);
+    return out;
+}
+
+} // namespace
+
+void make_output_plain()
+{
+    stdout = plain_stream(STDOUT_FILENO, isatty(STDOUT_FILENO) ? _IOLBF : _IOFBF, stdout);
+    stderr = plain_stream(STDERR_FILENO, _IOLBF, stderr);
+}
