@@ -1,6 +1,7 @@
 """Whose file is it: repeated orders, mirrors for one destination, stalls, takeovers, what stands in a task's way."""
 
 import os
+import shutil
 import threading
 import time
 
@@ -132,6 +133,14 @@ class Ownership(KovTest):
                 agent.holds(*left)
                 for name in left:
                     os.unlink(agent.path(name))
+
+    def test_directories_that_are_removed_under_a_download_are_made_again(self):
+        agent = self.start()
+        _, gate = self.start_stalled(agent, "/a", "x/a", False)
+        shutil.rmtree(agent.data)
+        gate.set()
+        agent.logged("complete_download: rename(", "TASK-END")
+        agent.fetch(self.origin.body("/b", b"b"), "x/b", b"b")
 
     def test_a_mapped_order_that_does_not_fit_gives_its_blocks_back(self):
         agent = self.start(trace="fallocate,ftruncate", inject=["fallocate:error=ENOSPC"])

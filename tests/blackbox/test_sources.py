@@ -2,6 +2,7 @@
 
 import os
 import re
+import resource
 import socket
 import threading
 import time
@@ -100,6 +101,16 @@ class Sources(KovTest):
             self.assertTrue(counts and (not counts[1] or int(counts[2]) < int(counts[1])), agent.log())
             agent.fetch(self.origin.body("/small", b"x" * 300_000), "small", b"x" * 300_000)
             agent.holds("small")
+
+    def test_a_file_size_limit_fails_the_body_and_the_log_but_not_the_agent(self):
+        limit = 1 << 16
+        for settings in MODES:
+            agent = self.start(settings, preexec=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit)))
+            agent.order(self.origin.body("/big", b"x" * (limit + 1)), "big", 500)
+            agent.logged("ERROR(27): ")
+            while os.path.getsize(agent.log_path) < limit:
+                agent.get("/" + "x" * 500, 400)
+            agent.fetch(self.origin.body("/fits", b"y" * limit), "fits", b"y" * limit)
 
     def test_a_thousand_at_once(self):
         agent = self.start()

@@ -75,7 +75,8 @@ udp_input = {{ url = "239.1.1.1:5000"; }};
 lbdb = {{ host = "h"; port = 1; sha1_dir = "{digests}"; }}; local_url_prefix = "http://h";
 max_tasks = 9000000; }}; other = 1;"""
         out = self.check(text)
-        for line in ("line 1: unknown key levle", "line 1: max_files is not within 1 to 127", "line 2: quiet is not true or false, and has no effect",
+        for line in ("line 1: unknown key levle", "line 1: max_files is not within 1 to 127",
+                     "line 2: quiet is not true or false, and has no effect",
                      "line 4: listener 5 is ignored: there are four at most", "a web listener over udp accepts nobody",
                      "ifc and port are ignored beside domain_path", "unknown key other", "the hard limit is ",
                      "lock_dir /tmp is a temporary place", "can stop the agent with one datagram",
@@ -148,11 +149,6 @@ class Ctl(KovTest):
 
     def ctl(self, *args, **kwargs):
         return kovctl("-C", f"{self.agent.root}/kov.conf", *args, **kwargs)
-
-    def restart(self, signo):
-        self.agent.stop(signo)
-        self.agent.run()
-        self.agent.wait_ready()
 
 
 class Orders(Ctl):
@@ -315,12 +311,12 @@ unfinished: {running}, 3 of 9 bytes, 4\d s since its last change\n$""")
         agent.order(self.origin.halves("/over"), "over", query="?expiry=1")
         self.ctl("lost", status=1,
                  says=rf"^http://\S+/broken -> {agent.data}/broken: broken, no expiry\n$")  # others run still
-        self.restart(signal.SIGTERM)
+        self.agent.restart()
         wait_for(lambda: "over: cut by a stop, over" in self.ctl("lost", status=1), "the expiry's end")
         rotated = int(glob.glob(f"{agent.log_path}.*")[0].rsplit(".", 1)[1])
         wait_for(lambda: time.time() > rotated + 1, "another second, by which the next log is named")
         agent.order(self.origin.halves("/crashed"), "crashed")
-        self.restart(signal.SIGKILL)
+        self.agent.restart(signal.SIGKILL)
         age(agent.path("crashed-Kova"), 1000)
         lost = [re.sub(r"^\S+ -> |\d+(?= s)", "", line) for line in self.ctl("lost", status=1).splitlines()]
         self.assertEqual(lost, [f"{agent.data}/{what}" for what in (
@@ -340,7 +336,7 @@ unfinished: {running}, 3 of 9 bytes, 4\d s since its last change\n$""")
         self.agent.ended()
         self.database.run()
         self.ctl("register", "--from-log", status=7)  # its connection is gone for good
-        self.restart(signal.SIGTERM)
+        self.agent.restart()
         begin = time.time()
         self.ctl("register", "--from-log", says="^a: registered\n$")
         self.assertLessEqual(float(self.database.urls("a")["http://me.example/a"]), begin + 600)

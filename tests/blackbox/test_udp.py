@@ -1,10 +1,11 @@
-"""Orders as datagrams, over loopback, a multicast group and IPv6, with their locks."""
+"""Orders as datagrams over loopback, a group and IPv6, with their locks; agents that share them."""
 
 import os
 import signal
 import socket
+import time
 
-from harness import KovTest, age, free_port, read, sized, wait_for, write
+from harness import QUICK, KovTest, age, free_port, read, sized, wait_for, write
 
 GROUP = "239.77.1.2"
 
@@ -178,16 +179,6 @@ class Channel(KovTest):
         agent.stored("friend")
         self.assertEqual(agent.files(), ["friend"])
 
-    def test_a_burst(self):
-        agent = self.start()
-        for i in range(100):
-            self.origin.body(f"/{i}", b"%d" % i)
-            self.order(agent, f"job{i:03}", f"/{i}", f"b/{i}")
-        for i in range(100):
-            agent.stored(f"b/{i}", b"%d" % i)
-        agent.ended(100)
-        self.assertEqual(agent.held(), [])
-
     def test_an_unreachable_channel_fails_the_start(self):
         for url, message in (("http://127.0.0.1:9", ""), ("udp://192.0.2.1:9", "bind("), ("file:///dev/null", ""),
                              ("nonsense", "unsupported type of URI [nonsense]"), ("tcp://127.0.0.1:{}", ""),
@@ -200,3 +191,58 @@ class Channel(KovTest):
                              ("udp://[ff12::1]:5000", "must be specified to use link/local-scope multicast")):
             agent = self.fails_to_start(1, (message, "init_kova_ctx: failed to [?], rc=-1\n"), channel=url)
             agent.logged(f"udl_ctx_init: failed to open [{url.format(agent.udp_port)}]\n")
+
+
+class Fleet(KovTest):
+    """Three agents on one group with one lock directory and one Redis; two are killed on the way."""
+
+    @staticmethod
+    def body(i):
+        return b"/s%d" % i * 40
+
+    def slowly(self, conn, path):
+        """Half of the body comes later than any agent needs to hear of the order."""
+        body = self.body(int(path[2:]))
+        conn.sendall(sized(len(body)) + body[:len(body) // 2])
+        time.sleep(3.0)
+        conn.sendall(body[len(body) // 2:])
+
+    def test_every_order_is_fetched_stored_and_registered_once(self):
+        count = 200 if QUICK else 1000
+        db, locks, port = self.redis(), self.new_root(), free_port()
+        agents = [self.start(db.settings(f"http://agent{n}"), channel=f"udp://{GROUP}:{port}", udp='mcast_ifc = "lo";',
+                             level="norm", locks=locks) for n in range(3)]
+        agents[0].udp_port = port
+        for i in range(count):
+            url = self.origin.serve(f"/s{i}", self.slowly)
+            agents[0].datagram(f"#!job-{i:04} http://any/src/{url}/dst/f/{i} {2000000000 + i}", GROUP)
+            time.sleep(0.004)
+            if i in (count // 3, 2 * count // 3):
+                agents[1 if i == count // 3 else 2].restart(signal.SIGKILL)
+
+        def asked():
+            return [int(head.split()[1][2:]) for head in self.origin.requests]
+
+        def held():
+            return {int(name[4:8]) for name in agents[0].held()}
+
+        # An agent may have been killed between its lock and its request.
+        wait_for(lambda: set(asked()) | held() == set(range(count)), "every order's fetch", 30)
+        for agent in agents:
+            wait_for(lambda a=agent: a.log().count("TASK-START") == a.log().count("TASK-END"), "the ends", 30)
+        stored = [(int(name[2:]), agent) for agent in agents for name in agent.files() if not name.endswith("-Kova")]
+        unfinished = {int(name[2:-5]) for agent in agents for name in agent.unfinished()}
+        cut = held() - {i for i, _ in stored}
+        self.assertEqual(len(asked()), len(set(asked())))
+        self.assertEqual(sorted([i for i, _ in stored] + list(cut)), list(range(count)))
+        self.assertTrue(0 < len(unfinished) and unfinished <= cut)  # who was cut down leaves its lock, no other
+        self.assertLessEqual(len(held() - cut), 2)  # killed between rename and release
+        for i, agent in stored:
+            agent.stored(f"f/{i}", self.body(i))
+            if i not in held():
+                end = {f"http://agent{agents.index(agent)}/f/{i}": str(2000000000 + i)}
+                wait_for(lambda i=i, end=end: db.urls(f"f/{i}") == end, f"registration {i}")
+        self.assertEqual([i for i in cut if db.urls(f"f/{i}")], [])
+        for agent in agents:
+            for name in agent.unfinished():
+                os.remove(agent.path(name))

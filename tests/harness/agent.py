@@ -355,3 +355,8 @@ class Agent:
             self.proc.send_signal(signo)
         status = self.proc.wait(10)
         return status, time.monotonic() - start
+
+    def restart(self, signo=signal.SIGTERM):
+        self.stop(signo)
+        self.run()
+        return self.wait_ready()
