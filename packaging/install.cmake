@@ -32,6 +32,7 @@ file(INSTALL \"\${MADE}/kov.service\" \"\${MADE}/kov@.service\" \"\${MADE}/kov-w
 file(INSTALL \"\${MADE}/redis.conf\" \"\${MADE}/outbox.conf\" DESTINATION \"\${DATADIR}/systemd\")")
 install(FILES packaging/systemd/kov.sysusers DESTINATION lib/sysusers.d RENAME kov.conf)
 install(FILES packaging/systemd/kov.tmpfiles DESTINATION lib/tmpfiles.d RENAME kov.conf)
+install(FILES packaging/systemd/kov.sysctl DESTINATION lib/sysctl.d RENAME 60-kov.conf)
 install(PROGRAMS packaging/redis/load-scripts packaging/systemd/watch packaging/day-picture
   DESTINATION ${CMAKE_INSTALL_DATADIR}/kov)
 install(FILES packaging/mtail/kov.mtail packaging/mtail/kov.rules.yml

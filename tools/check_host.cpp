@@ -115,6 +115,16 @@ void check_listeners(const kova_cfg& cfg)
     }
 }
 
+/* What comes while the agent is busy waits in the kernel, in a buffer that the configuration cannot change. */
+void check_channel_buffer(const kova_cfg& cfg)
+{
+    constexpr long BYTES_A_DATAGRAM = 832; /* what the kernel reckons for a short one */
+    const auto bytes = parse_num<long>(first_line("/proc/sys/net/core/rmem_default"));
+    if (cfg.udp_cha.url[0] && bytes)
+        printf("channel: %ld orders wait for a busy agent, further ones are dropped (net.core.rmem_default %ld)\n",
+               *bytes / BYTES_A_DATAGRAM, *bytes);
+}
+
 } // namespace
 
 void check_host(const kova_cfg& cfg)
@@ -123,4 +133,5 @@ void check_host(const kova_cfg& cfg)
     check_runtime(cfg);
     check_names(cfg);
     check_listeners(cfg);
+    check_channel_buffer(cfg);
 }

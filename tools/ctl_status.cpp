@@ -51,7 +51,8 @@ struct agent_state {
     pid_t pid = 0;
     std::vector<std::string> listeners; /* with what a reader must know of them */
     std::vector<std::string> channels;
-    size_t clients = 0; /* connected */
+    unsigned long dropped = 0; /* datagrams that found a channel's receive buffer full */
+    size_t clients = 0;        /* connected */
     unsigned long queued = 0;
     size_t downloads = 0;
     size_t fds = 0;
@@ -176,6 +177,7 @@ std::vector<net_socket> take_sockets(agent_state* a, const std::set<ino_t>& own_
             continue;
         if (s.kind == net_socket::DATAGRAM) {
             a->channels.push_back(s.place());
+            a->dropped += s.dropped;
             continue;
         }
         a->listeners.push_back(listener_text(s, all, own_inodes));
@@ -271,6 +273,8 @@ void print_text(const agent_state& a)
         printf("listener: %s\n", l.c_str());
     for (const std::string& c : a.channels)
         printf("channel: %s\n", c.c_str());
+    if (a.dropped > 0)
+        printf("datagrams dropped: %lu; see net.core.rmem_default\n", a.dropped);
     printf("clients: %zu, %lu waiting\n", a.clients, a.queued);
     printf("downloads: %zu", a.downloads);
     if (g_cfg.max_tasks > 0)
@@ -342,8 +346,8 @@ std::string json_list(const std::vector<std::string>& texts)
 void print_json(const agent_state& a)
 {
     const std::optional<uint64_t> max = g_cfg.max_tasks > 0 ? std::optional<uint64_t>(g_cfg.max_tasks) : std::nullopt;
-    printf("{\"pid\": %d, \"listeners\": %s, \"channels\": %s,\n", a.pid, json_list(a.listeners).c_str(),
-           json_list(a.channels).c_str());
+    printf("{\"pid\": %d, \"listeners\": %s, \"channels\": %s, \"dropped\": %lu,\n", a.pid,
+           json_list(a.listeners).c_str(), json_list(a.channels).c_str(), a.dropped);
     printf(" \"clients\": {\"connected\": %zu, \"waiting\": %lu},\n", a.clients, a.queued);
     printf(" \"downloads\": {\"running\": %zu, \"max\": %s, \"bytes_per_second\": %s},\n", a.downloads,
            json_or_null(max).c_str(), json_or_null(a.rate).c_str());
@@ -397,6 +401,10 @@ void print_metrics(const agent_state& a)
     gauge("kov_unfinished_files", "Files that are being written.", a.files.size());
     gauge("kov_unfinished_oldest_seconds", "Since the last change of the file that has waited longest.",
           static_cast<uint64_t>(oldest_of(a)));
+    printf("# TYPE kov_dropped_datagrams counter\n# HELP kov_dropped_datagrams Orders that found the receive buffer "
+           "full.\n"
+           "kov_dropped_datagrams_total{%s} %lu\n",
+           g_label.c_str(), a.dropped);
     printf("# TYPE kov_silent_downloads gauge\n# HELP kov_silent_downloads Whose source has sent nothing for %ld s.\n",
            SILENT_SEC);
     for (const auto& [host, s] : a.silent)

@@ -62,10 +62,12 @@ void read_inet(const fs::path& table, net_socket::kind_of kind, socket_choice ch
         std::array<char, 33> peer{};
         net_socket s;
         unsigned state = 0;
-        if (sscanf(line.c_str(), " %*[0-9]: %32[0-9A-F]:%x %32[0-9A-F]:%x %x %*x:%lx %*s %*s %*s %*s %lu", host.data(),
-                   &s.port, peer.data(), &s.peer_port, &state, &s.waiting, // NOLINT(cert-err34-c)
-                   &s.inode) != 7)
+        unsigned long last = 0;
+        if (sscanf(line.c_str(), " %*[0-9]: %32[0-9A-F]:%x %32[0-9A-F]:%x %x %*x:%lx %*s %*s %*s %*s %lu %*s %*s %lu",
+                   host.data(), &s.port, peer.data(), &s.peer_port, &state, &s.waiting, // NOLINT(cert-err34-c)
+                   &s.inode, &last) < 7)
             continue;
+        s.dropped = kind == net_socket::DATAGRAM ? last : 0;
         s.kind = kind;
         s.is_listening = kind == net_socket::DATAGRAM || state == STATE_LISTENING;
         if (choice == socket_choice::LISTENING && !s.is_listening)

@@ -40,6 +40,7 @@ struct net_socket {
     bool is_listening = false;
     bool is_six = false;       /* an IPv6 socket, whatever its addresses */
     unsigned long waiting = 0; /* of a listening STREAM: clients that the process has not taken yet */
+    unsigned long dropped = 0; /* of a DATAGRAM: what found its receive buffer full */
     ino_t inode = 0;
 
     [[nodiscard]] std::string place() const; /* "127.0.0.1:8020", "[::1]:8020", or the path */

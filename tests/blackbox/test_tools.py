@@ -183,6 +183,14 @@ class Orders(Ctl):
         self.database.stop()
         self.ctl("-e", "600", "register", "v/a b%.ts", status=7, says="NOT registered")
 
+    def test_datagrams_that_found_no_room(self):
+        self.agent.proc.send_signal(signal.SIGSTOP)
+        for _ in range(int(read("/proc/sys/net/core/rmem_default")) // 832 + 50):
+            self.agent.datagram("no order, for whoever reads it at all")
+        self.agent.proc.send_signal(signal.SIGCONT)
+        self.ctl("status", says=r"\ndatagrams dropped: \d\d+; see net.core.rmem_default\n")
+        self.ctl("metrics", says=r"\nkov_dropped_datagrams_total\{agent=\"kov\"\} \d\d+\n")
+
     def test_usage_and_places_without_an_agent(self):
         for usage in (("dance",), ("get", "one"), ("-t", "soon", "ping"), ("-e", "soon", "get", "http://h/a", "b"),
                       ("get", "http://h/a", "b\n"), ("-p", "0", "status"), ("-D", "/nowhere", "verify"),
