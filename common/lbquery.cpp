@@ -1,6 +1,9 @@
 /* Client of the load-balancer database. The scripts live in the server and are called only by their digests, which are
    read from small files at start-up. One connection serves the whole life; it is never opened again. Every command is
-   waited for, with the signals let in. */
+   waited for, with the signals let in.
+   The difficulty is a server that misbehaves. The library would wait for ever, reserve what an answer announces, and
+   take a late answer for that to the next command: so the waits are made here, what an answer may hold is bounded, and
+   after the first doubt about the stream all later commands fail at once. */
 #include "lbquery.h"
 
 #include "guard.h"
@@ -54,6 +57,7 @@ struct lbdb_ctx {
     int64_t quit_deadline; /* ms of CLOCK_MONOTONIC; 0 = no quit signal has been met in a wait */
 };
 
+/* Written by lbdb_init, lbdb_connect, lbdb_destroy and, for the deadline, by wait_for_server. */
 static lbdb_ctx g_ctx{};
 static lbdb_cfg g_conn{}; /* host, port and time-out, for messages */
 
@@ -63,6 +67,7 @@ struct script_file {
     char* sha1;
 };
 
+/* What a digest's file is called in the configured directory, and where its text is kept. */
 static const std::array<script_file, 4> SCRIPTS = {{{LBQ_FL_ADD, "add_url.sha1", g_ctx.add_sha1},
                                                     {LBQ_FL_DEL, "del_url.sha1", g_ctx.del_sha1},
                                                     {LBQ_FL_NEXT, "next_url.sha1", g_ctx.next_sha1},
@@ -139,6 +144,7 @@ int load_lbdb_cfg(const config_setting_t* group, lbdb_cfg* cfg) noexcept
 
 /* ---- digests ---- */
 
+/* A digest has 40 digits, of which as many are taken as there is room for; a line that is far shorter is none. */
 int read_sha_signature(const char* path, char* buf, size_t cap) noexcept
 {
     buf[0] = '\0';
@@ -164,6 +170,7 @@ int read_sha_signature(const char* path, char* buf, size_t cap) noexcept
     return 0;
 }
 
+/* Before the connect only the file is looked at; afterwards the server is asked, too. */
 int verify_db_script(const char* dir, const char* name, char* dst, size_t cap) noexcept
 {
     std::array<char, LBQ_MAX_FPATH_LEN> path{};
@@ -178,6 +185,7 @@ int verify_db_script(const char* dir, const char* name, char* dst, size_t cap) n
     return g_ctx.redis ? check_script_exists(dst) : 0;
 }
 
+/* Digests first: without them there is no use in a connection. A failure leaves nothing behind. */
 int lbdb_init(const char* sha1_dir, int32_t need_func, uint32_t options) noexcept
 {
     ASSERT(0 == g_ctx.init_tm);
@@ -254,6 +262,7 @@ static bool exchange(int* is_sent, size_t* received) noexcept
     return *received <= MAX_REPLY_BYTES;
 }
 
+/* Reads until one whole answer is there. The library's own loop would wait without the signals. */
 static redisReply* await_reply() noexcept
 {
     int is_sent = 0;
@@ -327,6 +336,7 @@ int check_script_exists(const char* sha1) noexcept
    */
 constexpr size_t MAX_ARRAY = 4096;
 
+/* Written by bound_arrays, at the connect. */
 static redisReplyObjectFunctions g_library_fns;
 static redisReplyObjectFunctions g_bounded_fns;
 
@@ -345,6 +355,8 @@ static void bound_arrays(redisReader* reader) noexcept
     reader->fn = &g_bounded_fns;
 }
 
+/* Non-blocking, so that the wait for it lets the signals in. A vanished host is told by probes and by data that is
+   never acknowledged. */
 static int open_connection(const char* fn, const char* host, int port, timeval tmout) noexcept
 {
     g_ctx.redis = redisConnectNonBlock(host, port);
@@ -372,6 +384,7 @@ static int open_connection(const char* fn, const char* host, int port, timeval t
     return 0;
 }
 
+/* A server that was restarted has forgotten its scripts: better told at the start than by every registration. */
 static int verify_scripts() noexcept
 {
     if (g_ctx.need_func & LBQ_FL_ADD)
@@ -391,6 +404,7 @@ static int verify_scripts() noexcept
     return 0;
 }
 
+/* Once in a life: what is lost later stays lost, and every registration says so. */
 int lbdb_connect(const char* host, int port, timeval tmout) noexcept
 {
     ASSERT(!g_ctx.redis && g_ctx.init_tm > 0);
@@ -439,6 +453,7 @@ static int copy_reply(const char* fn, const redisReply* reply, char* buf, size_t
     return 0;
 }
 
+/* A script answers with one text, bare or as the only element of an array. A status or an error is none. */
 int reply_to_str(const redisReply* reply, char* buf, size_t cap) noexcept
 {
     switch (reply->type) {
@@ -466,6 +481,8 @@ int reply_to_str(const redisReply* reply, char* buf, size_t cap) noexcept
     }
 }
 
+/* The answer repeats the key, behind three characters that tell what was done: another key means that the answer
+   belongs to another command. */
 int lbdb_add_segurl(const char* id, const char* url, long expiry) noexcept
 {
     static std::array<char, REPLY_CAP> text;

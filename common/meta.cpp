@@ -1,4 +1,5 @@
-/* Identity and version texts. VERSION_MAJOR and VERSION_MINOR are the project's, from CMakeLists.txt. */
+/* Identity and version texts. They are an interface: sources and senders have seen them for years, so versions and
+   dates stay what they are. Each is built with its first use, which may be before the log is there. */
 #include "meta.h"
 
 #include <array>

@@ -1,4 +1,7 @@
-/* Request listeners: their life, their queues, removal and time-outs. Accepting is in rui_accept.cpp. */
+/* Request listeners: their life, their queues, removal and time-outs. Accepting is in rui_accept.cpp.
+   The difficulty is that a request ends in its own handler, while the loop may still hold an event for it, and its
+   listener may go before it. So a request is listed and removed after the round, the queue is the one place that knows
+   them all, and a listener that is dropped takes its requests with it. */
 #include "rui.h"
 
 #include "log.h"
@@ -26,6 +29,7 @@ constexpr size_t PPRM_ROOM = 8;
 constexpr size_t MIN_TRKNUM_DIGITS = 4; /* shorter numbers get leading zeros */
 constexpr size_t TRKNUM_DIGITS = 5;
 
+/* Written by rui_set_cb, before the first listener is set up. */
 static rui_socket_cb g_cb[RUI_MAX];
 
 static const char* kind_name(int kind) noexcept
@@ -42,6 +46,7 @@ static rui_socket_ctx* set_of(rui_ctx* ctx, int kind) noexcept
 
 /* ---- set of descriptors ---- */
 
+/* As many bits as are needed, new ones clear: a descriptor's number has no limit of its own. */
 static bool fdset_reserve(rui_fdset* set, size_t nbits) noexcept
 {
     const size_t nwords = (nbits + 63) / 64;
@@ -86,6 +91,8 @@ void rui_set_cb(int type, const rui_socket_cb* cb) noexcept
     g_cb[type] = *cb;
 }
 
+/* Room for the requests that a round ends is reserved here, so that listing one does not ask for memory on most
+   days. */
 int rui_setup_listeners(int kind, rui_listener_cfg* cfg, rui_socket_ctx* srv) noexcept
 {
     ASSERT(kind >= 0 && kind < RUI_MAX);
@@ -133,6 +140,7 @@ int rui_ctx_init(rui_cfg* cfg, rui_ctx* ctx) noexcept
 
 /* ---- start and stop ---- */
 
+/* An interface, an address of its own, any address, or a path: what the configuration names decides which. */
 int rui_start_listener(rui_listener_cfg* lc, rui_socket_ctx* srv) noexcept
 {
     ASSERT(srv->rqtag.num && srv->cb->new_rq && srv->cb->rm_rq);
@@ -181,6 +189,7 @@ int rui_ctx_start(rui_ctx* ctx) noexcept
     return 0;
 }
 
+/* The queued requests stay: they are served or timed out without their listener. */
 void rui_stop_listener(rui_socket_ctx* srv) noexcept
 {
     if (srv->sockfd <= 0)
@@ -196,6 +205,7 @@ void rui_stop_listener(rui_socket_ctx* srv) noexcept
     srv->deferred = true;
 }
 
+/* From the oldest request on; each takes itself out of the queue. */
 static void drop_listener(rui_socket_ctx* srv) noexcept
 {
     rui_stop_listener(srv);
@@ -239,6 +249,8 @@ int rui_pprm(rui_rq_header* rq, ssize_t* slot) noexcept
     return *slot < 0 ? -1 : 0;
 }
 
+/* Out of the loop before the close, or a new descriptor of the same number could inherit the registration; out of the
+   list of those to be removed, unless that list is being walked. */
 static void rm_request(rui_rq_header* rqh, bool from_purge) noexcept
 {
     rui_socket_ctx* srv = rqh->srv;
@@ -276,6 +288,7 @@ static rui_socket_ctx* listener_at(rui_socket_ctx* set, size_t i) noexcept
     return i < MAX_LISTENERS && set[i].tag.num && set[i].requests ? &set[i] : nullptr;
 }
 
+/* After the removals there are descriptors again: a listener that has run out of them may go on. */
 void rui_pprm_all(rui_ctx* ctx) noexcept
 {
     for (int kind = RUI_USER; kind < RUI_MAX; ++kind) {
@@ -292,6 +305,7 @@ void rui_pprm_all(rui_ctx* ctx) noexcept
 
 /* ---- time-outs ---- */
 
+/* The handler lists what has timed out; the queue does not change under the walk. */
 void rui_tmout_all(rui_ctx* ctx, uint32_t tmout_ms) noexcept
 {
     for (int kind = RUI_USER; kind < RUI_MAX; ++kind) {

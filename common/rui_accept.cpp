@@ -21,6 +21,7 @@ constexpr size_t ADDR_TEXT_MAX = 64;
 
 /* ---- when accepting fails ---- */
 
+/* One warning for a shortage, however many pauses it takes. */
 static void pause_listener(const char* fn, rui_socket_ctx* srv, const char* why, int err) noexcept
 {
     if (srv->is_paused || rqs_mod(srv->sockfd, srv, 0) != 0)
@@ -100,6 +101,7 @@ static int take_client(const char* fn, int fd, const sockaddr_storage& peer, soc
     const bool is_net = peer.ss_family == AF_INET || peer.ss_family == AF_INET6;
     int rc = 0;
     if (is_net) {
+        /* Else every byte of a slow head would be an event. */
         rc = W_setsockopt(fn, fd, SOL_SOCKET, SO_RCVLOWAT, &RUI_LOW_WMARK, sizeof(RUI_LOW_WMARK));
         if (rc == 0)
             LOG_DEBUG("%s: low watermark set to %d for fd=%d\n", fn, RUI_LOW_WMARK, fd);
@@ -157,6 +159,7 @@ static bool goes_on(const char* fn, rui_socket_ctx* srv, int err) noexcept
     }
 }
 
+/* The result is that of the last client alone: one that was refused is logged, and no reason to stop the loop. */
 int rui_accept(rui_socket_ctx* srv, size_t max, uint32_t flags, void* udata) noexcept
 {
     LOG_DEBUG("%s: from [%s]\n", __func__, srv->lc->alias);

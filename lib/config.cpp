@@ -1,4 +1,6 @@
-/* Look-ups in a configuration file. */
+/* Look-ups in a configuration file. A value of another type counts as absent, as the parser library's own look-ups have
+   it. What a file says and this program cannot keep is refused with both limits instead: the library would cut a number
+   to 32 bits, and a copy a text, without a word. */
 #include "config.h"
 
 #include "log.h"
@@ -9,7 +11,8 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
-/* found is null for an absent value. */
+/* found is null for an absent value. dst keeps what it held when there is neither a value nor a default: its owner has
+   set it. */
 static int take_str(const char* fn, const char* key, const char* found, char* dst, size_t limit,
                     const char* deflt) noexcept
 {
@@ -41,7 +44,8 @@ int load_config_setting_str(const config_setting_t* group, const char* key, char
     return take_str(__func__, key, text, dst, limit, deflt);
 }
 
-/* s is null for an absent value. */
+/* s is null for an absent value. A number may be 64 bits wide in the file, with an L behind it; a float or a text is
+   another type. */
 static int take_int(const char* fn, const char* key, const config_setting_t* s, int* value, int deflt) noexcept
 {
     *value = deflt;

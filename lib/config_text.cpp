@@ -78,6 +78,7 @@ static bool is_plain_number(std::string_view word) noexcept
     return !word.empty() && word.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
+/* Texts and comments are passed over, or what looks like a directive in them would count. */
 config_word config_next_word(config_scan* s, std::string_view* text) noexcept
 {
     while (!s->rest.empty()) {
@@ -171,6 +172,7 @@ static int check_includes(const char* path, std::string_view text, int depth) no
     return 0;
 }
 
+/* The text is read once and parsed from memory: a file that changes in between is not two files. */
 int parse_config(config_t* cfg, const char* path, FILE* fp) noexcept
 {
     file_text text{};

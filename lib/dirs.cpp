@@ -1,4 +1,5 @@
-/* Directories and paths. */
+/* Directories and paths. Nothing here asks first and acts later where somebody else may come in between: a directory is
+   made, and one that is there already is no failure; only afterwards is what stands at the path looked at. */
 #include "dirs.h"
 
 #include "log.h"
@@ -15,6 +16,7 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 constexpr mode_t DIR_MODE = 0755; /* a daemon has no umask */
 constexpr size_t FPATH_MAX = 512;
 
+/* Opened rather than asked for: a directory that may not be read is of no use either. */
 int dir_check(char* path, int strip) noexcept
 {
     const size_t len = strlen(path);
@@ -27,6 +29,8 @@ int dir_check(char* path, int strip) noexcept
     return 0;
 }
 
+/* The ordinary case is a directory that exists, which costs one call; only then is the path made from its start, part
+   by part. EEXIST of a part says nothing about its kind: the last look does. */
 int mk_fpath_dirs(const char* fpath) noexcept
 {
     const char* slash = strrchr(fpath, '/');

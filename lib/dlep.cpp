@@ -1,4 +1,7 @@
-/* Intrusive doubly linked list. */
+/* Intrusive doubly linked list, from the oldest element (tail) by way of next to the newest (head). The elements are
+   the callers' records: nothing is allocated for one, so that a client that is accepted can always be queued. What an
+   assertion guards here is an element that is in no list, or in another one: its missing neighbour would silently make
+   it an end of this list. */
 #include "dlep.h"
 
 #include "log.h"
@@ -26,6 +29,7 @@ dlep_elem* dlep_tail(const dlep_list* l) noexcept
     return l->tail;
 }
 
+/* An empty list has neither end; the first element becomes both. */
 dlep_elem* dlep_append(dlep_list* l, dlep_elem* d) noexcept
 {
     ASSERT(l && d);
@@ -42,6 +46,8 @@ dlep_elem* dlep_append(dlep_list* l, dlep_elem* d) noexcept
     return d;
 }
 
+/* A neighbour that is missing on one side means that the element is the list's end there, and the end moves on. The
+   links are cleared, so that a second removal meets the assertions instead of the neighbours' memory. */
 dlep_elem* dlep_rm(dlep_list* l, dlep_elem* le) noexcept
 {
     ASSERT(l && le);
@@ -67,6 +73,7 @@ dlep_elem* dlep_rm(dlep_list* l, dlep_elem* le) noexcept
 void dlep_destroy(dlep_list* l, dlep_fn callback) noexcept
 {
     ASSERT(l);
+    /* The callback may free the element: its successor is read before. */
     for (dlep_elem* e = callback ? l->tail : nullptr; e;) {
         dlep_elem* next = e->next;
         callback(e);

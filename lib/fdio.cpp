@@ -1,4 +1,6 @@
-/* Reads and writes on descriptors. */
+/* Reads and writes on descriptors. A call is repeated for one reason only, a signal that has come before any byte:
+   every other result, a short count above all, is the caller's to judge, since what it means differs between a file, a
+   pipe and a socket. */
 #include "fdio.h"
 
 #include "guard.h"
@@ -41,6 +43,7 @@ ssize_t nsend_more(int fd, const void* buf, size_t count) noexcept
     return n;
 }
 
+/* For a descriptor that has reported a hang-up: data may still be behind it, and only a look tells. */
 int wait_to_read(int fd, int ms) noexcept
 {
     pollfd pfd = {fd, POLLIN, 0};
@@ -52,6 +55,8 @@ int wait_to_read(int fd, int ms) noexcept
     return rc > 0 && (pfd.revents & (POLLIN | POLLHUP)) ? 1 : 0; /* a pipe's end is told by POLLHUP alone */
 }
 
+/* A file may be shorter than the room for it, and a read shorter than the file: it goes on until the end or the
+   room's. */
 ssize_t read_file_buf(const char* path, char* buf, size_t cap) noexcept
 {
     const int fd = W_open(__func__, path, O_RDONLY, 0);

@@ -1,5 +1,6 @@
 /* Chained hash tables. Both key kinds share one implementation; what differs is in a table of three functions. Chains
-   are kept in ascending key order. */
+   are kept in ascending key order, so that an absent key is known at the first greater one. A text key travels as the
+   address of its text in the same long as a number key does. */
 #include "gkh.h"
 
 #include "log.h"
@@ -14,6 +15,7 @@
 
 enum ht_key_kind { HT_STR = 0, HT_LONG = 1 };
 
+/* One entry. Its kind decides what follows data: a number here, a copy of the text in s_hrec. */
 struct hrec {
     hrec* next;
     void* data;
@@ -70,6 +72,7 @@ static hrec* take_record(ht_tag* tbl, size_t size) noexcept
     return rec;
 }
 
+/* Kept for the next entry instead of freed: a table that has reached its size costs no allocation an order. */
 static void keep_record(ht_tag* tbl, hrec* rec) noexcept
 {
     rec->next = tbl->spare;
@@ -112,11 +115,14 @@ static long str_key(const hrec* rec) noexcept
     return as_key(as_str(rec)->s_key);
 }
 
+/* By ht_key_kind. */
 static const htfunc HTFUNC[] = {
     /* HT_STR */ {.kcmp = str_cmp, .mkhrec = str_make, .getkey = str_key},
     /* HT_LONG */ {.kcmp = long_cmp, .mkhrec = long_make, .getkey = long_key},
 };
 
+/* Characters count as signed ones, whatever the compiler's own choice: the value of a key is the same on every
+   machine. */
 unsigned long plHash(long key, unsigned long seed) noexcept
 {
     unsigned long h = seed;
@@ -138,6 +144,7 @@ unsigned long elfHash(long key, unsigned long seed) noexcept
     return h;
 }
 
+/* Mixes all bits of a number into the low ones, which choose the slot. */
 unsigned long tw_shift(long key, unsigned long seed) noexcept
 {
     uint64_t k = static_cast<uint64_t>(key) ^ seed;
@@ -167,6 +174,7 @@ static hrec** seek(const ht_tag* tbl, long key, int* cmp) noexcept
     return link;
 }
 
+/* The record is made before its place is looked for: the place depends on the key as the record keeps it. */
 static int hadd(ht_tag* tbl, long key, void** data) noexcept
 {
     if (!tbl->r || tbl->rlen == 0)
@@ -203,6 +211,7 @@ static int hget(ht_tag* tbl, long key, void** data) noexcept
     return 0;
 }
 
+/* The record goes to the spare ones; its key stays readable until it is used again, which callers may not rely on. */
 static int hrm(ht_tag* tbl, long key, void** data) noexcept
 {
     if (!tbl->r || tbl->rlen == 0)
@@ -243,6 +252,8 @@ static void hdestroy(ht_tag* tbl, ht_data_fn callback) noexcept
     free(tbl);
 }
 
+/* The seed is the time, so that chains differ from start to start. The slots are the largest power of two not above one
+   and a half times the capacity: a full table has about one entry in each. */
 static int hcreate_(ht_tag** ph, ht_key_kind kind, size_t capacity, ht_hash_fn hash) noexcept
 {
     ASSERT(ph && capacity);
@@ -265,6 +276,7 @@ static int hcreate_(ht_tag** ph, ht_key_kind kind, size_t capacity, ht_hash_fn h
     return 0;
 }
 
+/* klst are keys to begin with, without data; one that cannot be added undoes the table. */
 int skht_create(skht_t* handle, size_t capacity, ht_hash_fn hash, const char* const* klst, size_t klen) noexcept
 {
     ASSERT_AS(!klst || klen, "!klst || (klst && len)");

@@ -1,5 +1,8 @@
 /* The process log: one line buffer, one stream. A record is built whole, filtered by the level of the module that emits
-   it, and handed out with one write. The log never fails its caller: what cannot be written is dropped. */
+   it, and handed out with one write, so that lines of several processes do not mix. The log never fails its caller:
+   what cannot be written is dropped, and errno stays as it was.
+   The difficulty is who may be in here at once. There is one thread, but the handlers of signals log, too: the mask
+   keeps them out of a record that is being built. A rotation logs its own records, which must not start another one. */
 #include "log_internal.h"
 
 #include "guard.h"
@@ -27,6 +30,7 @@ constexpr size_t TIME_CAP = 64;
 constexpr int BTRACE_FRAMES = 16;
 constexpr size_t BTRACE_CAP = 512;
 
+/* Written by the frames of signal handlers alone. */
 volatile int g_in_signal = 0;
 
 /* Writes to standard error until it is opened; a null stream later on means that lines are dropped. */
@@ -37,11 +41,13 @@ static log_ctx g_log_record = [] {
 }();
 log_ctx* const g_log = &g_log_record;
 
+/* Written by glog_init. */
 static struct {
     bool is_ready;
     char app_tag[LOG_PATHNAME_MAX];
 } g_logmod;
 
+/* The record being built; written by the functions of the record protocol. Its text ends with a NUL. */
 static struct {
     char text[LOG_BUF_CAP];
     size_t len;
@@ -66,6 +72,7 @@ bool log_is_ready() noexcept
     return g_logmod.is_ready;
 }
 
+/* Sections pass everything until somebody has set them. */
 void log_default(log_ctx* log, FILE* stream) noexcept
 {
     out_detach(&log->out);
@@ -107,6 +114,7 @@ FILE* log_fp(const log_ctx* log) noexcept
     return log->fp;
 }
 
+/* Line by line, since a terminal is what it usually is. */
 void log_mirror(log_ctx* log, FILE* stream) noexcept
 {
     if (stream)
@@ -214,6 +222,8 @@ static bool make_time(const timespec& now, uint32_t format) noexcept
     return true;
 }
 
+/* A clock that cannot be read leaves the record unwritten: a line without its time would be taken for a part of the
+   last one. */
 static bool put_time(uint32_t format) noexcept
 {
     if (format & f_NO_TIME)
@@ -231,6 +241,7 @@ static bool put_time(uint32_t format) noexcept
     return make_time(now, format) && put_field("time", false, {g_time.text, g_time.len});
 }
 
+/* Time, process, level, group: the order is what readers of the log cut at. */
 static bool put_head(log_ctx* log, int level) noexcept
 {
     if (!put_time(log->time_format))
@@ -357,6 +368,7 @@ int logbuf_prepare_head(log_ctx* log, int level, const char* format, ...) noexce
 /* The records of a rotation itself never start another one. */
 static bool g_is_rotating = false;
 
+/* Both reasons are asked for: a file that is due by size at the day's end must have the next day's end set, too. */
 static bool must_rotate(log_ctx* log) noexcept
 {
     if (!log->is_rotatable || g_is_rotating)
@@ -372,6 +384,7 @@ static bool must_rotate(log_ctx* log) noexcept
     return due;
 }
 
+/* A log that is a terminal is its own mirror: one copy is enough there. */
 void log_put_text(log_ctx* log, const char* text, size_t len) noexcept
 {
     if (!log->fp)
@@ -382,6 +395,7 @@ void log_put_text(log_ctx* log, const char* text, size_t len) noexcept
         out_line(log->mirror_fp, &log->mirror_out, {text, len});
 }
 
+/* Inside a signal handler the line is written and nothing else happens: syslog and rotation take locks and memory. */
 void log_flush(log_ctx* log, int level) noexcept
 {
     if (logbuf_empty() || !log->fp)
@@ -414,6 +428,7 @@ void log_lard(log_ctx* log, int level) noexcept
 
 /* ---- the end ---- */
 
+/* The names need memory, which may be what has run out: then there is no trace, and the panic goes on. */
 int btrace_to_buf(char* buf, size_t size) noexcept
 {
     std::array<void*, BTRACE_FRAMES> frames{};
@@ -453,6 +468,7 @@ void panic_abort() noexcept
     abort();
 }
 
+/* The C library writes the last line itself, to a standard error that must not hold the end of the process up. */
 void assert_failed(const char* text, const char* file, unsigned line, const char* func) noexcept
 {
     log_btrace("ASSERT");

@@ -1,4 +1,6 @@
-/* The log's outputs: files, pipes, and the rotation of files. Trouble with the log itself goes to standard error. */
+/* The log's outputs: files, pipes, and the rotation of files. Trouble with the log itself goes to standard error.
+   The difficulty is that a path may be anything: a FIFO without a reader, a terminal, a socket, a link to what the
+   starter has opened. Nothing may be waited for, and only a regular file that is this log's own is ever renamed. */
 #include "log_internal.h"
 
 #include "guard.h"
@@ -107,6 +109,7 @@ static int spawn_command(const char* command, int in_fd, pid_t* pid) noexcept
     return errno == 0 ? 0 : -1;
 }
 
+/* The command reads the other end; this end is closed in it, or it would never see the end of its input. */
 static FILE* open_pipe(const char* command, pid_t* pid) noexcept
 {
     int fds[2];
@@ -135,6 +138,8 @@ static bool is_own_file(const char* path, const struct stat& st) noexcept
     return S_ISREG(st.st_mode) && (lstat(path, &link) != 0 || !S_ISLNK(link.st_mode) || find_std_fd(st) < 0);
 }
 
+/* A failure leaves the log with the stream it had. The size that an old file has already counts for the next
+   rotation. */
 int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
 {
     ASSERT(log_is_ready());
@@ -205,6 +210,7 @@ int log_popen(log_ctx* log, const char* command) noexcept
 
 /* ---- closing ---- */
 
+/* Bounded: the last lines are worth a moment, but a command that hangs must not keep the agent from ending. */
 static int wait_for_command(pid_t pid) noexcept
 {
     const timespec step = {0, PIPE_WAIT_STEP_NS};
@@ -232,6 +238,7 @@ int log_close_stream(log_ctx* log) noexcept
     return rc;
 }
 
+/* Standard output and error are the process's, and stay open. */
 void log_close(log_ctx* log) noexcept
 {
     if (log->fp && log->fp != stdout && log->fp != stderr) {
@@ -280,6 +287,7 @@ size_t log_rota_maxsize(const log_ctx* log) noexcept
 
 using rotated_name = std::array<char, ROTATED_NAME_MAX>;
 
+/* Seconds tell rotations apart; two in the same second have one name. */
 static bool mk_rotated_name(const char* fn, const log_ctx* log, time_t tm, rotated_name* name) noexcept
 {
     const int n = snprintf(name->data(), name->size(), "%s.%lu", log->name, tm);
@@ -340,6 +348,8 @@ static int check_in_place(const log_ctx* log) noexcept
     return own.st_dev == st.st_dev && own.st_ino == st.st_ino ? 0 : ESTALE;
 }
 
+/* The stream is closed before the rename and opened anew after it, so that no line is written into a file under its
+   rotated name. A rename that fails is tried again after another max_total bytes. */
 int log_rotate(log_ctx* log) noexcept
 {
     if (const char* why = no_rotation(log)) {

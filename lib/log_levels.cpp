@@ -28,6 +28,7 @@ static const level_names LEVELS[] = {
 };
 static const level_names UNKNOWN_LEVEL = {0, "( ? )", "??"};
 
+/* Levels between the named ones have none. */
 static const level_names& names_of(int level) noexcept
 {
     for (const level_names& l : LEVELS) {
@@ -52,6 +53,7 @@ struct level_word {
     int level;
 };
 
+/* What a configuration or an option may say; a level has more words there than names in the log. */
 static const level_word LEVEL_WORDS[] = {
     {"err", ERR_level},      {"error", ERR_level},    {"crit", CRIT_level}, {"critical", CRIT_level},
     {"warn", WARN_level},    {"warning", WARN_level}, {"norm", NORM_level}, {"normal", NORM_level},
@@ -88,6 +90,7 @@ void log_set_sections(log_ctx* log, int level) noexcept
     log->llst.sec_ll_set = 1;
 }
 
+/* For the toggle of debugging: the levels that the configuration has set come back with the pop. */
 void log_push_mlevels() noexcept
 {
     if (g_saved.is_saved)

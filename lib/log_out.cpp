@@ -95,6 +95,7 @@ static ssize_t write_shared(int fd, std::string_view text) noexcept
     return n;
 }
 
+/* Each kind has its own way of not waiting. */
 static ssize_t write_some(const log_out* out, std::string_view text) noexcept
 {
     switch (out->kind) {
@@ -117,6 +118,7 @@ static struct {
     long last_end_us; /* CLOCK_MONOTONIC */
 } g_waits;
 
+/* Not the loop's clock, which stands still while a handler runs. */
 static long now_us() noexcept
 {
     timespec now{};
@@ -170,6 +172,7 @@ static int put_part(log_out* out, std::string_view text, size_t* done) noexcept
     return 0;
 }
 
+/* A torn line is ended first, so that the next one can be told from it. */
 int out_put(log_out* out, std::string_view text) noexcept
 {
     size_t done = 0;

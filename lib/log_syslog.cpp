@@ -83,6 +83,8 @@ static void put_console(const char* tag, std::string_view line) noexcept
     close(fd);
 }
 
+/* The form of a line is the syslog daemon's: priority, date, name. Between two attempts to reach an absent daemon lines
+   are dropped, since a connection attempt a line would cost more than the line. */
 void syslog_put(int level, int facility, std::string_view line) noexcept
 {
     if (!g_syslog.out.is_attached && now_sec() < g_syslog.retry_at)

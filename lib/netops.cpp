@@ -1,5 +1,7 @@
-/* Addresses and sockets: from a textual endpoint to an open, configured socket. What concerns interfaces and multicast
-   is in netops_mcast.cpp. */
+/* Sockets: what an address or a port may look like, options, and the one function that opens all kinds of them,
+   open_socket. Its caller says what he wants in a socket_spec and finds there what has become of it.
+   The difficulty is names: a look-up blocks the whole process, so that numeric addresses never get near it, and a name
+   server that does not answer is left alone for a while. */
 #include "netops.h"
 
 #include "guard.h"
@@ -28,6 +30,7 @@ constexpr size_t MIN_HOST_LEN = 7; /* "1.2.3.4": rejects bare numbers and fragme
 
 /* ---- syntax ---- */
 
+/* What strtol takes to its end: a number where a host is expected is a fault of whoever wrote it, not a name. */
 bool is_decimal(const char* s) noexcept
 {
     char* end = nullptr;
@@ -61,6 +64,7 @@ bool is_port(const char* text) noexcept
     return port && (*port != 0 || strcmp(text, "0") == 0);
 }
 
+/* Looser than is_port, as the configuration always was: what follows the number is not looked at. */
 bool is_valid_port(const char* text) noexcept
 {
     const int port = atoi(text); // NOLINT(cert-err34-c): anything but a number is 0, which is refused
@@ -72,6 +76,7 @@ struct af_word {
     int af;
 };
 
+/* The words of a configuration for a family; the last ones leave the choice to the address. */
 static const af_word AF_WORDS[] = {
     {"inet4", AF_INET},    {"inet", AF_INET},      {"ipv4", AF_INET},      {"af_inet", AF_INET},   {"pf_inet", AF_INET},
     {"inet6", AF_INET6},   {"ipv6", AF_INET6},     {"af_inet6", AF_INET6}, {"pf_inet6", AF_INET6}, {"any", AF_UNSPEC},
@@ -102,6 +107,7 @@ const char* af2name(int af) noexcept
     }
 }
 
+/* A numeric text: asking for names would block, and a client's address is what is wanted. */
 const char* saddr_str(const sockaddr_storage* ss, socklen_t len, char* buf, size_t size) noexcept
 {
     std::array<char, INET6_ADDRSTRLEN> host{};
@@ -122,6 +128,7 @@ const char* saddr_str(const sockaddr_storage* ss, socklen_t len, char* buf, size
 
 /* ---- host:port text ---- */
 
+/* The first address that this host can make a socket for: a family without support is passed over. */
 int mk_sockaddr(const char* text, int socktype, int proto, sockaddr_storage* ss, socklen_t* len) noexcept
 {
     ASSERT(socktype == SOCK_STREAM || socktype == SOCK_DGRAM);
@@ -171,6 +178,7 @@ int mk_sockaddr(const char* text, int socktype, int proto, sockaddr_storage* ss,
 
 /* ---- socket options ---- */
 
+/* The other flags of the description stay as they are. */
 int set_nblock(int fd, bool on) noexcept
 {
     const int old = fcntl(fd, F_GETFL);
@@ -225,6 +233,7 @@ int set_user_timeout(int fd, unsigned ms) noexcept
     return W_setsockopt(__func__, fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &ms, sizeof(ms));
 }
 
+/* Asking takes the error away: the next one who asks finds none. */
 int socket_error(int fd) noexcept
 {
     int err = 0;
@@ -236,6 +245,7 @@ int socket_error(int fd) noexcept
     return err;
 }
 
+/* An agent that is started again must get its port although connections of the last one are still waiting to end. */
 int reuse_and_bind(int fd, const sockaddr_storage* ss, socklen_t len) noexcept
 {
     const int on = 1;
@@ -251,6 +261,7 @@ int reuse_and_bind(int fd, const sockaddr_storage* ss, socklen_t len) noexcept
 
 /* ---- opening ---- */
 
+/* A datagram socket is ready with its address; only a stream has somebody to wait for. */
 static int setup_listener(const char* fn, int fd, const sockaddr_storage* ss, socklen_t len,
                           const socket_spec* spec) noexcept
 {
@@ -273,6 +284,7 @@ static int setup_listener(const char* fn, int fd, const sockaddr_storage* ss, so
     return W_listen(fn, fd, LISTEN_BKLOG);
 }
 
+/* In the ordinary case the connect is under way when this returns: its end comes as an event. */
 static int setup_client(const char* fn, int fd, const sockaddr_storage* ss, socklen_t len, socket_spec* spec) noexcept
 {
     if (spec->socktype == SOCK_DGRAM)
@@ -326,6 +338,8 @@ static int open_one(const char* fn, const addrinfo* ai, socket_spec* spec, const
     return fd;
 }
 
+/* The one host that a source-specific group is heard from. The group is of the same family, or nothing would ever
+   come. */
 static int parse_ssm_source(const char* fn, const char* source, socket_spec* spec) noexcept
 {
     LOG_DEBUG("%s: SSM source: %s\n", fn, source);
@@ -350,6 +364,7 @@ static int parse_ssm_source(const char* fn, const char* source, socket_spec* spe
 constexpr long SLOW_LOOKUP_MS = 500;
 constexpr long CLOSED_FACTOR = 10; /* so that a name server that never answers costs a tenth of the time at most */
 
+/* Written by look_up_source. */
 static long g_names_closed_until = 0; /* ms of CLOCK_MONOTONIC; 0 = sources are looked up */
 
 /* Not the loop's clock, which stands still while a look-up blocks. */
@@ -419,6 +434,8 @@ static addrinfo* resolve(const char* fn, const char* address, const char* port, 
     return W_getaddrinfo(fn, address, port, &hints, &list) == 0 ? list : nullptr;
 }
 
+/* Tries the addresses of a name in the resolver's order and keeps the first that works. A non-blocking connect counts
+   as one that does: whether it succeeds comes later, and then there is no second try. */
 int open_socket(const char* address, const char* port, const char* ssm_src, socket_spec* spec, const char* ifc,
                 ifc_info** ifc_used) noexcept
 {
@@ -475,6 +492,7 @@ static int open_passive(const char* address, const char* port, int family, int s
     return open_socket(address, port, nullptr, &spec, nullptr, nullptr);
 }
 
+/* By way of the address as text, so that there is one road to a socket. */
 static int open_on_ifc(const char* fn, const ifc_info* ifc, const char* port, int socktype, uint32_t flags) noexcept
 {
     if (!is_port(port)) {
@@ -515,6 +533,8 @@ int open_anyaddr_listener(int family, const char* port, uint32_t flags) noexcept
     return open_passive(nullptr, port, family, SOCK_STREAM, flags);
 }
 
+/* The path of a listener that has ended is still there, and would refuse the new one. Like every path here it is
+   trusted: the configuration names it. */
 static int listen_on_path(const char* fn, const char* path) noexcept
 {
     sockaddr_un sun{};

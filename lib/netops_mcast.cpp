@@ -1,4 +1,6 @@
-/* Interfaces by name or address, and membership in multicast groups. */
+/* Interfaces by name or address, and membership in multicast groups. The kernel's two interfaces for membership differ
+   by family; the protocol-independent one is used for both. A group is joined on one interface, since the routing table
+   knows nothing of where a group's senders are. */
 #include "netops_internal.h"
 
 #include "guard.h"
@@ -81,6 +83,8 @@ static bool match_ifc(const char* fn, const ifaddrs* list, int family, const cha
     return false;
 }
 
+/* A name gives the interface's first address of the wanted family, an address that one itself; both need the index, by
+   which the kernel knows it. */
 ifc_info* get_ifc_info(int family, const char* text) noexcept
 {
     ifaddrs* raw = nullptr;
@@ -136,6 +140,7 @@ static int level_of(const char* fn, int family) noexcept
     }
 }
 
+/* From any source. The interface's index is 0 where the kernel is to choose. */
 static int change_membership(const char* fn, bool is_join, int fd, const sockaddr_storage* group,
                              const ifc_info* ifc) noexcept
 {
@@ -170,6 +175,7 @@ int mcast_leave(int fd, const sockaddr_storage* group, const ifc_info* ifc) noex
     return change_membership(__func__, false, fd, group, ifc);
 }
 
+/* From one source: others of the same group are dropped by the kernel and the routers before it. */
 static int change_ssm(const char* fn, bool is_join, int fd, const sockaddr_storage* src, const sockaddr_storage* group,
                       const ifc_info* ifc) noexcept
 {
@@ -223,6 +229,7 @@ static int setup_reader(const char* fn, int fd, sockaddr_storage* ss, socklen_t 
     return spec->is_ssm ? ssm_join(fd, &spec->src_ss, ss, ifc) : mcast_join(fd, ss, ifc);
 }
 
+/* An IPv6 group is sent to by way of an interface; there is none to fall back on. */
 static int setup_writer(const char* fn, int fd, const sockaddr_storage* ss, const ifc_info* ifc) noexcept
 {
     if (ss->ss_family != AF_INET6)
@@ -248,6 +255,7 @@ bool is_any_ifc(std::string_view ifc) noexcept
     return is_any_name(ifc) || ifc == "0.0.0.0" || ifc == "::";
 }
 
+/* The interface goes to the caller only when all went well; he keeps it as long as the socket. */
 int setup_mcast(const char* fn, int fd, sockaddr_storage* ss, socklen_t len, const socket_spec* spec, const char* ifc,
                 ifc_info** ifc_used) noexcept
 {

@@ -29,6 +29,8 @@ constexpr int PIDF_LONG_MSG = 1; /* create_pidfile_extra */
 
 /* ---- descriptors ---- */
 
+/* A starter may leave them closed; then the next socket would be descriptor 1, and any line on standard output would go
+   to its peer. */
 void fill_std_fds() noexcept
 {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
@@ -59,6 +61,7 @@ size_t fd_limit() noexcept
     return lim.rlim_cur;
 }
 
+/* Each download takes two or three descriptors: the starter's soft limit is an everyday 1024. */
 int raise_fd_limit() noexcept
 {
     rlimit lim{};
@@ -76,6 +79,7 @@ int raise_fd_limit() noexcept
     return 0;
 }
 
+/* A change of the user makes the kernel forbid dumps; this comes after it. */
 int set_unlimited_core(int /*flags*/) noexcept
 {
     if (prctl(PR_GET_DUMPABLE) == 0) {
@@ -104,6 +108,7 @@ int set_unlimited_core(int /*flags*/) noexcept
     return 0;
 }
 
+/* An empty set is what a number that no set holds comes to; the kernel refuses it and the caller says so. */
 int pin2cpu(int cpu) noexcept
 {
     cpu_set_t set;
@@ -132,6 +137,8 @@ static int fork_away(const char* fn) noexcept
     return 0;
 }
 
+/* A log on one of the starter's descriptors goes to standard error, which stays open when the others become
+   /dev/null. */
 int daemonize() noexcept
 {
     if (fork_away(__func__) != 0)
@@ -149,6 +156,7 @@ int daemonize() noexcept
     return fork_away(__func__); /* not a session leader any more: no terminal can become its own */
 }
 
+/* The group first: afterwards there is no right to change it. */
 int run_as_user_id(uid_t uid, gid_t gid) noexcept
 {
     if (setgid(gid) != 0) {
@@ -184,6 +192,7 @@ int run_as_user(const char* name) noexcept
     return run_as_user_id(uid, gid);
 }
 
+/* A path that may not be entered is no reason to stop, as long as there is another place for a core dump. */
 int goto_runtime_home(const char* path, const char* alt) noexcept
 {
     if (path) {

@@ -1,5 +1,8 @@
 /* The epoll loop. One round: wait, clock, no-poll service, events, post-processing, idle step, post-processing. Handled
-   signals are blocked except inside the wait, so that neither a flag test nor a log record is ever cut by a handler. */
+   signals are blocked except inside the wait, so that neither a flag test nor a log record is ever cut by a handler.
+   The difficulty is the life of a record: the kernel has given the addresses of a whole batch of events before the
+   first is handled, and a handler may end what a later event of the same batch is for. So nothing is freed before
+   post-processing, and a record that has ended says so by its tag or its state. */
 #include "rqs.h"
 
 #include "gkh.h"
@@ -22,6 +25,7 @@ constexpr int EPOLL_SIZE_HINT = 128;
 constexpr int MANY_EVENTS = 15;
 constexpr long SIGNAL_CHECK_NS = 10000000; /* pending signals are looked for this often while events are handled */
 
+/* Written by this room alone; loopfd -1 says that there is no loop yet, or none any more. */
 rqs_context g_rqs = {.loopfd = -1,
                      .events = {},
                      .poll_fds = 0,
@@ -38,8 +42,10 @@ static struct {
     nkht_t wfd_ht;
 } g_ino = {-1, nullptr};
 
+/* Coarse clock of the last look for pending signals; written by check_signals. */
 static timespec g_last_signal_check{};
 
+/* Once a round: all deadlines of a round are judged by one time, and a busy round does not ask the kernel for each. */
 static void refresh_clock() noexcept
 {
     clock_gettime(CLOCK_MONOTONIC, &g_rqs.itime);
@@ -54,6 +60,7 @@ const timespec* rqs_now_ref() noexcept
 
 /* ---- life ---- */
 
+/* Whatever fails undoes what was made before it. */
 int rqs_init(const rqs_config* cfg) noexcept
 {
     ASSERT(cfg);
@@ -84,6 +91,7 @@ int rqs_init(const rqs_config* cfg) noexcept
     return 0;
 }
 
+/* Copes with every stage of a half-made loop, and with none. */
 void rqs_destroy() noexcept
 {
     if (g_ino.fd >= 0)
@@ -115,6 +123,8 @@ static const char* op_name(int op) noexcept
     }
 }
 
+/* The data word is the record, or the bare descriptor where there is none. Only a new descriptor counts: it may cost an
+   event slot. */
 static int do_epoll_watch(int op, uint32_t events, int fd, void* udata) noexcept
 {
     ASSERT(g_rqs.loopfd >= 0);
@@ -148,6 +158,7 @@ int rqs_add_writer(int fd, void* udata) noexcept
     return do_epoll_watch(EPOLL_CTL_ADD, EPOLLOUT, fd, udata);
 }
 
+/* Without a direction the descriptor stays registered for what cannot be switched off, a hang-up or an error. */
 int rqs_mod(int fd, void* udata, uint32_t flags) noexcept
 {
     char letters[3] = "";
@@ -174,6 +185,7 @@ int rqs_mod_reader(int fd, void* udata) noexcept
     return do_epoll_watch(EPOLL_CTL_MOD, EPOLLIN, fd, udata);
 }
 
+/* Also after the loop has ended, when there is nothing to leave: shutdown closes descriptors in any order. */
 int rqs_rm_fd(int fd, bool /*unused*/, bool /*unused*/) noexcept
 {
     if (g_rqs.loopfd < 0)
@@ -372,6 +384,7 @@ static bool one_round(const char* fn, int* rc, size_t* failed) noexcept
     return *rc == 0;
 }
 
+/* The result tells a clean stop from the others: a wait that a quit signal has interrupted is no failure. */
 int rqs_event_loop() noexcept
 {
     ASSERT(g_rqs.loopfd >= 0);

@@ -1,4 +1,7 @@
-/* Descriptors that epoll refuses: they count as always ready and are served once in every round. */
+/* Descriptors that epoll refuses: they count as always ready and are served once in every round. Such a descriptor is a
+   regular file, which never keeps a reader waiting.
+   Removal comes in two steps, like that of everything else that has events: a handler lists the slot, and the loop
+   takes it out when the walk over the slots is done. The owner's index variable is told when the slot is gone. */
 #include "rqs_internal.h"
 
 #include "log.h"
@@ -15,6 +18,7 @@ void rqs_init_nopoll() noexcept
         PANIC("%s: cannot reserve memory for g_rqs.nopoll/rm\n", "rqs_init");
 }
 
+/* The slot's number is also in the owner's variable, who needs it for the removal. */
 static int add_nopoll(const char* fn, uint32_t events, int fd, ssize_t* index, void* udata) noexcept
 {
     const ssize_t j = slots_put(&g_rqs.nopoll, {events, fd, udata, index});
@@ -47,6 +51,7 @@ int rqs_rm_nopoll(ssize_t j) noexcept
     return 0;
 }
 
+/* Listing must not fail, since the owner forgets the slot with it: without memory the process ends. */
 void rqs_pprm_nopoll(ssize_t j) noexcept
 {
     ASSERT(j >= 0);
@@ -58,6 +63,7 @@ void rqs_pprm_nopoll(ssize_t j) noexcept
               slots_len(g_rqs.nopoll));
 }
 
+/* Room for all of them, before the first handler of the round runs. */
 void rqs_prepare_nopoll_rm() noexcept
 {
     if (vec_reserve(&g_rqs.nopoll_rm, slots_len(g_rqs.nopoll)) != 0)
@@ -88,6 +94,7 @@ int rqs_service_nopoll() noexcept
     return rc;
 }
 
+/* The slot's bytes are read before it is released; a slot that was listed twice is a fault of the program. */
 int rqs_purge_nopoll() noexcept
 {
     auto& rm = g_rqs.nopoll_rm;

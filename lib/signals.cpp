@@ -12,15 +12,18 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr int HANDLED_SIGNALS[] = {SIGTERM, SIGQUIT, SIGINT, SIGUSR2};
 
+/* Written by the handlers below; g_tdbg is also taken back by whoever has acted upon it. */
 volatile sig_atomic_t g_quit = 0;
 volatile sig_atomic_t g_goodbye = 0;
 volatile sig_atomic_t g_hup = 0;
 volatile sig_atomic_t g_usr1 = 0;
 volatile sig_atomic_t g_tdbg = 0;
 
+/* Written by wait_sigmask, from the mask that the starter has left. */
 static sigset_t g_wait_mask;
 static bool g_is_masked = false; /* g_wait_mask is set */
 
+/* Without SA_RESTART: a wait that a signal has interrupted is to look at the flags. */
 static int install(int signo, sig_fn handler) noexcept
 {
     struct sigaction sa {
@@ -89,6 +92,7 @@ private:
     int err_;
 };
 
+/* What else could disturb the way out is ignored from here on. */
 void on_sigquit(int signo) noexcept
 {
     const signal_frame frame;
@@ -128,6 +132,7 @@ void block_handled_signals() noexcept
     g_is_masked = false;
 }
 
+/* Computed once: what whoever started this process had blocked stays blocked. */
 const sigset_t* wait_sigmask() noexcept
 {
     if (!g_is_masked) {
@@ -139,6 +144,8 @@ const sigset_t* wait_sigmask() noexcept
     return &g_wait_mask;
 }
 
+/* Asking costs one call; opening and closing the mask, during which the handlers run, two more, and only when there is
+   a signal. */
 void deliver_pending_signals() noexcept
 {
     sigset_t pending;
@@ -155,6 +162,7 @@ void deliver_pending_signals() noexcept
     }
 }
 
+/* The mask changes with the call itself, so that no signal comes between a test of the flags and the wait. */
 int poll_with_signals(int fd, short events, const timespec* limit) noexcept
 {
     pollfd p = {fd, events, 0};

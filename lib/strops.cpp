@@ -1,10 +1,13 @@
-/* Text helpers: bounded copies and comparisons without regard to ASCII case. */
+/* Text helpers: bounded copies, a scanner and comparisons without regard to ASCII case. None looks at the locale: a
+   text means the same wherever the agent runs, and a copy overlaps its source safely where a caller shifts a text
+   within its own array. */
 #include "strops.h"
 
 #include <algorithm>
 #include <cstring>
 #include <limits>
 
+/* ASCII only; tolower() would ask the locale. */
 static char lower(char c) noexcept
 {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
@@ -29,6 +32,7 @@ size_t cut_text(char* dst, size_t cap, std::string_view s) noexcept
     return n;
 }
 
+/* Parts that do not fit are counted, not copied: the caller's message tells how much room was needed. */
 size_t join_text(char* dst, size_t cap, std::initializer_list<std::string_view> parts) noexcept
 {
     size_t len = 0;
@@ -49,6 +53,7 @@ static bool is_blank(char c) noexcept
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
+/* An empty text gives -1 as scanf does, where nothing at all was taken before its end. */
 static void scan_fail(text_scan* s) noexcept
 {
     s->failed = true;
@@ -81,6 +86,7 @@ static bool begin_item(text_scan* s) noexcept
     return !s->failed;
 }
 
+/* Sign, digits, at most width of both; a sign alone is no number. Saturates where scanf leaves it to chance. */
 void scan_num(text_scan* s, size_t width, long* value) noexcept
 {
     if (!begin_item(s))

@@ -1,4 +1,7 @@
-/* System calls that log their own failure. errno is that of the call, whatever the log does in between. */
+/* System calls that log their own failure, under the name of their caller, and leave errno as the call has set it,
+   whatever the log does in between. The message shows the arguments: what a number or a path was is the first
+   question of whoever reads the line. What is part of a normal day (EINPROGRESS, EAGAIN, a peer that goes) is no
+   failure here. */
 #include "syswrap.h"
 
 #include "log.h"
@@ -11,6 +14,7 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(MOD_SYSWRAP);
 
+/* For "%p", which wants a pointer to void. */
 static const void* ptr(const void* p) noexcept
 {
     return p;
@@ -21,6 +25,7 @@ bool is_eagain(int err) noexcept
     return err == EAGAIN;
 }
 
+/* What a peer can cause at any time by going away or by being slow is worth no line, unless the caller knows better. */
 bool no_fault(int err, int strict) noexcept
 {
     return !strict && (err == EAGAIN || err == EPIPE || err == EINTR || err == ECONNRESET);
@@ -34,6 +39,7 @@ int W_open(const char* caller, const char* path, int flags, mode_t mode) noexcep
     return fd;
 }
 
+/* A descriptor is gone whatever close says; the line tells that its last data may be lost. */
 int W_close(const char* caller, int fd) noexcept
 {
     const int rc = close(fd);
@@ -81,6 +87,7 @@ int W_connect(const char* caller, int fd, const sockaddr* addr, socklen_t addrle
     const int rc = connect(fd, addr, addrlen);
     if (rc == 0)
         return 0;
+    /* The log may change errno, which the caller asks for. */
     if (errno == EINPROGRESS) {
         LOG_INFO("%s: non-blocking connect in progress for fd%d\n", __func__, fd);
         errno = EINPROGRESS;
@@ -140,6 +147,7 @@ int W_listen(const char* caller, int fd, int backlog) noexcept
     return rc;
 }
 
+/* Its failure is a number of its own kind; errno stands beside it for EAI_SYSTEM. */
 int W_getaddrinfo(const char* caller, const char* node, const char* service, const addrinfo* hints,
                   addrinfo** result) noexcept
 {
@@ -153,6 +161,7 @@ int W_getaddrinfo(const char* caller, const char* node, const char* service, con
     return rc;
 }
 
+/* Close-on-exec and non-blocking with the accept itself: two calls less, and no moment between them. */
 int W_accept(const char* caller, int fd, sockaddr* addr, socklen_t* addrlen) noexcept
 {
     const int client = accept4(fd, addr, addrlen, SOCK_CLOEXEC | SOCK_NONBLOCK);

@@ -50,6 +50,7 @@ const char* timefmt_str(uint32_t flags) noexcept
     return "#error#";
 }
 
+/* Cached, since it stands in every line of the log: a change to summer time is seen when somebody asks for it anew. */
 const char* get_timezone(int refresh) noexcept
 {
     static std::array<char, ZONE_CAP> zone{};
@@ -73,6 +74,7 @@ const char* get_timezone(int refresh) noexcept
 /* Calendar fields of ts; false with -1 or -35 in *rc. */
 static bool break_down(const timespec* ts, uint32_t flags, tm* parts, int* rc) noexcept
 {
+    /* Set around the two calls that take the C library's lock, in the one thread that there is. */
     static volatile bool is_busy = false;
 
     if (is_busy) {
@@ -90,6 +92,7 @@ static bool break_down(const timespec* ts, uint32_t flags, tm* parts, int* rc) n
     return true;
 }
 
+/* A length that is exactly the buffer's is let through with its last character lost: whoever calls has left room. */
 int mk_timestr(const timespec* ts, uint32_t flags, char* buf, size_t len) noexcept
 {
     if (flags & f_RAW_TIME) {

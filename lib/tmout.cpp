@@ -1,4 +1,5 @@
-/* Time-out registry and deadline tests. min is kept ready at every change, so that asking costs nothing. */
+/* Time-out registry and deadline tests. The loop asks for the smallest value in every round, while holders come and go
+   once an order: min is kept ready at every change, and searched for only when the kind that set it goes. */
 #include "tmout.h"
 
 #include "log.h"
@@ -11,6 +12,7 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr long NS_MAX = 999999999;
 
+/* Written by set_timeout and rm_timeout, on behalf of everybody who wants to be woken. */
 static tmout_registry g_reg{.rec = {}, .min = MIN_TIMER_VAL};
 
 void init_timeout_registry() noexcept
@@ -38,6 +40,8 @@ void reg_init_timeout(tmout_registry* reg) noexcept
     *reg = tmout_registry{.rec = {}, .min = MIN_TIMER_VAL};
 }
 
+/* The first holder's value stands until the last one goes: a kind has one pace, and who adds himself to it must not
+   change that of the others. */
 void reg_set_timeout(tmout_registry* reg, int idx, long value) noexcept
 {
     ASSERT(idx >= 0 && idx < MAX_TMOUTS);
@@ -66,6 +70,7 @@ static void recompute_min(const char* fn, tmout_registry* reg) noexcept
     reg->min = is_picked ? least : MIN_TIMER_VAL;
 }
 
+/* An unbalanced removal is asserted: it would take a time-out from somebody who still waits for it. */
 void reg_rm_timeout(tmout_registry* reg, int idx) noexcept
 {
     ASSERT(idx >= 0 && idx < MAX_TMOUTS);
@@ -92,6 +97,7 @@ int timed_out(timespec start, timespec interval) noexcept
     return timed_out_as(start, interval, 0, nullptr);
 }
 
+/* Strictly later: a deadline of the same nanosecond is kept. One beyond the range of the clock is never missed. */
 int timed_out_as(timespec start, timespec interval, int real_clock, const timespec* ref) noexcept
 {
     timespec now{};

@@ -1,4 +1,7 @@
-/* URIs, split by pointer and length without copying; bounded copies of the parts; percent-encoding in place. */
+/* URIs, split by pointer and length without copying; bounded copies of the parts; percent-encoding in place. The
+   grammar is a loose one on purpose: what stands before "://" is a scheme, what stands before an '@' an authority, and
+   the rest up to the last '?' a path whose head is the host. Nothing is checked that is not needed: orders are judged
+   where they are understood. */
 #include "uri.h"
 
 #include "log.h"
@@ -20,6 +23,8 @@ static bool is_blank(char c) noexcept
     return c == ' ' || c == '\t';
 }
 
+/* The last '?': a source's path may hold others. A text that ends with '/' is a directory, whose '?' is part of its
+   name. */
 size_t till_query(const char* s) noexcept
 {
     const size_t len = strlen(s);
@@ -52,6 +57,7 @@ static bool parse_front(const char** text, uri_layout* u) noexcept
     return true;
 }
 
+/* A text that begins with '/' is a path alone, as in a request line: then nothing in it is a scheme. */
 int uri_parse(const char* text, uri_layout* out) noexcept
 {
     uri_layout u{};
@@ -213,6 +219,8 @@ static bool is_printable(int ch) noexcept
     return ch >= 0x20 && ch < 0x7f;
 }
 
+/* Decoding only shortens a text, so it is done in place. An escape whose digits are none is dropped. '+' is a blank, as
+   forms have it. */
 char* uri_decode_opt(char* s, size_t cap, bool safe) noexcept
 {
     if (cap == 0)
@@ -252,6 +260,7 @@ bool is_safe(int ch) noexcept
     return is_printable(ch) && !strchr(";/?:@&=+$,* ", ch);
 }
 
+/* What does not fit any more is left out with its whole escape, never cut within one. */
 char* uri_encode(const char* s, size_t cap) noexcept
 {
     static const char HEX[] = "0123456789ABCDEF";

@@ -1,4 +1,6 @@
-/* Segments of a path, and the grammar that finds an order's source and destination in it. */
+/* Segments of a path, and the grammar that finds an order's source and destination in it. The difficulty: a source is
+   itself a URL, whose path may hold "src" and "dst" segments of its own, as when one agent is told to fetch from
+   another. They count as brackets, and the pair that encloses all others is this order's. */
 #include "uri.h"
 
 #include "strops.h"
@@ -9,6 +11,7 @@
 
 constexpr int RC_NO_SOURCE = -14;
 
+/* A separator at the front belongs to no segment, one at the end to the segment that it ends. */
 const char* uri_xseg(const char* p, const char* brk, const char** start, size_t* len) noexcept
 {
     if (!p || !*p)
@@ -87,6 +90,8 @@ struct scheme_segment {
 /* A path may begin with the name of a transport instead of carrying a URL. */
 static const scheme_segment SCHEME_SEGMENTS[] = {{"udp", "udp://"}, {"rtp", "rtp://"}, {"hls-fra", "file://"}};
 
+/* The first segment may name a transport, which then makes the source's scheme; else everything up to "src" is skipped,
+   since a sender may put any path before it. */
 int uri_extract_endpts_ext(const char* path, size_t p_len, char* src, char* dst, size_t cap) noexcept
 {
     const std::string_view text(path, p_len);

@@ -1,5 +1,8 @@
 /* Heads of HTTP requests, and what an order's request line or URL says about source and destination. A head is foreign
-   text: every scan ends at its NUL. */
+   text: every scan ends at its NUL. It is parsed in place, so that it is the target's text with a NUL behind it that
+   the URI's parts point into.
+   Nothing here is meant for browsers: what an order does not need is looked at loosely or not at all, and a sender that
+   has always been understood goes on being understood. */
 #include "webops.h"
 
 #include "log.h"
@@ -31,6 +34,8 @@ static char* skip_space(char* p) noexcept
 
 /* ---- fields ---- */
 
+/* Anywhere in the text, a value of another field included: what senders rely on, and nothing that an order depends
+   on. */
 const char* find_http_header(const char* name, const char* text, size_t* len) noexcept
 {
     *len = 0;
@@ -83,6 +88,8 @@ bool has_hdr(std::string_view name, std::string_view head) noexcept
     return find_field_line(name, head).has_value();
 }
 
+/* A length decides where a body ends: it is taken from the start of a line alone, and a sign or anything behind the
+   digits makes it none. */
 std::optional<int64_t> extract_num_hdr(std::string_view name, std::string_view head) noexcept
 {
     const std::string_view value = find_field_line(name, head).value_or("");
@@ -166,6 +173,7 @@ static int parse_target(const char* fn, char* p, http_header* hdr, char* full_ur
     return rc;
 }
 
+/* Method, target and protocol, each from where the one before it has ended; the fields are optional. */
 int parse_http_header(char* buf, size_t len, http_header* hdr, char* full_url, size_t full_url_cap) noexcept
 {
     LOG_HEAD(DEBUG_level, "%s: %zu bytes [%.1024s]\n", __func__, len, buf);
@@ -198,6 +206,7 @@ int parse_http_header(char* buf, size_t len, http_header* hdr, char* full_url, s
 
 /* ---- orders ---- */
 
+/* One '/' at the end makes no difference. */
 bool slash_match(const char* s, const char* word) noexcept
 {
     std::string_view text(s);
@@ -243,6 +252,8 @@ static int special_path(const char* fn, std::string_view path) noexcept
     return 0;
 }
 
+/* First the limits, then what is no order, then the grammar, and last the decoding: an escaped '/' must not make a
+   segment. */
 int web_parse_urq(char* hbuf, size_t hlen, char* src, char* dst, size_t cap, http_header* hdr) noexcept
 {
     src[0] = dst[0] = '\0';
@@ -280,6 +291,7 @@ int web_parse_urq(char* hbuf, size_t hlen, char* src, char* dst, size_t cap, htt
     return 0;
 }
 
+/* The same grammar for a text that came without a head. Its query is the sender's own and not the source's. */
 int web_parse_url(const char* url, char* src, char* dst, size_t cap) noexcept
 {
     src[0] = dst[0] = '\0';

@@ -1,4 +1,6 @@
-/* Answers to HTTP clients: the shared standard responses and their one formatter. */
+/* Answers to HTTP clients: the shared standard responses and their one formatter. An answer is written once, without a
+   look at whether it was taken: it is far smaller than a socket's buffer, and a client that does not read it has lost
+   interest. */
 #include "webops.h"
 
 #include "fdio.h"
@@ -87,6 +89,7 @@ void http_set_server(const char* name) noexcept
     g_server = name;
 }
 
+/* A field that does not fit is left out as a whole, and the answer counts as failed. */
 int mk_http_xt_resp(const http_response* resp, int version, char* buf, size_t cap) noexcept
 {
     if (version != 10 && version != 11) {
@@ -140,6 +143,7 @@ int mk_http_response(const http_response* resp, char* buf, size_t cap) noexcept
 
 using send_fn = ssize_t (*)(int fd, const void* buf, size_t count) noexcept;
 
+/* fn is the name in the log; the formatter's EINVAL is a positive number like a length, and means none. */
 static int send_by(const char* fn, send_fn send_text, int fd, const http_response* resp) noexcept
 {
     static std::array<char, HTTP_RESP_MAX> buf; /* one for all callers: nothing is kept after the send */

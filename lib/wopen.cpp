@@ -1,4 +1,8 @@
-/* Outbound endpoints by URL, and the client side of HTTP: the GET and the head of the response. */
+/* Outbound endpoints by URL, and the client side of HTTP: the GET and the head of the response. A source is foreign:
+   its head is read until its blank line, at most as far as there is room, and its status line is taken as loosely as
+   scanf would.
+   The head is read with what follows it: the first bytes of a body may stand behind it in the buffer, and are the
+   caller's. */
 #include "wopen.h"
 
 #include "fdio.h"
@@ -29,7 +33,9 @@ constexpr size_t PATH_QUERY_MAX = URI_PATH_MAX + URI_QUERY_MAX;
 constexpr size_t RESP_BUF_CAP = 2048;
 constexpr char HTTP_PORT[] = "80";
 
+/* Written at start-up, from the configuration. */
 usock_flags_t usock_flags{};
+/* Written by usock_set_apptag. */
 static const char* g_apptag = "#ERR#";
 
 void usock_set_apptag(const char* tag) noexcept
@@ -40,6 +46,8 @@ void usock_set_apptag(const char* tag) noexcept
 
 /* ---- request ---- */
 
+/* One write: on a fresh connection there is room for the whole of it, so a short one is a failure. Fields are those
+   that sources have always been shown. */
 int send_http_request(int fd, const http_request* rq) noexcept
 {
     if (rq->type != 0) {
@@ -80,6 +88,8 @@ int send_http_request(int fd, const http_request* rq) noexcept
     return 0;
 }
 
+/* The tail of the path behind host and port is what the source is asked for. A query that does not fit is cut, with a
+   warning: the source decides whether it still makes sense. */
 int fwd_http_rq(int fd, const char* url, const char* apptag, uint32_t flags) noexcept
 {
     uri_layout u{};
@@ -139,6 +149,7 @@ size_t head_eod(const char* buf, size_t len) noexcept
     return 0;
 }
 
+/* The end of a head may fall between two reads, so that it is looked for from the start of the buffer. */
 ssize_t read_http(int fd, char* buf, size_t cap, size_t pos, ssize_t* eoh) noexcept
 {
     const ssize_t n = recv(fd, buf + pos, cap - pos, 0);
@@ -212,6 +223,7 @@ static int parse_status_line(const char* fn, int fd, const char* text, int* stat
     return 0;
 }
 
+/* Called again for every event until the head is whole; what was read so far is in resp. */
 int recv_http_response(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcept
 {
     if (const int rc = read_head(__func__, fd, buf, cap, resp))
@@ -241,6 +253,7 @@ static int classify(const char* url) noexcept
     return uri_get_scheme(&u, scheme.data(), scheme.size()) ? uri_scheme_kind(scheme.data()) : URI_BAD;
 }
 
+/* A regular file cannot be watched: the loop serves it in every round. */
 static int open_file_url(const char* fn, usock_ctx* ctx, const char* url) noexcept
 {
     uri_layout u{};
@@ -254,6 +267,7 @@ static int open_file_url(const char* fn, usock_ctx* ctx, const char* url) noexce
     return fd;
 }
 
+/* A datagram's authority is the source of its group; that of an HTTP URL is not used. */
 static int open_net_url(const char* fn, usock_ctx* ctx, const char* url) noexcept
 {
     uri_layout u{};
@@ -304,6 +318,7 @@ static int http_exchange(const char* fn, usock_ctx* ctx, int fd, const char* url
     return -1;
 }
 
+/* What fails leaves nothing open. */
 int usock_open(usock_ctx* ctx, const char* url) noexcept
 {
     ctx->nopoll_idx = -1;
@@ -326,6 +341,7 @@ int usock_open(usock_ctx* ctx, const char* url) noexcept
     return fd;
 }
 
+/* The slot among the loop's no-poll descriptors goes first, or the loop would serve a closed one. */
 void usock_close(int fd, usock_ctx* ctx) noexcept
 {
     if (ctx->non_pollable && ctx->nopoll_idx >= 0) {

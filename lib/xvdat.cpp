@@ -1,5 +1,8 @@
 /* Vector and slot list. The invariant that makes "lowest free slot first" cheap: avail is always the lowest free slot,
-   or -1 when every slot is taken. */
+   or -1 when every slot is taken. last is only an upper bound of the slots that were ever taken since the last purge:
+   it spares the walks the rest of the map, and is not lowered by a deletion.
+   A callback may delete slots of the list that is being walked, its own too; it may add some as well, which moves the
+   block: nothing here keeps a pointer to an element across a callback. */
 #include "xvdat.h"
 
 #include "log.h"
@@ -13,6 +16,7 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 uint32_t xvdat_flags = 0;
 
+/* The one way out of a failed allocation: the process's choice between an abort and an answer. */
 static int no_memory() noexcept
 {
     ASSERT(!(xvdat_flags & XV_ABORT_ENOMEM));
@@ -44,6 +48,7 @@ static bool round_up(size_t n, size_t growblk, size_t* out) noexcept
     return !__builtin_add_overflow(n, (growblk - n % growblk) % growblk, out);
 }
 
+/* Grows even where there is room for exactly n: the strict comparison is part of the interface. */
 int xvec_reserve(xvec* v, size_t n, size_t size, size_t growblk) noexcept
 {
     ASSERT(v && (growblk > 0));
@@ -72,6 +77,8 @@ void xvec_reset(xvec* v) noexcept
     v->len = 0;
 }
 
+/* Grows the block first and the map after it: should the second fail, the list is as it was, with a block that is
+   larger than it knows. */
 int xvlst_reserve(xvlst* l, size_t n, size_t size, size_t growblk) noexcept
 {
     ASSERT(l && (growblk > 0));
@@ -95,6 +102,7 @@ int xvlst_reserve(xvlst* l, size_t n, size_t size, size_t growblk) noexcept
     return 0;
 }
 
+/* One slot more than asked for: releasing counts it, too. NORESERVE, since most of a large table is never touched. */
 int xvlst_mmap_fixed(xvlst* l, size_t n, size_t size) noexcept
 {
     ASSERT(l && !l->data && size);
@@ -141,6 +149,7 @@ static ssize_t next_free(const xvlst* l, size_t i) noexcept
     return p ? static_cast<const uint8_t*>(p) - l->taken : -1;
 }
 
+/* The element's bytes stay those of the slot's last user: whoever takes it fills it. */
 ssize_t xvlst_add(xvlst* l, size_t size, size_t growblk) noexcept
 {
     ASSERT((0 == l->max_len) || (l->avail < (ssize_t)l->max_len));
@@ -157,6 +166,7 @@ ssize_t xvlst_add(xvlst* l, size_t size, size_t growblk) noexcept
     return static_cast<ssize_t>(i);
 }
 
+/* The callback finds the slot free already, and not yet the next one to be taken. */
 int xvlst_del(xvlst* l, size_t i, xv_elem_fn callback) noexcept
 {
     if (i > l->last || i >= l->max_len)
@@ -179,6 +189,7 @@ static bool is_taken(const xvlst* l, size_t i) noexcept
     return i < l->max_len && l->taken[i];
 }
 
+/* Up to last, which a callback may raise on the way: what is added behind the walk's place is met in the same walk. */
 int xvlst_each(xvlst* l, xv_elem_fn f, size_t* stop) noexcept
 {
     int rc = 0;
@@ -217,6 +228,7 @@ int is_ptr_match(void* data, size_t idx, void* ptr) noexcept
     return static_cast<void**>(data)[idx] == ptr;
 }
 
+/* A match that deletes the slot itself is told by the failing deletion. */
 int xvlst_rmif(xvlst* l, void* arg, xv_match_fn match, size_t* err) noexcept
 {
     int ndeleted = 0;
@@ -233,6 +245,7 @@ int xvlst_rmif(xvlst* l, void* arg, xv_match_fn match, size_t* err) noexcept
     return ndeleted;
 }
 
+/* The map is cleared at once afterwards, whatever the callback has left taken. */
 void xvlst_purge_all(xvlst* l, xv_elem_fn f) noexcept
 {
     ASSERT(l);
