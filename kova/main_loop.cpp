@@ -37,7 +37,7 @@ static const char* event_name(uint32_t flags) noexcept
 }
 
 /* After a hang-up alone there may be data that came before it. False: the event is an error. */
-static bool is_readable(int fd, uint32_t flags, const char* fn) noexcept
+static bool is_readable(const char* fn, int fd, uint32_t flags) noexcept
 {
     if (flags == 0)
         return true;
@@ -51,16 +51,16 @@ static bool is_readable(int fd, uint32_t flags, const char* fn) noexcept
 
 /* ---- user requests ---- */
 
-static int read_urq(dw_urq* urq, uint32_t flags, const char* fn) noexcept
+static int read_urq(const char* fn, dw_urq* urq, uint32_t flags) noexcept
 {
-    if (is_readable(urq->sockfd, flags, fn))
+    if (is_readable(fn, urq->sockfd, flags))
         return urq_read(urq);
     LOG_ERR("%s: URQ [%s] (%p) err=%d\n", fn, urq->trk_tag.sym8, static_cast<void*>(urq), static_cast<int>(flags));
     pprm_urq(urq);
     return 0;
 }
 
-static int fail_urq(dw_urq* urq, uint32_t flags, const char* /*fn*/) noexcept
+static int fail_urq(const char* /*fn*/, dw_urq* urq, uint32_t flags) noexcept
 {
     urq_error(urq, (flags & RQS_SOCKHUP) != 0);
     return 0;
@@ -68,7 +68,7 @@ static int fail_urq(dw_urq* urq, uint32_t flags, const char* /*fn*/) noexcept
 
 /* ---- download tasks ---- */
 
-static int break_task(dw_task* task, uint32_t flags, const char* fn) noexcept
+static int break_task(const char* fn, dw_task* task, uint32_t flags) noexcept
 {
     LOG_ERR("%s: task [%s] (%p) err=%d\n", fn, task->trk_tag.sym8, static_cast<void*>(task), static_cast<int>(flags));
     dw_broken(task);
@@ -76,26 +76,26 @@ static int break_task(dw_task* task, uint32_t flags, const char* fn) noexcept
 }
 
 /* A body that is whole completes, whatever became of its source since. */
-static int read_task(dw_task* task, uint32_t flags, const char* fn) noexcept
+static int read_task(const char* fn, dw_task* task, uint32_t flags) noexcept
 {
     const log_group_guard group(task->trk_tag);
-    return is_whole(task) || is_readable(task->sfd, flags, fn) ? dw_read(task) : break_task(task, flags, fn);
+    return is_whole(task) || is_readable(fn, task->sfd, flags) ? dw_read(task) : break_task(fn, task, flags);
 }
 
-static int write_task(dw_task* task, uint32_t /*flags*/, const char* /*fn*/) noexcept
+static int write_task(const char* /*fn*/, dw_task* task, uint32_t /*flags*/) noexcept
 {
     return dw_write(task);
 }
 
-static int fail_task(dw_task* task, uint32_t flags, const char* fn) noexcept
+static int fail_task(const char* fn, dw_task* task, uint32_t flags) noexcept
 {
     const log_group_guard group(task->trk_tag);
-    return is_whole(task) ? dw_read(task) : break_task(task, flags, fn);
+    return is_whole(task) ? dw_read(task) : break_task(fn, task, flags);
 }
 
 /* ---- listeners ---- */
 
-static int on_srv_accept(rui_socket_ctx* srv, uint32_t flags, const char* /*fn*/) noexcept
+static int on_srv_accept(const char* /*fn*/, rui_socket_ctx* srv, uint32_t flags) noexcept
 {
     if (flags) {
         LOG_ERR("%s: [%s] ERR/HUP\n", __func__, srv->lc->alias);
@@ -113,7 +113,7 @@ static int on_srv_accept(rui_socket_ctx* srv, uint32_t flags, const char* /*fn*/
     return 0;
 }
 
-static int fail_listener(rui_socket_ctx* srv, uint32_t flags, const char* /*fn*/) noexcept
+static int fail_listener(const char* /*fn*/, rui_socket_ctx* srv, uint32_t flags) noexcept
 {
     rui_crash_on_error(srv, flags & RQS_SOCKHUP);
 }
@@ -122,13 +122,13 @@ static int fail_listener(rui_socket_ctx* srv, uint32_t flags, const char* /*fn*/
 
 constexpr n64_tag UDL_GROUP = mk_tag8("uDl");
 
-static int read_udl(udl_ctx* udl, uint32_t /*flags*/, const char* /*fn*/) noexcept
+static int read_udl(const char* /*fn*/, udl_ctx* udl, uint32_t /*flags*/) noexcept
 {
     const log_group_guard group(UDL_GROUP);
     return udl_accept(udl);
 }
 
-static int fail_udl(udl_ctx* udl, uint32_t /*flags*/, const char* /*fn*/) noexcept
+static int fail_udl(const char* /*fn*/, udl_ctx* udl, uint32_t /*flags*/) noexcept
 {
     const log_group_guard group(UDL_GROUP);
     udl_error(udl);
@@ -138,7 +138,7 @@ static int fail_udl(udl_ctx* udl, uint32_t /*flags*/, const char* /*fn*/) noexce
 /* ---- dispatch ---- */
 
 /* fn is the loop's callback that has called, for the log. The result is the loop's: not 0 ends it. */
-using event_fn = int (*)(void* record, uint32_t flags, const char* fn) noexcept;
+using event_fn = int (*)(const char* fn, void* record, uint32_t flags) noexcept;
 
 /* What the records of one tag do with their events. */
 struct tag_handlers {
@@ -150,10 +150,10 @@ struct tag_handlers {
 
 /* Makes a handler of one record type an event_fn. A registered pointer is converted here and nowhere else, after its
    tag has said what it points at. */
-template <class T, int (*HANDLE)(T* record, uint32_t flags, const char* fn) noexcept>
-static int typed(void* record, uint32_t flags, const char* fn) noexcept
+template <class T, int (*HANDLE)(const char* fn, T* record, uint32_t flags) noexcept>
+static int typed(const char* fn, void* record, uint32_t flags) noexcept
 {
-    return HANDLE(static_cast<T*>(record), flags, fn);
+    return HANDLE(fn, static_cast<T*>(record), flags);
 }
 
 /* The most frequent first. */
@@ -180,7 +180,7 @@ static n32_tag tag_of(const void* udata) noexcept
 }
 
 /* A record that was released earlier in this round bears "#". */
-static int dismiss_expired(n32_tag tag, const void* udata, const char* fn) noexcept
+static int dismiss_expired(const char* fn, n32_tag tag, const void* udata) noexcept
 {
     LOG_WARN("%s: got expired [%3.3s] (0x%04x) on (%p), dismissing\n", fn, tag.sym, tag.num, udata);
     return 0;
@@ -192,9 +192,9 @@ int on_read(int /*fd*/, uint32_t flags, void* udata, void* /*aux*/) noexcept
     const n32_tag tag = tag_of(udata);
     LOG_DEBUG("%s: %s [%.3s] (%p) err=%d\n", __func__, event_name(flags), tag.sym, udata, static_cast<int>(flags));
     if (const tag_handlers* h = handlers_of(tag))
-        return h->read(udata, flags, __func__);
+        return h->read(__func__, udata, flags);
     if (tag.sym[0] == '#')
-        return dismiss_expired(tag, udata, __func__);
+        return dismiss_expired(__func__, tag, udata);
     LOG_ERR("%s: unknown data type: [%3.3s] (0x%04x) on (%p), data corruption detected\n", __func__, tag.sym, tag.num,
             udata);
     ASSERT_AS(false, "a registered record begins with a known tag");
@@ -206,9 +206,9 @@ int on_write(int /*fd*/, uint32_t flags, void* udata, void* aux) noexcept
     LOG_DEBUG("%s: %s [%.3s] (%p) err=%d\n", __func__, event_name(flags), tag.sym, udata, static_cast<int>(flags));
     const tag_handlers* h = handlers_of(tag);
     if (h && h->write)
-        return h->write(udata, flags, __func__);
+        return h->write(__func__, udata, flags);
     if (tag.sym[0] == '#')
-        return dismiss_expired(tag, udata, __func__);
+        return dismiss_expired(__func__, tag, udata);
     PANIC("%s: tag=[%.3s] err=%d, udata=%p, aux=%p - why are we here?\n", __func__, tag.sym, static_cast<int>(flags),
           udata, aux);
 }
@@ -218,7 +218,7 @@ int on_error(int /*fd*/, uint32_t flags, void* udata, void* /*aux*/) noexcept
     const n32_tag tag = tag_of(udata);
     LOG_INFO("%s: %.3s (%p), err=0x%04x %s\n", __func__, tag.sym, udata, flags, flags & RQS_SOCKHUP ? "HUP" : "-");
     const tag_handlers* h = handlers_of(tag);
-    return h ? h->error(udata, flags, __func__) : 0; /* without one it was released earlier in this round */
+    return h ? h->error(__func__, udata, flags) : 0; /* without one it was released earlier in this round */
 }
 
 /* ---- idle work and post-processing ---- */
