@@ -20,6 +20,10 @@ constexpr int MIN_LOCK_PATH = 5;
 constexpr long STRANGE_AGE_SEC = 86400;
 constexpr timespec SECOND_LOOK = {0, 100'000'000};
 
+/* Under this name the log speaks of every look at an age and of every file that has lapsed, whoever has asked: it is what
+   operators search for. */
+constexpr char EXPIRY_FN[] = "check_and_expire";
+
 using lock_path = std::array<char, 128>;
 
 static bool is_locking() noexcept
@@ -60,13 +64,13 @@ static int file_age(const char* path, long* age) noexcept
         return -1;
     if (S_ISLNK(st.st_mode) && stat(path, &target) == 0)
         st = target;
-    *age = static_cast<long>(time(nullptr) - st.st_mtime);
+    *age = time(nullptr) - st.st_mtime;
     return 0;
 }
 
 /* The age that a descriptor of one's own sees: on NFS a file that another host is just creating shows a strange time
    until its maker's second step, and an attribute cache may keep that time. As file_age. */
-static int look_again(const char* path, long* age) noexcept
+static int look_again(const char* fn, const char* path, long* age) noexcept
 {
     nanosleep(&SECOND_LOOK, nullptr);
     const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -75,8 +79,8 @@ static int look_again(const char* path, long* age) noexcept
     struct stat st {
     };
     if (fstat(fd, &st) == 0)
-        *age = static_cast<long>(time(nullptr) - st.st_mtime);
-    W_close("lid_lock", fd);
+        *age = time(nullptr) - st.st_mtime;
+    W_close(fn, fd);
     return 0;
 }
 
@@ -85,17 +89,16 @@ static int judge_age(const char* path, long max_age, bool is_lock, long* age) no
 {
     int rc = file_age(path, age);
     if (rc == 0 && is_lock && *age > STRANGE_AGE_SEC)
-        rc = look_again(path, age);
+        rc = look_again("lid_lock", path, age);
     if (rc != 0) {
-        const int err = errno;
-        if (err == ENOENT)
+        if (errno == ENOENT)
             return 0;
-        LOG_ERR("%s: stat(%s, ..) ERROR(%d): %s\n", "check_and_expire", path, err, strerror(err));
+        LOG_ERRNO("%s: stat(%s, ..)", EXPIRY_FN, path);
         return -1;
     }
     if (*age > max_age)
         return ESTALE;
-    LOG_INFO("%s: upstanding lock [%s] (age=%ld) found\n", "check_and_expire", path, *age);
+    LOG_INFO("%s: upstanding lock [%s] (age=%ld) found\n", EXPIRY_FN, path, *age);
     return EBUSY;
 }
 
@@ -106,9 +109,9 @@ int check_age(const char* path, long max_age, long* age) noexcept
 
 int expire_file(const char* path, long age) noexcept
 {
-    if (W_unlink("check_and_expire", path) != 0)
+    if (W_unlink(EXPIRY_FN, path) != 0)
         return -1;
-    LOG_DEBUG("%s: expired stale lock [%s], age=%ld sec\n", "check_and_expire", path, age);
+    LOG_DEBUG("%s: expired stale lock [%s], age=%ld sec\n", EXPIRY_FN, path, age);
     return 0;
 }
 
@@ -143,10 +146,9 @@ int lid_lock(const char* lid, timespec* taken) noexcept
         LOG_DEBUG("%s: [%s] locked\n", __func__, lid);
         return 0;
     }
-    const int err = errno;
-    if (err == EEXIST) /* another holder was quicker */
+    if (errno == EEXIST) /* another holder was quicker */
         return EBUSY;
-    LOG_ERR("%s: open(%s,...) ERROR(%d): %s\n", __func__, path.data(), err, strerror(err));
+    LOG_ERRNO("%s: open(%s,...)", __func__, path.data());
     return -1;
 }
 

@@ -6,16 +6,16 @@
 
 constexpr long STALE_LOCK_SEC = 30; /* the same for lock files and unfinished files */
 
-/* 0 locked, or locking is off; 16 a live lock exists; -1 error (logged): no lock is held. *taken gets the lock file's
+/* 0 locked, or locking is off; EBUSY a live lock exists; -1 error (logged): no lock is held. *taken gets the lock file's
    time, which tells it from the lock of an order that takes this one over. A lock that looks older than a day costs a
    wait of 100 ms. */
 [[nodiscard]] int lid_lock(const char* lid, timespec* taken) noexcept;
 /* Removes the lock unless another order has taken it over; call it only for a lock taken with lid_lock() == 0. */
 void lid_unlock(const char* lid, const timespec& taken) noexcept;
-/* 0 no file, or a stale one was removed; 16 the file is max_age seconds old or younger; -1 error (logged). A link to
+/* 0 no file, or a stale one was removed; EBUSY the file is max_age seconds old or younger; -1 error (logged). A link to
    nowhere counts by its own age. */
 [[nodiscard]] int check_and_expire(const char* path, long max_age) noexcept;
-/* The two halves of it, for a caller that decides between them. 0 no file; 16 young (logged); ESTALE older, and *age
+/* The two halves of it, for a caller that decides between them. 0 no file; EBUSY young (logged); ESTALE older, and *age
    says by how many seconds; -1 error (logged). */
 [[nodiscard]] int check_age(const char* path, long max_age, long* age) noexcept;
 /* Removes a file that check_age has found too old. 0, or -1 (logged). */

@@ -21,14 +21,9 @@ constexpr size_t FPATH_LIMIT = SPEC_PATH_MAX - 1;
 
 /* ---- the request ---- */
 
-static void log_refusal(const dw_urq* urq, int rc) noexcept
-{
-    LOG_ERR("%s: %s [%s] (%p): src=[%s], dst=[%s], ERROR(%d)\n", "parse_dw_get", urq->tag.sym, urq->trk_tag.sym8,
-            static_cast<const void*>(urq), urq->uri_src, urq->uri_dst, rc);
-}
-
-/* Cuts the query off the source: what is fetched never carries one. The expiry in it, or 0. */
-static long cut_expiry(char* src) noexcept
+/* Cuts the query off the source: what is fetched never carries one. The expiry in it, or 0. The field is looked for as
+   text, so a longer name that ends in "expiry=" is one too. */
+static long cut_expiry(const char* fn, char* src) noexcept
 {
     char* mark = strchr(src, '?');
     if (!mark)
@@ -42,11 +37,11 @@ static long cut_expiry(char* src) noexcept
     scan_num(&s, SIZE_MAX, &expiry);
     if (s.count == 1)
         return expiry;
-    LOG_WARN("%s: NO EXPIRY: sscanf('%s',..) expected 1, got %d\n", "parse_dw_get", field ? field : query, s.count);
+    LOG_WARN("%s: NO EXPIRY: sscanf('%s',..) expected 1, got %d\n", fn, field ? field : query, s.count);
     return 0;
 }
 
-int validate_request(dw_urq* urq, dw_spec* spec) noexcept
+static int validate_request(dw_urq* urq, dw_spec* spec) noexcept
 {
     return setup_dw_spec(urq->uri_src, urq->uri_dst, sizeof(urq->uri_dst) - 1, spec);
 }
@@ -60,20 +55,19 @@ int parse_dw_get(dw_urq* urq, dw_spec* spec) noexcept
         LOG_DEBUG("%s: PING: will send HTTP 204\n", __func__);
         return rc;
     }
-    if (rc != 0) {
+    if (rc == 0) {
+        LOG_DEBUG("%s: %s [%s] (%p): src=[%s], dst=[%s]\n", __func__, urq->tag.sym, urq->trk_tag.sym8,
+                  static_cast<void*>(urq), urq->uri_src, urq->uri_dst);
+        spec->expiry_tm = cut_expiry(__func__, urq->uri_src);
+        rc = validate_request(urq, spec);
+    } else {
         urq->hresp = &g_resp_bad;
-        log_refusal(urq, rc);
-        return rc;
     }
-    LOG_DEBUG("%s: %s [%s] (%p): src=[%s], dst=[%s]\n", __func__, urq->tag.sym, urq->trk_tag.sym8,
-              static_cast<void*>(urq), urq->uri_src, urq->uri_dst);
-    spec->expiry_tm = cut_expiry(urq->uri_src);
-    rc = validate_request(urq, spec);
     if (rc != 0)
-        log_refusal(urq, rc);
+        LOG_ERR("%s: %s [%s] (%p): src=[%s], dst=[%s], ERROR(%d)\n", __func__, urq->tag.sym, urq->trk_tag.sym8,
+                static_cast<void*>(urq), urq->uri_src, urq->uri_dst, rc);
     else
-        LOG_DEBUG("%s: url=[%s], path=[%s], expiry=%ld\n", __func__, spec->url, spec->fpath,
-                  static_cast<long>(spec->expiry_tm));
+        LOG_DEBUG("%s: url=[%s], path=[%s], expiry=%jd\n", __func__, spec->url, spec->fpath, intmax_t{spec->expiry_tm});
     return rc;
 }
 
@@ -82,21 +76,6 @@ int parse_dw_get(dw_urq* urq, dw_spec* spec) noexcept
 static size_t word_len(const char* p) noexcept
 {
     return strcspn(p, " \t");
-}
-
-/* The expiry at p; a missing one is a fault of the sender that stops the agent. */
-static long take_expiry(const char* p) noexcept
-{
-    if (!*p || *p == '#') {
-        LOG_WARN("%s: no expiry data passed\n", "parse_msg");
-        ASSERT_AS(false, "expiry");
-    }
-    long expiry = 0;
-    const int n = sscanf(p, "%ld %*s", &expiry); // NOLINT(cert-err34-c)
-    if (n == 1)
-        return expiry;
-    LOG_WARN("%s: NO EXPIRY: sscanf('%s',..) expected 1, got %d\n", "parse_msg", p, n);
-    return 0;
 }
 
 int parse_msg(char* msg, char** url, char** lid, long* expiry) noexcept
@@ -121,13 +100,20 @@ int parse_msg(char* msg, char** url, char** lid, long* expiry) noexcept
     if (*rest)
         *rest++ = '\0';
     rest += strspn(rest, " \t\n\v\f\r");
-    const long when = take_expiry(rest);
+    if (!*rest || *rest == '#') {
+        LOG_WARN("%s: no expiry data passed\n", __func__);
+        ASSERT_AS(false, "expiry"); /* a fault of the sender that stops the agent, on purpose */
+    }
+    long when = 0;
+    const int n = sscanf(rest, "%ld %*s", &when); // NOLINT(cert-err34-c)
+    if (n != 1)
+        LOG_WARN("%s: NO EXPIRY: sscanf('%s',..) expected 1, got %d\n", __func__, rest, n);
     if (url)
         *url = u;
     if (lid)
         *lid = msg;
     if (expiry)
-        *expiry = when;
+        *expiry = n == 1 ? when : 0;
     return 0;
 }
 
@@ -147,26 +133,26 @@ int parse_url(const char* url, const char* lid, dw_spec* spec) noexcept
 /* ---- the order ---- */
 
 /* The path of the source's URL. 0 or 22 (logged). */
-static int derive_dst(const char* src, char* dst, size_t cap) noexcept
+static int derive_dst(const char* fn, const char* src, char* dst, size_t cap) noexcept
 {
     const char* host = strstr(src, "//");
     const char* slash = host ? strchr(host + 2, '/') : nullptr;
     if (!slash || !slash[1]) {
-        LOG_ERR("%s: cannot extract path from source URL: %s\n", "setup_dw_spec", src);
+        LOG_ERR("%s: cannot extract path from source URL: %s\n", fn, src);
         return EINVAL;
     }
     cut_text(dst, cap, slash + 1);
-    LOG_DEBUG("%s: source-based dst=[%s]\n", "setup_dw_spec", dst);
+    LOG_DEBUG("%s: source-based dst=[%s]\n", fn, dst);
     return 0;
 }
 
 /* A raw control byte would write lines of its own into the GET that is sent, and into the log. Not quoted. */
-static int check_bytes(const char* what, const char* text) noexcept
+static int check_bytes(const char* fn, const char* what, const char* text) noexcept
 {
     for (const char* p = text; *p; ++p) {
         const auto byte = static_cast<unsigned char>(*p);
         if (byte < 0x20 || byte == 0x7f) {
-            LOG_ERR("%s: control byte 0x%02x at %td of the %s\n", "setup_dw_spec", byte, p - text, what);
+            LOG_ERR("%s: control byte 0x%02x at %td of the %s\n", fn, byte, p - text, what);
             return EINVAL;
         }
     }
@@ -175,17 +161,17 @@ static int check_bytes(const char* what, const char* text) noexcept
 
 /* A destination must stay below the data directory. No segment of it may look like an unfinished file: a directory of
    such a name would be in the way of the order for that file. */
-static int check_dst(const char* dst) noexcept
+static int check_dst(const char* fn, const char* dst) noexcept
 {
     for (std::string_view rest = dst; !rest.empty();) {
         const size_t slash = rest.find('/');
         const std::string_view seg = rest.substr(0, slash);
         if (seg == "..") {
-            LOG_ERR("%s: destination leaves the data directory: [%s]\n", "setup_dw_spec", dst);
+            LOG_ERR("%s: destination leaves the data directory: [%s]\n", fn, dst);
             return EINVAL;
         }
         if (seg.ends_with(UNFINISHED_SFX)) {
-            LOG_ERR("%s: destination names an unfinished file: [%s]\n", "setup_dw_spec", dst);
+            LOG_ERR("%s: destination names an unfinished file: [%s]\n", fn, dst);
             return EINVAL;
         }
         rest.remove_prefix(slash == std::string_view::npos ? rest.size() : slash + 1);
@@ -193,30 +179,24 @@ static int check_dst(const char* dst) noexcept
     return 0;
 }
 
-/* data_dir/dst-Kova. The text is cut at 126 characters and refused from 128 on: one of 127 loses its last character,
-   and with it the suffix that would tell it from a finished file. */
-static int mk_fpath(const char* data_dir, const char* dst, dw_spec* spec) noexcept
+/* Paths of the order; makes the missing directories. The path data_dir/dst-Kova is cut at 126 characters and refused
+   from 128 on: one of 127 loses its last character, and with it the suffix that would tell it from a finished file.
+   0; ERANGE; the error of the making. */
+static int init_spec(const char* data_dir, const char* src, const char* dst, dw_spec* spec) noexcept
 {
     const size_t len = strlen(data_dir);
     const char* slash = len > 0 && data_dir[len - 1] == '/' ? "" : "/";
     std::array<char, SPEC_PATH_MAX> path;
     const size_t n = join_text(path.data(), path.size(), {data_dir, slash, dst, UNFINISHED_SFX});
     if (n >= path.size()) {
-        LOG_ERR("%s: full path is too long: %zd/%zu\n", "init_spec", static_cast<ssize_t>(n), SPEC_PATH_MAX);
+        LOG_ERR("%s: full path is too long: %zu/%zu\n", __func__, n, SPEC_PATH_MAX);
         return ERANGE;
     }
     cut_text(spec->fpath, FPATH_LIMIT, {path.data(), n});
     if (!is_unfinished_seg(spec->fpath)) {
-        LOG_ERR("%s: full path was cut: [%s]\n", "init_spec", spec->fpath);
+        LOG_ERR("%s: full path was cut: [%s]\n", __func__, spec->fpath);
         return ERANGE;
     }
-    return 0;
-}
-
-int init_spec(const char* data_dir, const char* src, const char* dst, dw_spec* spec) noexcept
-{
-    if (const int rc = mk_fpath(data_dir, dst, spec))
-        return rc;
     if (!copy_text(spec->url, sizeof(spec->url), src)) {
         LOG_ERR("%s: source URL is too long: %zu/%zu\n", __func__, strlen(src), SPEC_URL_MAX);
         return ERANGE;
@@ -230,6 +210,7 @@ int init_spec(const char* data_dir, const char* src, const char* dst, dw_spec* s
     return 0;
 }
 
+/* The checks come before anything is made on disk, and the check of the unfinished file, which may remove one, last. */
 int setup_dw_spec(const char* src, char* dst, size_t dst_cap, dw_spec* spec) noexcept
 {
     LOG_DEBUG("%s: src=[%s] dst=[%s]\n", __func__, src, dst);
@@ -238,14 +219,14 @@ int setup_dw_spec(const char* src, char* dst, size_t dst_cap, dw_spec* spec) noe
         return EINVAL;
     }
     if (!dst[0]) {
-        if (const int rc = derive_dst(src, dst, dst_cap))
+        if (const int rc = derive_dst(__func__, src, dst, dst_cap))
             return rc;
     }
-    if (const int rc = check_bytes("source", src))
+    if (const int rc = check_bytes(__func__, "source", src))
         return rc;
-    if (const int rc = check_bytes("destination", dst))
+    if (const int rc = check_bytes(__func__, "destination", dst))
         return rc;
-    if (const int rc = check_dst(dst))
+    if (const int rc = check_dst(__func__, dst))
         return rc;
     if (const int rc = init_spec(g_cfg.data_dir, src, dst, spec))
         return rc;

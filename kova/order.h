@@ -9,7 +9,6 @@ constexpr int RC_PING_PATH = -3; /* a request with an empty path */
 /* Request head to order; changes the head's text. 0; RC_PING_PATH; else the refusing step's error (logged). Chooses the
    answer of a ping and of a head that cannot be parsed. */
 [[nodiscard]] int parse_dw_get(dw_urq* urq, dw_spec* spec) noexcept;
-[[nodiscard]] int validate_request(dw_urq* urq, dw_spec* spec) noexcept;
 
 /* "lid url expiry" of a datagram, taken apart in place. 0 or -1 (logged); aborts when the expiry is missing. Outputs
    may be null. */
@@ -20,5 +19,3 @@ constexpr int RC_PING_PATH = -3; /* a request with an empty path */
 /* Source and destination (a buffer of dst_cap + 1 bytes, filled from the source when empty) to order. 0; EINVAL;
    ERANGE; EEXIST the unfinished file is being written; the result of a failing step. All logged. */
 [[nodiscard]] int setup_dw_spec(const char* src, char* dst, size_t dst_cap, dw_spec* spec) noexcept;
-/* Paths of the order; creates the missing directories. 0; ERANGE; the error of the creation. */
-[[nodiscard]] int init_spec(const char* data_dir, const char* src, const char* dst, dw_spec* spec) noexcept;

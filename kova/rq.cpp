@@ -1,6 +1,6 @@
 /* User requests: one HTTP client from acceptance to reaping. A request reads one head and is either answered at once or
    handed, as an order and a duplicate of its descriptor, to the download engine. It is never freed by its own handler:
-   it is listed on its listener and freed after the round. */
+   it is listed on its listener and freed after the round, so a handler may use it to its last line. */
 #include "rq.h"
 
 #include "app.h"
@@ -47,7 +47,7 @@ void mk_trk_tag(size_t* counter, n64_tag* tag, char letter, size_t max) noexcept
     rui_put_trknum(tag, letter, *counter, 1, MAX_TRKNUM_DIGITS);
 }
 
-dw_urq* urq_new(int sockfd, rui_socket_ctx* srv, void* /*opaque*/) noexcept
+static dw_urq* urq_new(int sockfd, rui_socket_ctx* srv, void* /*opaque*/) noexcept
 {
     auto* urq = static_cast<dw_urq*>(calloc(1, sizeof(dw_urq)));
     if (!urq) {
@@ -66,7 +66,7 @@ dw_urq* urq_new(int sockfd, rui_socket_ctx* srv, void* /*opaque*/) noexcept
     return urq;
 }
 
-void urq_rm(dw_urq* urq) noexcept
+static void urq_rm(dw_urq* urq) noexcept
 {
     LOG_INFO("%s: %s [%s] (%p)\n", __func__, urq->tag.sym, urq->trk_tag.sym8, static_cast<void*>(urq));
     if (urq->sockfd >= 0)
@@ -81,7 +81,7 @@ void urq_rm(dw_urq* urq) noexcept
     free(urq);
 }
 
-void urq_set_state(dw_urq* urq, n32_tag state) noexcept
+static void urq_set_state(dw_urq* urq, n32_tag state) noexcept
 {
     ASSERT(state.num == (urq->state.num == URQ_INI.num ? URQ_RD : URQ_QUI).num);
     ASSERT(urq->state.num != state.num);
@@ -93,7 +93,7 @@ void urq_set_state(dw_urq* urq, n32_tag state) noexcept
 void pprm_urq(dw_urq* urq) noexcept
 {
     const int rc = rui_pprm(as_header(urq), &urq->pprm_idx);
-    if (rc == EALREADY) {
+    if (rc == EALREADY) { /* timed out and readable in one round, say */
         LOG_WARN("%s: %s [%s] (%p) is already PPRM-ed\n", __func__, urq->tag.sym, urq->trk_tag.sym8,
                  static_cast<void*>(urq));
         return;
@@ -111,36 +111,9 @@ void pprm_urq(dw_urq* urq) noexcept
 
 /* ---- reading the head ---- */
 
-/* What a read without bytes means. 11, 104 or -1. */
-static int judge_no_data(const dw_urq* urq, ssize_t n) noexcept
-{
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
-        return EAGAIN;
-    if (n == 0 || errno == ECONNRESET) {
-        LOG_INFO("%s: client fd=%d closed connection\n", "read_http_rq", urq->sockfd);
-        return ECONNRESET;
-    }
-    return -1;
-}
-
-/* A head that is not complete yet may lack less than the low-water mark holds back. */
-static void lower_watermark(const dw_urq* urq) noexcept
-{
-    const int one = 1;
-    (void)setsockopt(urq->sockfd, SOL_SOCKET, SO_RCVLOWAT, &one, sizeof(one)); /* the mark only saves wake-ups */
-}
-
-static int cut_tail(http_rq* hrq, ssize_t eoh) noexcept
-{
-    if (static_cast<size_t>(eoh) < hrq->hpos) {
-        LOG_WARN("%s: request has tail data, dismissing the tail\n", "read_http_rq");
-        hrq->hpos = static_cast<size_t>(eoh);
-        hrq->hbuf[hrq->hpos] = '\0';
-    }
-    return 0;
-}
-
-int read_http_rq(dw_urq* urq) noexcept
+/* Reads what there is of the head. A complete one ends at its blank line; what follows it is dropped.
+   0 complete; EAGAIN more is needed; ECONNRESET the client has closed; -ENOMEM; -1 read failure. */
+static int read_http_rq(dw_urq* urq) noexcept
 {
     http_rq* hrq = &urq->hrq;
     if (!hrq->hbuf) {
@@ -154,17 +127,31 @@ int read_http_rq(dw_urq* urq) noexcept
         const bool is_first = hrq->hpos == 0;
         ssize_t eoh = 0;
         const ssize_t n = read_http(urq->sockfd, hrq->hbuf, hrq->hlen - 1, hrq->hpos, &eoh);
-        if (n <= 0)
-            return judge_no_data(urq, n);
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+            return EAGAIN;
+        if (n < 0 && errno != ECONNRESET)
+            return -1;
+        if (n <= 0) {
+            LOG_INFO("%s: client fd=%d closed connection\n", __func__, urq->sockfd);
+            return ECONNRESET;
+        }
         hrq->hpos += static_cast<size_t>(n);
         ASSERT(hrq->hpos < hrq->hlen);
         hrq->hbuf[hrq->hpos] = '\0';
-        LOG_HEAD(DEBUG_level, "%s: %s HTTP buffer [%ld bytes] received:\n%s\n", __func__,
-                 eoh > 0 ? "complete" : "partial", static_cast<long>(n), hrq->hbuf);
-        if (eoh > 0)
-            return cut_tail(hrq, eoh);
-        if (is_first)
-            lower_watermark(urq);
+        LOG_HEAD(DEBUG_level, "%s: %s HTTP buffer [%zd bytes] received:\n%s\n", __func__,
+                 eoh > 0 ? "complete" : "partial", n, hrq->hbuf);
+        if (eoh > 0) {
+            if (static_cast<size_t>(eoh) < hrq->hpos) {
+                LOG_WARN("%s: request has tail data, dismissing the tail\n", __func__);
+                hrq->hpos = static_cast<size_t>(eoh);
+                hrq->hbuf[hrq->hpos] = '\0';
+            }
+            return 0;
+        }
+        if (is_first) { /* the head may lack less than the low-water mark holds back; the mark only saves wake-ups */
+            const int one = 1;
+            (void)setsockopt(urq->sockfd, SOL_SOCKET, SO_RCVLOWAT, &one, sizeof(one));
+        }
     }
     /* Full without an end: nothing more is read, and the client waits for its time-out without waking the loop. */
     (void)rqs_mod(urq->sockfd, urq, 0);
@@ -174,38 +161,34 @@ int read_http_rq(dw_urq* urq) noexcept
 /* ---- the order ---- */
 
 /* A complete head. The result; urq->hresp is the answer to send now, null when there is none or 500 is due. */
-static int serve_head(dw_urq* urq) noexcept
+static int serve_head(const char* fn, dw_urq* urq) noexcept
 {
     dw_spec spec{};
-    if (const int rc = parse_dw_get(urq, &spec)) {
-        if (rc == RC_PING_PATH) {
-            LOG_INFO("%s: PONG!\n", "urq_read");
-            return rc;
-        }
+    const int rc = parse_dw_get(urq, &spec);
+    if (rc == RC_PING_PATH) {
+        LOG_INFO("%s: PONG!\n", fn);
+        return rc;
+    }
+    if (rc != 0) {
         /* The parser has ended the URI in place; the line shows the whole head. */
         std::replace(urq->hrq.hbuf, urq->hrq.hbuf + urq->hrq.hpos, '\0', ' ');
-        LOG_HEAD(ERR_level, "%s: malformed HTTP request: %s\n", "urq_read", urq->hrq.hbuf);
+        LOG_HEAD(ERR_level, "%s: malformed HTTP request: %s\n", fn, urq->hrq.hbuf);
         if (!urq->hresp)
             urq->hresp = &g_resp_bad;
         return rc;
     }
     if (urq->hrq.header.type == RQTYPE_HEAD) {
-        LOG_INFO("%s: nothing to do for HEAD request\n", "urq_read");
+        LOG_INFO("%s: nothing to do for HEAD request\n", fn);
         return 0;
     }
     if (!is_local_url(spec.url))
         return mk_dw_task(urq->sockfd, &spec);
     urq->hresp = &g_resp_ok; /* whatever becomes of the registration: the file is there */
-    return register_local("urq_read", &spec);
+    return register_local(fn, &spec);
 }
 
-static void answer(dw_urq* urq) noexcept
-{
-    if (!urq->hresp)
-        urq->hresp = &g_resp_err;
-    (void)send_http_response(urq->sockfd, urq->hresp); /* it has logged its failure */
-}
-
+/* After this call the request is done unless more of its head is to come. A client that has closed is removed at once:
+   nobody waits for the end of the round, and a list would only keep its descriptor. */
 int urq_read(dw_urq* urq) noexcept
 {
     ASSERT(urq->tag.num == TAG_URQ.num);
@@ -227,9 +210,11 @@ int urq_read(dw_urq* urq) noexcept
         return 0;
     }
     if (rc == 0)
-        rc = serve_head(urq);
-    if (rc != 0 || urq->hresp)
-        answer(urq);
+        rc = serve_head(__func__, urq);
+    if (rc != 0 && !urq->hresp)
+        urq->hresp = &g_resp_err;
+    if (urq->hresp)
+        (void)send_http_response(urq->sockfd, urq->hresp); /* it has logged its failure */
     urq_set_state(urq, URQ_QUI);
     pprm_urq(urq);
     return 0;
@@ -240,26 +225,27 @@ int urq_read(dw_urq* urq) noexcept
 void urq_error(dw_urq* urq, bool hangup) noexcept
 {
     const int err = socket_error(urq->sockfd);
-    LOG_ERR("%s: %s URQ(%p) [%s] ERROR(%d): %s\n", __func__, hangup ? "HUP" : "", static_cast<void*>(urq),
-            urq->trk_tag.sym8, err, strerror(err));
+    LOG_ERRNUM(err, "%s: %s URQ(%p) [%s]", __func__, hangup ? "HUP" : "", static_cast<void*>(urq), urq->trk_tag.sym8);
     pprm_urq(urq);
 }
 
-int urq_timeout(dw_urq* urq, uint32_t timeout_ms) noexcept
+/* True when timeout_ms have passed since the client was accepted: it is listed for removal, and gets no answer. */
+static bool urq_timeout(dw_urq* urq, uint32_t timeout_ms) noexcept
 {
     const timespec limit = {timeout_ms / 1000, static_cast<long>(timeout_ms % 1000) * 1000000};
     if (!timed_out(urq->wait_start_tm, limit))
-        return 0;
+        return false;
     const timespec* now = rqs_now_ref();
-    LOG_WARN("%s: TIME-OUT %s [%s] (%p) start-tm: %lu.%lu, now=%lu.%lu\n", __func__, urq->tag.sym, urq->trk_tag.sym8,
+    LOG_WARN("%s: TIME-OUT %s [%s] (%p) start-tm: %jd.%ld, now=%jd.%ld\n", __func__, urq->tag.sym, urq->trk_tag.sym8,
              static_cast<void*>(urq), static_cast<unsigned long>(urq->wait_start_tm.tv_sec),
              static_cast<unsigned long>(urq->wait_start_tm.tv_nsec), static_cast<unsigned long>(now->tv_sec),
              static_cast<unsigned long>(now->tv_nsec));
     pprm_urq(urq);
-    return 1;
+    return true;
 }
 
-bool is_iocheck_time() noexcept
+/* Has task_tmout_ms passed since it was last true? Despite its name the key paces this look at requests, nothing else. */
+static bool is_iocheck_time() noexcept
 {
     timespec pace{};
     ms2timespec(static_cast<long>(std::min<size_t>(g_cfg.task_tmout_ms, std::numeric_limits<long>::max())), &pace);
@@ -302,7 +288,7 @@ static void cb_rm(rui_rq_header* rq) noexcept
 
 static bool cb_time_out(rui_rq_header* rq, uint32_t ms) noexcept
 {
-    return urq_timeout(as_urq(rq), ms) != 0;
+    return urq_timeout(as_urq(rq), ms);
 }
 
 const rui_socket_cb g_urq_cb = {.tag = TAG_URQ, .new_rq = cb_new, .rm_rq = cb_rm, .time_out = cb_time_out};

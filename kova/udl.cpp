@@ -82,26 +82,25 @@ void udl_error(udl_ctx* udl) noexcept
 /* ---- a datagram ---- */
 
 /* Receives one datagram as text without its line end. 0 or -1 (logged). */
-static int receive_msg(const udl_ctx* udl, std::array<char, MSG_CAP>* buf) noexcept
+static int receive_msg(const char* fn, const udl_ctx* udl, std::array<char, MSG_CAP>* buf) noexcept
 {
     const ssize_t n = recv(udl->sockfd, buf->data(), RECV_MAX, MSG_DONTWAIT);
     if (n < 0) {
-        const int err = errno;
-        LOG_ERR("%s: recv(fd%d, .., %zu,..) ERROR(%d): %s\n", "udl_accept", udl->sockfd, RECV_MAX, err, strerror(err));
+        LOG_ERRNO("%s: recv(fd%d, .., %zu,..)", fn, udl->sockfd, RECV_MAX);
         return -1;
     }
-    LOG_DEBUG("%s: read %zd bytes from fd%d\n", "udl_accept", n, udl->sockfd);
+    LOG_DEBUG("%s: read %zd bytes from fd%d\n", fn, n, udl->sockfd);
     if (n < MIN_UMSG_LEN || n > MAX_UMSG_LEN) {
-        LOG_ERR("%s: invalid message length: %zd (min/max=%d/%d)\n", "udl_accept", n, MIN_UMSG_LEN, MAX_UMSG_LEN);
+        LOG_ERR("%s: invalid message length: %zd (min/max=%d/%d)\n", fn, n, MIN_UMSG_LEN, MAX_UMSG_LEN);
         return -1;
     }
     auto len = static_cast<size_t>(n);
     for (int i = 0; i < 2 && len > 0 && ((*buf)[len - 1] == '\r' || (*buf)[len - 1] == '\n'); ++i)
         (*buf)[--len] = '\0';
-    LOG_DEBUG("%s: msg=[%s]\n", "udl_accept", buf->data());
+    LOG_DEBUG("%s: msg=[%s]\n", fn, buf->data());
     if ((*buf)[0] == '#' && (*buf)[1] == '!')
         return 0;
-    LOG_ERR("%s: invalid message prefix\n", "udl_accept");
+    LOG_ERR("%s: invalid message prefix\n", fn);
     return -1;
 }
 
@@ -111,34 +110,31 @@ struct order_lock {
     timespec tm;  /* of the lock's file */
 };
 
-/* From the parsed order on. */
-static int start_order(const char* url, const char* lid, long expiry, order_lock* lock) noexcept
-{
-    dw_spec spec{};
-    if (const int rc = parse_url(url, lock->is_held ? lid : nullptr, &spec))
-        return rc;
-    spec.lock_tm = lock->tm;
-    spec.expiry_tm = expiry;
-    LOG_DEBUG("%s: expiry time: %ld\n", "udl_accept", expiry);
-    if (is_local_url(spec.url))
-        return register_local("udl_accept", &spec); /* the lock of a registered order is left to lapse */
-    lock->is_held = false;
-    (void)mk_dw_task(-1, &spec); /* the task owns the lock now, and a refused one has released it */
-    return 0;
-}
-
-static int take_order(char* msg, char** url, char** lid, order_lock* lock) noexcept
+/* From "lid url expiry" to a task or a registration. Whoever returns with the lock still held leaves it to the caller.
+   0; EBUSY another order holds the lock; else refused (logged, but for a failed registration). */
+static int take_order(const char* fn, char* msg, char** url, char** lid, order_lock* lock) noexcept
 {
     long expiry = 0;
     if (const int rc = parse_msg(msg, url, lid, &expiry))
         return rc;
-    const int rc = lid_lock(*lid, &lock->tm);
-    if (rc == EBUSY) {
-        LOG_INFO("%s: [%s] already engaged, will skip\n", "udl_accept", *lid);
-        return rc;
+    const int rc_lock = lid_lock(*lid, &lock->tm);
+    if (rc_lock == EBUSY) {
+        LOG_INFO("%s: [%s] already engaged, will skip\n", fn, *lid);
+        return rc_lock;
     }
-    lock->is_held = rc == 0;
-    return start_order(*url, *lid, expiry, lock);
+    lock->is_held = rc_lock == 0; /* an order that could not take its lock goes on without one */
+
+    dw_spec spec{};
+    if (const int rc = parse_url(*url, lock->is_held ? *lid : nullptr, &spec))
+        return rc;
+    spec.lock_tm = lock->tm;
+    spec.expiry_tm = expiry;
+    LOG_DEBUG("%s: expiry time: %ld\n", fn, expiry);
+    if (is_local_url(spec.url))
+        return register_local(fn, &spec); /* the lock of a registered order is left to lapse */
+    lock->is_held = false;
+    (void)mk_dw_task(-1, &spec); /* the task owns the lock now, and a refused one has released it */
+    return 0;
 }
 
 int udl_accept(udl_ctx* udl) noexcept
@@ -148,9 +144,9 @@ int udl_accept(udl_ctx* udl) noexcept
     char* url = nullptr;
     char* lid = nullptr;
     order_lock lock{};
-    int rc = receive_msg(udl, &buf);
+    int rc = receive_msg(__func__, udl, &buf);
     if (rc == 0)
-        rc = take_order(buf.data() + 2, &url, &lid, &lock);
+        rc = take_order(__func__, buf.data() + 2, &url, &lid, &lock);
     if (rc == 0 || rc == EBUSY)
         return 0;
     LOG_ERR("%s: [%s] request failed; url=[%s], rc=%d\n", __func__, lid ? lid : "", url ? url : "", rc);

@@ -7,7 +7,7 @@
 
 #include <sys/stat.h>
 
-/* Removes a trailing "-Kova". 0; 22 empty text; 3 no such suffix. */
+/* Removes a trailing "-Kova". 0; EINVAL an empty text; ESRCH no such suffix. */
 [[nodiscard]] int cutoff_segext(char* path) noexcept;
 [[nodiscard]] bool is_unfinished_seg(const char* path) noexcept;
 
