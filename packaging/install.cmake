@@ -22,14 +22,15 @@ set(OF \" %i\")
 set(RUNDIR kov-%i)
 configure_file(\"\${UNITS}/kov.service\" \"\${MADE}/kov@.service\" @ONLY)
 foreach(file kov-watch.service kov-watch.timer kov-expire@.service kov-expire@.timer kov-alive@.service
-    kov-outbox.service kov-forward.service redis.conf outbox.conf)
+    kov-outbox.service kov-forward.service redis.conf outbox.conf drain.conf)
   configure_file(\"\${UNITS}/\${file}\" \"\${MADE}/\${file}\" @ONLY)
 endforeach()
 file(INSTALL \"\${MADE}/kov.service\" \"\${MADE}/kov@.service\" \"\${MADE}/kov-watch.service\" \"\${MADE}/kov-watch.timer\"
   \"\${MADE}/kov-expire@.service\" \"\${MADE}/kov-expire@.timer\" \"\${MADE}/kov-alive@.service\"
   \"\${MADE}/kov-outbox.service\" \"\${MADE}/kov-forward.service\"
   DESTINATION \"\${CMAKE_INSTALL_PREFIX}/lib/systemd/system\")
-file(INSTALL \"\${MADE}/redis.conf\" \"\${MADE}/outbox.conf\" DESTINATION \"\${DATADIR}/systemd\")")
+file(INSTALL \"\${MADE}/redis.conf\" \"\${MADE}/outbox.conf\" \"\${MADE}/drain.conf\"
+  DESTINATION \"\${DATADIR}/systemd\")")
 install(FILES packaging/systemd/kov.sysusers DESTINATION lib/sysusers.d RENAME kov.conf)
 install(FILES packaging/systemd/kov.tmpfiles DESTINATION lib/tmpfiles.d RENAME kov.conf)
 install(FILES packaging/systemd/kov.sysctl DESTINATION lib/sysctl.d RENAME 60-kov.conf)

@@ -51,6 +51,8 @@ extern ctl_settings g_set;
 
 [[nodiscard]] int cmd_ping();
 [[nodiscard]] int cmd_ready();
+/* True also of an agent that has no listener to ask. */
+[[nodiscard]] bool answers_ping();
 [[nodiscard]] int cmd_get(std::span<char* const> args);
 [[nodiscard]] int cmd_send(std::span<char* const> args);
 [[nodiscard]] int cmd_register(std::span<char* const> args);
@@ -99,6 +101,19 @@ using held_files = std::set<std::pair<dev_t, ino_t>>;
 
 [[nodiscard]] int cmd_status();
 [[nodiscard]] int cmd_metrics();
+/* What an agent is busy with. */
+struct workload {
+    size_t downloads = 0;
+    size_t clients = 0;    /* connected, or not taken yet */
+    uint64_t received = 0; /* bytes, over the connections that there are */
+    bool operator==(const workload&) const = default;
+};
+/* None when it may not be looked into, or is gone. */
+[[nodiscard]] std::optional<workload> workload_of(pid_t pid);
+
+/* ---- the wait for the end of its downloads (ctl_drain.cpp) ---- */
+
+[[nodiscard]] int cmd_drain();
 
 /* ---- files (ctl_files.cpp) ---- */
 

@@ -354,6 +354,11 @@ int cmd_ping()
     return code == 204 ? 0 : STATUS_REFUSED;
 }
 
+bool answers_ping()
+{
+    return g_set.agent.empty() || try_ask("/", PING_WAIT_SEC * 1000).code == 204;
+}
+
 /* An agent that has only a channel cannot be asked; it takes orders from the moment its socket is there. */
 int cmd_ready()
 {

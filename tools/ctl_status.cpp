@@ -413,6 +413,23 @@ void print_metrics(const agent_state& a)
 
 } // namespace
 
+std::optional<workload> workload_of(pid_t pid)
+{
+    agent_state a;
+    a.pid = pid;
+    const auto fds = descriptors_of(pid);
+    if (!fds || fds->empty())
+        return std::nullopt;
+    const std::vector<net_socket> sources = take_sockets(&a, sockets_among(*fds));
+    workload w = {.downloads = sources.size(), .clients = a.clients + a.queued};
+    const auto received = receptions_like(sources);
+    for (const net_socket& s : sources) {
+        if (received && received->contains(s.inode))
+            w.received += received->at(s.inode).bytes;
+    }
+    return w;
+}
+
 int cmd_status()
 {
     const found_agent agent = find_agent();

@@ -158,6 +158,8 @@ int run(ctl_cmd cmd, std::span<char* const> args)
         return cmd_status();
     case CTL_METRICS:
         return cmd_metrics();
+    case CTL_DRAIN:
+        return cmd_drain();
     case CTL_VERIFY:
         return cmd_verify();
     case CTL_SWEEP:
@@ -200,6 +202,8 @@ int main(int argc, char* argv[])
             g_set.data_dir = optarg;
             break;
         case 'p':
+            if (!*optarg) /* what systemd makes of $MAINPID when there is none */
+                fail(STATUS_UNREACHABLE, "the process has ended");
             g_set.pid = static_cast<pid_t>(number_or_usage(optarg, 1));
             break;
         case 'e':

@@ -204,7 +204,7 @@ class Orders(Ctl):
             kovctl("-a", place, "ping", status=5)
             self.assertLess(time.monotonic() - begin, 10)
             kovctl("-a", place, "-t", "1", "ready", status=5)
-        commands = "ping ready get send status metrics verify sweep register lost replay expire fleet"
+        commands = "ping ready get send status metrics drain verify sweep register lost replay expire fleet"
         self.assertEqual(re.findall(r"(?m)^  (\w+) ", kovctl("--help")), commands.split())
 
     def test_each_agent_is_found_by_its_listeners(self):
@@ -268,6 +268,50 @@ class Hostile(KovTest):
             self.assertEqual(self.tools("-C", f"{self.root}/f", "status"), 2)
             for command in ("lost", "expire"):
                 self.tools("-D", "/d", command, f"{self.root}/f")
+
+
+class Drain(Ctl):
+    def drain(self, seconds=60):
+        """Beside three downloads that run."""
+        urls = [self.origin.halves(f"/{i}") for i in range(3)]
+        for i, url in enumerate(urls):
+            self.agent.order(url, f"d{i}")
+        waits = subprocess.Popen([f"{BIN}/kovctl", "-C", f"{self.agent.root}/kov.conf", "-t", str(seconds), "drain"],
+                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        self.addCleanup(waits.stdout.close)
+        self.assertEqual(waits.stdout.readline(), "waiting: 3 downloads\n")
+        return waits
+
+    def ends(self, waits, status, says):
+        said = waits.stdout.read()
+        self.assertEqual((waits.wait(20), bool(re.search(says, said))), (status, True), said)
+
+    def test_every_download_that_runs_is_stored_first(self):
+        self.ctl("drain", says="^drained: ")
+        waits = self.drain()
+        self.origin.released.set()
+        self.ends(waits, 0, "^drained: nothing runs, after ")
+        for i in range(3):
+            self.agent.stored(f"d{i}", b"abcdefghi")
+
+    def test_it_gives_up_in_time_and_on_an_agent_that_hangs(self):
+        self.ends(self.drain(1), 5, "gave up: 3 downloads and 0 clients are left")
+        os.kill(self.agent.pid, signal.SIGSTOP)
+        self.ctl("drain", status=5, says="the agent hangs: 3 downloads will not end")
+        os.kill(self.agent.pid, signal.SIGCONT)
+        self.origin.released.set()
+
+    def test_an_agent_that_ends_or_is_one_of_two(self):
+        waits = self.drain()
+        other = self.start(more_listeners=f', {{ ifc = "lo"; default_af = "inet4"; port = {self.port}; }}')
+        self.ctl("drain", status=3, says="more than one agent")
+        kovctl("-C", f"{other.root}/kov.conf", "-p", str(other.pid), "drain")
+        self.agent.stop(signal.SIGKILL)
+        self.ends(waits, 1, "ended with 3 downloads running: kovctl lost lists them")
+        kovctl("-p", "", "drain", status=3)
+        for name in self.agent.unfinished():
+            os.unlink(self.agent.path(name))
+        self.agent.run()
 
 
 class Left(Ctl):
