@@ -1,5 +1,6 @@
 """Clients that split, stall, half-close, leave, crowd; listeners of every kind, and accepting that fails."""
 
+import contextlib
 import os
 import random
 import resource
@@ -135,47 +136,33 @@ class Clients(KovTest):
         agent = self.start(level="err")
         rnd = random.Random(count)
         good = self.origin.body("/good", b"good")
-        head = request(f"/src/{good}/dst/%d")
+        head = request(f"/src/{good}/dst/x")
 
-        def silent(s, _):
+        def drip(s):
+            for byte in head[:20]:
+                s.sendall(bytes([byte]))
+
+        def stays(s):
             s.settimeout(5)
             read_all(s)
 
-        def slow(s, n):
-            for byte in (head % n)[:20]:
-                s.sendall(bytes([byte]))
-            silent(s, n)
-
-        def leaves(s, n):
-            s.sendall((head % n)[:rnd.randrange(60)])
-
-        def resets(s, n):
-            leaves(s, n)
-            reset(s)
-
-        def half_closes(s, n):
-            s.sendall((head % n)[:rnd.randrange(32)])
+        def half_closes(s):
             s.shutdown(socket.SHUT_WR)
-            silent(s, n)
+            stays(s)
 
-        def garbage(s, n):
-            s.sendall(rnd.randbytes(rnd.randrange(1, 2000)))
-            s.shutdown(socket.SHUT_WR)
-            silent(s, n)
+        def part(end):
+            return lambda s: s.sendall(head[:rnd.randrange(end)])
 
-        def endless(s, n):
-            s.sendall(b"GET /" + b"x" * 3000)
-            silent(s, n)
-
-        kinds = [silent, slow, leaves, resets, half_closes, garbage, endless]
+        kinds = ((lambda s: None, stays), (drip, stays), (part(60), lambda s: None), (part(60), reset),
+                 (part(32), half_closes), (lambda s: s.sendall(rnd.randbytes(rnd.randrange(1, 2000))), half_closes),
+                 (lambda s: s.sendall(b"GET /" + b"x" * 3000), stays))
 
         def client(numbers):
             for n in numbers:
-                try:
-                    with agent.connect() as s:
-                        kinds[n % len(kinds)](s, n)
-                except OSError:
-                    pass
+                begins, ends = kinds[n % len(kinds)]
+                with contextlib.suppress(OSError), agent.connect() as s:
+                    begins(s)
+                    ends(s)
         threads = [threading.Thread(target=client, args=(range(k, count, 100),)) for k in range(100)]
         for t in threads:
             t.start()

@@ -8,24 +8,19 @@ import signal
 import subprocess
 import unittest
 
-from harness import KOV, KovTest, adopt_orphans, read, reap_all, write
+from harness import KOV, KovTest, adopt_orphans, read, write
 
 NOBODY = pwd.getpwnam("nobody")
 
 
 @unittest.skipIf(os.geteuid() != 0, "only root can become another user")
 class Background(KovTest):
+    is_open = True
+
     def setUp(self):
         super().setUp()
         adopt_orphans()
         os.chmod(self.root, 0o777)
-
-    def new_root(self):
-        root = super().new_root()
-        os.makedirs(f"{root}/d")
-        for path in (root, f"{root}/d"):
-            os.chmod(path, 0o777)
-        return root
 
     def background(self, user="", more="", **kwargs):
         """Starts a daemon whose directory anybody can write to; its parts are closed to nobody."""
@@ -47,7 +42,7 @@ class Background(KovTest):
         self.assertNotIn(os.getsid(agent.pid), (os.getsid(0), agent.pid))
         self.assertEqual({self.link(agent, f"fd/{fd}") for fd in (0, 1, 2)}, {"/dev/null"})
         self.assertEqual(self.link(agent, "cwd"), "/tmp")  # the directory of the start is closed to it
-        self.assertEqual(agent.read_pidfile(), str(agent.pid))
+        self.assertEqual(read(agent.pidfile), str(agent.pid))
         log_stat = os.stat(agent.log_path)
         self.assertEqual((log_stat.st_uid, log_stat.st_mode & 0o7777), (NOBODY.pw_uid, 0o644))
         agent.logged(f"STARTING. PID={agent.pid}\n", f"Created pidfile [{agent.pidfile}] with pid={agent.pid}.\n",
@@ -114,8 +109,9 @@ class Background(KovTest):
         command = [KOV, "-C", f"{root}/kov.conf", *options]
         with subprocess.Popen(command, stderr=subprocess.PIPE, preexec_fn=preexec) as proc:
             errors = proc.stderr.read().decode()
-            found = sorted(reap_all())  # two of them end in any order
+            found = sorted(os.waitstatus_to_exitcode(os.wait()[1]) for _ in statuses)  # two end in any order
             proc.returncode = 0
+            self.assertRaises(ChildProcessError, os.wait)
         text = errors if place == "errors" else read(f"{root}/log")
         self.assertEqual(found, statuses, text)
         for message in messages:

@@ -151,16 +151,6 @@ def adopt_orphans():
     ctypes.CDLL(None).prctl(pr_set_child_subreaper, 1, 0, 0, 0)
 
 
-def reap_all():
-    """Waits for every child; the statuses in the order of their ends."""
-    statuses = []
-    while True:
-        try:
-            statuses.append(os.waitstatus_to_exitcode(os.wait()[1]))
-        except ChildProcessError:
-            return statuses
-
-
 class Agent:
     """The program, in a terminal run unless daemon is set. settings are lines of the kova group, log, web, runtime and
     udp of the groups of these names. more_listeners goes on in the list of them; channel is the URL of the UDP channel,
@@ -208,19 +198,16 @@ class Agent:
 
     def run(self):
         """Starts it, or starts it again."""
-        before = self.read_pidfile()
+        before = read(self.pidfile, "")
         if self.is_daemon:
             adopt_orphans()
         self.proc = subprocess.Popen(**self.launch)
         if self.is_daemon:
             self.starter_status = self.proc.wait(10)
             self.leader_status = os.waitstatus_to_exitcode(os.wait()[1])  # of the process between starter and daemon
-            wait_for(lambda: self.read_pidfile() not in ("", before), "the pid file")
-            self.proc = Daemon(int(self.read_pidfile()))
+            wait_for(lambda: read(self.pidfile, "") not in ("", before), "the pid file")
+            self.proc = Daemon(int(read(self.pidfile, "")))
         self.pid = self.proc.pid
-
-    def read_pidfile(self):
-        return read(self.pidfile, "")
 
     def wait_ready(self):
         wait_for(lambda: self.is_listening() or self.proc.poll() is not None, "the listener", 60)

@@ -24,6 +24,7 @@ def needs_namespaces(test):
 
 class KovTest(unittest.TestCase):
     longMessage = True
+    is_open = False  # whether agents of another user may run in their directories
 
     def setUp(self):
         self.root = tempfile.mkdtemp(prefix="k", dir="/tmp")
@@ -71,7 +72,9 @@ class KovTest(unittest.TestCase):
 
     def new_root(self):
         root = self.next_root()
-        os.makedirs(root)
+        os.makedirs(f"{root}/d")
+        for path in (root, f"{root}/d") if self.is_open else ():
+            os.chmod(path, 0o777)
         self.roots += 1
         return root
 

@@ -1,11 +1,13 @@
 """Makes every system call and every allocation on the agent's roads fail, one at a time, and asks after each what holds
 for all of them: the agent lives or has ended with a status, nothing but whole bodies has a final name, nothing is left
-behind, and the next good order works. Each road is also walked under memcheck: no leak, no stray descriptor, no invalid access.
+behind, and the next good order works. Each road is also walked under memcheck: no leak, no stray descriptor, no invalid
+access.
 
     torture.py [--sample N] [SCENARIO ...]      KOV and FAILALLOC name the program and the preloaded library"""
 
 import argparse
 import collections
+import contextlib
 import itertools
 import os
 import random
@@ -44,6 +46,14 @@ class Broken(Exception):
     """A promise that did not hold."""
 
 
+@contextlib.contextmanager
+def promise(broken):
+    try:
+        yield
+    except (AssertionError, subprocess.TimeoutExpired):
+        raise Broken(broken) from None
+
+
 Point = collections.namedtuple("Point", "name call wrapper env", defaults=("", (), {}))
 
 
@@ -71,16 +81,9 @@ class Scenario:
         agent = Agent(self.root, "max_mmap_mb = 1;" + (self.db.settings() if self.db else ""), log=self.log, env=env,
                       channel="127.0.0.1:{}" if self.db else "", level=self.level, options=("-p", f"{self.root}/pid"),
                       wrapper=point.wrapper)
-        self.until(lambda: agent.is_listening() or agent.proc.poll() is not None, self.patience, "no start and no end")
+        with promise("neither starts nor ends"):
+            wait_for(lambda: agent.is_listening() or agent.proc.poll() is not None, "the listener", self.patience)
         return agent
-
-    @staticmethod
-    def until(condition, seconds, promise):
-        deadline = time.monotonic() + seconds
-        while not condition():
-            if time.monotonic() > deadline:
-                raise Broken(promise)
-            time.sleep(0.002)
 
     def ask(self, agent, target):
         """The answer, empty if the connection was closed without one."""
@@ -111,19 +114,16 @@ class Scenario:
 
     @staticmethod
     def comes(agent, dst):
-        deadline = time.monotonic() + 1.0
-        while not os.path.exists(agent.path(dst)) and time.monotonic() < deadline and agent.proc.poll() is None:
-            time.sleep(0.002)
+        with contextlib.suppress(AssertionError):
+            wait_for(lambda: os.path.exists(agent.path(dst)) or agent.proc.poll() is not None, dst, 1.0)
         return os.path.exists(agent.path(dst))
 
     @staticmethod
     def settle(agent):
         """Until nothing is in progress."""
-        for _ in range(400):
-            text = agent.log()
-            if text.count("TASK-START") <= text.count("TASK-END") or agent.proc.poll() is not None:
-                break
-            time.sleep(0.005)
+        with contextlib.suppress(AssertionError):
+            wait_for(lambda: (text := agent.log()).count("TASK-START") <= text.count("TASK-END")
+                     or agent.proc.poll() is not None, "the ends", 2.0)
 
     def walk(self, point):
         """The whole road; the outcome in a word."""
@@ -158,11 +158,10 @@ class Scenario:
         kept = [n for n in agent.held() if n != "job2.lock"]  # a local order leaves its lock to lapse
         if kept and self.call not in ("unlink", "close"):
             raise Broken(f"locks {kept}")
-        self.until(lambda: agent.fds() <= limit, 2.0, f"more than {limit} descriptors")
-        try:
+        with promise(f"more than {limit} descriptors"):
+            wait_for(lambda: agent.fds() <= limit, "descriptors", 2.0)
+        with promise("spins"):
             agent.idles(0.05, 0.04)
-        except AssertionError:
-            raise Broken("spins") from None
 
     def end(self, agent):
         """Quits the agent, which has one more download, if it lives; the outcome in a word."""
@@ -170,10 +169,8 @@ class Scenario:
         if lived:
             self.order(agent, "stalled", "cut-by-the-end")
             agent.proc.send_signal(signal.SIGTERM)
-        try:
+        with promise("does not quit"):
             status = agent.proc.wait(self.patience)
-        except subprocess.TimeoutExpired:
-            raise Broken("does not quit") from None
         said = agent.log() + agent.stderr()
         if status < 0 and not (status == -signal.SIGABRT and "(PNC)" in said):
             raise Broken(f"ended by signal {-status}")
