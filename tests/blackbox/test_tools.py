@@ -249,7 +249,8 @@ class Hostile(KovTest):
     def test_arguments_files_and_logs_of_megabytes_and_control_characters(self):
         long, odd = "x" * 100_000, "a\x1b[2J\r\x07\x7f"
         for text in (long, odd, ""):
-            for args in (("-C", text, "ping"), ("-a", text, "ping"), ("-u", text, "send", "job1", "http://h/a", "b", "5"),
+            for args in (("-C", text, "ping"), ("-a", text, "ping"),
+                         ("-u", text, "send", "job1", "http://h/a", "b", "5"),
                          ("-a", "h:1", "get", text, "a"), ("-a", "h:1", "get", "http://h/a", text),
                          ("-D", text, "verify"), ("-D", "/", "lost", text), (text,), ("-p", text, "status"),
                          ("-t", text, "ping"), ("--" + text, "ping")):

@@ -9,11 +9,21 @@ import subprocess
 import tempfile
 import unittest
 
-from .agent import SLOW, Agent
+from .agent import SLOW, Agent, read
 from .services import Redis
 from .source import Origin
 
 BAD_WORDS = re.compile(r"\(PNC\)|ASSERT|AddressSanitizer|LeakSanitizer|runtime error")
+
+
+def cases(name, **values):
+    """The rows of a table of the black box, "input => what is said" with escapes; {name} stands for a value."""
+    for line in read(f"{os.path.dirname(__file__)}/../blackbox/cases/{name}.txt").splitlines():
+        if line and not line.startswith("# "):
+            row = line.encode().decode("unicode_escape")
+            for key, value in values.items():
+                row = row.replace(f"{{{key}}}", value)
+            yield row.split(" => ")
 
 
 def needs_namespaces(test):
