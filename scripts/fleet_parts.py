@@ -6,7 +6,9 @@ Everything runs in namespaces of its own, processes and mounts, too: what a scri
 """
 
 import glob
+import logging
 import os
+import re
 import shutil
 import signal
 import socket
@@ -24,6 +26,7 @@ import redis.sentinel
 
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SKIPPED = 77
+logging.getLogger("redis").setLevel(logging.CRITICAL)  # a failover is no news here
 BROKEN = (redis.RedisError, redis.exceptions.RedisClusterException)
 ORIGIN, DATABASE, BALANCER, PLAYER = "10.77.0.1", "10.77.0.2", "10.77.0.3", "10.77.0.4"
 GROUP = "239.77.1.1:5000"
@@ -35,7 +38,8 @@ LUA_MODULES = "".join(f"load_module /usr/lib/nginx/modules/{name}_module.so;" fo
 def print_ends_of_logs(root):
     for path in sorted(glob.glob(f"{root}/**/*.log", recursive=True)):
         with open(path, encoding="utf-8", errors="replace") as log:
-            print(f"-- {path}\n{''.join(log.readlines()[-4:])}", file=sys.stderr, end="")
+            lines = [line for line in log.readlines() if re.search(r"\(ERR|no beat| wait|\[error|[A-Z]\w+Error", line)]
+            print(f"-- {path}\n{''.join(lines[-2:])}" if lines else "", file=sys.stderr, end="")
 
 
 def enter_namespaces():
@@ -215,13 +219,15 @@ class Fleet:
         os.makedirs(self.locks)
         os.chmod(root, 0o755)
         ip("link", "set", "lo", "up")
-        ip("link", "add", "fleet", "type", "bridge", "mcast_snooping", "0")
+        # An address of its own: else it changes with each port, and hosts go on with the one that they have learned.
+        ip("link", "add", "name", "fleet", "address", "02:00:00:00:00:01", "type", "bridge", "mcast_snooping", "0")
         for address in (ORIGIN, DATABASE, BALANCER, PLAYER):
             ip("addr", "add", f"{address}/16", "dev", "fleet")
         ip("link", "set", "fleet", "up")
         ip("route", "add", "224.0.0.0/4", "dev", "fleet")
         self.sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.parts = {"origin": self.nginx("origin", f"server {{ listen {ORIGIN}:80 backlog=1024; root {self.www}; }}")}
+        self.parts = {"origin": self.nginx("origin", f"server {{ listen {ORIGIN}:80 backlog=1024; root {self.www};"
+                                               f"access_log {root}/origin-access.log combined; }}")}
         self.start_database(database)
         self.parts["balancer"] = self.nginx("balancer", self.balancer_conf())
         self.hosts = [Host(self, n + 1, **of_host.get(n + 1, {})) for n in range(hosts)]
@@ -231,7 +237,8 @@ class Fleet:
         place = f"{self.root}/redis-{port}"
         os.makedirs(place)
         with open(f"{place}/conf", "w", encoding="ascii") as f:
-            f.write(f"bind {DATABASE}\nport {port}\ndir {place}\nprotected-mode no\n" + "\n".join(options))
+            f.write(f"bind {DATABASE}\nbind-source-addr {DATABASE}\nport {port}\ndir {place}\nprotected-mode no\n")
+            f.write("\n".join(options))
         role = ["--sentinel"] if "sentinel" in " ".join(options) else []
         self.parts.setdefault("database", part := Part(self, f"redis-{port}", ["redis-server", f"{place}/conf", *role],
                                                        ready=lambda: self.redis("-p", port, "ping") == "PONG"))

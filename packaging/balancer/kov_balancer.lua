@@ -6,7 +6,7 @@ local bit = require "bit"
 
 local ALIVE_KEY, ALIVE_MS = "kov:alive", 3000
 local REFRESH_SEC, PROBE_SEC = 0.5, 1.0
-local REPEAT_SEC, REPEAT_MAX_SEC, FORGET_SEC = 2, 16, 300
+local REPEAT_SEC, REPEAT_MAX_SEC, FORGET_SEC = 2, 5, 300
 local ORDER_MAX = 127 -- bytes that an order's URL may have from its host on
 
 local M = {}
