@@ -33,7 +33,6 @@ constexpr size_t REPLY_PREFIX_LEN = 3; /* a reply is three characters and the ke
 constexpr size_t MIN_SHA1_LINE = 39;
 constexpr size_t MAX_SHA1_LINE = 48;
 constexpr size_t TEXT_LIMIT = 127;
-constexpr int RC_NO_SCRIPT = 2;
 constexpr uint32_t OPT_S = 1;
 constexpr char OPT_S_TEXT[] = "-S";
 constexpr int64_t QUIT_GRACE_MS = 500;      /* what a server still gets once the agent has been asked to quit */

@@ -12,6 +12,8 @@
 
 struct redisReply;
 
+constexpr int RC_NO_SCRIPT = 2; /* the server does not have it */
+
 constexpr size_t LBQ_MAX_SHA1_LEN = 42;
 constexpr size_t LBQ_MAX_HOSTNM_LEN = 128;
 constexpr size_t LBQ_MAX_DIRNAME_LEN = 128;
@@ -34,7 +36,7 @@ extern const config_table LBDB_KEYS;
 [[nodiscard]] int load_lbdb_cfg(const config_setting_t* group, lbdb_cfg* cfg) noexcept;
 /* Reads the digests of the scripts in need_func. 0, or the failing step's result (logged). */
 [[nodiscard]] int lbdb_init(const char* sha1_dir, int32_t need_func, uint32_t options) noexcept;
-/* Connects and verifies that the scripts are loaded. 0; 1 -1 unreachable; 2 script absent; 22 odd reply (logged). */
+/* Connects and verifies that the scripts are loaded. 0; -1 unreachable; RC_NO_SCRIPT; EINVAL odd reply (logged). */
 [[nodiscard]] int lbdb_connect(const char* host, int port, timeval tmout) noexcept;
 void lbdb_disconnect() noexcept;
 void lbdb_destroy() noexcept;

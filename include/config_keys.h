@@ -33,8 +33,8 @@ struct config_key {
 /* Reads the table's keys one after the other, and stops at the first that fails. Its result, or 0. */
 [[nodiscard]] int load_config_keys(const config_setting_t* group, config_table keys, void* record) noexcept;
 
-/* For a row's own reader: the value, or what stands for an absent one. dst holds key.limit characters, and is left as it
-   is when that one is empty. 0, or -1 (logged). */
+/* For a row's own reader: the value, or what stands for an absent one. dst holds key.limit characters, and is left as
+   it is when that one is empty. 0, or -1 (logged). */
 [[nodiscard]] int read_config_text(const config_setting_t* group, const config_key& key, char* dst) noexcept;
 [[nodiscard]] int read_config_int(const config_setting_t* group, const config_key& key, int* value) noexcept;
 /* A negative number counts as 0. */

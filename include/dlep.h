@@ -19,7 +19,7 @@ struct dlep_list {
 
 using dlep_fn = void (*)(dlep_elem* elem) noexcept;
 
-/* A new empty list, released by dlep_destroy; null with *err = 12 when there is no memory. */
+/* A new empty list, released by dlep_destroy; null with *err = ENOMEM when there is no memory. */
 [[nodiscard]] dlep_list* dlep_create(int* err) noexcept;
 [[nodiscard]] size_t dlep_count(const dlep_list* list) noexcept;
 [[nodiscard]] dlep_elem* dlep_tail(const dlep_list* list) noexcept;

@@ -90,7 +90,7 @@ void glog_init(const char* app_tag) noexcept;
 void log_default(log_ctx* log, FILE* stream) noexcept;
 /* Opens path for appending; without F_APPEND_OLD a non-empty old file is first renamed to path.MTIME. What is no
    regular file (a FIFO, a device, a socket, a link to a standard descriptor) is written to and never renamed. A null
-   path means standard error. 0, or -1 (said on standard error). */
+   path means standard error. 0, or -1 (reported on standard error). */
 [[nodiscard]] int log_open_ex(log_ctx* log, const char* path, uint32_t flags) noexcept;
 /* Pipes the log into a shell command, which gets a clean signal mask and defaults for the signals that this process
    ignores or handles. 0, or -1. */
@@ -99,18 +99,14 @@ void log_default(log_ctx* log, FILE* stream) noexcept;
 void log_close(log_ctx* log) noexcept;
 
 void log_set_group(log_ctx* log, n64_tag tag) noexcept;
-n64_tag log_get_group(const log_ctx* log) noexcept;
 void log_set_pid(log_ctx* log, pid_t pid) noexcept;
-pid_t log_get_pid(const log_ctx* log) noexcept;
 void log_timefmt(log_ctx* log, uint32_t flags) noexcept;
 FILE* log_fp(const log_ctx* log) noexcept;
 void log_mirror(log_ctx* log, FILE* stream) noexcept; /* made line-buffered, not owned */
-FILE* log_mirror_fp(const log_ctx* log) noexcept;
 
 void config_syslog(log_ctx* log, const char* ident, int option, int facility) noexcept;
 void glog_enable_syslog(const char* ident) noexcept;
 void disable_syslog(log_ctx* log) noexcept;
-void glog_disable_syslog() noexcept;
 
 /* ---- rotation ---- */
 
@@ -118,9 +114,7 @@ void glog_disable_syslog() noexcept;
 void log_set_rota(log_ctx* log, size_t max_bytes, size_t max_files, time_t eod_start) noexcept;
 void log_set_eod(log_ctx* log, time_t start) noexcept;
 time_t log_rota_eod(const log_ctx* log) noexcept;
-size_t log_rota_maxfiles(const log_ctx* log) noexcept;
-size_t log_rota_maxsize(const log_ctx* log) noexcept;
-/* Renames the file to name.TIME and starts a fresh one. 0, or -1 (said on standard error). Never from a handler. */
+/* Renames the file to name.TIME and starts a fresh one. 0, or -1 (reported on standard error). Never from a handler. */
 int log_rotate(log_ctx* log) noexcept;
 
 /* ---- the record protocol behind the macros ---- */
@@ -209,3 +203,12 @@ public:
 private:
     n64_tag old_;
 };
+
+/* ---- offered, not called here ---- */
+
+n64_tag log_get_group(const log_ctx* log) noexcept;
+pid_t log_get_pid(const log_ctx* log) noexcept;
+FILE* log_mirror_fp(const log_ctx* log) noexcept;
+void glog_disable_syslog() noexcept;
+size_t log_rota_maxfiles(const log_ctx* log) noexcept;
+size_t log_rota_maxsize(const log_ctx* log) noexcept;

@@ -37,9 +37,8 @@ struct loglevel_ctx {
 
 struct log_ctx;
 
-/* Set the level of all modules, and of all sections, at once; the log remembers that it was done. */
+/* Sets the level of all modules at once; the log remembers that it was done. */
 void log_set_modules(log_ctx* log, int level) noexcept;
-void log_set_sections(log_ctx* log, int level) noexcept;
 /* One save slot, not a stack: a second push without a pop does nothing. */
 void log_push_mlevels() noexcept;
 void log_pop_mlevels() noexcept;
@@ -47,10 +46,15 @@ void log_pop_mlevels() noexcept;
 [[nodiscard]] int match_log_level(const char* text, int* level) noexcept;
 [[nodiscard]] const char* log_level_str(int level) noexcept;
 [[nodiscard]] const char* get_level_tag(int level) noexcept;
-/* An environment variable's integer value; absent or not a number: deflt. */
-[[nodiscard]] int read_level_env(const char* name, int deflt) noexcept;
 
 [[nodiscard]] inline bool log_passes(const loglevel_ctx& c, int level) noexcept
 {
     return c.sec < 0 ? g_mod_ll[c.mod] >= level : g_sec_ll[c.sec] <= g_mod_ll[c.mod];
 }
+
+/* ---- offered, not called here ---- */
+
+/* The same for sections. */
+void log_set_sections(log_ctx* log, int level) noexcept;
+/* An environment variable's integer value; absent or not a number: deflt. */
+[[nodiscard]] int read_level_env(const char* name, int deflt) noexcept;

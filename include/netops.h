@@ -29,7 +29,7 @@ struct socket_spec {
 
 struct ifc_info {
     uint32_t idx;
-    char name[IFNAMSIZ]; /* 16 */
+    char name[IFNAMSIZ];
     sockaddr_storage ss; /* an address of the interface; family 0 when not known */
 };
 
@@ -59,14 +59,10 @@ struct ifc_info {
 [[nodiscard]] bool ends_with_port(const char* s) noexcept;
 /* Cuts text at its last ':'; brackets around the host stay. False, and nothing set, when there is none. */
 [[nodiscard]] bool split_host_port(std::string_view text, std::string_view* host, std::string_view* port) noexcept;
-/* What a socket can be opened on: digits alone that make 1..65535, or exactly "0" (any free one). */
-[[nodiscard]] bool is_port(const char* text) noexcept;
 [[nodiscard]] bool is_valid_port(const char* text) noexcept; /* the number at the start of text is 1..65535 */
 
-/* 0, or -1 (logged). */
-int set_nblock(int fd, bool on) noexcept;
+/* Options of a socket. 0, or -1 (logged). */
 int set_tcp_nodelay(int fd, bool on) noexcept;
-int set_rcv_timeout(int fd, long ms) noexcept;
 int set_send_timeout(int fd, long ms) noexcept;
 struct keepalive_pace {
     int idle_sec;     /* without a byte before the first probe */
@@ -79,12 +75,16 @@ int set_user_timeout(int fd, unsigned ms) noexcept;
 /* The pending SO_ERROR, logged when it is non-zero. */
 [[nodiscard]] int socket_error(int fd) noexcept;
 
+/* Make a socket a member of a group on one interface. 0, or -1 (logged). */
 [[nodiscard]] int mcast_join(int fd, const sockaddr_storage* group, const ifc_info* ifc) noexcept;
-[[nodiscard]] int mcast_leave(int fd, const sockaddr_storage* group, const ifc_info* ifc) noexcept;
 [[nodiscard]] int ssm_join(int fd, const sockaddr_storage* src, const sockaddr_storage* group,
                            const ifc_info* ifc) noexcept;
-[[nodiscard]] int ssm_leave(int fd, const sockaddr_storage* src, const sockaddr_storage* group,
-                            const ifc_info* ifc) noexcept;
 
 /* "address:port" of a socket address, written into and returned as buf. */
 const char* saddr_str(const sockaddr_storage* ss, socklen_t len, char* buf, size_t size) noexcept;
+
+/* ---- offered, not called here ---- */
+
+[[nodiscard]] int mcast_leave(int fd, const sockaddr_storage* group, const ifc_info* ifc) noexcept;
+int set_rcv_timeout(int fd, long ms) noexcept;
+int set_nblock(int fd, bool on) noexcept;

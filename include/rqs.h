@@ -63,18 +63,11 @@ void rqs_destroy() noexcept;
 [[nodiscard]] int rqs_add_writer(int fd, void* udata) noexcept;
 /* Change the interest to RQS_READ | RQS_WRITE bits. 0, or -1 (logged). */
 [[nodiscard]] int rqs_mod(int fd, void* udata, uint32_t flags) noexcept;
-[[nodiscard]] int rqs_mod_reader(int fd, void* udata) noexcept;
 /* Before fd is closed. 0, or -1 (logged). The two flags are not used. */
 int rqs_rm_fd(int fd, bool, bool) noexcept;
 
-/* Descriptors that epoll refuses (regular files): treated as always ready. *index follows the slot, -1 once removed. */
-[[nodiscard]] int rqs_add_nopoll_reader(int fd, ssize_t* index, void* udata) noexcept;
-[[nodiscard]] int rqs_add_nopoll_writer(int fd, ssize_t* index, void* udata) noexcept;
-int rqs_rm_nopoll(ssize_t j) noexcept;    /* at once */
-void rqs_pprm_nopoll(ssize_t j) noexcept; /* after the round; from handlers */
-
-[[nodiscard]] size_t rqs_fd_count(int which) noexcept;
-[[nodiscard]] int rqs_ctx(int which) noexcept;
+/* Takes a descriptor that epoll refuses out at once; see below. */
+int rqs_rm_nopoll(ssize_t j) noexcept;
 
 /* The loop's clock (CLOCK_MONOTONIC), read once after each wait. Before rqs_init it comes from the clock itself. */
 [[nodiscard]] const timespec* rqs_now_ref() noexcept;
@@ -82,3 +75,15 @@ inline void rqs_set_now(timespec* ts) noexcept
 {
     *ts = *rqs_now_ref();
 }
+
+/* ---- offered, not called here ---- */
+
+[[nodiscard]] int rqs_mod_reader(int fd, void* udata) noexcept;
+/* Descriptors that epoll refuses (regular files): treated as always ready. *index follows the slot, -1 once removed. */
+[[nodiscard]] int rqs_add_nopoll_reader(int fd, ssize_t* index, void* udata) noexcept;
+[[nodiscard]] int rqs_add_nopoll_writer(int fd, ssize_t* index, void* udata) noexcept;
+void rqs_pprm_nopoll(ssize_t j) noexcept; /* takes it out after the round; from handlers */
+
+/* What is watched, and where in its round the loop is; an unknown selector is an assertion. */
+[[nodiscard]] size_t rqs_fd_count(int which) noexcept;
+[[nodiscard]] int rqs_ctx(int which) noexcept;

@@ -21,8 +21,6 @@ using sig_fn = void (*)(int signo);
 /* Handlers: each sets its flags and writes one record; errno is kept. */
 void on_sigquit(int signo) noexcept;
 void on_tdbg(int signo) noexcept;
-void on_sighup(int signo) noexcept;
-void on_sigusr1(int signo) noexcept;
 
 /* The handled signals (SIGTERM, SIGQUIT, SIGINT, SIGUSR2) stay blocked except while the loop waits, so that no handler
    runs inside a half-written record and no signal slips in between the test of a flag and the wait. */
@@ -34,3 +32,8 @@ void deliver_pending_signals() noexcept;
 /* poll() of one descriptor with the handled signals let in, for a wait outside the loop. limit null = none. As ppoll:
    -1 with EINTR when a handler has run. */
 [[nodiscard]] int poll_with_signals(int fd, short events, const timespec* limit) noexcept;
+
+/* ---- offered, not called here ---- */
+
+void on_sighup(int signo) noexcept;
+void on_sigusr1(int signo) noexcept;

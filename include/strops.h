@@ -31,7 +31,6 @@ struct text_scan {
     bool failed; /* nothing more is taken */
 };
 void scan_literal(text_scan* s, std::string_view text) noexcept;
-void scan_blanks(text_scan* s) noexcept; /* any number, none too */
 /* A number of at most width characters with its sign, after any blanks; too large a one saturates. */
 void scan_num(text_scan* s, size_t width, long* value) noexcept;
 /* A word, after any blanks, cut at cap - 1 characters. */

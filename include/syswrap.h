@@ -23,7 +23,6 @@ int W_ftruncate(const char* caller, int fd, off_t length) noexcept;
 int W_connect(const char* caller, int fd, const sockaddr* addr, socklen_t addrlen) noexcept;
 /* With strict 0 the conditions of no_fault() are not logged. */
 ssize_t W_write_f(const char* caller, int fd, const void* buf, size_t count, int strict) noexcept;
-ssize_t W_read_f(const char* caller, int fd, void* buf, size_t count, int strict) noexcept;
 int W_socket(const char* caller, int domain, int type, int protocol) noexcept;
 int W_setsockopt(const char* caller, int fd, int level, int name, const void* value, socklen_t length) noexcept;
 int W_bind(const char* caller, int fd, const sockaddr* addr, socklen_t addrlen) noexcept;
@@ -32,6 +31,10 @@ int W_getaddrinfo(const char* caller, const char* node, const char* service, con
                   addrinfo** result) noexcept;
 /* EAGAIN is not logged. The accepted descriptor is close-on-exec and non-blocking. */
 int W_accept(const char* caller, int fd, sockaddr* addr, socklen_t* addrlen) noexcept;
+
+/* ---- offered, not called here ---- */
+
+ssize_t W_read_f(const char* caller, int fd, void* buf, size_t count, int strict) noexcept;
 /* A time-out is a WARN line. */
 int W_poll(const char* caller, pollfd* fds, nfds_t count, int timeout_ms) noexcept;
 /* A result of 0 counts as a failure too. */

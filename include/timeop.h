@@ -18,13 +18,13 @@ constexpr uint32_t f_BAD_TIME = 0x40000000;
 constexpr int EOD_HOUR = 23;
 constexpr int EOD_MIN = 59;
 
-/* Text of *ts into buf[len]. Returns its length; -1 when it cannot be formatted (said on standard error); -35 when
-   called from inside another call of itself (a signal handler that logs). A length of exactly len means the text lost
-   its last character. */
+/* Text of *ts into buf[len]. Returns its length; -1 when it cannot be formatted (reported on standard error); -EDEADLK
+   when called from inside another call of itself (a signal handler that logs). A length of exactly len means the text
+   lost its last character. */
 [[nodiscard]] int mk_timestr(const timespec* ts, uint32_t flags, char* buf, size_t len) noexcept;
 
 /* " ZONE" of the local time zone with its leading blank, cached after the first call; refresh != 0 computes it anew.
-   Null on failure (said on standard error). */
+   Null on failure (reported on standard error). */
 const char* get_timezone(int refresh) noexcept;
 
 /* Flags for a configuration word (any case): raw, raw_mono, no_time, gmt, local. Unknown: f_BAD_TIME. */

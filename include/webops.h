@@ -13,6 +13,8 @@ constexpr int RQTYPE_HEAD = 1;
 constexpr size_t MAX_HOST_LEN = 64;
 constexpr size_t MAX_UAG_LEN = 128;
 constexpr size_t MAX_AENC_LEN = 32;
+constexpr int RC_EMPTY_PATH = -3;
+constexpr int RC_LONG_QUERY = -7;
 constexpr int RC_FAVICON = 1028;
 constexpr int RC_PING = 1029;
 constexpr int HTTP_OK_CODE = 200;
@@ -64,7 +66,7 @@ extern const http_response g_resp_unavail; /* 503 */
 extern const http_response g_resp_gwtmout; /* 504 */
 
 /* Parses a request head of len bytes, NUL-terminated, in place: the URI is terminated there and hdr->uri points into
-   buf. full_url may be null. 0; 22 unsupported method; -1 malformed; the URI parser's error. */
+   buf. full_url may be null. 0; EINVAL unsupported method; -1 malformed; the URI parser's error. */
 [[nodiscard]] int parse_http_header(char* buf, size_t len, http_header* hdr, char* full_url,
                                     size_t full_url_cap) noexcept;
 /* Value of a field in a head, found anywhere without case; null when absent. name carries its colon. */
@@ -76,8 +78,8 @@ extern const http_response g_resp_gwtmout; /* 504 */
 /* True when the field name (without colon) starts a line of head, any case. */
 [[nodiscard]] bool has_hdr(std::string_view name, std::string_view head) noexcept;
 
-/* Request head to source and destination, each of cap bytes, decoded; the query is appended to the source. 0; -3 empty
-   path; RC_FAVICON; RC_PING; -7, -1, 7 and others: refused (logged). */
+/* Request head to source and destination, each of cap bytes, decoded; the query is appended to the source. 0;
+   RC_EMPTY_PATH; RC_FAVICON; RC_PING; RC_LONG_QUERY, -1, E2BIG and the head's: refused (logged). */
 [[nodiscard]] int web_parse_urq(char* hbuf, size_t hlen, char* src, char* dst, size_t cap, http_header* hdr) noexcept;
 /* The same for a bare URL, whose host and query are not used. 0 or -1 (logged). */
 [[nodiscard]] int web_parse_url(const char* url, char* src, char* dst, size_t cap) noexcept;
@@ -86,7 +88,7 @@ extern const http_response g_resp_gwtmout; /* 504 */
 
 /* The Server field of responses without a name of their own; not copied. To be called once, at start-up. */
 void http_set_server(const char* name) noexcept;
-/* Formats a response head. Bytes written, -1 cut, 22 unsupported version (10 and 11 are supported). */
+/* Formats a response head. Bytes written, -1 cut, EINVAL unsupported version (10 and 11 are supported). */
 [[nodiscard]] int mk_http_xt_resp(const http_response* resp, int version, char* buf, size_t cap) noexcept;
 [[nodiscard]] int mk_http_response(const http_response* resp, char* buf, size_t cap) noexcept;
 /* Formats and writes to fd. 0, or the formatter's error; a failed or short write is only logged. */

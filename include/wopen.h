@@ -67,6 +67,6 @@ void usock_close(int fd, usock_ctx* ctx) noexcept;
 [[nodiscard]] ssize_t read_http(int fd, char* buf, size_t cap, size_t pos, ssize_t* eoh) noexcept;
 /* Length of a head with its blank line, or 0. */
 [[nodiscard]] size_t head_eod(const char* buf, size_t len) noexcept;
-/* 0 head complete and status parsed; 11 call again when readable; -1 (logged). At most cap - 1 bytes are read; the
+/* 0 head complete and status parsed; EAGAIN call again when readable; -1 (logged). At most cap - 1 bytes are read; the
    head's last character becomes a NUL. */
 [[nodiscard]] int recv_http_response(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcept;

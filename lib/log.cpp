@@ -199,7 +199,7 @@ static struct {
     time_t sec;
 } g_time;
 
-/* Fills g_time with the text of now. False when it cannot be made (said on standard error). */
+/* Fills g_time with the text of now. False when it cannot be made (reported on standard error). */
 static bool make_time(const timespec& now, uint32_t format) noexcept
 {
     if (g_time.usec_at > 0 && g_time.format == format && g_time.sec == now.tv_sec) {

@@ -58,7 +58,8 @@ bool ends_with_port(const char* s) noexcept
            port.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-bool is_port(const char* text) noexcept
+/* What a socket can be opened on: digits alone that make 1..65535, or exactly "0" (any free one). */
+static bool is_port(const char* text) noexcept
 {
     const std::optional<uint16_t> port = parse_num<uint16_t>(text);
     return port && (*port != 0 || strcmp(text, "0") == 0);

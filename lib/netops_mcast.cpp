@@ -176,31 +176,20 @@ int mcast_leave(int fd, const sockaddr_storage* group, const ifc_info* ifc) noex
 }
 
 /* From one source: others of the same group are dropped by the kernel and the routers before it. */
-static int change_ssm(const char* fn, bool is_join, int fd, const sockaddr_storage* src, const sockaddr_storage* group,
-                      const ifc_info* ifc) noexcept
+int ssm_join(int fd, const sockaddr_storage* src, const sockaddr_storage* group, const ifc_info* ifc) noexcept
 {
-    const int level = level_of(fn, group->ss_family);
+    const int level = level_of(__func__, group->ss_family);
     if (level < 0)
         return -1;
     group_source_req req{};
     req.gsr_interface = ifc ? ifc->idx : 0;
     req.gsr_group = *group;
     req.gsr_source = *src;
-    if (setsockopt(fd, level, is_join ? MCAST_JOIN_SOURCE_GROUP : MCAST_LEAVE_SOURCE_GROUP, &req, sizeof(req)) == 0)
+    if (setsockopt(fd, level, MCAST_JOIN_SOURCE_GROUP, &req, sizeof(req)) == 0)
         return 0;
-    LOG_ERR("%s: (%s) %s ifc=%s/%u fd%d: %s\n", fn, is_join ? "SSM_JOIN" : "SSM_LEAVE", "FAILED",
-            ifc && ifc->name[0] ? ifc->name : "<none>", ifc ? ifc->idx : 0, fd, strerror(errno));
+    LOG_ERR("%s: (SSM_JOIN) FAILED ifc=%s/%u fd%d: %s\n", __func__, ifc && ifc->name[0] ? ifc->name : "<none>",
+            ifc ? ifc->idx : 0, fd, strerror(errno));
     return -1;
-}
-
-int ssm_join(int fd, const sockaddr_storage* src, const sockaddr_storage* group, const ifc_info* ifc) noexcept
-{
-    return change_ssm(__func__, true, fd, src, group, ifc);
-}
-
-int ssm_leave(int fd, const sockaddr_storage* src, const sockaddr_storage* group, const ifc_info* ifc) noexcept
-{
-    return change_ssm(__func__, false, fd, src, group, ifc);
 }
 
 /* ---- sockets of a group ---- */

@@ -71,7 +71,7 @@ void scan_literal(text_scan* s, std::string_view text) noexcept
     }
 }
 
-void scan_blanks(text_scan* s) noexcept
+static void scan_blanks(text_scan* s) noexcept
 {
     while (!s->failed && is_blank(*s->p))
         ++s->p;

@@ -71,7 +71,7 @@ const char* get_timezone(int refresh) noexcept
     return nullptr;
 }
 
-/* Calendar fields of ts; false with -1 or -35 in *rc. */
+/* Calendar fields of ts; false with -1 or -EDEADLK in *rc. */
 static bool break_down(const timespec* ts, uint32_t flags, tm* parts, int* rc) noexcept
 {
     /* Set around the two calls that take the C library's lock, in the one thread that there is. */

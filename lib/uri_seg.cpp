@@ -9,8 +9,6 @@
 #include <cstring>
 #include <string_view>
 
-constexpr int RC_NO_SOURCE = -14;
-
 /* A separator at the front belongs to no segment, one at the end to the segment that it ends. */
 const char* uri_xseg(const char* p, const char* brk, const char** start, size_t* len) noexcept
 {
@@ -109,7 +107,7 @@ int uri_extract_endpts_ext(const char* path, size_t p_len, char* src, char* dst,
         if (ci_equal(seg, "src"))
             return match_endpts(text, next, src, dst, cap);
         if (ci_equal(seg, "hls-m3u"))
-            return RC_NO_SOURCE;
+            return URI_NO_SOURCE;
     }
-    return RC_NO_SOURCE;
+    return URI_NO_SOURCE;
 }

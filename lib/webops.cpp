@@ -17,8 +17,6 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 constexpr size_t MIN_METHOD_LEN = 3;
 constexpr size_t MAX_METHOD_LEN = 7;
 constexpr char HTTP1[] = "HTTP/1.";
-constexpr int RC_EMPTY_PATH = -3;
-constexpr int RC_LONG_QUERY = -7;
 
 static bool is_space(char c) noexcept
 {
