@@ -188,7 +188,7 @@ class Fleet(KovTest):
 
     def test_every_order_is_fetched_stored_and_registered_once(self):
         count = 200 if QUICK else 1000
-        db, locks, port = self.redis(), self.new_root(), free_port()
+        db, locks, port = self.redis(), f"{self.root}/locks", free_port()
         agents = [self.start(db.settings(f"http://agent{n}"), channel=f"udp://{GROUP}:{port}", udp='mcast_ifc = "lo";',
                              level="norm", locks=locks) for n in range(3)]
         agents[0].udp_port = port
