@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <sys/stat.h>
@@ -20,22 +21,17 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
-int app_start() noexcept
+/* The engine first: what is started wants to be watched. */
+static int app_start() noexcept
 {
     if (const int rc = rqs_init(&g_rqs_config))
         return rc;
     return start_kova_ctx();
 }
 
-/* A link or a device at the pid file's path was refused at the start, and is nothing of ours to remove. */
-static bool is_foreign_pidfile() noexcept
-{
-    struct stat st {
-    };
-    return lstat(g_cfg.rt.pidfile, &st) == 0 && !S_ISREG(st.st_mode);
-}
-
-void app_shutdown() noexcept
+/* Releases everything, from whatever stage of a start. The pid file goes last, so that who waits for it to vanish finds
+   the process done. */
+static void app_shutdown() noexcept
 {
     LOG_DEBUG("%s: begins\n", __func__);
     pprm_all_tasks(); /* running downloads end by the ordinary road */
@@ -43,10 +39,14 @@ void app_shutdown() noexcept
     destroy_kova_ctx();
     rqs_destroy();
     LOG_NORM("%s shut down\n", APP_NAME);
-    if (g_cfg.rt.pidfile[0] && !is_foreign_pidfile() && unlink(g_cfg.rt.pidfile) != 0 && errno != ENOENT) {
-        const int err = errno;
-        LOG_ERR("%s: unlink(%s) ERROR(%d): %s\n", __func__, g_cfg.rt.pidfile, err, strerror(err));
-    }
+
+    const char* path = g_cfg.rt.pidfile;
+    struct stat st {
+    };
+    /* A link or a device at the pid file's path was refused at the start, and is nothing of ours to remove. */
+    const bool is_ours = path[0] && (lstat(path, &st) != 0 || S_ISREG(st.st_mode));
+    if (is_ours && unlink(path) != 0 && errno != ENOENT)
+        LOG_ERRNO("%s: unlink(%s)", __func__, path);
 }
 
 /* Into the log, and for a terminal run also to the terminal, where all later lines are mirrored. */
@@ -77,19 +77,9 @@ static int run() noexcept
     if (const int rc = app_start())
         return rc;
 
-    LOG_NORM("%s STARTING. PID=%ld\n", get_app_info(APP_NAME, nullptr), static_cast<long>(getpid()));
+    LOG_NORM("%s STARTING. PID=%jd\n", get_app_info(APP_NAME, nullptr), intmax_t{getpid()});
     LOG_INFO("Config read from [%s]\n", g_cfg.config_path);
     return rqs_event_loop();
-}
-
-/* A quit signal may also come while the start waits for the database; whatever it has cut short is no failure. */
-static int run_until_asked() noexcept
-{
-    const int rc = run();
-    if (!g_quit)
-        return rc;
-    LOG_NORM("%s has been asked to quit.\n", APP_NAME);
-    return 0;
 }
 
 /* The kernel keeps eight bits of a status; a failure must not look like success. */
@@ -102,8 +92,8 @@ static int exit_status(int rc) noexcept
 int main(int argc, char* argv[])
 {
     fill_std_fds();
-    (void)handle_sig(SIGXFSZ,
-                     SIG_IGN); /* a file at its size limit is a write that fails, not an end: from the first line on */
+    /* From the first line on: a file at its size limit is a write that fails, not an end. */
+    (void)handle_sig(SIGXFSZ, SIG_IGN);
     const char* trace = getenv("SYSW_DEBUG");
     if (argc < 2)
         usage(1);
@@ -117,12 +107,16 @@ int main(int argc, char* argv[])
     if (trace && strcmp(trace, "1") == 0)
         g_mod_ll[MOD_SYSWRAP] = DEBUG_level;
 
-    const int rc = run_until_asked();
+    int rc = run();
+    if (g_quit) { /* it may also have come while the start waited for the database; what it cut short is no failure */
+        LOG_NORM("%s has been asked to quit.\n", APP_NAME);
+        rc = 0;
+    }
     app_shutdown();
     free_kova_config(&g_cfg);
 
     const int status = exit_status(rc);
-    LOG_NORM("%s EXIT(%d). PID=%ld\n", get_app_info(APP_NAME, nullptr), status, static_cast<long>(getpid()));
+    LOG_NORM("%s EXIT(%d). PID=%jd\n", get_app_info(APP_NAME, nullptr), status, intmax_t{getpid()});
     log_close(g_log);
     return status;
 }

@@ -1,4 +1,4 @@
-/* The main sequence: command line, runtime, dispatch, start and shutdown. */
+/* The main sequence: command line, runtime, the loop's callbacks. */
 #pragma once
 
 #include "rqs.h"
@@ -11,21 +11,7 @@ void setup_config(int argc, char* argv[]) noexcept;
 /* The long options; the last one has no name. */
 extern const option LONG_OPTS[];
 
-/* Signals, daemon, user, log, pid file, limits. 0, or the failing step's status (logged). */
+/* Signals, daemon, user, log, pid file, limits. 0, or the failing step's status (logged). Once, before any context. */
 [[nodiscard]] int runtime_setup() noexcept;
 
-/* Engine, listeners, channel. 0, or the failing step's status (logged). */
-[[nodiscard]] int app_start() noexcept;
-/* Releases everything, from whatever stage of a start. */
-void app_shutdown() noexcept;
-
-/* ---- the loop's callbacks (main_loop.cpp): events are routed by the tag at the start of the record ---- */
-
-extern const rqs_config g_rqs_config;
-
-[[nodiscard]] int on_read(int fd, uint32_t flags, void* udata, void* aux) noexcept;
-[[nodiscard]] int on_write(int fd, uint32_t flags, void* udata, void* aux) noexcept;
-[[nodiscard]] int on_error(int fd, uint32_t flags, void* udata, void* aux) noexcept;
-void upd_tmout(timespec* ts) noexcept;
-[[nodiscard]] int do_idle_tasks() noexcept;
-[[nodiscard]] int on_pp() noexcept;
+extern const rqs_config g_rqs_config; /* what the loop calls */

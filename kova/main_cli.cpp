@@ -92,32 +92,7 @@ static int set_path(char (&dst)[128], const char* what, const char* value) noexc
     return -1;
 }
 
-static int set_level(const char* value) noexcept
-{
-    if (match_log_level(value, &g_cfg.log.level) == 0)
-        return 0;
-    fprintf(stderr, "Invalid log level: %s\n", value);
-    return -1;
-}
-
-static int set_cpu(const char* value) noexcept
-{
-    const int cpu = atoi(value); // NOLINT(cert-err34-c): 0 from any other text than "0" is refused below
-    if (cpu == 0 && strcmp(value, "0") != 0) {
-        fprintf(stderr, "Invalid CPU #: %s\n", value);
-        return -1;
-    }
-    g_cfg.rt.cpunum = cpu < -1 ? -1 : cpu;
-    return 0;
-}
-
-/* The sense of the flag is the reverse of what the text says, and senders rely on it. */
-static void set_udp_channel(const char* value) noexcept
-{
-    cut_text(g_cfg.udp_cha.url, sizeof(g_cfg.udp_cha.url), value);
-    g_cfg.udp_cha.is_gzipped = strstr(value, "zipped=1") == nullptr;
-}
-
+/* One option of the second pass, with its value in optarg. 0, or -1 (printed to standard error). */
 static int apply_option(int c) noexcept
 {
     switch (c) {
@@ -126,7 +101,9 @@ static int apply_option(int c) noexcept
     case 'W':
         return add_web_cli(&g_cfg, optarg, AF_INET6);
     case 'U':
-        set_udp_channel(optarg);
+        cut_text(g_cfg.udp_cha.url, sizeof(g_cfg.udp_cha.url), optarg);
+        /* The reverse of what the text says, on purpose: senders rely on it. */
+        g_cfg.udp_cha.is_gzipped = strstr(optarg, "zipped=1") == nullptr;
         return 0;
     case 'C':
     case '0':
@@ -140,11 +117,21 @@ static int apply_option(int c) noexcept
     case 'l':
         return set_path(g_cfg.log.path, "Log", optarg);
     case 'L':
-        return set_level(optarg);
+        if (match_log_level(optarg, &g_cfg.log.level) == 0)
+            return 0;
+        fprintf(stderr, "Invalid log level: %s\n", optarg);
+        return -1;
     case 'p':
         return set_path(g_cfg.rt.pidfile, "Pidfile", optarg);
-    case 'P':
-        return set_cpu(optarg);
+    case 'P': {
+        const int cpu = atoi(optarg); // NOLINT(cert-err34-c): 0 from any other text than "0" is refused
+        if (cpu == 0 && strcmp(optarg, "0") != 0) {
+            fprintf(stderr, "Invalid CPU #: %s\n", optarg);
+            return -1;
+        }
+        g_cfg.rt.cpunum = cpu < -1 ? -1 : cpu;
+        return 0;
+    }
     case 'T':
         g_cfg.rt.non_daemon = true;
         return 0;

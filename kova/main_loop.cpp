@@ -16,19 +16,6 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr int HUP_PROBE_MS = 10;
 
-const rqs_config g_rqs_config = {
-    .cb = {.update_tmout = upd_tmout,
-           .on_idle = do_idle_tasks,
-           .read = on_read,
-           .write = on_write,
-           .error = on_error,
-           .post_process = on_pp,
-           .on_file_modified = nullptr,
-           .time_out = nullptr,
-           .is_dormant = nullptr},
-    .quit_on_zero_fds = 0,
-};
-
 static const char* event_name(uint32_t flags) noexcept
 {
     if (flags & RQS_SOCKHUP)
@@ -186,7 +173,7 @@ static int dismiss_expired(const char* fn, n32_tag tag, const void* udata) noexc
     return 0;
 }
 
-int on_read(int /*fd*/, uint32_t flags, void* udata, void* /*aux*/) noexcept
+static int on_read(int /*fd*/, uint32_t flags, void* udata, void* /*aux*/) noexcept
 {
     const log_group_guard group;
     const n32_tag tag = tag_of(udata);
@@ -200,7 +187,7 @@ int on_read(int /*fd*/, uint32_t flags, void* udata, void* /*aux*/) noexcept
     ASSERT_AS(false, "a registered record begins with a known tag");
 }
 
-int on_write(int /*fd*/, uint32_t flags, void* udata, void* aux) noexcept
+static int on_write(int /*fd*/, uint32_t flags, void* udata, void* aux) noexcept
 {
     const n32_tag tag = tag_of(udata);
     LOG_DEBUG("%s: %s [%.3s] (%p) err=%d\n", __func__, event_name(flags), tag.sym, udata, static_cast<int>(flags));
@@ -213,7 +200,7 @@ int on_write(int /*fd*/, uint32_t flags, void* udata, void* aux) noexcept
           udata, aux);
 }
 
-int on_error(int /*fd*/, uint32_t flags, void* udata, void* /*aux*/) noexcept
+static int on_error(int /*fd*/, uint32_t flags, void* udata, void* /*aux*/) noexcept
 {
     const n32_tag tag = tag_of(udata);
     LOG_INFO("%s: %.3s (%p), err=0x%04x %s\n", __func__, tag.sym, udata, flags, flags & RQS_SOCKHUP ? "HUP" : "-");
@@ -223,14 +210,15 @@ int on_error(int /*fd*/, uint32_t flags, void* udata, void* /*aux*/) noexcept
 
 /* ---- idle work and post-processing ---- */
 
-void upd_tmout(timespec* ts) noexcept
+static void upd_tmout(timespec* ts) noexcept
 {
     ms2timespec(get_min_timeout(), ts);
 }
 
-static void toggle_debug() noexcept
+/* Every module at DEBUG, and back to what it was. */
+static void toggle_debug(const char* fn) noexcept
 {
-    static bool is_pushed = false;
+    static bool is_pushed = false; /* the levels at work are DEBUG, and the former ones are saved */
 
     if (!is_pushed) {
         log_push_mlevels();
@@ -241,23 +229,36 @@ static void toggle_debug() noexcept
     is_pushed = !is_pushed;
     LOG_INFO("Log level %s (DEBUG)\n", is_pushed ? "PUSH" : "POP");
     if (is_pushed)
-        LOG_DEBUG("%s: now all DEBUG messages will be recorded\n", "do_idle_tasks");
+        LOG_DEBUG("%s: now all DEBUG messages will be recorded\n", fn);
 }
 
-int do_idle_tasks() noexcept
+static int do_idle_tasks() noexcept
 {
     time_out_requests();
     guard_sources();
-    if (!g_tdbg)
-        return 0;
-    toggle_debug();
-    g_tdbg = 0;
+    if (g_tdbg) {
+        toggle_debug(__func__);
+        g_tdbg = 0;
+    }
     return 0;
 }
 
-int on_pp() noexcept
+static int on_pp() noexcept
 {
     pprm_requests();
     pprm_task_cleanup();
     return 0;
 }
+
+const rqs_config g_rqs_config = {
+    .cb = {.update_tmout = upd_tmout,
+           .on_idle = do_idle_tasks,
+           .read = on_read,
+           .write = on_write,
+           .error = on_error,
+           .post_process = on_pp,
+           .on_file_modified = nullptr,
+           .time_out = nullptr,
+           .is_dormant = nullptr},
+    .quit_on_zero_fds = 0,
+};

@@ -13,6 +13,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstring>
 #include <unistd.h>
 
@@ -21,18 +22,8 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 constexpr size_t CWD_MAX = 256;
 constexpr size_t RUNTIME_CWD_MAX = 4096;
 
-static int setup_signals() noexcept
-{
-    block_handled_signals();
-    if (const int rc = handle_quit_signals(on_sigquit))
-        return rc;
-    if (const int rc = ignore_sigpipe())
-        return rc;
-    return handle_sig(SIGUSR2, on_tdbg);
-}
-
 /* A data directory given from where the operator stood, before the daemon leaves that place. */
-static int fix_data_dir(const char* cwd) noexcept
+static int fix_data_dir(const char* fn, const char* cwd) noexcept
 {
     char* dir = g_cfg.data_dir;
     if (!dir[0] || dir[0] == '/')
@@ -40,7 +31,7 @@ static int fix_data_dir(const char* cwd) noexcept
     std::array<char, sizeof(g_cfg.data_dir)> path{};
     const size_t len = join_text(path.data(), path.size(), {cwd, strcmp(cwd, "/") == 0 ? "" : "/", dir});
     if (len >= path.size()) {
-        LOG_ERR("%s: data directory [%s/%s] is too long (%zu), max = %zu characters.\n", "runtime_setup", cwd, dir, len,
+        LOG_ERR("%s: data directory [%s/%s] is too long (%zu), max = %zu characters.\n", fn, cwd, dir, len,
                 path.size() - 1);
         return -1;
     }
@@ -48,7 +39,9 @@ static int fix_data_dir(const char* cwd) noexcept
     return 0;
 }
 
-static int become_daemon() noexcept
+/* In this order: the user is given up in the daemon itself, and only then is it known which directory that user may
+   enter. */
+static int become_daemon(const char* fn) noexcept
 {
     if (!g_cfg.log.path[0]) {
         LOG_ERR("Logfile must be specified to run as daemon\n");
@@ -60,7 +53,7 @@ static int become_daemon() noexcept
         LOG_ERR("getcwd ERROR(%d) : %s\n", err, strerror(err));
         return -1;
     }
-    if (const int rc = fix_data_dir(home.data()))
+    if (const int rc = fix_data_dir(fn, home.data()))
         return rc;
     if (const int rc = daemonize()) {
         log_default(g_log, stderr);
@@ -74,7 +67,8 @@ static int become_daemon() noexcept
     return geteuid() != 0 ? goto_runtime_home(home.data(), "/tmp") : 0;
 }
 
-static int open_log() noexcept
+/* After the change of user, so that the file belongs to it. */
+static int open_log(const char* fn) noexcept
 {
     const char* path = g_cfg.log.path;
     if (!path[0])
@@ -85,75 +79,71 @@ static int open_log() noexcept
         return rc;
     }
     apply_log_config(g_log, &g_cfg.log);
-    LOG_DEBUG("%s: log config applied\n", "runtime_setup");
+    LOG_DEBUG("%s: log config applied\n", fn);
     return 0;
 }
 
-static int settle_daemon() noexcept
+/* Where the process runs, and on which CPU: what an operator asks for first. */
+static int settle() noexcept
 {
-    null_fd(STDERR_FILENO);
-    if (const int rc = create_pidfile_extra(g_cfg.rt.pidfile, getpid(), nullptr, 0))
-        return rc;
-    if (g_cfg.log.enable_syslog)
-        glog_enable_syslog(APP_NAME);
-    return 0;
-}
-
-static int say_where() noexcept
-{
+    const auto pid = intmax_t{getpid()};
     std::array<char, RUNTIME_CWD_MAX> cwd{};
     if (!getcwd(cwd.data(), cwd.size())) {
         const int err = errno;
         LOG_ERR("getcwd ERROR(%d) : %s\n", err, strerror(err));
         return -1;
     }
-    LOG_INFO("Runtime pid=%ld uid/gid = %ld/%ld running in [%s]\n", static_cast<long>(getpid()),
-             static_cast<long>(geteuid()), static_cast<long>(getegid()), cwd.data());
-    return 0;
-}
-
-static int pin() noexcept
-{
+    LOG_INFO("Runtime pid=%jd uid/gid = %jd/%jd running in [%s]\n", pid, intmax_t{geteuid()}, intmax_t{getegid()},
+             cwd.data());
     const int cpu = g_cfg.rt.cpunum;
     if (cpu < 0)
         return 0;
-    const auto pid = static_cast<long>(getpid());
     if (const int rc = pin2cpu(cpu)) {
-        LOG_ERR("Failed to pin this %s(pid=%ld) to CPU%d\n", APP_NAME, pid, cpu);
+        LOG_ERR("Failed to pin this %s(pid=%jd) to CPU%d\n", APP_NAME, pid, cpu);
         return rc;
     }
-    LOG_INFO("%s(pid=%ld) processor affinity set to CPU%d\n", APP_NAME, pid, cpu);
+    LOG_INFO("%s(pid=%jd) processor affinity set to CPU%d\n", APP_NAME, pid, cpu);
     return 0;
 }
 
-static int runtime_steps() noexcept
+/* The steps of runtime_setup. The signals come first: from here on a quit signal is remembered, and nothing below may
+   be cut short by one. The pid file comes after the fork, whose child it names, and after the change of user. */
+static int runtime_steps(const char* fn) noexcept
 {
+    const bool is_daemon = !g_cfg.rt.non_daemon;
+
     usock_set_apptag(get_app_tag(APP_NAME));
     http_set_server(get_app_tag(APP_NAME));
-    if (const int rc = setup_signals())
+    block_handled_signals();
+    if (const int rc = handle_quit_signals(on_sigquit))
         return rc;
-    if (!g_cfg.rt.non_daemon) {
-        if (const int rc = become_daemon())
+    if (const int rc = ignore_sigpipe())
+        return rc;
+    if (const int rc = handle_sig(SIGUSR2, on_tdbg))
+        return rc;
+    if (is_daemon) {
+        if (const int rc = become_daemon(fn))
             return rc;
     }
-    if (const int rc = open_log())
+    if (const int rc = open_log(fn))
         return rc;
-    if (!g_cfg.rt.non_daemon) {
-        if (const int rc = settle_daemon())
+    if (is_daemon) {
+        null_fd(STDERR_FILENO);
+        if (const int rc = create_pidfile_extra(g_cfg.rt.pidfile, getpid(), nullptr, 0))
             return rc;
+        if (g_cfg.log.enable_syslog)
+            glog_enable_syslog(APP_NAME);
     }
     log_set_pid(g_log, getpid());
     raise_fd_limit();
     if (g_cfg.rt.enforce_core_dumps)
         set_unlimited_core(0);
-    if (const int rc = say_where())
-        return rc;
-    return pin();
+    return settle();
 }
 
 int runtime_setup() noexcept
 {
-    const int rc = runtime_steps();
+    const int rc = runtime_steps(__func__);
     if (rc != 0)
         LOG_ERR("%s: FAILED (rc=%d)\n", __func__, rc);
     else
