@@ -34,7 +34,7 @@ file(INSTALL \"\${MADE}/redis.conf\" \"\${MADE}/outbox.conf\" \"\${MADE}/drain.c
 install(FILES packaging/systemd/kov.sysusers DESTINATION lib/sysusers.d RENAME kov.conf)
 install(FILES packaging/systemd/kov.tmpfiles DESTINATION lib/tmpfiles.d RENAME kov.conf)
 install(FILES packaging/systemd/kov.sysctl DESTINATION lib/sysctl.d RENAME 60-kov.conf)
-install(PROGRAMS packaging/redis/load-scripts packaging/systemd/watch packaging/day-picture
+install(PROGRAMS packaging/redis/load-scripts packaging/systemd/watch packaging/day-picture packaging/to-journal
   DESTINATION ${CMAKE_INSTALL_DATADIR}/kov)
 install(FILES packaging/mtail/kov.mtail packaging/mtail/kov.rules.yml
   DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/mtail)
@@ -42,7 +42,7 @@ install(FILES packaging/balancer/kov_balancer.lua packaging/balancer/balancer.co
   DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/balancer)
 install(FILES packaging/redis/add_url.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/redis)
 install(FILES packaging/outbox/add_url.lua packaging/outbox/redis.conf DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/outbox)
-install(FILES packaging/examples/fleet.conf packaging/examples/kov.conf
+install(FILES packaging/examples/fleet.conf packaging/examples/kov.conf packaging/examples/origins.nginx
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(FILES SECURITY.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
@@ -61,3 +61,4 @@ install(PROGRAMS tools/client/order.sh DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/
 foreach(program kov kovctl kov-checkconf)
   install(FILES ${CMAKE_BINARY_DIR}/kov.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program})
 endforeach()
+install(FILES ${CMAKE_BINARY_DIR}/kov.zsh DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions RENAME _kov)

@@ -1,5 +1,5 @@
-/* Writes the bash completion of the three programs to standard output, from the tables that they parse their options
-   with. The build runs it; it is not installed. */
+/* Writes the completion of the three programs to standard output, for bash or with the argument zsh, from the tables that
+   they parse their options with. The build runs it; it is not installed. */
 #include "main.h"
 #include "options.h"
 
@@ -62,9 +62,62 @@ void print_program(const char* program, std::span<const option> options, const c
            names.c_str(), rest, function.c_str(), program);
 }
 
-} // namespace
+/* Within single quotes, where _arguments takes a colon for the end of a field. */
+std::string zsh_text(std::string_view text)
+{
+    std::string out;
+    for (const char c : text)
+        out += c == '\'' ? "'\\''" : c == ':' ? "\\:" : std::string(1, c);
+    return out;
+}
 
-int main()
+std::string zsh_choice(std::string_view option_name)
+{
+    for (const auto& [name, value] : VALUES) {
+        if (name == option_name)
+            return value[1] == 'f' ? "_files" : value[1] == 'd' ? "_files -/" : "(crit err norm warn info debug)";
+    }
+    return "";
+}
+
+/* What _arguments takes: '(-C --config)'{-C,--config=}'[help]:FILE:_files'. */
+void print_zsh_option(const option& o, const char* arg, const char* help)
+{
+    if (o.val == 0 || o.val == '?') /* kov's --default, which is refused; what the shell would expand */
+        return;
+    const bool has_arg = o.has_arg != no_argument;
+    const std::string value = has_arg ? ":" + zsh_text(arg) + ":" + zsh_choice(o.name) : "";
+    printf("        '(-%c --%s)'{-%c,--%s%s}'[%s]%s' \\\n", o.val, o.name, o.val, o.name, has_arg ? "=" : "",
+           zsh_text(help).c_str(), value.c_str());
+}
+
+void print_zsh_options(std::span<const tool_option> options)
+{
+    for (const tool_option& o : options)
+        print_zsh_option(o.opt, o.arg, o.help);
+}
+
+void print_zsh()
+{
+    puts(
+        "#compdef kov kovctl kov-checkconf\n# Zsh completion. Generated from their tables of options.\n\ncase $service "
+        "in\nkov)\n    _arguments -s \\");
+    for (const option* o = LONG_OPTS; o->name; ++o)
+        print_zsh_option(*o, o->name, o->name);
+    puts("        && return 0\n    ;;\nkovctl)\n    local -a kov_commands\n    kov_commands=(");
+    for (const ctl_command& c : CTL_COMMANDS)
+        printf("        '%s:%s'\n", c.name, zsh_text(c.help).c_str());
+    puts("    )\n    _arguments -s \\");
+    print_zsh_options(CTL_OPTIONS);
+    puts("        '1:command:{ _describe command kov_commands }' '*:argument:_files' && return 0\n    "
+         ";;\nkov-checkconf)\n "
+         "   "
+         "_arguments -s \\");
+    print_zsh_options(CHECKCONF_OPTIONS);
+    puts("        '1:configuration:_files' && return 0\n    ;;\nesac");
+}
+
+void print_bash()
 {
     fputs(HEAD, stdout);
     size_t count = 0;
@@ -78,5 +131,15 @@ int main()
     print_program("kovctl", std::span(ctl).first(std::size(CTL_OPTIONS)), commands.c_str());
     const auto checkconf = long_options(CHECKCONF_OPTIONS);
     print_program("kov-checkconf", std::span(checkconf).first(std::size(CHECKCONF_OPTIONS)), "_kov_reply -f");
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    if (argc == 2 && std::string_view(argv[1]) == "zsh")
+        print_zsh();
+    else
+        print_bash();
     return ferror(stdout) ? 1 : 0;
 }

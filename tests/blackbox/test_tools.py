@@ -5,6 +5,7 @@ import json
 import os
 import re
 import resource
+import shutil
 import signal
 import socket
 import subprocess
@@ -486,6 +487,14 @@ class Completion(unittest.TestCase):
                               ("kov --level=", ["crit", "err", "norm", "warn", "info", "debug"]),
                               ("kov-checkconf -", ["--strict", "--wait", "--keys", "--help"])):
             self.assertEqual(self.complete(line), offered, line)
+
+    def test_zsh_gets_the_same(self):
+        if not shutil.which("zsh"):
+            self.skipTest("no zsh here")
+        for program in ("kov", "kovctl", "kov-checkconf"):
+            script = f'_arguments() {{ print -rl -- "$@" }}; service={program}; . {BIN}/../kov.zsh'
+            offered = set(re.findall(r"(?m)^\([^)]*\)(--[\w-]+)", run("zsh", "-f", "-c", script)))
+            self.assertEqual(offered | {"--options"}, set(self.complete(f"{program} --")) | {"--options"})
 
     def test_every_option_is_offered(self):
         for program in ("kov", "kovctl", "kov-checkconf"):
