@@ -506,6 +506,20 @@ class Completion(unittest.TestCase):
                              {"--options"} if program == "kov" else set())
 
 
+class Dashboard(KovTest):
+    def test_it_and_the_alerts_name_just_what_the_exporters_print(self):
+        agent = self.start("max_tasks = 10;")
+        printed = set(re.findall(r"(?m)^(?:# TYPE )?(kov_\w+)(?: gauge$|\{)",
+                                 kovctl("-C", f"{agent.root}/kov.conf", "metrics")))
+        printed |= set(re.findall(r"(?m)^counter (kov_\w+)", read(f"{TOP}/packaging/mtail/kov.mtail")))
+        panels = json.loads(read(f"{TOP}/packaging/grafana/kov.json"))["panels"]
+        shown = {name for panel in panels for target in panel["targets"]
+                 for name in re.findall(r"kov_\w+", target["expr"])}
+        self.assertEqual(shown, printed)
+        alerts = re.findall(r"expr:(.*?)(?:labels|for):", read(f"{TOP}/packaging/mtail/kov.rules.yml"), re.S)
+        self.assertLessEqual(set(re.findall(r"kov_\w+", "".join(alerts))), printed)
+
+
 class Metrics(KovTest):
     maxDiff = None
 
