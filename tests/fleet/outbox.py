@@ -124,6 +124,23 @@ def to_single():
         server.kill()
         return lambda: (time.sleep(1 if QUICK else 10), server.run())
     carry("a single server", f"redis://127.0.0.1:{server.port}", lambda: server.client, break_database)
+    to_single_refused(server)
+
+
+def to_single_refused(server):
+    """What can never be registered holds nothing up, and is kept with its reason."""
+    outbox = Server(shipped=[f"{TOP}/packaging/outbox/redis.conf"])
+    server.client.set("string", "x")
+    for fields in ({"id": "string"}, {"id": ""}, {"id": "good"}):
+        outbox.client.xadd("kov:outbox", {"url": "http://host/x", "ends": FIRST_END, **fields})
+    carrier = [f"{TOP}/tools/fleet/kov-forward", "--outbox", f"redis://127.0.0.1:{outbox.port}"]
+    subprocess.run([*carrier, "--fleet", f"redis://127.0.0.1:{server.port}", "--drain", "--script",
+                    f"{TOP}/packaging/redis/add_url.lua"], check=True, stderr=subprocess.DEVNULL)
+    assert server.client.zscore("good", "http://host/x") == FIRST_END
+    reasons = [fields[b"why"].split()[0] for _, fields in outbox.client.xrange("kov:refused")]
+    assert sorted(reasons) == [b"WRONGTYPE", b"not"], reasons
+    said = subprocess.run([*carrier, "--status"], check=True, capture_output=True).stdout
+    assert said == b"waiting 0, oldest 0 s, refused 2\n", said
 
 
 def to_sentinel():
