@@ -246,36 +246,30 @@ static int wait_for_server(short events, int64_t deadline) noexcept
     }
 }
 
-/* Sends what is left of the command and takes in what has come. False: the connection is lost. */
-static bool exchange(int* is_sent, size_t* received) noexcept
-{
-    redisContext* c = g_ctx.redis;
-    if (!*is_sent && redisBufferWrite(c, is_sent) != REDIS_OK)
-        return false;
-    if (wait_for_server(static_cast<short>(*is_sent ? POLLIN : POLLIN | POLLOUT), NO_DEADLINE) != 0)
-        return false;
-    const size_t before = c->reader->len;
-    if (redisBufferRead(c) != REDIS_OK)
-        return false;
-    *received += c->reader->len - before;
-    return *received <= MAX_REPLY_BYTES;
-}
-
 /* Reads until one whole answer is there. The library's own loop would wait without the signals. */
 static redisReply* await_reply() noexcept
 {
+    redisContext* c = g_ctx.redis;
     int is_sent = 0;
     size_t received = 0;
     void* reply = nullptr;
-    while (redisReaderGetReply(g_ctx.redis->reader, &reply) == REDIS_OK) {
+    while (redisReaderGetReply(c->reader, &reply) == REDIS_OK) {
         if (reply)
             return static_cast<redisReply*>(reply);
-        if (!exchange(&is_sent, &received))
+        if (!is_sent && redisBufferWrite(c, &is_sent) != REDIS_OK)
+            break;
+        if (wait_for_server(static_cast<short>(is_sent ? POLLIN : POLLIN | POLLOUT), NO_DEADLINE) != 0)
+            break;
+        const size_t before = c->reader->len;
+        if (redisBufferRead(c) != REDIS_OK)
+            break;
+        received += c->reader->len - before;
+        if (received > MAX_REPLY_BYTES)
             break;
     }
     /* Nothing can be told from the stream any more: all later commands fail at once. */
-    if (!g_ctx.redis->err)
-        g_ctx.redis->err = REDIS_ERR_OTHER;
+    if (!c->err)
+        c->err = REDIS_ERR_OTHER;
     return nullptr;
 }
 

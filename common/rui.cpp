@@ -205,35 +205,29 @@ void rui_stop_listener(rui_socket_ctx* srv) noexcept
     srv->deferred = true;
 }
 
-/* From the oldest request on; each takes itself out of the queue. */
-static void drop_listener(rui_socket_ctx* srv) noexcept
-{
-    rui_stop_listener(srv);
-    if (srv->requests) {
-        while (dlep_elem* e = dlep_tail(srv->requests))
-            rui_rm_request(reinterpret_cast<rui_rq_header*>(e));
-        dlep_destroy(srv->requests, nullptr);
-        srv->requests = nullptr;
-    }
-    /* A listener without an interface record stays valid in the configuration. */
-    if (srv->lc->ifc) {
-        free(srv->lc->ifc);
-        srv->lc->ifc = nullptr;
-        srv->lc->is_valid = false;
-    }
-    slots_reset(&srv->pprm);
-    free(srv->accset.words);
-    srv->accset = rui_fdset{};
-    srv->tag.num = 0;
-}
-
 void rui_ctx_destroy(rui_ctx* ctx) noexcept
 {
     for (int kind = RUI_USER; kind < RUI_MAX; ++kind) {
-        rui_socket_ctx* set = set_of(ctx, kind);
         size_t count = 0;
-        for (; count < MAX_LISTENERS && set[count].tag.num; ++count)
-            drop_listener(&set[count]);
+        for (rui_socket_ctx* srv = set_of(ctx, kind); count < MAX_LISTENERS && srv->tag.num; ++srv, ++count) {
+            rui_stop_listener(srv);
+            if (srv->requests) {
+                while (dlep_elem* e = dlep_tail(srv->requests))
+                    rui_rm_request(reinterpret_cast<rui_rq_header*>(e)); /* which takes itself out of the queue */
+                dlep_destroy(srv->requests, nullptr);
+                srv->requests = nullptr;
+            }
+            /* A listener without an interface record stays valid in the configuration. */
+            if (srv->lc->ifc) {
+                free(srv->lc->ifc);
+                srv->lc->ifc = nullptr;
+                srv->lc->is_valid = false;
+            }
+            slots_reset(&srv->pprm);
+            free(srv->accset.words);
+            srv->accset = rui_fdset{};
+            srv->tag.num = 0;
+        }
         LOG_DEBUG("%s: %zu [%s] listener(s) %s\n", "stop_listeners", count, kind_name(kind), "destroyed");
     }
 }

@@ -368,22 +368,6 @@ int logbuf_prepare_head(log_ctx* log, int level, const char* format, ...) noexce
 /* The records of a rotation itself never start another one. */
 static bool g_is_rotating = false;
 
-/* Both reasons are asked for: a file that is due by size at the day's end must have the next day's end set, too. */
-static bool must_rotate(log_ctx* log) noexcept
-{
-    if (!log->is_rotatable || g_is_rotating)
-        return false;
-    bool due = log->rota.max_total > 0 && log->total_out >= log->rota.max_total;
-    if (log->rota.max_log_tm > 0) {
-        const time_t now = time(nullptr);
-        if (now > log->rota.max_log_tm) {
-            log_set_eod(log, now);
-            due = true;
-        }
-    }
-    return due;
-}
-
 /* A log that is a terminal is its own mirror: one copy is enough there. */
 void log_put_text(log_ctx* log, const char* text, size_t len) noexcept
 {
@@ -404,9 +388,16 @@ void log_flush(log_ctx* log, int level) noexcept
     log_put_text(log, g_line.text, g_line.len);
     if (!g_in_signal && level < 0 && log->syslg.enabled)
         syslog_put(level, log->syslg.facility, {g_line.text, g_line.len});
-    if (!g_in_signal && must_rotate(log)) {
-        g_is_rotating = true;
-        (void)log_rotate(log); /* it has said what went wrong */
+    if (!g_in_signal && log->is_rotatable && !g_is_rotating) {
+        bool is_due = log->rota.max_total > 0 && log->total_out >= log->rota.max_total;
+        /* Asked for in any case: a file that is due by size at the day's end must have the next day's end set, too. */
+        if (log->rota.max_log_tm > 0 && time(nullptr) > log->rota.max_log_tm) {
+            log_set_eod(log, time(nullptr));
+            is_due = true;
+        }
+        g_is_rotating = is_due;
+        if (is_due)
+            (void)log_rotate(log); /* it has reported what went wrong */
         g_is_rotating = false;
     }
     errno = err;

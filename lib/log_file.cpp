@@ -43,20 +43,6 @@ static int find_std_fd(const struct stat& st) noexcept
     return -1;
 }
 
-/* A socket cannot be opened: /dev/stdout that is one is duplicated, a bound one connected to. */
-static int open_socket_file(const char* path) noexcept
-{
-    struct stat st {
-    };
-    if (stat(path, &st) != 0 || !S_ISSOCK(st.st_mode)) {
-        errno = ENXIO;
-        return -1;
-    }
-    const int fd = find_std_fd(st);
-    bool is_stream = false;
-    return fd >= 0 ? fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : connect_unix(path, &is_stream);
-}
-
 /* The mode is LOG_MODE whatever the umask: other users' tools read the log. Opening a FIFO or a device does not wait
    for its other end, nor does writing; a regular file does not know the difference. */
 static FILE* open_file(const char* path) noexcept
@@ -64,8 +50,14 @@ static FILE* open_file(const char* path) noexcept
     const mode_t mask = umask(0);
     int fd = open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, LOG_MODE);
     umask(mask);
-    if (fd < 0 && errno == ENXIO)
-        fd = open_socket_file(path);
+    struct stat st {
+    };
+    if (fd < 0 && errno == ENXIO && stat(path, &st) == 0 && S_ISSOCK(st.st_mode)) {
+        /* A socket cannot be opened: /dev/stdout that is one is duplicated, a bound one connected to. */
+        const int std_fd = find_std_fd(st);
+        bool is_stream = false;
+        fd = std_fd >= 0 ? fcntl(std_fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : connect_unix(path, &is_stream);
+    }
     if (fd < 0)
         return nullptr;
     FILE* fp = fdopen(fd, "r+");
@@ -210,21 +202,6 @@ int log_popen(log_ctx* log, const char* command) noexcept
 
 /* ---- closing ---- */
 
-/* Bounded: the last lines are worth a moment, but a command that hangs must not keep the agent from ending. */
-static int wait_for_command(pid_t pid) noexcept
-{
-    const timespec step = {0, PIPE_WAIT_STEP_NS};
-    for (int i = 0; i < PIPE_WAIT_STEPS; ++i) {
-        const pid_t rc = waitpid(pid, nullptr, WNOHANG);
-        if (rc == pid || (rc < 0 && errno == ECHILD))
-            return 0;
-        if (rc < 0 && errno != EINTR)
-            return -1;
-        nanosleep(&step, nullptr);
-    }
-    return 0;
-}
-
 int log_close_stream(log_ctx* log) noexcept
 {
     FILE* fp = log->fp;
@@ -233,9 +210,20 @@ int log_close_stream(log_ctx* log) noexcept
     log->fp = nullptr;
     log->pipe_pid = 0;
     const int rc = fclose(fp);
-    if (pid > 0)
-        return wait_for_command(pid); /* what it did not read any more is no fault of the log's */
-    return rc;
+    if (pid <= 0)
+        return rc;
+    /* Bounded: the last lines are worth a moment, but a command that hangs must not keep the agent from ending. What it
+       did not read any more is no fault of the log's. */
+    const timespec step = {0, PIPE_WAIT_STEP_NS};
+    for (int i = 0; i < PIPE_WAIT_STEPS; ++i) {
+        const pid_t ended = waitpid(pid, nullptr, WNOHANG);
+        if (ended == pid || (ended < 0 && errno == ECHILD))
+            return 0;
+        if (ended < 0 && errno != EINTR)
+            return -1;
+        nanosleep(&step, nullptr);
+    }
+    return 0;
 }
 
 /* Standard output and error are the process's, and stay open. */

@@ -218,22 +218,6 @@ static int setup_reader(const char* fn, int fd, sockaddr_storage* ss, socklen_t 
     return spec->is_ssm ? ssm_join(fd, &spec->src_ss, ss, ifc) : mcast_join(fd, ss, ifc);
 }
 
-/* An IPv6 group is sent to by way of an interface; there is none to fall back on. */
-static int setup_writer(const char* fn, int fd, const sockaddr_storage* ss, const ifc_info* ifc) noexcept
-{
-    if (ss->ss_family != AF_INET6)
-        return 0; /* the routing table chooses */
-    if (ifc->idx == 0) {
-        LOG_ERR("%s: network interface must be specified\n", fn);
-        return -1;
-    }
-    const auto idx = static_cast<int>(ifc->idx);
-    if (setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &idx, sizeof(idx)) == 0)
-        return 0;
-    LOG_ERR("%s: setsockopt IPV6_MULTICAST_IF failed (%d): %s\n", fn, errno, strerror(errno));
-    return -1;
-}
-
 bool is_any_name(std::string_view ifc) noexcept
 {
     return ifc.empty() || ci_equal(ifc, "any") || ci_equal(ifc, "all");
@@ -251,8 +235,19 @@ int setup_mcast(const char* fn, int fd, sockaddr_storage* ss, socklen_t len, con
     ifc_ptr info(!ifc || is_any_ifc(ifc) ? any_ifc_info(ss->ss_family) : get_ifc_info(ss->ss_family, ifc));
     if (!info)
         return -1;
-    const int rc =
-        spec->writer ? setup_writer(fn, fd, ss, info.get()) : setup_reader(fn, fd, ss, len, spec, info.get());
+    int rc = 0;
+    if (!spec->writer) {
+        rc = setup_reader(fn, fd, ss, len, spec, info.get());
+    } else if (ss->ss_family == AF_INET6) { /* an IPv4 group is sent to where the routing table points */
+        const auto idx = static_cast<int>(info->idx);
+        if (idx == 0) {
+            LOG_ERR("%s: network interface must be specified\n", fn);
+            return -1;
+        }
+        rc = setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &idx, sizeof(idx));
+        if (rc != 0)
+            LOG_ERR("%s: setsockopt IPV6_MULTICAST_IF failed (%d): %s\n", fn, errno, strerror(errno));
+    }
     if (rc == 0 && ifc_used)
         *ifc_used = info.release();
     return rc;

@@ -224,18 +224,6 @@ int rqs_ctx(int which) noexcept
 
 /* ---- the wait ---- */
 
-/* As many slots as descriptors are watched, and never none: the kernel refuses an empty array. */
-static void size_events() noexcept
-{
-    const size_t wanted = g_rqs.poll_fds > 0 ? g_rqs.poll_fds : 1;
-    if (wanted <= g_rqs.events.raw.max_len)
-        return;
-    if (vec_reserve(&g_rqs.events, wanted) != 0) {
-        LOG_ERR("%s: xvec_reserve failed\n", __func__);
-        panic_abort();
-    }
-}
-
 /* Signals get in while the loop waits; a wait that has events at hand lets none in, and one event may take long (the
    look-up of a name, a registration). */
 static void check_signals() noexcept
@@ -252,7 +240,12 @@ static void check_signals() noexcept
 /* As epoll_wait, with errno; the clock is refreshed in every case. */
 static int wait4events() noexcept
 {
-    size_events();
+    /* As many slots as descriptors are watched, and never none: the kernel refuses an empty array. */
+    const size_t wanted = g_rqs.poll_fds > 0 ? g_rqs.poll_fds : 1;
+    if (wanted > g_rqs.events.raw.max_len && vec_reserve(&g_rqs.events, wanted) != 0) {
+        LOG_ERR("%s: xvec_reserve failed\n", __func__);
+        panic_abort();
+    }
     int limit = -1; /* ms */
     if (slots_len(g_rqs.nopoll) > 0) {
         LOG_DEBUG("%s: no-poll events present: changing to 0 timeout\n", __func__);

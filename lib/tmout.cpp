@@ -55,21 +55,6 @@ void reg_set_timeout(tmout_registry* reg, int idx, long value) noexcept
     LOG_DEBUG("%s: timeout[%d] lk=%zu val=%ld, min_val=%ld\n", __func__, idx, rec.nlocks, value, reg->min);
 }
 
-static void recompute_min(const char* fn, tmout_registry* reg) noexcept
-{
-    long least = std::numeric_limits<long>::max();
-    bool is_picked = false;
-    for (size_t i = 0; i < MAX_TMOUTS; ++i) {
-        const tmo_rec& rec = reg->rec[i];
-        if (rec.nlocks == 0 || rec.value >= least)
-            continue;
-        least = rec.value;
-        is_picked = true;
-        LOG_DEBUG("%s: picked rec[%zu] val=%ld, lk=%zu\n", fn, i, rec.value, rec.nlocks);
-    }
-    reg->min = is_picked ? least : MIN_TIMER_VAL;
-}
-
 /* An unbalanced removal is asserted: it would take a time-out from somebody who still waits for it. */
 void reg_rm_timeout(tmout_registry* reg, int idx) noexcept
 {
@@ -82,8 +67,19 @@ void reg_rm_timeout(tmout_registry* reg, int idx) noexcept
     }
     const long old = rec.value;
     rec.value = 0;
-    if (reg->min == 0 || reg->min >= old)
-        recompute_min(__func__, reg);
+    if (reg->min == 0 || reg->min >= old) { /* it may have been the smallest */
+        long least = std::numeric_limits<long>::max();
+        bool is_picked = false;
+        for (size_t i = 0; i < MAX_TMOUTS; ++i) {
+            const tmo_rec& other = reg->rec[i];
+            if (other.nlocks == 0 || other.value >= least)
+                continue;
+            least = other.value;
+            is_picked = true;
+            LOG_DEBUG("%s: picked rec[%zu] val=%ld, lk=%zu\n", __func__, i, other.value, other.nlocks);
+        }
+        reg->min = is_picked ? least : MIN_TIMER_VAL;
+    }
     LOG_DEBUG("%s: removed timeout[%d]: val=%ld, min_val=%ld\n", __func__, idx, old, reg->min);
 }
 

@@ -253,20 +253,6 @@ static int classify(const char* url) noexcept
     return uri_get_scheme(&u, scheme.data(), scheme.size()) ? uri_scheme_kind(scheme.data()) : URI_BAD;
 }
 
-/* A regular file cannot be watched: the loop serves it in every round. */
-static int open_file_url(const char* fn, usock_ctx* ctx, const char* url) noexcept
-{
-    uri_layout u{};
-    if (uri_parse(url, &u) != 0 || !uri_get_path(&u, ctx->url_path, sizeof(ctx->url_path)))
-        return -1;
-    const int fd = W_open(fn, ctx->url_path, O_RDONLY, 0);
-    if (fd < 0)
-        return -1;
-    ctx->non_pollable = true;
-    LOG_DEBUG("%s: fd%d FILE [%s]\n", fn, fd, ctx->url_path);
-    return fd;
-}
-
 /* A datagram's authority is the source of its group; that of an HTTP URL is not used. */
 static int open_net_url(const char* fn, usock_ctx* ctx, const char* url) noexcept
 {
@@ -331,8 +317,17 @@ int usock_open(usock_ctx* ctx, const char* url) noexcept
         LOG_ERR("%s: unsupported URI type: %d\n", __func__, ctx->url_kind);
         return -1;
     }
-    if (ctx->url_kind == URI_FILE)
-        return open_file_url(__func__, ctx, url);
+    if (ctx->url_kind == URI_FILE) {
+        uri_layout u{};
+        if (uri_parse(url, &u) != 0 || !uri_get_path(&u, ctx->url_path, sizeof(ctx->url_path)))
+            return -1;
+        const int file = W_open(__func__, ctx->url_path, O_RDONLY, 0);
+        if (file < 0)
+            return -1;
+        ctx->non_pollable = true; /* a regular file cannot be watched: the loop serves it in every round */
+        LOG_DEBUG("%s: fd%d FILE [%s]\n", __func__, file, ctx->url_path);
+        return file;
+    }
     const int fd = open_net_url(__func__, ctx, url);
     if (fd >= 0 && ctx->url_kind == URI_HTTP && !ctx->skip_http && http_exchange(__func__, ctx, fd, url) != 0) {
         usock_close(fd, ctx);

@@ -133,22 +133,6 @@ int xvlst_expand(xvlst* l, size_t plus, size_t size, size_t growblk) noexcept
     return xvlst_reserve(l, l->len + plus, size, growblk);
 }
 
-/* The lowest free slot above i, which was just taken and is the lowest free one no more. */
-static ssize_t next_free(const xvlst* l, size_t i) noexcept
-{
-    const size_t next = i + 1;
-    if (next >= l->max_len)
-        return -1;
-    if (i == l->last) {
-        ASSERT(!l->taken[next]);
-        return static_cast<ssize_t>(next);
-    }
-    if (!l->taken[next])
-        return static_cast<ssize_t>(next);
-    const void* p = memchr(l->taken + next, 0, l->max_len - next);
-    return p ? static_cast<const uint8_t*>(p) - l->taken : -1;
-}
-
 /* The element's bytes stay those of the slot's last user: whoever takes it fills it. */
 ssize_t xvlst_add(xvlst* l, size_t size, size_t growblk) noexcept
 {
@@ -159,9 +143,18 @@ ssize_t xvlst_add(xvlst* l, size_t size, size_t growblk) noexcept
         return -1;
     const auto i = static_cast<size_t>(l->avail);
     l->taken[i] = 1;
+    const size_t next = i + 1;
     if (i > l->last)
         l->last = i;
-    l->avail = next_free(l, i);
+    if (next >= l->max_len) {
+        l->avail = -1;
+    } else if (!l->taken[next]) { /* always so above the last one */
+        l->avail = static_cast<ssize_t>(next);
+    } else {
+        ASSERT(i != l->last);
+        const void* p = memchr(l->taken + next, 0, l->max_len - next);
+        l->avail = p ? static_cast<const uint8_t*>(p) - l->taken : -1;
+    }
     ++l->len;
     return static_cast<ssize_t>(i);
 }
