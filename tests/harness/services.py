@@ -8,6 +8,7 @@ import subprocess
 import threading
 
 from .agent import free_port, unshare, wait_for, write
+from .source import Server
 
 REDIS_FILES = os.path.join(os.path.dirname(__file__), "../../packaging/redis")
 
@@ -57,27 +58,17 @@ class ScriptedDatabase(Redis):
         write(f"{self.sha1_dir}/add_url.sha1", "0123456789" * 4 + "\n")
         self.answers = []
         self.commands = []
-        self.sock = socket.create_server(("127.0.0.1", self.port))
-        self.server = threading.Thread(target=self._serve, daemon=True)
-        self.server.start()
+        self.server = Server(self._talk, self.port)
 
-    def _serve(self):
-        while True:
-            try:
-                conn, _ = self.sock.accept()
-            except OSError:
-                return
-            with conn, contextlib.suppress(ConnectionError):  # who is told too much may hang up
-                while data := conn.recv(65536):
-                    self.commands.append(data)
-                    if not self.answers:
-                        break
-                    conn.sendall(self.answers.pop(0))
+    def _talk(self, conn):
+        while data := conn.recv(65536):
+            self.commands.append(data)
+            if not self.answers:
+                break
+            conn.sendall(self.answers.pop(0))
 
     def stop(self):
-        self.sock.shutdown(socket.SHUT_RDWR)
-        self.server.join()
-        self.sock.close()
+        self.server.stop()
 
 
 class Nginx:

@@ -1,6 +1,7 @@
 """A source of scripted answers, which may cut, stall, lie or reset."""
 
 import collections
+import contextlib
 import socket
 import threading
 import time
@@ -10,6 +11,30 @@ from .agent import sized
 HEAD = None  # as a piece: the whole head
 
 
+class Server:
+    """Calls talk(conn) for each connection, in a thread of its own, until it is stopped."""
+
+    def __init__(self, talk, port=0):
+        self.talk = talk
+        self.sock = socket.create_server(("127.0.0.1", port), backlog=1024)
+        self.thread = threading.Thread(target=self._serve, daemon=True)
+        self.thread.start()
+
+    def _serve(self):
+        with contextlib.suppress(OSError):
+            while True:
+                threading.Thread(target=self._one, args=(self.sock.accept()[0],), daemon=True).start()
+
+    def _one(self, conn):
+        with conn, contextlib.suppress(OSError):  # who does not like what it hears may hang up
+            self.talk(conn)
+
+    def stop(self):
+        self.sock.shutdown(socket.SHUT_RDWR)  # wakes the accept; a closed number could be the next test's socket
+        self.thread.join()
+        self.sock.close()
+
+
 class Origin:
     """Each path has a handler(socket, path); the methods that make one return its URL."""
 
@@ -17,10 +42,8 @@ class Origin:
         self.paths = collections.defaultdict(lambda: lambda conn, path: None)
         self.requests = []
         self.released = threading.Event()  # handlers that stall wait for it
-        self.sock = socket.create_server(("127.0.0.1", 0), backlog=1024)
-        self.port = self.sock.getsockname()[1]
-        self.server = threading.Thread(target=self._serve, daemon=True)
-        self.server.start()
+        self.server = Server(self._talk)
+        self.port = self.server.sock.getsockname()[1]
 
     def url(self, path):
         return f"http://127.0.0.1:{self.port}{path}"
@@ -73,32 +96,17 @@ class Origin:
     def stall(self, _conn=None):
         self.released.wait(30)
 
-    def _serve(self):
-        while True:
-            try:
-                conn, _ = self.sock.accept()
-            except OSError:
+    def _talk(self, conn):
+        head = b""
+        while b"\r\n\r\n" not in head:
+            chunk = conn.recv(4096)
+            if not chunk:
                 return
-            threading.Thread(target=self._one, args=(conn,), daemon=True).start()
-
-    def _one(self, conn):
-        try:
-            head = b""
-            while b"\r\n\r\n" not in head:
-                chunk = conn.recv(4096)
-                if not chunk:
-                    return
-                head += chunk
-            self.requests.append(head)
-            path = head.split()[1].decode()
-            self.paths[path](conn, path)
-        except OSError:
-            pass
-        finally:
-            conn.close()
+            head += chunk
+        self.requests.append(head)
+        path = head.split()[1].decode()
+        self.paths[path](conn, path)
 
     def close(self):
         self.released.set()
-        self.sock.shutdown(socket.SHUT_RDWR)  # wakes the accept; a closed number could be the next test's socket
-        self.server.join()
-        self.sock.close()
+        self.server.stop()
