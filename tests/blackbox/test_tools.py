@@ -313,7 +313,8 @@ class Drain(Ctl):
         kovctl("-p", "", "drain", status=3)
         for name in self.agent.unfinished():
             os.unlink(self.agent.path(name))
-        self.agent.run()
+        self.end(other)
+        self.agent.restart()  # and listens: SIGTERM finds its handler
 
 
 class Left(Ctl):
