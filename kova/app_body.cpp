@@ -33,6 +33,7 @@ static struct {
 
 /* ---- the pipe ---- */
 
+/* Neither end may block: there is one pipe for all tasks, and a wait on it would be a wait of the whole loop. */
 void open_body_pipe() noexcept
 {
     std::array<int, 2> fds{};

@@ -15,8 +15,8 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
-constexpr size_t SRC_HEAD_CAP = 2048;
-constexpr int SRC_TMOUT_MS = 3000; /* of a blocking open, which this is not: stated, without effect */
+constexpr size_t SRC_HEAD_CAP = 2048; /* bytes, with the NUL; a longer head is refused */
+constexpr int SRC_TMOUT_MS = 3000;    /* asked for as always; this open does not block */
 
 using src_head = std::array<char, SRC_HEAD_CAP>;
 
@@ -59,6 +59,7 @@ static void request_data_stream(dw_task* task) noexcept
     }
 }
 
+/* A source is registered for writing only while it connects, so any other state is a fault of this program. */
 int dw_write(dw_task* task) noexcept
 {
     const log_group_guard group(task->trk_tag);
@@ -153,6 +154,7 @@ void dw_broken(dw_task* task) noexcept
     pprm_task(task);
 }
 
+/* One step of the state at hand. A partial head is not kept: the next event reads on from where the socket stands. */
 int dw_read(dw_task* task) noexcept
 {
     check_task(task);

@@ -24,8 +24,9 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
-constexpr mode_t DST_MODE = 0666;
+constexpr mode_t DST_MODE = 0666; /* less the umask */
 
+/* Asked when the head has come and not when the order has: what matters is whether the rename would overwrite. */
 int check_dest_path(const char* fpath) noexcept
 {
     std::array<char, SPEC_PATH_MAX> final_path{};
@@ -73,6 +74,7 @@ static int write_tail(const char* fn, const dw_task* task, std::string_view tail
     return -1;
 }
 
+/* The mapping is filled by reads of the source, so the body is never copied in user space. 0, or not (logged). */
 static int map_dest(const char* fn, dw_task* task, std::string_view tail) noexcept
 {
     bool reserved = false;

@@ -10,6 +10,7 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
+/* A source that has vanished is given up two minutes after its last byte. */
 constexpr keepalive_pace SRC_KEEPALIVE = {.idle_sec = 60, .interval_sec = 10, .probes = 6};
 constexpr unsigned SRC_GONE_MS = 120000; /* the same for a GET that is never acknowledged, which stops the probes */
 

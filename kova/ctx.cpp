@@ -14,7 +14,7 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
-kova_ctx g_ctx{};
+kova_ctx g_ctx{}; /* written by the rooms whose records it holds; its counters and times by rq and app */
 
 /* Every task holds at least one descriptor, so the descriptor limit bounds an unlimited table, as far as a table can
    go. */
@@ -78,6 +78,7 @@ int start_kova_ctx() noexcept
     return g_ctx.udl.is_ready ? udl_ctx_start(&g_ctx.udl) : 0;
 }
 
+/* Tasks first, which end by their ordinary road: sockets, locks and unfinished files. Then who could bring new ones. */
 void destroy_kova_ctx() noexcept
 {
     pprm_task_cleanup();

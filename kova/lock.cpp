@@ -16,8 +16,8 @@
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr mode_t LOCK_MODE = 0644;
-constexpr int MIN_LOCK_PATH = 5;
-constexpr long STRANGE_AGE_SEC = 86400;
+constexpr int MIN_LOCK_PATH = 5;        /* the length of ".lock" */
+constexpr long STRANGE_AGE_SEC = 86400; /* beyond it an age is looked at twice */
 constexpr timespec SECOND_LOOK = {0, 100'000'000};
 
 /* Under this name the log speaks of every look at an age and of every file that has lapsed, whoever has asked: it is what
@@ -122,6 +122,7 @@ int check_and_expire(const char* path, long max_age) noexcept
     return rc == ESTALE ? expire_file(path, age) : rc;
 }
 
+/* Between the look at an old lock and the creation another host may come first; the exclusive creation decides. */
 int lid_lock(const char* lid, timespec* taken) noexcept
 {
     *taken = {};

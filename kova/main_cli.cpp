@@ -1,4 +1,5 @@
-/* The command line, read twice: first for the configuration file, then, over the file's values, for everything else. */
+/* The command line, read twice: first for the configuration file, then, over the file's values, for everything else.
+   The log is not open yet, so whatever is wrong is printed to standard error and ends the process with status 1. */
 #include "main.h"
 
 #include "data.h"
@@ -144,6 +145,7 @@ static int apply_option(int c) noexcept
     }
 }
 
+/* Who is not root cannot become a daemon with a user, a pid file and a log of its own, and stays in the foreground. */
 void setup_config(int argc, char* argv[]) noexcept
 {
     init_kova_config(&g_cfg);

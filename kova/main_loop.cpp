@@ -14,7 +14,7 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
-constexpr int HUP_PROBE_MS = 10;
+constexpr int HUP_PROBE_MS = 10; /* the only wait of the dispatch */
 
 static const char* event_name(uint32_t flags) noexcept
 {
@@ -151,6 +151,7 @@ static constexpr tag_handlers HANDLERS[] = {
     {TAG_UDL, typed<udl_ctx, read_udl>, nullptr, typed<udl_ctx, fail_udl>},
 };
 
+/* Null: no record that this program registers, or one that was released in this round. */
 static const tag_handlers* handlers_of(n32_tag tag) noexcept
 {
     for (const tag_handlers& h : HANDLERS) {

@@ -1,4 +1,5 @@
-/* From a configured process to a running one: signals, daemon, user, log, pid file, limits, CPU. */
+/* From a configured process to a running one: signals, daemon, user, log, pid file, limits, CPU. The difficulty is the
+   order: some steps need root, which one of them gives up, and some a place, which another leaves. */
 #include "main.h"
 
 #include "data.h"
@@ -19,7 +20,7 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
-constexpr size_t CWD_MAX = 256;
+constexpr size_t CWD_MAX = 256; /* of the place that the daemon leaves; a longer one fails the start */
 constexpr size_t RUNTIME_CWD_MAX = 4096;
 
 /* A data directory given from where the operator stood, before the daemon leaves that place. */

@@ -17,6 +17,7 @@
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr std::string_view HTTP_PREFIX = "http://";
+/* Of the unfinished path, NUL included. One less than its field holds, on purpose: see init_spec. */
 constexpr size_t FPATH_LIMIT = SPEC_PATH_MAX - 1;
 
 /* ---- the request ---- */
@@ -46,6 +47,7 @@ static int validate_request(dw_urq* urq, dw_spec* spec) noexcept
     return setup_dw_spec(urq->uri_src, urq->uri_dst, sizeof(urq->uri_dst) - 1, spec);
 }
 
+/* The expiry is taken before the order is checked, because its query is no part of the source. */
 int parse_dw_get(dw_urq* urq, dw_spec* spec) noexcept
 {
     http_rq* hrq = &urq->hrq;

@@ -12,7 +12,7 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
-constexpr size_t LBDB_URL_MAX = 256;
+constexpr size_t LBDB_URL_MAX = 256; /* of a registered URL, with its NUL */
 
 static bool has_database() noexcept
 {
@@ -34,6 +34,7 @@ void close_register() noexcept
         lbdb_destroy();
 }
 
+/* The character after the prefix decides: "http://a/vod" is no prefix of "http://a/vod2/x". */
 bool is_local_url(const char* url) noexcept
 {
     const std::string_view prefix(g_cfg.seg_url_pfx);

@@ -47,6 +47,7 @@ void mk_trk_tag(size_t* counter, n64_tag* tag, char letter, size_t max) noexcept
     rui_put_trknum(tag, letter, *counter, 1, MAX_TRKNUM_DIGITS);
 }
 
+/* Each request holds one time-out, so that the loop wakes for it; urq_rm gives it back. */
 static dw_urq* urq_new(int sockfd, rui_socket_ctx* srv, void* /*opaque*/) noexcept
 {
     auto* urq = static_cast<dw_urq*>(calloc(1, sizeof(dw_urq)));

@@ -18,7 +18,7 @@
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr size_t RECV_MAX = 1415; /* enough to see that a datagram is too long */
-constexpr size_t MSG_CAP = 1416;
+constexpr size_t MSG_CAP = RECV_MAX + 1;
 
 /* ---- life ---- */
 
@@ -58,6 +58,7 @@ int udl_ctx_start(udl_ctx* udl) noexcept
     return 0;
 }
 
+/* Descriptor 0 is never a channel: start-up keeps it occupied. */
 void udl_ctx_destroy(udl_ctx* udl) noexcept
 {
     if (!udl->is_ready)
@@ -137,6 +138,7 @@ static int take_order(const char* fn, char* msg, char** url, char** lid, order_l
     return 0;
 }
 
+/* One datagram an event: the socket stays readable while there are more, and other events come in between. */
 int udl_accept(udl_ctx* udl) noexcept
 {
     ASSERT(udl->sockfd > 0);
