@@ -217,6 +217,7 @@ int lbdb_init(const char* sha1_dir, int32_t need_func, uint32_t options) noexcep
 
 /* ---- connection ---- */
 
+/* Not the loop's clock, which stands still while a command is waited for. */
 static int64_t now_ms() noexcept
 {
     timespec now{};
@@ -416,6 +417,7 @@ int lbdb_connect(const char* host, int port, timeval tmout) noexcept
     return 0;
 }
 
+/* Also for a connection that was never whole. */
 void lbdb_disconnect() noexcept
 {
     if (!g_ctx.redis)
@@ -434,6 +436,7 @@ void lbdb_destroy() noexcept
 
 /* ---- registration ---- */
 
+/* A reply of exactly cap characters fits: the caller's buffer has one more for the NUL. */
 static int copy_reply(const char* fn, const redisReply* reply, char* buf, size_t cap) noexcept
 {
     const auto len = static_cast<size_t>(reply->len);

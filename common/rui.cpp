@@ -38,6 +38,7 @@ static const char* kind_name(int kind) noexcept
     return NAMES[kind];
 }
 
+/* By rui_kind; the order is that of the enumerators. */
 static rui_socket_ctx* set_of(rui_ctx* ctx, int kind) noexcept
 {
     rui_socket_ctx* const sets[] = {ctx->user, ctx->admin, ctx->custom};
@@ -180,6 +181,8 @@ int rui_enable_listeners(rui_socket_ctx* srv) noexcept
     return 0;
 }
 
+/* The first listener that cannot be opened stops the start: an agent that listens to half of its places would be missed
+   late. */
 int rui_ctx_start(rui_ctx* ctx) noexcept
 {
     for (int kind = RUI_USER; kind < RUI_MAX; ++kind) {
@@ -234,6 +237,7 @@ void rui_ctx_destroy(rui_ctx* ctx) noexcept
 
 /* ---- removal ---- */
 
+/* The search is short: only the requests that have ended in this round are listed. */
 int rui_pprm(rui_rq_header* rq, ssize_t* slot) noexcept
 {
     auto& pprm = rq->srv->pprm;
@@ -335,6 +339,7 @@ void rui_put_trknum(n64_tag* tag, char kind, size_t number, size_t min_digits, s
     cut_text(tag->sym8 + pos, max_digits + 2 - pos, digits);
 }
 
+/* Numbers come again after max tasks: tags tell the lines of neighbours apart, not those of a day. */
 void rui_mk_trknum(size_t* counter, n64_tag* tag, char kind, size_t max) noexcept
 {
     if (*counter >= max) {
@@ -345,6 +350,7 @@ void rui_mk_trknum(size_t* counter, n64_tag* tag, char kind, size_t max) noexcep
     rui_put_trknum(tag, kind, *counter, MIN_TRKNUM_DIGITS, TRKNUM_DIGITS);
 }
 
+/* A listener's socket cannot be mended, and one that is not watched any more would be noticed by nobody. */
 void rui_crash_on_error(rui_socket_ctx* srv, uint32_t flags) noexcept
 {
     const int err = socket_error(srv->sockfd);

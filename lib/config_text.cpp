@@ -121,6 +121,7 @@ static bool read_text(FILE* fp, file_text* text) noexcept
     return !ferror(fp) && text->len < CONFIG_TEXT_MAX;
 }
 
+/* In the words and the form of the parser library's own errors, so that there is one text to look for. */
 static int refuse(const char* path, unsigned line, const char* why) noexcept
 {
     LOG_ERR("Error reading/parsing config file [%s]: line %u: %s\n", path, line, why);

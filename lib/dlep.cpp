@@ -70,6 +70,7 @@ dlep_elem* dlep_rm(dlep_list* l, dlep_elem* le) noexcept
     return le;
 }
 
+/* The record is zeroed before it goes, so that a stale pointer to it shows an empty list. */
 void dlep_destroy(dlep_list* l, dlep_fn callback) noexcept
 {
     ASSERT(l);

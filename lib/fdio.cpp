@@ -34,6 +34,8 @@ ssize_t nwrite(int fd, const void* buf, size_t count) noexcept
     return n;
 }
 
+/* MSG_MORE: the kernel keeps a short text back for what follows, so that an answer and the end of its stream share a
+   packet. No signal for a peer that has gone, the result says it. */
 ssize_t nsend_more(int fd, const void* buf, size_t count) noexcept
 {
     ssize_t n = 0;

@@ -79,6 +79,8 @@ static void keep_record(ht_tag* tbl, hrec* rec) noexcept
     tbl->spare = rec;
 }
 
+/* The low 32 bits of the difference decide: keys may order oddly, and keys a multiple of 2^32 apart count as equal.
+   Descriptors and counters, for which this kind is, never get there. */
 static int long_cmp(const hrec* rec, long key) noexcept
 {
     return static_cast<int>(static_cast<unsigned long>(rec->key) - static_cast<unsigned long>(key));
@@ -337,6 +339,7 @@ size_t skht_count(skht_t tbl) noexcept
     return tbl->count;
 }
 
+/* The data is the callers': without a callback it stays. */
 void skht_destroy(skht_t tbl, ht_data_fn callback) noexcept
 {
     hdestroy(tbl, callback);

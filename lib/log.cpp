@@ -128,6 +128,7 @@ FILE* log_mirror_fp(const log_ctx* log) noexcept
     return log->mirror_fp;
 }
 
+/* Only remembers and names: the connection is made by the first line that goes there. */
 void config_syslog(log_ctx* log, const char* ident, int option, int facility) noexcept
 {
     syslog_open(ident, option);
@@ -153,6 +154,7 @@ void glog_disable_syslog() noexcept
 
 /* ---- records ---- */
 
+/* A record that could not be built leaves nothing behind that the next flush would write. */
 void logbuf_reset() noexcept
 {
     g_line.len = 0;
@@ -164,6 +166,7 @@ bool logbuf_empty() noexcept
     return g_line.len == 0;
 }
 
+/* Where the next field goes; there is a NUL. */
 static char* line_end() noexcept
 {
     return g_line.text + g_line.len;
@@ -324,6 +327,7 @@ static void clean_message(char* text, size_t len, bool keeps_line_ends) noexcept
     hide_controls(text + i, len - i, keeps_line_ends);
 }
 
+/* errno goes through unchanged, for "%m" and for the caller, who logs between a call and the look at its errno. */
 [[gnu::format(printf, 4, 0)]] static int prepare(log_ctx* log, int level, bool keeps_line_ends, const char* format,
                                                  va_list ap) noexcept
 {

@@ -188,6 +188,7 @@ static void move_aside(const char* path) noexcept
         log_trouble("Cannot rename(%s, %s): ERROR(%d): %s\n", path, aside.data(), errno, strerror(errno));
 }
 
+/* A path that is too long is refused by the opening, and nothing is moved for it. */
 int log_open_ex(log_ctx* log, const char* path, uint32_t flags) noexcept
 {
     if (path && !(flags & F_APPEND_OLD) && strlen(path) < LOG_PATHNAME_MAX)
@@ -246,6 +247,7 @@ void log_close(log_ctx* log) noexcept
 
 /* ---- rotation ---- */
 
+/* What a configuration may say that makes no sense becomes the default: a log must not fail for it. */
 void log_set_rota(log_ctx* log, size_t max_bytes, size_t max_files, time_t eod_start) noexcept
 {
     log->rota.max_total = max_bytes;

@@ -72,6 +72,7 @@ int match_log_level(const char* text, int* level) noexcept
     return -1;
 }
 
+/* What is no number says nothing, like a variable that is not set. */
 int read_level_env(const char* name, int deflt) noexcept
 {
     const char* text = getenv(name);

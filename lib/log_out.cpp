@@ -58,6 +58,7 @@ void out_attach(log_out* out, int fd) noexcept
         out->kind = OUT_TERMINAL;
 }
 
+/* All zero again: the next text looks at what is behind the stream anew. */
 void out_detach(log_out* out) noexcept
 {
     if (out->is_own)
@@ -199,6 +200,7 @@ void out_line(FILE* fp, log_out* out, std::string_view text) noexcept
 
 /* ---- sockets by path ---- */
 
+/* Datagrams first: a line is a message there. A stream is what older daemons listen with. */
 int connect_unix(const char* path, bool* is_stream) noexcept
 {
     sockaddr_un addr{};
@@ -223,6 +225,7 @@ int connect_unix(const char* path, bool* is_stream) noexcept
 
 /* ---- standard error ---- */
 
+/* The stream of the log may be the same standard error: then its state, stalled or torn, is shared. */
 void log_trouble(const char* format, ...) noexcept
 {
     const int err = errno;
@@ -245,6 +248,7 @@ void log_trouble(const char* format, ...) noexcept
     errno = err;
 }
 
+/* A description of its own, since the starter's must not change under him. */
 void unblock_stderr() noexcept
 {
     const int own = reopen(STDERR_FILENO);

@@ -50,6 +50,7 @@ bool split_host_port(std::string_view text, std::string_view* host, std::string_
     return true;
 }
 
+/* Digits alone: what stands behind the last ':' of an IPv6 address may be anything. */
 bool ends_with_port(const char* s) noexcept
 {
     std::string_view host;
@@ -84,6 +85,7 @@ static const af_word AF_WORDS[] = {
     {"unspec", AF_UNSPEC}, {"anyaddr", AF_UNSPEC}, {"all", AF_UNSPEC},
 };
 
+/* The word stands in a configuration: an unknown one is told, and the caller refuses the file. */
 int name2af(const char* text, int* af) noexcept
 {
     for (const af_word& w : AF_WORDS) {
@@ -192,6 +194,7 @@ int set_nblock(int fd, bool on) noexcept
     return 0;
 }
 
+/* For a caller whose small writes must not wait for the acknowledgement of the last one. */
 int set_tcp_nodelay(int fd, bool on) noexcept
 {
     const int value = on;
@@ -212,6 +215,7 @@ int set_rcv_timeout(int fd, long ms) noexcept
     return set_timeval(__func__, fd, SO_RCVTIMEO, ms);
 }
 
+/* Of a blocking socket; a non-blocking one never waits. */
 int set_send_timeout(int fd, long ms) noexcept
 {
     return set_timeval(__func__, fd, SO_SNDTIMEO, ms);
@@ -229,6 +233,7 @@ int set_keepalive(int fd, const keepalive_pace& pace) noexcept
     return W_setsockopt(__func__, fd, IPPROTO_TCP, TCP_KEEPIDLE, &pace.idle_sec, sizeof(int));
 }
 
+/* Probes stop while data waits for its acknowledgement, so that a keep-alive alone does not tell a vanished peer. */
 int set_user_timeout(int fd, unsigned ms) noexcept
 {
     return W_setsockopt(__func__, fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &ms, sizeof(ms));

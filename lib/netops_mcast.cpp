@@ -32,6 +32,7 @@ static const sockaddr_in6* as_in6(const void* sa) noexcept
     return static_cast<const sockaddr_in6*>(sa);
 }
 
+/* Only as much as the family has: the interface list's entries are no sockaddr_storage. */
 static void copy_addr(const sockaddr* sa, sockaddr_storage* ss) noexcept
 {
     memcpy(ss, sa, sa->sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
@@ -109,6 +110,7 @@ ifc_info* get_ifc_info(int family, const char* text) noexcept
     return info.release();
 }
 
+/* A record without name and index: the kernel chooses by its routing table. */
 ifc_info* any_ifc_info(int family) noexcept
 {
     auto* info = static_cast<ifc_info*>(W_calloc(__func__, 1, sizeof(ifc_info)));
@@ -223,6 +225,7 @@ bool is_any_name(std::string_view ifc) noexcept
     return ifc.empty() || ci_equal(ifc, "any") || ci_equal(ifc, "all");
 }
 
+/* A configured channel may also name the any-address; a web listener's interface is looked up then. */
 bool is_any_ifc(std::string_view ifc) noexcept
 {
     return is_any_name(ifc) || ifc == "0.0.0.0" || ifc == "::";

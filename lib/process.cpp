@@ -39,6 +39,7 @@ void fill_std_fds() noexcept
     }
 }
 
+/* The descriptor stays occupied, so that whatever still writes to it writes to nobody. */
 void null_fd(int fd) noexcept
 {
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
@@ -53,6 +54,7 @@ void null_fd(int fd) noexcept
     close(null);
 }
 
+/* What the kernel has always given when it cannot be asked. */
 size_t fd_limit() noexcept
 {
     rlimit lim{};
@@ -170,6 +172,7 @@ int run_as_user_id(uid_t uid, gid_t gid) noexcept
     return 0;
 }
 
+/* A user that does not exist is told from a look-up that has failed. */
 int run_as_user(const char* name) noexcept
 {
     errno = 0;
@@ -228,6 +231,8 @@ int write_lock(int fd) noexcept
     return fcntl(fd, F_SETLK, &lock);
 }
 
+/* fn is the name in the log. The file is locked, emptied and written by way of one descriptor, so that nobody sees half
+   a number under the lock. */
 static int fill_pidfile(const char* fn, const char* path, pid_t pid, ino_t* inode, int flags) noexcept
 {
     /* Root writes here, perhaps in a directory of the daemon's user: not through a link, and never waiting for a
@@ -284,6 +289,7 @@ int create_pidfile_extra(const char* path, pid_t pid, ino_t* inode, int flags) n
     return rc;
 }
 
+/* 0, not 1: only that makes the C library forget where in a group of letters it was. */
 void reset_getopt_state() noexcept
 {
     optind = 0;

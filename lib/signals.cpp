@@ -52,6 +52,7 @@ int handle_sig(int signo, sig_fn handler) noexcept
     return -1;
 }
 
+/* A peer that has gone is told by the write's result, where it can be handled. */
 int ignore_sigpipe() noexcept
 {
     if (install(SIGPIPE, SIG_IGN) == 0)
@@ -60,6 +61,7 @@ int ignore_sigpipe() noexcept
     return -1;
 }
 
+/* Of those signals that have a handler here; others keep what the starter has chosen. */
 static sigset_t handled_set() noexcept
 {
     sigset_t set;
@@ -125,6 +127,7 @@ void on_sigusr1(int signo) noexcept
     LOG_NORM("SIGUSR1(%d)\n", signo);
 }
 
+/* The mask to wait with is derived from the new one when it is first asked for. */
 void block_handled_signals() noexcept
 {
     const sigset_t set = handled_set();

@@ -50,6 +50,7 @@ int W_close(const char* caller, int fd) noexcept
     return rc;
 }
 
+/* Zeroed, so that a record is empty whatever is added to it later. */
 void* W_calloc(const char* caller, size_t count, size_t size) noexcept
 {
     void* p = calloc(count, size);
@@ -170,6 +171,7 @@ int W_accept(const char* caller, int fd, sockaddr* addr, socklen_t* addrlen) noe
     return client;
 }
 
+/* For a caller who expects an answer in time: a time-out is news, not a failure. */
 int W_poll(const char* caller, pollfd* fds, nfds_t count, int timeout_ms) noexcept
 {
     const int rc = poll(fds, count, timeout_ms);
@@ -180,6 +182,7 @@ int W_poll(const char* caller, pollfd* fds, nfds_t count, int timeout_ms) noexce
     return rc;
 }
 
+/* Nothing sent is a failure here, since nobody sends empty datagrams. */
 ssize_t W_sendto(const char* caller, int fd, const void* buf, size_t length, int flags, const sockaddr* addr,
                  socklen_t addrlen) noexcept
 {

@@ -41,6 +41,7 @@ uint32_t match_timefmt(const char* word) noexcept
     return f_BAD_TIME;
 }
 
+/* The way back, for the dump of a configuration. */
 const char* timefmt_str(uint32_t flags) noexcept
 {
     for (const timefmt_word& w : TIMEFMT_WORDS) {
@@ -121,6 +122,7 @@ int mk_timestr(const timespec* ts, uint32_t flags, char* buf, size_t len) noexce
     return n;
 }
 
+/* A clock that fails leaves the caller's time as it was: an old time is better than none. */
 void set_clk_now(timespec* ts, clockid_t id) noexcept
 {
     timespec now{};

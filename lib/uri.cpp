@@ -79,6 +79,7 @@ int uri_parse(const char* text, uri_layout* out) noexcept
     return 0;
 }
 
+/* An absent part is told from an empty one by the null that comes back. */
 char* cpyseg(const char* seg, size_t len, char* buf, size_t cap) noexcept
 {
     if (cap > 0)
@@ -106,6 +107,7 @@ char* uri_get_query(const uri_layout* u, char* buf, size_t cap) noexcept
     return cpyseg(u->query, u->q_len, buf, cap);
 }
 
+/* An unknown scheme is a kind, too: what to say about it is the caller's decision. */
 int uri_scheme_kind(const char* scheme) noexcept
 {
     for (size_t i = 0; i < std::size(SCHEMES); ++i) {
@@ -196,6 +198,7 @@ const char* uri_path_addrport(const char* path, size_t p_len, char* host, size_t
     return rest;
 }
 
+/* A first character that stands for a place the sender has a short name for. */
 bool uri_is_alias(const char* s) noexcept
 {
     return *s == '$' || *s == '~' || *s == '^';
@@ -203,6 +206,7 @@ bool uri_is_alias(const char* s) noexcept
 
 /* ---- percent-encoding ---- */
 
+/* -1 for what is no digit: the escape is dropped then. */
 static int hex_value(char c) noexcept
 {
     if (c >= '0' && c <= '9')

@@ -23,6 +23,7 @@ static bool is_space(char c) noexcept
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
+/* Ends at the NUL, which is no space. */
 static char* skip_space(char* p) noexcept
 {
     while (is_space(*p))
@@ -81,6 +82,7 @@ static std::optional<std::string_view> find_field_line(std::string_view name, st
     return std::nullopt;
 }
 
+/* The presence alone is the news: chunked bodies and the like are refused whatever their value. */
 bool has_hdr(std::string_view name, std::string_view head) noexcept
 {
     return find_field_line(name, head).has_value();
@@ -213,6 +215,7 @@ bool slash_match(const char* s, const char* word) noexcept
     return ci_equal(text, word);
 }
 
+/* With and without the '/' at the front, as clients write it. */
 bool is_ping_request(const char* path) noexcept
 {
     return slash_match(*path == '/' ? path + 1 : path, "ping");

@@ -127,6 +127,7 @@ int fwd_http_rq(int fd, const char* url, const char* apptag, uint32_t flags) noe
     return send_http_request(fd, &rq);
 }
 
+/* Every request bears the one name that was given at start-up. */
 int usock_http_get(int fd, const char* url, usock_ctx* ctx) noexcept
 {
     return fwd_http_rq(fd, url, g_apptag, ctx->http_flags);
@@ -134,6 +135,8 @@ int usock_http_get(int fd, const char* url, usock_ctx* ctx) noexcept
 
 /* ---- response ---- */
 
+/* A blank line ends a head, with or without carriage returns: sources write both. Every line feed is looked at once, by
+   way of memchr, since a head is mostly other characters. */
 size_t head_eod(const char* buf, size_t len) noexcept
 {
     size_t i = 0;

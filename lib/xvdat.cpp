@@ -67,6 +67,7 @@ int xvec_reserve(xvec* v, size_t n, size_t size, size_t growblk) noexcept
     return 0;
 }
 
+/* A block that is not owned stays with its owner, and its capacity stays known. */
 void xvec_reset(xvec* v) noexcept
 {
     if (!(v->flags & XV_FIXED_SIZE)) {
@@ -200,6 +201,7 @@ int xvlst_each(xvlst* l, xv_elem_fn f, size_t* stop) noexcept
     return rc;
 }
 
+/* The match's own value comes back, so that it may tell more than a yes. */
 int xvlst_find(xvlst* l, void* arg, xv_match_fn match, size_t* found) noexcept
 {
     if (l->len == 0)
@@ -257,6 +259,7 @@ void xvlst_purge_all(xvlst* l, xv_elem_fn f) noexcept
     l->avail = l->max_len > 0 ? 0 : -1;
 }
 
+/* A mapping that cannot be given back means that the record is broken: going on would lose more than the process. */
 void xvlst_reset(xvlst* l) noexcept
 {
     if (!(l->flags & XV_FIXED_SIZE)) {
