@@ -1,18 +1,14 @@
 #include "fdio.h"
-#include "netops.h"
 #include "syswrap.h"
 
 #include "caught_log.h"
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -83,79 +79,6 @@ TEST_F(Wrappers, AnExpectedConditionIsLoggedOnlyWhenStrict)
     shutdown(sv[1], SHUT_WR);
     EXPECT_EQ(W_recvfrom("me", sv[0], &c, 1, 0, nullptr, nullptr), 0);
     EXPECT_TRUE(log.has("me: recvfrom(")) << "the end of the stream counts as a failure there";
-}
-
-TEST_F(Wrappers, SuccessesAreTracedAtDebug)
-{
-    for (const int level : {NORM_level, DEBUG_level}) {
-        const caught_log log(MOD_SYSWRAP, level);
-        const int fd = W_socket("me", AF_INET, SOCK_STREAM, 0);
-        ASSERT_GE(fd, 0);
-        const std::string num = std::to_string(fd);
-        EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-        EXPECT_EQ(W_close("me", fd), 0);
-        EXPECT_EQ(log.has("me opened socket fd=" + num + " (2, 1, 0)\n"), level == DEBUG_level);
-        EXPECT_EQ(log.has("me: CLOSED(fd" + num + ")\n"), level == DEBUG_level);
-    }
-}
-
-TEST(Sockets, AConnectInProgressIsInfoAndAcceptIsReady)
-{
-    const int lfd = W_socket("me", AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    sockaddr_in sin{};
-    sin.sin_family = AF_INET;
-    sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* sa = reinterpret_cast<sockaddr*>(&sin);
-    socklen_t len = sizeof(sin);
-    ASSERT_EQ(W_bind("me", lfd, sa, len), 0);
-    ASSERT_EQ(W_listen("me", lfd, 4), 0);
-    ASSERT_EQ(getsockname(lfd, sa, &len), 0);
-
-    const caught_log log(MOD_SYSWRAP);
-    EXPECT_EQ(W_accept("me", lfd, nullptr, nullptr), -1);
-    EXPECT_EQ(errno, EAGAIN);
-    EXPECT_EQ(log.text(), "") << "no client yet is no fault";
-
-    const int cfd = W_socket("me", AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    EXPECT_EQ(W_connect("me", cfd, sa, len), -1);
-    EXPECT_EQ(errno, EINPROGRESS);
-    EXPECT_EQ(log.count("W_connect: non-blocking connect in progress for fd" + std::to_string(cfd) + "\n"), 1u);
-    EXPECT_FALSE(log.has("ERROR"));
-
-    ASSERT_EQ(wait_to_read(lfd, 5000), 1);
-    const int afd = W_accept("me", lfd, nullptr, nullptr);
-    ASSERT_GE(afd, 0);
-    EXPECT_EQ(fcntl(afd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-    EXPECT_EQ(fcntl(afd, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
-    pollfd pfd = {afd, POLLIN, 0};
-    EXPECT_EQ(W_poll("me", &pfd, 1, 1), 0);
-    EXPECT_TRUE(log.has("me: poll() has timed out after 1 ms\n"));
-    for (const int fd : {afd, cfd, lfd})
-        close(fd);
-}
-
-TEST(Sockets, OptionsAreSet)
-{
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    for (const bool on : {true, false}) {
-        EXPECT_EQ(set_nblock(fd, on), 0);
-        EXPECT_EQ(fcntl(fd, F_GETFL) & O_NONBLOCK, on ? O_NONBLOCK : 0);
-        EXPECT_EQ(set_tcp_nodelay(fd, on), 0);
-        int value = -1;
-        socklen_t len = sizeof(value);
-        EXPECT_EQ(getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &value, &len), 0);
-        EXPECT_EQ(value, on);
-    }
-    EXPECT_EQ(set_rcv_timeout(fd, 1500), 0);
-    EXPECT_EQ(set_send_timeout(fd, 20), 0);
-    timeval tv{};
-    socklen_t len = sizeof(tv);
-    EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &len), 0);
-    EXPECT_EQ(tv.tv_sec * 1000 + tv.tv_usec / 1000, 1500);
-    close(fd);
-    caught_log log;
-    EXPECT_EQ(set_nblock(fd, true), -1);
-    EXPECT_NE(log.text().find("set_nblock: fcntl("), std::string::npos);
 }
 
 TEST_F(Wrappers, WaitToReadSeesDataAndTheEnd)
