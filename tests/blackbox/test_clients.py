@@ -190,6 +190,12 @@ class Listeners(KovTest):
                 self.ask(family, place, request(target), code)
             agent.stored(str(n), b"body")
             agent.ended(n + 1)
+        agent.proc.send_signal(signal.SIGSTOP)
+        with socket.socket(socket.AF_UNIX) as s:  # what it said before it left counts
+            s.connect(path)
+            s.sendall(request(f"/src/{source}/dst/gone"))
+        agent.proc.send_signal(signal.SIGCONT)
+        agent.stored("gone", b"body")
         self.end(agent)
         self.assertTrue(os.path.exists(path))  # what an agent leaves is replaced by the next
         agent = self.start(more_listeners=local + f', {{ ifc = "lo"; port = {udp_port}; protocol = "udp"; }}')

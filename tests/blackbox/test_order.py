@@ -104,7 +104,7 @@ class Answers(KovTest):
     def test_expiry(self):
         agent = self.start()
         for i, (query, expiry) in enumerate((("?myexpiry=7", 7), ("?expiry=abc", 0), ("?a=1", 0), ("", 0),
-                                             ("?a=1&expiry=-5&b", -5))):
+                                             ("?a=1&expiry=-5&expiry=2", -5))):
             agent.order(self.origin.body(f"/{i}", b"x"), f"e{i}", query=query)
             agent.logged(f"/e{i}-Kova] length=0, expiry={expiry} ")
         self.assertEqual(agent.log().count("NO EXPIRY: sscanf"), 2)

@@ -3,12 +3,12 @@
 import os
 import re
 import resource
+import signal
 import socket
-import threading
 import time
 
-from harness import (ASAN, HEAD, MODES, OK, KovTest, NameServer, free_port, needs_namespaces, read, reset, sized,
-                     wait_for)
+from harness import (ANSWERS, ASAN, HEAD, MODES, OK, KovTest, NameServer, free_port, needs_namespaces, read, read_all,
+                     reset, sized, wait_for)
 
 SIZE = (3 << 20) + 17
 
@@ -25,15 +25,14 @@ class Sources(KovTest):
         self.assertEqual(agent.files(), [])
 
     def test_a_source_that_hangs_up_on_every_caller(self):
-        agent = self.start()
+        agent = self.start(trace="connect", inject=("connect:signal=SIGSTOP:when=1",))
         with socket.create_server(("127.0.0.1", 0)) as server:
-            def hang_up():
-                for _ in range(20):
+            for n in range(10):
+                with agent.ask(f"http://127.0.0.1:{server.getsockname()[1]}/{n}", "a") as client:
                     with server.accept()[0] as conn:
                         reset(conn)
-            threading.Thread(target=hang_up, daemon=True).start()
-            for n in range(20):  # before the GET, behind it, or in between
-                agent.order(f"http://127.0.0.1:{server.getsockname()[1]}/{n}", "a", 500)
+                    agent.proc.send_signal(signal.SIGCONT)  # the first time it has not sent its GET
+                    self.assertEqual(read_all(client), ANSWERS[500])
 
     def test_heads_that_are_refused(self):
         agent = self.start()
@@ -181,7 +180,7 @@ class Moved(KovTest):
             else:
                 emptied += n
         self.assertEqual(filled, emptied)
-        self.assertGreater(filled, SIZE - 131_072)
+        self.assertTrue(SIZE - 131_072 < filled <= SIZE + 200_000, filled)
 
     def test_refusals_fall_back_to_the_buffer(self):
         for injection in ("error=ENOSYS", "error=EINVAL:when=1", "error=EINVAL:when=2", "error=EIO:when=2",

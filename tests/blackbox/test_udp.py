@@ -36,7 +36,8 @@ class Channel(KovTest):
         agent = self.start()
         source = self.origin.body("/a", b"x")
         fill = {f"x{n}": "x" * n for n in (31, 40, 1401, 9000)}
-        for text, message in cases("datagrams", source=source, i32="i" * 32, s70="s/" * 70, **fill):
+        fill["128"] = "/".rjust(128 - len(f"src/{source}/dst/x"), "s")  # of a path
+        for text, message in cases("datagrams", source=source, i32="i" * 32, **fill):
             text = text[:-4].ljust(32) if text.endswith("{32}") else text
             before = agent.log().count(" request failed; url=[")
             agent.datagram(text)

@@ -249,6 +249,7 @@ class Agent:
 
     def at_base_line(self, seconds=10.0):
         wait_for(lambda: self.fds() <= self.base_fds, "descriptors at base line", seconds)
+        wait_for(lambda: f" {self.data}/" not in self.proc_file("maps"), "mappings given back")
 
     def cpu_seconds(self):
         fields = self.proc_file("stat").rsplit(")", 1)[1].split()
