@@ -36,14 +36,6 @@ public:
         return {buf_, len_};
     }
     bool has(const std::string& s) const { return text().find(s) != std::string::npos; }
-    size_t count(const std::string& s) const
-    {
-        const std::string t = text();
-        size_t n = 0;
-        for (size_t at = t.find(s); at != std::string::npos; at = t.find(s, at + s.size()))
-            ++n;
-        return n;
-    }
 
 private:
     int mod_;

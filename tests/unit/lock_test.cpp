@@ -15,12 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace
-{
-
-std::function<void(long ms)> g_on_sleep; /* what others do while the room sleeps */
-
-} // namespace
+static std::function<void(long ms)> g_on_sleep; /* what others do while the room sleeps */
 
 /* In place of the library's, so that a test can act within the pause. */
 extern "C" int nanosleep(const timespec* time, timespec* left)
@@ -30,9 +25,6 @@ extern "C" int nanosleep(const timespec* time, timespec* left)
     g_on_sleep(time->tv_sec * 1000 + time->tv_nsec / 1000000);
     return 0;
 }
-
-namespace
-{
 
 class Lock : public testing::Test
 {
@@ -70,14 +62,11 @@ protected:
 
 TEST_F(Lock, CountsUntilItIsOlderThanTheLimit)
 {
-    const struct {
-        long age;
-        int rc;
-    } cases[] = {{-3600, EBUSY}, {0, EBUSY}, {30, EBUSY}, {31, 0}, {86400, 0}};
+    const std::pair<long, int> cases[] = {{-3600, EBUSY}, {0, EBUSY}, {30, EBUSY}, {31, 0}, {86400, 0}};
     const std::string path = dir.at("f");
-    for (const auto& c : cases) {
-        EXPECT_EQ(check_aged(path, c.age), c.rc) << c.age;
-        EXPECT_EQ(dir.has("f"), c.rc == EBUSY) << c.age;
+    for (const auto& [age, rc] : cases) {
+        EXPECT_EQ(check_aged(path, age), rc) << age;
+        EXPECT_EQ(dir.has("f"), rc == EBUSY) << age;
     }
     EXPECT_TRUE(log.has("check_and_expire: upstanding lock [" + path + "] (age=30) found\n"));
     EXPECT_TRUE(log.has("check_and_expire: expired stale lock [" + path + "], age=31 sec\n"));
@@ -87,15 +76,12 @@ TEST_F(Lock, CountsUntilItIsOlderThanTheLimit)
 TEST_F(Lock, ALinkToNowhereHasAnAgeOfItsOwn)
 {
     const std::string path = dir.at("job-1.lock");
-    ASSERT_EQ(symlink("/nonexistent", path.c_str()), 0);
-    EXPECT_EQ(lid_lock("job-1", &taken), EBUSY);
-    EXPECT_TRUE(log.has("upstanding lock [" + path + "] (age="));
-    for (const long age : {100L, 2 * 86400L}) {
-        unlink(path.c_str());
+    for (const long age : {0L, 100L, 2 * 86400L}) {
         ASSERT_EQ(symlink("/nonexistent", path.c_str()), 0);
         const timespec old[2] = {{time(nullptr) - age, 0}, {time(nullptr) - age, 0}};
         ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), old, AT_SYMLINK_NOFOLLOW), 0);
-        EXPECT_EQ(lid_lock("job-1", &taken), 0) << age;
+        EXPECT_EQ(lid_lock("job-1", &taken), age == 0 ? EBUSY : 0) << age;
+        unlink(path.c_str());
     }
 }
 
@@ -122,7 +108,7 @@ TEST_F(Lock, OfAStrangeAgeIsLookedAtTwice)
         EXPECT_EQ(slept, c.meanwhile ? 100 : 0);
         EXPECT_TRUE(dir.has("job-1.lock"));
     }
-    EXPECT_EQ(log.count("ERROR"), 0U) << log.text();
+    EXPECT_FALSE(log.has("ERROR")) << log.text();
 }
 
 TEST_F(Lock, WhatCannotBeLookedAtIsNoLock)
@@ -141,5 +127,3 @@ TEST_F(Lock, OffTouchesNothing)
     lid_unlock("job-1", taken);
     EXPECT_TRUE(dir.has("job-1.lock"));
 }
-
-} // namespace

@@ -12,9 +12,6 @@
 #include <ctime>
 #include <gtest/gtest.h>
 
-namespace
-{
-
 class Order : public testing::Test
 {
 protected:
@@ -81,39 +78,41 @@ TEST_F(Order, OneUnfinishedFileAtATime)
 
 TEST(UnfinishedName, LosesItsSuffixOnly)
 {
-    const struct {
-        const char* path;
-        int rc;
-        const char* left;
-    } cases[] = {
+    const std::tuple<const char*, int, const char*> cases[] = {
         {"", EINVAL, ""},   {"a", ESRCH, "a"}, {"Kova", ESRCH, "Kova"},      {"a-kova", ESRCH, "a-kova"},
         {"a-Kova", 0, "a"}, {"-Kova", 0, ""},  {"a-Kova-Kova", 0, "a-Kova"}, {"a-Kovab", ESRCH, "a-Kovab"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [text, rc, left] : cases) {
         char path[32] = "";
-        cut_text(path, sizeof(path), c.path);
-        EXPECT_EQ(is_unfinished_seg(path), c.rc == 0) << c.path;
-        EXPECT_EQ(cutoff_segext(path), c.rc) << c.path;
-        EXPECT_STREQ(path, c.left);
+        cut_text(path, sizeof(path), text);
+        EXPECT_EQ(is_unfinished_seg(path), rc == 0) << text;
+        EXPECT_EQ(cutoff_segext(path), rc) << text;
+        EXPECT_STREQ(path, left);
     }
 }
 
-TEST(TrackingTag, StartsAgainAfterItsLimit)
+TEST(TrackingTags, StartAgainAfterTheirLimit)
 {
-    size_t counter = 0;
+    const struct {
+        decltype(&mk_trk_tag) make;
+        size_t before;
+        size_t max;
+        const char* tag;
+    } cases[] = {
+        {rui_mk_trknum, 0, 10000, "T0001"},     {rui_mk_trknum, 9998, 10000, "T9999"},
+        {rui_mk_trknum, 9999, 10000, "T10000"}, {rui_mk_trknum, 10000, 10000, "T0001"},
+        {rui_mk_trknum, 100, 100, "T0001"},     {rui_mk_trknum, 99999, 200000, "T10000"},
+        {mk_trk_tag, 0, 10000, "u1"},           {mk_trk_tag, 9999, 10000, "u10000"},
+        {mk_trk_tag, 10000, 10000, "u1"},
+    };
     n64_tag tag{};
-    mk_trk_tag(&counter, &tag, 'u', 10000);
-    EXPECT_STREQ(tag.sym8, "u1");
-    counter = 9999;
-    mk_trk_tag(&counter, &tag, 'u', 10000);
-    EXPECT_STREQ(tag.sym8, "u10000");
-    mk_trk_tag(&counter, &tag, 'u', 10000);
-    n64_tag first{};
-    first.sym8[0] = 'u';
-    first.sym8[1] = '1';
-    EXPECT_EQ(tag.num64, first.num64); /* nothing is left of the longer one */
-    counter = 1000000;
-    EXPECT_DEATH(mk_trk_tag(&counter, &tag, 'u', 10000000), "n <= 6");
+    for (const auto& c : cases) {
+        size_t counter = c.before;
+        c.make(&counter, &tag, c.tag[0], c.max);
+        n64_tag expected{};
+        memcpy(expected.sym8, c.tag, strlen(c.tag));
+        EXPECT_EQ(tag.num64, expected.num64) << tag.sym8 << ", not " << c.tag << ": nothing is left of a longer one";
+    }
+    size_t counter = 1000000;
+    EXPECT_DEATH(mk_trk_tag(&counter, &tag, 'u', 10000000), "digits.size");
 }
-
-} // namespace

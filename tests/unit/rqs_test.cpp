@@ -21,35 +21,27 @@ static std::function<int(char what, uint32_t flags, void* udata)> g_on_event;
 static timespec g_limit;
 static int g_nidle; /* rounds until the quit */
 
+static int seen(char what)
+{
+    g_seen += what;
+    return 0;
+}
+
 template <char what>
 static int event(int /*fd*/, uint32_t flags, void* udata, void* /*reserved*/) noexcept
 {
-    g_seen += what;
-    return g_on_event ? g_on_event(what, flags, udata) : 0;
+    return g_on_event ? seen(what) + g_on_event(what, flags, udata) : seen(what);
 }
 
 static const rqs_config CONFIG = {
-    .cb = {.update_tmout =
-               [](timespec* limit) noexcept {
-                   g_seen += 'u';
-                   *limit = g_limit;
-               },
-           .on_idle =
-               []() noexcept {
-                   g_seen += 'i';
-                   g_quit = g_quit || --g_nidle <= 0;
-                   return 0;
-               },
+    .cb = {.update_tmout = [](timespec* limit) noexcept { seen('u'), *limit = g_limit; },
+           .on_idle = []() noexcept { return g_quit = g_quit || --g_nidle <= 0, seen('i'); },
            .read = event<'r'>,
            .write = event<'w'>,
            .error = event<'e'>,
-           .post_process =
-               []() noexcept {
-                   g_seen += rqs_ctx(GET_LOOP_STAGE) == ELOOP_POSTEV ? 'P' : 'p';
-                   return 0;
-               },
+           .post_process = []() noexcept { return seen(rqs_ctx(GET_LOOP_STAGE) == ELOOP_POSTEV ? 'P' : 'p'); },
            .on_file_modified = nullptr,
-           .time_out = []() noexcept { g_seen += 't'; },
+           .time_out = []() noexcept { (void)seen('t'); },
            .is_dormant = nullptr},
     .quit_on_zero_fds = 0,
 };
