@@ -36,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         (void)uri_get_query(&u, part, sizeof(part));
         const char* tail =
             u.path ? uri_path_addrport(u.path, u.p_len, host, sizeof(host), port, sizeof(port)) : nullptr;
-        MUST(!tail || (strlen(host) < sizeof(host) && strlen(port) < sizeof(port)));
+        MUST(within(tail, 0, text) && (!tail || (strlen(host) < sizeof(host) && strlen(port) < sizeof(port))));
         char src[256];
         char dst[256];
         if (u.path && uri_extract_endpts_ext(u.path, u.p_len, src, dst, sizeof(src)) == 0)
