@@ -59,7 +59,6 @@ TEST_F(Order, AcceptedOnesNameTheirFile)
         EXPECT_EQ(spec.fpath, dir.path + "/" + c.expected + "-Kova");
     }
     EXPECT_TRUE(dir.has("x") && dir.has("a") && dir.has("c") && dir.has("up..ward/..x"));
-    EXPECT_FALSE(dir.has("x/y.ts-Kova")) << "the directories, not the file";
     set_data_dir(dir.path + "/");
     EXPECT_EQ(setup("http://h/a", "x"), 0);
     EXPECT_EQ(spec.fpath, dir.path + "/x-Kova");
@@ -70,7 +69,6 @@ TEST_F(Order, OneUnfinishedFileAtATime)
     const std::string path = dir.put("x-Kova");
     EXPECT_EQ(setup("http://h/a", "x"), EEXIST);
     EXPECT_TRUE(log.has("setup_dw_spec: [" + path + "] already exists\n"));
-    EXPECT_TRUE(dir.has("x-Kova"));
     set_age(path, time(nullptr), 60);
     EXPECT_EQ(setup("http://h/a", "x"), 0);
     EXPECT_FALSE(dir.has("x-Kova"));
