@@ -88,8 +88,7 @@ static int set_path(char (&dst)[128], const char* what, const char* value) noexc
 {
     if (copy_text(dst, sizeof(dst), value))
         return 0;
-    fprintf(stderr, "%s path is too long (%ld bytes), max=%ld bytes.\n", what, static_cast<long>(strlen(value)),
-            static_cast<long>(sizeof(dst)));
+    fprintf(stderr, "%s path is too long (%zu bytes), max=%zu bytes.\n", what, strlen(value), sizeof(dst));
     return -1;
 }
 

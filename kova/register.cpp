@@ -56,7 +56,7 @@ int add_lbdb_url(const dw_spec* spec) noexcept
     }
     LOG_INFO("%s: id=[%s], url=[%s], expiry=%lu\n", __func__, spec->dst_path, url.data(),
              static_cast<unsigned long>(spec->expiry_tm));
-    const int rc = lbdb_add_segurl(spec->dst_path, url.data(), static_cast<long>(spec->expiry_tm));
+    const int rc = lbdb_add_segurl(spec->dst_path, url.data(), spec->expiry_tm);
     if (rc != 0)
         LOG_ERR("%s: failed to add [%s]\n", __func__, spec->dst_path);
     return rc;

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -233,14 +234,14 @@ void urq_error(dw_urq* urq, bool hangup) noexcept
 /* True when timeout_ms have passed since the client was accepted: it is listed for removal, and gets no answer. */
 static bool urq_timeout(dw_urq* urq, uint32_t timeout_ms) noexcept
 {
-    const timespec limit = {timeout_ms / 1000, static_cast<long>(timeout_ms % 1000) * 1000000};
+    timespec limit{};
+    ms2timespec(timeout_ms, &limit);
     if (!timed_out(urq->wait_start_tm, limit))
         return false;
     const timespec* now = rqs_now_ref();
     LOG_WARN("%s: TIME-OUT %s [%s] (%p) start-tm: %jd.%ld, now=%jd.%ld\n", __func__, urq->tag.sym, urq->trk_tag.sym8,
-             static_cast<void*>(urq), static_cast<unsigned long>(urq->wait_start_tm.tv_sec),
-             static_cast<unsigned long>(urq->wait_start_tm.tv_nsec), static_cast<unsigned long>(now->tv_sec),
-             static_cast<unsigned long>(now->tv_nsec));
+             static_cast<void*>(urq), intmax_t{urq->wait_start_tm.tv_sec}, urq->wait_start_tm.tv_nsec,
+             intmax_t{now->tv_sec}, now->tv_nsec);
     pprm_urq(urq);
     return true;
 }
