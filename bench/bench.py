@@ -74,8 +74,9 @@ def proportional_kib(pids):
 def nginx_conf(root, port, body, workers=1):
     temp = "".join(f"{kind}_temp_path {root}/tmp;" for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
     return (f"daemon off; pid {root}/nginx.pid; error_log {root}/nginx.err crit; worker_processes {workers}; user root;"
-            f"worker_rlimit_nofile 20000; events {{ worker_connections 8192; }} http {{ access_log off; sendfile on; tcp_nopush on;"
-            f"keepalive_requests 1000000; {temp} server {{ listen 127.0.0.1:{port} backlog=4096; {body} }} }}")
+            f"worker_rlimit_nofile 20000; events {{ worker_connections 8192; }} http {{ access_log off; sendfile on;"
+            f"tcp_nopush on; keepalive_requests 1000000; {temp} server {{ listen 127.0.0.1:{port} backlog=4096;"
+            f" {body} }} }}")
 
 
 def children(pid):
@@ -116,7 +117,8 @@ class Contender:
 
     def load(self, window, count, path, watch=False):
         """Places the orders; the words of the load generator's line."""
-        command = pinned(CORES - 1, f"{BIN}/load", str(self.port), str(window), f"{self.early}{count}", self.target(path))
+        command = pinned(CORES - 1, f"{BIN}/load", str(self.port), str(window), f"{self.early}{count}",
+                         self.target(path))
         if watch:
             command.append(f"{self.files}/%d")
         done = subprocess.run(command, check=True, capture_output=True, text=True)
@@ -156,7 +158,8 @@ class Kov(Contender):
     def launch(self, wrapper=()):
         with open(f"{self.root}/kov.conf", "w", encoding="ascii") as f:
             f.write(f'kova = {{ log = {{ file = "{self.root}/log"; level = "{self.level}"; max_size_mb = 0; }};'
-                    f"runtime = {{ enforce_core_dumps = false; }}; data_dir = \"{self.files}\"; max_tasks = 4200; urq_tmout_sec = 60;"
+                    f"runtime = {{ enforce_core_dumps = false; }}; data_dir = \"{self.files}\"; max_tasks = 4200;"
+                    f"urq_tmout_sec = 60;"
                     f'web_input = {{ web = {{ ifc = "lo"; default_af = "inet4"; port = {self.port}; }}; }};'
                     f"max_mmap_mb = {8 if self.mode == 'mapped' else 0}; }};")
         self.proc = subprocess.Popen([*wrapper, *pinned(0, self.program, "-C", f"{self.root}/kov.conf", "-T", "-q")],
@@ -181,9 +184,10 @@ class Aria2(Contender):
     name = "aria2 (batched)"
 
     def launch(self):
-        self.proc = subprocess.Popen(pinned(0, "aria2c", "--enable-rpc", f"--rpc-listen-port={self.port}", f"--dir={self.files}", "-j",
-                                            str(self.window), "-q", "--no-conf", "--file-allocation=none", "-s1", "-x1",
-                                            "--max-download-result=0", "--check-certificate=false"))
+        self.proc = subprocess.Popen(pinned(0, "aria2c", "--enable-rpc", f"--rpc-listen-port={self.port}",
+                                            f"--dir={self.files}", "-j", str(self.window), "-q", "--no-conf",
+                                            "--file-allocation=none", "-s1", "-x1", "--max-download-result=0",
+                                            "--check-certificate=false"))
         self.pids = [self.proc.pid]
 
     window = 64
@@ -219,8 +223,8 @@ class Curl(Contender):
                 f.write(f'url = "http://127.0.0.1:{self.source_port}/{path}/{n}"\noutput = "{self.files}/{n}"\n')
         before = os.times()
         start = time.monotonic()
-        subprocess.run(pinned(0, "curl", "-s", "-Z", "--parallel-max", str(min(window, 300)), "-K", f"{self.root}/list"), check=True,
-                       stderr=subprocess.DEVNULL)
+        subprocess.run(pinned(0, "curl", "-s", "-Z", "--parallel-max", str(min(window, 300)), "-K",
+                              f"{self.root}/list"), check=True, stderr=subprocess.DEVNULL)
         seconds = time.monotonic() - start
         after = os.times()
         return seconds, after.children_user + after.children_system - before.children_user - before.children_system
@@ -298,7 +302,8 @@ def crowd(contender, tasks, clients):
         idle = [socket.create_connection(("127.0.0.1", contender.port)) for _ in range(clients)]
         before = cpu_seconds(contender.pids)
         subprocess.run(pinned(CORES - 1, f"{BIN}/load", str(contender.port), "1", "2000",
-                              f"/src/http://127.0.0.1:{contender.source_port}/4k/%d/dst/c%d"), check=True, capture_output=True)
+                              f"/src/http://127.0.0.1:{contender.source_port}/4k/%d/dst/c%d"),
+                       check=True, capture_output=True)
         cpu = cpu_seconds(contender.pids) - before
         return {"cpu_us": cpu / 2000 * 1e6}
     finally:
@@ -406,7 +411,8 @@ def main():
                 results[name] = interleaved(name, fleet + extra + others, repeat,
                                             lambda c, w=window, n=count, p=path: measure(c, w, n, p, sizes[p]))
         if wanted("one by one"):
-            results["one by one"] = interleaved("one by one", bare + kov + others[:1], repeat, lambda c: latency(c, 2000 // few))
+            results["one by one"] = interleaved("one by one", bare + kov + others[:1], repeat,
+                                                lambda c: latency(c, 2000 // few))
         if wanted("slow"):
             chosen = [bare[1], kov[1]] if args.quick else bare + kov + others[:2]
             results["1,000 slow"] = interleaved("slow", chosen, 1 if args.quick else min(3, repeat),
@@ -423,8 +429,8 @@ def main():
         if wanted("load alone"):
             c = bare[0]
             c.start()
-            done = subprocess.run(pinned(CORES - 1, f"{BIN}/load", str(c.port), "64", str(20000 // few), "/ping-ping-ping-%d"), check=True,
-                                  capture_output=True, text=True)
+            done = subprocess.run(pinned(CORES - 1, f"{BIN}/load", str(c.port), "64", str(20000 // few),
+                                         "/ping-ping-ping-%d"), check=True, capture_output=True, text=True)
             c.stop()
             results["load alone"] = {"answers": {"orders_s": 20000 / few / float(done.stdout.split()[0])}}
     finally:
@@ -435,7 +441,8 @@ def main():
     for work, table in results.items():
         print(f"\n{work}")
         for name, row in table.items():
-            print(f"  {name:26s} " + "  ".join(f"{key} {value:.3g}" if value < 100 else f"{key} {value:.0f}" for key, value in row.items()))
+            print(f"  {name:26s} " + "  ".join(f"{key} {value:{'.3g' if value < 100 else '.0f'}}"
+                                               for key, value in row.items()))
     if args.json:
         with open(args.json, "w", encoding="ascii") as f:
             json.dump({"machine": f"{CORES} cores, Linux {platform.release()}", "dir": args.dir, "repeat": repeat,

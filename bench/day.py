@@ -1,5 +1,5 @@
-"""Plays a day of an agent's life in three minutes, for the picture in docs/OPERATION.md: the agent's clock runs 480 times as
-fast, its load follows an audience, and three things go wrong.
+"""Plays a day of an agent's life in three minutes, for the picture in docs/OPERATION.md: the agent's clock runs 480
+times as fast, its load follows an audience, and three things go wrong.
 
     day.py LOG"""
 
@@ -25,7 +25,8 @@ SIZES = (2000, 20_000, 60_000, 200_000)
 
 def audience(hour):
     """The share of the peak: low at five in the morning, high at half past eight in the evening."""
-    return 0.15 + 0.5 * (1 - math.cos((hour - 4.5) / 24 * 2 * math.pi)) / 2 + 0.35 * math.exp(-((hour - 20.5) / 1.8) ** 2)
+    day = (1 - math.cos((hour - 4.5) / 24 * 2 * math.pi)) / 2
+    return 0.15 + 0.5 * day + 0.35 * math.exp(-((hour - 20.5) / 1.8) ** 2)
 
 
 def sweep(data, is_over):
@@ -54,8 +55,9 @@ def main():
 
     def clock(hour):
         return f"@2026-03-02 {int(hour):02}:{int(hour * 60 % 60):02}:00 x{SPEED}"
-    agent = Agent(f"{root}/agent", database.settings() + "max_tasks = 45;", options=("-L", "norm"), log="max_size_mb = 1000;",
-                  env={"LD_PRELOAD": faketime, "FAKETIME": clock(0), "FAKETIME_DONT_FAKE_MONOTONIC": "1", "TZ": "UTC"}).wait_ready()
+    env = {"LD_PRELOAD": faketime, "FAKETIME": clock(0), "FAKETIME_DONT_FAKE_MONOTONIC": "1", "TZ": "UTC"}
+    agent = Agent(f"{root}/agent", database.settings() + "max_tasks = 45;", options=("-L", "norm"),
+                  log="max_size_mb = 1000;", env=env).wait_ready()
     is_over = threading.Event()
     threading.Thread(target=sweep, args=(agent.data, is_over), daemon=True).start()
 
@@ -101,7 +103,8 @@ def main():
     agent.stop()
     logs = sorted(glob.glob(f"{agent.log_path}*"), key=os.path.getmtime)
     with fileinput.input(logs, encoding="utf-8") as lines, open(sys.argv[1], "w", encoding="utf-8") as copy:
-        copy.writelines(line for line in lines if line.startswith("2026-03-02"))  # the last minutes may be of the next day
+        # The last minutes may be of the next day.
+        copy.writelines(line for line in lines if line.startswith("2026-03-02"))
     database.stop()
     nginx.stop()
     origin.close()

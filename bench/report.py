@@ -1,5 +1,5 @@
-"""Turns what bench.py --json and ab --json wrote into the tables (standard output) and the plot (docs/performance.svg) of the
-page.
+"""Turns what bench.py --json and ab --json wrote into the tables (standard output) and the plot (docs/performance.svg)
+of the page.
 
     report.py FILE.json"""
 
@@ -9,8 +9,9 @@ import subprocess
 import sys
 
 LABELS = {"orders_s": "orders/s", "cpu_us": "CPU µs an order", "cpu_gib": "CPU s a GiB", "core": "share of its core",
-          "answer_us": "answer, p50 µs", "stored_us": "stored file, p50 µs", "cpu_s": "CPU s", "kib_task": "anonymous KiB a task",
-          "kib_after": "anonymous KiB afterwards", "peak_kib": "anonymous KiB at the peak", "after_kib": "anonymous KiB afterwards",
+          "answer_us": "answer, p50 µs", "stored_us": "stored file, p50 µs", "cpu_s": "CPU s",
+          "kib_task": "anonymous KiB a task", "kib_after": "anonymous KiB afterwards",
+          "peak_kib": "anonymous KiB at the peak", "after_kib": "anonymous KiB afterwards",
           "pss_kib": "proportional KiB", "hwm_kib": "peak resident KiB", "calls": "system calls an order"}
 
 
@@ -44,7 +45,8 @@ def plot(results, path):
             cells.append(f"{row['cpu_us'] / base:.3f}" if row else "NaN")
         lines.append(" ".join(cells))
     # In place of a missing bar: works are the series, contenders the clusters, one bar's width lies between clusters.
-    missing = [f'set label "not run" at {j + (i - (len(works) - 1) / 2) / (len(works) + 1):.3f},0.04 rotate by 90 font ",9"'
+    missing = [f'set label "not run" at {j + (i - (len(works) - 1) / 2) / (len(works) + 1):.3f},0.04 '
+               f'rotate by 90 font ",9"'
                for i, work in enumerate(works) for j, name in enumerate(names) if name not in results[work]]
     labels = "\n".join(missing)
     data = "\n".join([" ".join(['"contender"'] + [f'"{w}"' for w in works])] + lines)

@@ -1,6 +1,7 @@
 /* The task table: how a task is made, found, un-hashed and freed. A task lives in its slot of g_ctx.tasks, which is
    reserved once, so pointers to it hold until free_dw; everything a task owns is released there and nowhere else. The
-   difficulty is that free_dw meets tasks at every stage, half-made ones too: what is not there must say so (-1, null). */
+   difficulty is that free_dw meets tasks at every stage, half-made ones too: what is not there must say so (-1,
+   null). */
 #include "app.h"
 
 #include "guard.h"

@@ -6,9 +6,9 @@
 
 /* ---- task table ---- */
 
-/* Starts a download. client_fd is duplicated, negative = nobody waits. On 0 the task owns the order and its lock. EEXIST
-   the source is being fetched already; -1 or an errno value: refused (logged). In every failure the order's lock is
-   released. */
+/* Starts a download. client_fd is duplicated, negative = nobody waits. On 0 the task owns the order and its lock.
+   EEXIST the source is being fetched already; -1 or an errno value: refused (logged). In every failure the order's lock
+   is released. */
 [[nodiscard]] int mk_dw_task(int client_fd, dw_spec* spec) noexcept;
 /* Asserts the transition: zero, ini, rsp, dnl, one after the other. */
 void set_dw_state(dw_task* task, n32_tag state) noexcept;

@@ -1,6 +1,6 @@
 /* The configuration record: built-in defaults, the file, listeners of the command line. After start-up it is only read.
-   The defaults of the record and those of absent keys are two different sets, on purpose: the former hold only where the
-   file is not read at all. */
+   The defaults of the record and those of absent keys are two different sets, on purpose: the former hold only where
+   the file is not read at all. */
 #include "cfg.h"
 
 #include "dirs.h"

@@ -66,8 +66,8 @@ enum class dw_dest : uint8_t {
      ini     connecting to the source      accepts writable: send the GET
      rsp     GET sent                      accepts readable: read the head
      dnl     head accepted, file made      accepts readable: read a fragment
-   The state keeps its last value once is_quitting is set; events are ignored from then on. check_task says what holds of
-   a task between two events. */
+   The state keeps its last value once is_quitting is set; events are ignored from then on. check_task says what holds
+   of a task between two events. */
 struct dw_task {
     n32_tag tag; /* "DOW"; the first byte becomes '#' on release, so that a late event is recognised */
     dw_spec spec;

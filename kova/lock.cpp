@@ -20,8 +20,8 @@ constexpr int MIN_LOCK_PATH = 5;        /* the length of ".lock" */
 constexpr long STRANGE_AGE_SEC = 86400; /* beyond it an age is looked at twice */
 constexpr timespec SECOND_LOOK = {0, 100'000'000};
 
-/* Under this name the log speaks of every look at an age and of every file that has lapsed, whoever has asked: it is what
-   operators search for. */
+/* Under this name the log speaks of every look at an age and of every file that has lapsed, whoever has asked: it is
+   what operators search for. */
 constexpr char EXPIRY_FN[] = "check_and_expire";
 
 using lock_path = std::array<char, 128>;

@@ -6,9 +6,9 @@
 
 constexpr long STALE_LOCK_SEC = 30; /* the same for lock files and unfinished files */
 
-/* 0 locked, or locking is off; EBUSY a live lock exists; -1 error (logged): no lock is held. *taken gets the lock file's
-   time, which tells it from the lock of an order that takes this one over. A lock that looks older than a day costs a
-   wait of 100 ms. */
+/* 0 locked, or locking is off; EBUSY a live lock exists; -1 error (logged): no lock is held. *taken gets the lock
+   file's time, which tells it from the lock of an order that takes this one over. A lock that looks older than a day
+   costs a wait of 100 ms. */
 [[nodiscard]] int lid_lock(const char* lid, timespec* taken) noexcept;
 /* Removes the lock unless another order has taken it over; call it only for a lock taken with lid_lock() == 0. */
 void lid_unlock(const char* lid, const timespec& taken) noexcept;

@@ -246,7 +246,8 @@ static bool urq_timeout(dw_urq* urq, uint32_t timeout_ms) noexcept
     return true;
 }
 
-/* Has task_tmout_ms passed since it was last true? Despite its name the key paces this look at requests, nothing else. */
+/* Has task_tmout_ms passed since it was last true? Despite its name the key paces this look at requests, and nothing
+   else. */
 static bool is_iocheck_time() noexcept
 {
     timespec pace{};

@@ -18,8 +18,8 @@
 [[nodiscard]] int check_own_unfinished(const dw_task* task, struct stat* own) noexcept;
 
 /* May the order write at its unfinished name? 0: nothing is there, or what was left behind has been removed, or a task
-   that has stalled writes it (spec->takes_over): that file stays until this order's own can take its place. EEXIST it is
-   being written (logged); -1 error (logged). */
+   that has stalled writes it (spec->takes_over): that file stays until this order's own can take its place. EEXIST it
+   is being written (logged); -1 error (logged). */
 [[nodiscard]] int check_unfinished(const char* fn, dw_spec* spec) noexcept;
 /* Around the making of a task's file: a stalled file that the order may take over is set aside, if it is still stalled.
    True: it was, and end_takeover follows, which removes it when the new one is made and puts it back when not. */

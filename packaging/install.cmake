@@ -25,7 +25,8 @@ foreach(file kov-watch.service kov-watch.timer kov-expire@.service kov-expire@.t
     kov-outbox.service kov-forward.service redis.conf outbox.conf drain.conf)
   configure_file(\"\${UNITS}/\${file}\" \"\${MADE}/\${file}\" @ONLY)
 endforeach()
-file(INSTALL \"\${MADE}/kov.service\" \"\${MADE}/kov@.service\" \"\${MADE}/kov-watch.service\" \"\${MADE}/kov-watch.timer\"
+file(INSTALL \"\${MADE}/kov.service\" \"\${MADE}/kov@.service\" \"\${MADE}/kov-watch.service\"
+  \"\${MADE}/kov-watch.timer\"
   \"\${MADE}/kov-expire@.service\" \"\${MADE}/kov-expire@.timer\" \"\${MADE}/kov-alive@.service\"
   \"\${MADE}/kov-outbox.service\" \"\${MADE}/kov-forward.service\"
   DESTINATION \"\${CMAKE_INSTALL_PREFIX}/lib/systemd/system\")
@@ -50,7 +51,8 @@ install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(CODE "file(READ \"${CMAKE_SOURCE_DIR}/README.md\" text)
 string(REPLACE \"packaging/examples/\" \"examples/\" text \"\${text}\")
 file(WRITE \"${CMAKE_BINARY_DIR}/README.md\" \"\${text}\")
-file(INSTALL \"${CMAKE_BINARY_DIR}/README.md\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATAROOTDIR}/doc/kov\")")
+file(INSTALL \"${CMAKE_BINARY_DIR}/README.md\"
+  DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATAROOTDIR}/doc/kov\")")
 # A configuration that somebody has edited stays; a prefix of a user's own gets none.
 install(CODE "if(CMAKE_INSTALL_PREFIX MATCHES \"^/usr\" AND NOT EXISTS \"\$ENV{DESTDIR}/etc/kov/kov.conf\")
   file(INSTALL \"${CMAKE_SOURCE_DIR}/packaging/examples/kov.conf\" DESTINATION \"/etc/kov\")
@@ -59,7 +61,8 @@ install(FILES tools/client/kov_client.py DESTINATION ${CMAKE_INSTALL_DATADIR}/ko
 install(PROGRAMS tools/client/order.sh DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/client)
 # Completion is looked up by a program's name.
 foreach(program kov kovctl kov-checkconf)
-  install(FILES ${CMAKE_BINARY_DIR}/kov.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program})
+  install(FILES ${CMAKE_BINARY_DIR}/kov.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+    RENAME ${program})
 endforeach()
 install(FILES ${CMAKE_BINARY_DIR}/kov.zsh DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions RENAME _kov)
 install(FILES packaging/grafana/kov.json DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/grafana)

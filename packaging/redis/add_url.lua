@@ -1,6 +1,7 @@
 -- Registers one copy of a file. KEYS[1]: the file's id. ARGV: the URL of this copy, and its expiry.
 -- The id's key is a sorted set: members are URLs, scores the Unix times at which they end ("inf" = never).
--- An expiry below 1,000,000,000 counts from now, a larger one is a Unix time, 0 is never: for a copy that has no end yet.
+-- An expiry below 1,000,000,000 counts from now, a larger one is a Unix time, 0 is never: for a copy that has no end
+-- yet.
 -- Answers "ok:" and the id.
 local id, url, expiry = KEYS[1], ARGV[1], tonumber(ARGV[2])
 if not url or url == '' or not expiry then
