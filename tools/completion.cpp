@@ -1,5 +1,5 @@
-/* Writes the completion of the three programs to standard output, for bash or with the argument zsh, from the tables that
-   they parse their options with. The build runs it; it is not installed. */
+/* Writes the completion of the three programs to standard output, for bash or with the argument zsh, from the tables
+   that they parse their options with. The build runs it; it is not installed. */
 #include "main.h"
 #include "options.h"
 

@@ -306,6 +306,7 @@ std::vector<fs::path> default_logs()
             rotated[*tm] = it->path();
     }
     std::vector<fs::path> logs;
+    logs.reserve(rotated.size() + 1);
     for (auto& [tm, path] : rotated)
         logs.push_back(std::move(path));
     logs.push_back(log);

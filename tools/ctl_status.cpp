@@ -124,7 +124,7 @@ std::optional<receptions> receptions_like(const std::vector<net_socket>& sockets
     if (fd < 0)
         return std::nullopt;
     const scope_guard close_fd([fd] { close(fd); });
-    const timeval wait = {0, DIAG_WAIT_MS * 1000};
+    const timeval wait = {0, DIAG_WAIT_MS * 1000L};
     (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
     receptions all;
     for (const bool is_six : {false, true}) { /* each costs a walk over all the connections of the host */
