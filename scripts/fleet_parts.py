@@ -226,8 +226,8 @@ class Fleet:
         ip("link", "set", "fleet", "up")
         ip("route", "add", "224.0.0.0/4", "dev", "fleet")
         self.sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.parts = {"origin": self.nginx("origin", f"server {{ listen {ORIGIN}:80 backlog=1024; root {self.www};"
-                                             f"access_log {root}/origin-access.log combined; }}")}
+        body = f"listen {ORIGIN}:80 backlog=1024; root {self.www}; access_log {root}/origin-access.log combined;"
+        self.parts = {"origin": self.nginx("origin", f"server {{ {body} }}")}
         self.start_database(database)
         self.parts["balancer"] = self.nginx("balancer", self.balancer_conf())
         self.hosts = [Host(self, n + 1, **of_host.get(n + 1, {})) for n in range(hosts)]
