@@ -58,8 +58,9 @@ void set_dw_state(dw_task* task, n32_tag state) noexcept
     task->state = state;
 }
 
-/* A quitting task is only waited for: what it still holds depends on where it ended, so nothing more is asked of it. Of a
-   live one the fields tell the same story as its state: no file before the head was accepted, no waiting client after. */
+/* A quitting task is only waited for: what it still holds depends on where it ended, so nothing more is asked of it. Of
+   a live one the fields tell the same story as its state: no file before the head was accepted, no waiting client
+   after. */
 void check_task(const dw_task* task) noexcept
 {
     ASSERT(task->tag.num == TAG_DOW.num);
@@ -171,7 +172,8 @@ int mk_dw_task(int client_fd, dw_spec* spec) noexcept
     return 0;
 }
 
-/* The flag goes down whatever the outcome: an entry that could not be removed will not be found a second time either. */
+/* The flag goes down whatever the outcome: an entry that could not be removed will not be found a second time
+   either. */
 int unhash_task(dw_task* task) noexcept
 {
     if (!task->is_hashed)
