@@ -185,6 +185,8 @@ void log_lard(log_ctx* log, int level) noexcept;
             assert_failed((text), __FILE__, __LINE__, __func__);                                                       \
     } while (0)
 #define ASSERT(condition) ASSERT_AS(condition, #condition)
+/* For the end of a function that is not reached: no return is wanted behind it. */
+#define NOT_REACHED(text) assert_failed((text), __FILE__, __LINE__, __func__)
 [[noreturn]] void assert_failed(const char* text, const char* file, unsigned line, const char* func) noexcept;
 
 /* Writes "#0: frame\n" lines until buf is full. 0, or -1 with perror(). */

@@ -185,7 +185,7 @@ static int on_read(int /*fd*/, uint32_t flags, void* udata, void* /*aux*/) noexc
         return dismiss_expired(__func__, tag, udata);
     LOG_ERR("%s: unknown data type: [%3.3s] (0x%04x) on (%p), data corruption detected\n", __func__, tag.sym, tag.num,
             udata);
-    ASSERT_AS(false, "a registered record begins with a known tag");
+    NOT_REACHED("a registered record begins with a known tag");
 }
 
 static int on_write(int /*fd*/, uint32_t flags, void* udata, void* aux) noexcept

@@ -52,7 +52,7 @@ int parse_dw_get(dw_urq* urq, dw_spec* spec) noexcept
 {
     http_rq* hrq = &urq->hrq;
     int rc = web_parse_urq(hrq->hbuf, hrq->hpos, urq->uri_src, urq->uri_dst, sizeof(urq->uri_src), &hrq->header);
-    if (rc == RC_PING_PATH) {
+    if (rc == RC_EMPTY_PATH) {
         urq->hresp = &g_resp_nocont;
         LOG_DEBUG("%s: PING: will send HTTP 204\n", __func__);
         return rc;

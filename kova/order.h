@@ -4,9 +4,7 @@
 
 #include "data.h"
 
-constexpr int RC_PING_PATH = -3; /* a request with an empty path */
-
-/* Request head to order; changes the head's text. 0; RC_PING_PATH; else the refusing step's error (logged). Chooses the
+/* Request head to order; changes the head's text. 0; RC_EMPTY_PATH; else the refusing step's error (logged). Chooses the
    answer of a ping and of a head that cannot be parsed. */
 [[nodiscard]] int parse_dw_get(dw_urq* urq, dw_spec* spec) noexcept;
 

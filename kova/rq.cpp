@@ -167,7 +167,7 @@ static int serve_head(const char* fn, dw_urq* urq) noexcept
 {
     dw_spec spec{};
     const int rc = parse_dw_get(urq, &spec);
-    if (rc == RC_PING_PATH) {
+    if (rc == RC_EMPTY_PATH) {
         LOG_INFO("%s: PONG!\n", fn);
         return rc;
     }
