@@ -34,8 +34,8 @@ struct rt_cfg {
     char pidfile[128];           /* empty = none: a daemon does not start without one */
     char user[USERNAME_MAX_LEN]; /* whom a daemon of root's becomes; empty = stays root */
     bool non_daemon;             /* stays in the foreground; an ordinary user's agent does anyway */
-    bool quiet;                  /* nothing on the terminal, neither the dump nor log lines */
-    bool enforce_core_dumps;     /* raises the core size to the hard limit */
+    bool quiet;                  /* no copy on the terminal of what goes to a log file */
+    bool enforce_core_dumps;     /* core dumps of any size, whatever the limits were */
     int cpunum;                  /* the process runs on this CPU only; -1 = on any */
 };
 
@@ -44,7 +44,7 @@ struct rui_listener_cfg {
     char alias[LSTNR_ALIAS_LEN];      /* its name in the log */
     size_t index;                     /* slot + 1 */
     ifc_info* ifc;                    /* owned; null = any address */
-    char port[6];                     /* 1..65535 as text */
+    char port[6];                     /* as text; one from the command line is judged when it is opened */
     int pref_af;                      /* AF_INET, AF_INET6, or AF_UNSPEC: IPv4 when ifc is null, too */
     char domain_path[DSOCK_PATH_MAX]; /* a Unix-domain listener instead of ifc and port */
     int proto;                        /* IPPROTO_TCP or IPPROTO_UDP */

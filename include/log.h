@@ -189,7 +189,7 @@ void log_lard(log_ctx* log, int level) noexcept;
 #define NOT_REACHED(text) assert_failed((text), __FILE__, __LINE__, __func__)
 [[noreturn]] void assert_failed(const char* text, const char* file, unsigned line, const char* func) noexcept;
 
-/* Writes "#0: frame\n" lines until buf is full. 0, or -1 with perror(). */
+/* Writes "#0: frame\n" lines until buf is full. 0, or -1 (reported on standard error). */
 int btrace_to_buf(char* buf, size_t size) noexcept;
 
 /* Switches the log group for the handling of one record and restores the old one on every return. */

@@ -134,7 +134,7 @@ int parse_url(const char* url, const char* lid, dw_spec* spec) noexcept
 
 /* ---- the order ---- */
 
-/* The path of the source's URL. 0 or 22 (logged). */
+/* The path of the source's URL. 0 or EINVAL (logged). */
 static int derive_dst(const char* fn, const char* src, char* dst, size_t cap) noexcept
 {
     const char* host = strstr(src, "//");
