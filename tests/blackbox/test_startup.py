@@ -5,27 +5,20 @@ import re
 import signal
 import socket
 import subprocess
-import tempfile
-import unittest
 
-from harness import (KOV, SLOW, KovTest, NameServer, cases, free_port, needs_namespaces, read, sized, unshare, wait_for,
-                     write)
+from harness import KOV, SLOW, KovTest, NameServer, cases, free_port, needs_namespaces, read, unshare, wait_for, write
 
 GOOD = 'log = { }; runtime = { }; web_input = { web = { ifc = "lo"; port = 8020; }; };'
 BASE = "log = { }; runtime = { }; "
 
 
-class CommandLine(unittest.TestCase):
-    def setUp(self):
-        self.dir = tempfile.TemporaryDirectory(prefix="k", dir="/tmp")
-        self.addCleanup(self.dir.cleanup)
-
+class CommandLine(KovTest):
     def run_kov(self, *args, status=1, config=None):
         """Standard error of a start that fails."""
         if config is not None:
-            write(f"{self.dir.name}/c", f"kova = {{ {config} }};")
-            args = ("-C", f"{self.dir.name}/c", *args)
-        done = subprocess.run([KOV, *args], cwd=self.dir.name, capture_output=True, timeout=20, check=False)
+            write(f"{self.root}/c", f"kova = {{ {config} }};")
+            args = ("-C", f"{self.root}/c", *args)
+        done = subprocess.run([KOV, *args], cwd=self.root, capture_output=True, timeout=20, check=False)
         text = done.stderr.decode(errors="replace")
         self.assertEqual((done.returncode, done.stdout), (status, b""), text)
         return text
@@ -46,7 +39,7 @@ class CommandLine(unittest.TestCase):
             self.assertIn("Usage: kov", self.run_kov(*args))
         self.refused("Invalid or unspecified config [], please use -C path\n", "-T", config=None)
         for name in ("marlinet.conf", "kov.conf"):  # where it looks, the second before the first
-            write(f"{self.dir.name}/{name}", "kova = {")
+            write(f"{self.root}/{name}", "kova = {")
             self.refused(f"Error reading/parsing config file [./{name}]", "-T", config=None)
         for path in ("/nonexistent", "/tmp"):
             self.refused(f"Failed to load [{path}]\n", "-C", path, config=None)
@@ -83,7 +76,7 @@ class CommandLine(unittest.TestCase):
             text = self.run_kov("-T", *args, config=config, status=status)
             self.assertIn(message, text)
             self.assertRegex(text, rf"(?s)kov shut down\n.*EXIT\({status}\)\. PID=\d+\n")
-        out = f"{self.dir.name}/piped"  # the last lines of a log command are there, too
+        out = f"{self.root}/piped"  # the last lines of a log command are there, too
         self.run_kov("-T", "-q", "-l", f"|cat > {out}", "-P", "2000", config=web)
         self.assertIn("Failed to pin this kov(", read(out))
 
@@ -192,15 +185,6 @@ class Quit(KovTest):
         self.end(agent)
         self.assertEqual(agent.files(), [])
         self.assertEqual(agent.log().count("TASK-END"), 50)
-
-    def test_while_the_loop_never_sleeps(self):
-        """Each piece of the flood takes longer than the next one needs to come: no wait lets a signal in."""
-        self.idle_check = False
-        agent = self.start("max_mmap_mb = 0;", trace="splice", inject=["splice:delay_enter=20000"])
-        agent.order(self.origin.raw("/flood", sized(9_000_000_000),
-                                    lambda conn: [conn.sendall(b"x" * (1 << 20)) for _ in range(8000)]), "flood")
-        wait_for(lambda: agent.trace().count("splice(") > 10, "the flood")
-        self.end(agent)
 
     @needs_namespaces
     def test_one_look_up_at_most_delays_it(self):

@@ -42,7 +42,6 @@ class KovTest(unittest.TestCase):
         self.agents = []
         self.roots = 0
         self.origin = Origin()
-        self.idle_check = True  # a test that ends with work in flight clears it
 
     def start(self, *args, must_run=True, **kwargs):
         agent = Agent(self.new_root(), *args, **kwargs)
@@ -92,7 +91,7 @@ class KovTest(unittest.TestCase):
         return f"{self.root}/{self.roots}"
 
     def check_agent(self, agent):
-        if agent.proc.poll() is None and self.idle_check:
+        if agent.proc.poll() is None:
             agent.at_base_line()
         self.assertIsNone(agent.proc.poll(), "the agent ended by itself")
         status, seconds = agent.stop()
