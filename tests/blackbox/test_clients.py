@@ -24,7 +24,7 @@ class Clients(KovTest):
             self.assertEqual(read_all(s), ANSWERS[expect])
             s.close()
 
-    def test_split_heads_and_tails(self):
+    def test_split_heads_and_tails_and_short_heads(self):
         agent = self.start("urq_tmout_sec = 20;")
         for cuts in ([40, len(PING) - 1], range(1, len(PING)), [33]):
             with agent.connect() as s:
@@ -38,11 +38,8 @@ class Clients(KovTest):
         with agent.connect(PING + b"and a tail") as s:
             self.assertEqual(s.recv(4096), ANSWERS[204])
         agent.logged("read_http_rq: request has tail data, dismissing the tail")
-
-    def test_short_head_counts_when_the_client_half_closes(self):
-        agent = self.start("urq_tmout_sec = 20;")
         for head, answer in ((b"GET / HTTP/1.0\r\n\r\n", 204), (b"GET / HTTP/1.0\r\n", 0)):
-            with agent.connect(head) as s:
+            with agent.connect(head) as s:  # a short one counts when its client half-closes
                 s.shutdown(socket.SHUT_WR)
                 self.assertEqual(read_all(s), ANSWERS[answer])
         agent.logged("closed connection")  # an end without a head
@@ -61,13 +58,13 @@ class Clients(KovTest):
 
     def test_no_accept_for_nobody(self):
         for inject in ((), ("poll:error=EINTR",)):
-            agent = self.start(level="debug", trace="accept4,poll", inject=inject)
+            agent = self.start(level="debug", web="max_accept = 3;", trace="accept4,poll", inject=inject)
             for n in range(5):
                 agent.get("/", 204)
                 agent.logged("end of accept queue reached", count=n + 1)
             self.assertEqual(agent.trace().count("EAGAIN"), 5 if inject else 0)
             agent.proc.send_signal(signal.SIGSTOP)
-            burst = [agent.connect() for _ in range(20)]
+            burst = [agent.connect() for _ in range(20)]  # taken in several batches
             agent.proc.send_signal(signal.SIGCONT)
             self.answered(burst)
 
@@ -96,12 +93,6 @@ class Clients(KovTest):
             reset(s)
         gate.set()
         agent.stored("late", b"ok")
-
-    def test_accepting_in_batches(self):
-        agent = self.start("urq_tmout_sec = 20;", web="max_accept = 3;")
-        clients = [agent.connect() for _ in range(12)]
-        agent.logged("Accepted", count=12)
-        self.answered(clients)
 
     def test_the_queue_has_a_limit(self):
         agent = self.start("urq_tmout_sec = 30;")
@@ -138,10 +129,6 @@ class Clients(KovTest):
         good = self.origin.body("/good", b"good")
         head = request(f"/src/{good}/dst/x")
 
-        def drip(s):
-            for byte in head[:20]:
-                s.sendall(bytes([byte]))
-
         def stays(s):
             s.settimeout(5)
             read_all(s)
@@ -150,20 +137,15 @@ class Clients(KovTest):
             s.shutdown(socket.SHUT_WR)
             stays(s)
 
-        def part(end):
-            return lambda s: s.sendall(head[:rnd.randrange(end)])
+        texts = (head[:60], b"GET /" + b"x" * 3000, rnd.randbytes(2000))
+        ends = (stays, half_closes, reset, lambda s: None)
 
-        kinds = ((lambda s: None, stays), (drip, stays), (part(60), lambda s: None), (part(60), reset),
-                 (part(32), half_closes), (lambda s: s.sendall(rnd.randbytes(rnd.randrange(1, 2000))), half_closes),
-                 (lambda s: s.sendall(b"GET /" + b"x" * 3000), stays))
-
-        def client(numbers):
-            for n in numbers:
-                begins, ends = kinds[n % len(kinds)]
-                with contextlib.suppress(OSError), agent.connect() as s:
-                    begins(s)
-                    ends(s)
-        threads = [threading.Thread(target=client, args=(range(k, count, 100),)) for k in range(100)]
+        def client():
+            for _ in range(count // 100):
+                text = rnd.choice(texts)
+                with contextlib.suppress(OSError), agent.connect(text[:rnd.randrange(len(text))]) as s:
+                    rnd.choice(ends)(s)
+        threads = [threading.Thread(target=client) for _ in range(100)]
         for t in threads:
             t.start()
         stored = 0

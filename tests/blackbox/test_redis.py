@@ -180,10 +180,6 @@ class Start(Database):
         self.fails_to_start(-signal.SIGABRT, ["read_sha_signature: fgets(...) ERROR(0): ", "(PNC)  KOV  ASSERT at:\n",
                                               "g_ctx.add_sha1[0]"], settings)
 
-    def test_a_script_command_that_is_refused(self):
-        self.db.cli("acl", "setuser", "default", "-script")
-        self.refused(1, "check_script_exists: Redis error: NOPERM ")
-
     def test_a_server_that_does_not_accept_is_given_up_in_time(self):
         with socket.socket() as full:
             full.bind(("127.0.0.1", 0))
@@ -238,18 +234,3 @@ class Scripted(Database):
             self.store(agent, dst)
             agent.logged("lbdb_add_segurl: NULL as reply\n", count=n + 1)
         self.assertEqual(len(self.db.commands), 1)
-
-    def test_the_commands_on_the_wire(self):
-        for found in (b"*1\r\n:1\r\n", b":1\r\n"):
-            self.db.commands.clear()
-            self.db.answers = [found, b"$9\r\n#e#w/id 1\r\n", b"$14\r\n#err: w/id 2..\r\n"]
-            agent = self.start(self.db.settings())
-            self.store(agent, "w/id 1", "?expiry=77")
-            agent.ended()
-            agent.not_logged("(ERR)")
-            key, url = "w/id 1", "http://me.example/w/id 1"
-            self.assertEqual([command.decode() for command in self.db.commands], [
-                f"*3\r\n$6\r\nscript\r\n$6\r\nexists\r\n$40\r\n{DIGEST}\r\n",
-                f"*6\r\n$7\r\nevalsha\r\n$40\r\n{DIGEST}\r\n$1\r\n1\r\n$6\r\n{key}\r\n"
-                f"${len(url)}\r\n{url}\r\n$2\r\n77\r\n"])
-            self.end(agent)
