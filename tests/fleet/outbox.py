@@ -10,7 +10,6 @@ import contextlib
 import functools
 import os
 import random
-import signal
 import subprocess
 import sys
 import tempfile
@@ -37,57 +36,55 @@ def wait_for(condition, what, seconds=60.0):
         time.sleep(0.05)
 
 
-class Server:
-    """A redis-server on loopback with its file. The port is below those that the kernel hands out."""
-    ports = iter(random.sample(range(12000, 22000), 50))  # a cluster's own port is 10,000 higher
-
-    def __init__(self, *options, conf=None, shipped=()):
-        self.port = next(self.ports)
-        self.dir = f"{root}/{self.port}"
-        os.mkdir(self.dir)
-        if conf is not None:
-            with open(f"{self.dir}/conf", "w", encoding="ascii") as f:
-                f.write(conf)
-        self.args = ["redis-server", *shipped, *([f"{self.dir}/conf", "--sentinel"] if conf is not None else []),
-                     "--port", str(self.port), "--bind", "127.0.0.1", "--dir", self.dir, *options]
-        if conf is None:
-            self.args += ["--save", "", "--appendonly", "yes"]
-        self.run()
-
+class Process:
     def run(self):
         self.process = subprocess.Popen(self.args, stdout=subprocess.DEVNULL)
         processes.append(self.process)
-        self.client = redis.Redis(port=self.port, socket_timeout=5)
-        wait_for(self.client.ping, "redis-server")
 
     def kill(self):
         self.process.kill()
         self.process.wait()
 
 
-class Carrier:
-    def __init__(self, outbox, fleet):
-        self.args = [f"{TOP}/tools/fleet/kov-forward", "--outbox", f"redis://127.0.0.1:{outbox.port}", "--fleet", fleet,
-                     "--script", f"{TOP}/packaging/redis/add_url.lua"]
+class Server(Process):
+    """A redis-server on loopback with its file. The port is below those that the kernel hands out."""
+    ports = iter(random.sample(range(12000, 22000), 50))  # a cluster's own port is 10,000 higher
+
+    def __init__(self, *options, conf='save ""\nappendonly yes\n'):
+        self.port = next(self.ports)
+        self.url = f"redis://127.0.0.1:{self.port}"
+        self.client = redis.Redis(port=self.port, socket_timeout=5)
+        place = f"{root}/{self.port}"
+        os.mkdir(place)
+        with open(f"{place}/conf", "w", encoding="ascii") as f:
+            f.write(conf)
+        self.args = ["redis-server", f"{place}/conf", *options, "--port", str(self.port), "--bind", "127.0.0.1",
+                     "--dir", place]
         self.run()
 
     def run(self):
-        self.process = subprocess.Popen(self.args)
-        processes.append(self.process)
+        super().run()
+        wait_for(self.client.ping, "redis-server")
 
-    def kill(self):
-        self.process.kill()
-        self.process.wait()
+
+class Carrier(Process):
+    def __init__(self, outbox, fleet, *options):
+        self.args = [f"{TOP}/tools/fleet/kov-forward", "--outbox", outbox.url, "--fleet", fleet,
+                     "--script", f"{TOP}/packaging/redis/add_url.lua", *options]
+        self.run()
+
+
+def shipped(name):
+    with open(f"{TOP}/packaging/outbox/{name}", encoding="ascii") as f:
+        return f.read()
 
 
 def carry(name, fleet, reader, break_database):
     """COUNT registrations, KILLS ends of the carrier, one of the outbox, one of the database."""
-    outbox = Server(shipped=[f"{TOP}/packaging/outbox/redis.conf"])
+    outbox = Server(conf=shipped("redis.conf"))
     carrier = Carrier(outbox, fleet)
-    with open(f"{TOP}/packaging/outbox/add_url.lua", encoding="ascii") as f:
-        text = f.read()
+    script = shipped("add_url.lua")
     start = time.monotonic()
-    done = 0
     for i in range(COUNT):
         if i * KILLS // COUNT != (i - 1) * KILLS // COUNT and i:
             carrier.kill()
@@ -101,8 +98,8 @@ def carry(name, fleet, reader, break_database):
             mend()
         url = f"http://host{i % 7}/v/{i}"
         if i % 10 == 0:  # an earlier end, which must not be the one that stays
-            outbox.client.eval(text, 1, f"v/{i}", url, 1500000000)
-        assert outbox.client.eval(text, 1, f"v/{i}", url, FIRST_END + i) == f"ok:v/{i}".encode()
+            outbox.client.eval(script, 1, f"v/{i}", url, 1500000000)
+        assert outbox.client.eval(script, 1, f"v/{i}", url, FIRST_END + i) == f"ok:v/{i}".encode()
         if i % 100 == 50:
             time.sleep(0.05)
     produced = time.monotonic() - start
@@ -110,11 +107,10 @@ def carry(name, fleet, reader, break_database):
     for i in range(COUNT):
         found = reader().zrange(f"v/{i}", 0, -1, withscores=True)
         assert found == [(f"http://host{i % 7}/v/{i}".encode(), FIRST_END + i)], (name, i, found)
-        done += 1
     assert outbox.client.xlen("kov:refused") == 0
     carrier.kill()
     print(f"outbox to {name}: {COUNT} registrations in {produced:.1f} s, carrier killed {KILLS} times, outbox and "
-          f"database once; {done} found once each, {time.monotonic() - start:.1f} s", flush=True)
+          f"database once; each found once, {time.monotonic() - start:.1f} s", flush=True)
 
 
 def to_single():
@@ -123,36 +119,34 @@ def to_single():
     def break_database():
         server.kill()
         return lambda: (time.sleep(1 if QUICK else 10), server.run())
-    carry("a single server", f"redis://127.0.0.1:{server.port}", lambda: server.client, break_database)
+    carry("a single server", server.url, lambda: server.client, break_database)
     to_single_refused(server)
 
 
 def to_single_refused(server):
     """What can never be registered holds nothing up, and is kept with its reason."""
-    outbox = Server(shipped=[f"{TOP}/packaging/outbox/redis.conf"])
+    outbox = Server(conf=shipped("redis.conf"))
     server.client.set("string", "x")
     for fields in ({"id": "string"}, {"id": ""}, {"id": "good"}):
         outbox.client.xadd("kov:outbox", {"url": "http://host/x", "ends": FIRST_END, **fields})
-    carrier = [f"{TOP}/tools/fleet/kov-forward", "--outbox", f"redis://127.0.0.1:{outbox.port}"]
-    subprocess.run([*carrier, "--fleet", f"redis://127.0.0.1:{server.port}", "--drain", "--script",
-                    f"{TOP}/packaging/redis/add_url.lua"], check=True, stderr=subprocess.DEVNULL)
+    carrier = Carrier(outbox, server.url, "--drain")
+    assert carrier.process.wait() == 0
     assert server.client.zscore("good", "http://host/x") == FIRST_END
     reasons = [fields[b"why"].split()[0] for _, fields in outbox.client.xrange("kov:refused")]
     assert sorted(reasons) == [b"WRONGTYPE", b"not"], reasons
-    said = subprocess.run([*carrier, "--status"], check=True, capture_output=True).stdout
+    said = subprocess.run([*carrier.args, "--status"], check=True, capture_output=True).stdout
     assert said == b"waiting 0, oldest 0 s, refused 2\n", said
 
 
 def to_sentinel():
     master = Server()
     replica = Server("--replicaof", "127.0.0.1", str(master.port))
-    watchers = [Server(conf=f"sentinel monitor fleet 127.0.0.1 {master.port} 2\n"
-                            "sentinel down-after-milliseconds fleet 1000\n"
-                            "sentinel failover-timeout fleet 3000\n") for _ in range(3)]
+    watchers = [Server("--sentinel", conf=f"sentinel monitor fleet 127.0.0.1 {master.port} 2\n"
+                       "sentinel down-after-milliseconds fleet 1000\n"
+                       "sentinel failover-timeout fleet 3000\n") for _ in range(3)]
     wait_for(lambda: replica.client.info("replication")["master_link_status"] == "up", "the replica")
     wait_for(lambda: all(w.client.sentinel_master("fleet")["num-other-sentinels"] == 2 and
                          w.client.sentinel_master("fleet")["num-slaves"] == 1 for w in watchers), "the Sentinels")
-    places = [("127.0.0.1", w.port) for w in watchers]
 
     def mend():
         wait_for(lambda: replica.client.role()[0] == b"master", "the other master")
@@ -164,7 +158,7 @@ def to_sentinel():
     def break_database():
         master.kill()
         return mend
-    carry("the master of Sentinels", "sentinel://" + ",".join(f"{h}:{p}" for h, p in places) + "/fleet",
+    carry("the master of Sentinels", "sentinel://" + ",".join(f"127.0.0.1:{w.port}" for w in watchers) + "/fleet",
           lambda: replica.client, break_database)
 
 
@@ -194,7 +188,6 @@ try:
         {"single": to_single, "sentinel": to_sentinel, "cluster": to_cluster}[to]()
 finally:
     for p in processes:
-        if p.poll() is None:
-            p.send_signal(signal.SIGKILL)
-            p.wait()
+        p.kill()
+        p.wait()
     subprocess.run(["rm", "-rf", root], check=True)

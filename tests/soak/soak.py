@@ -11,6 +11,8 @@ Orders that meet: repetitions and HEADs of running orders, mirrors that race for
 over. Every third round is cut by SIGTERM, and ends within a second; every third by SIGKILL, after which whole files
 have final names, and no others."""
 
+import collections
+import itertools
 import os
 import re
 import signal
@@ -18,10 +20,10 @@ import sys
 import tempfile
 import threading
 import time
-from concurrent.futures import ThreadPoolExecutor
+from concurrent.futures import ThreadPoolExecutor, wait
 from random import Random
 
-from harness import ANSWERS, MODES, Agent, Nginx, Origin, Redis, age, read, read_all, request, reset, sized, wait_for
+from harness import ANSWERS, MODES, Agent, Nginx, Origin, Redis, age, read, request, reset, sized, wait_for
 
 SIZES = (1, 900, 4096, 50_000, 300_000, 2 << 20)
 ROUND = 60  # orders that meet
@@ -105,26 +107,22 @@ class Soak(Run):
             self.check(self.agent.order(url, dst, expect=None) == ANSWERS[200], f"{dst}: not taken")
 
     def order_badly(self, n):
-        source = self.origin.url(self.rnd.choice(sorted(self.origin.paths)))
-        kind = self.rnd.randrange(10)
-        if kind < 4:
-            self.agent.order(source, f"bad/{n}", expect=None)
-        elif kind == 4:
-            self.agent.datagram(f"#!bad{n:08} http://any/src/{source}/dst/bad/{n} 5")
-        elif kind == 5:
-            tail = f"http://h/src/{source}/dst/"
-            self.agent.datagram(self.rnd.choice(("short", "x" * 1401, "no prefix " * 5, f"#!ab {tail}x 5",
-                                                 f"#!dots {tail}../x 5")))
-        elif kind == 6:
-            self.agent.order(self.rnd.choice(("ftp://h/a", f"http://127.0.0.1:1/{n}")), f"bad/{n}", expect=None)
-        elif kind == 7:
-            self.agent.order(source, f"../../bad/{n}", 400)
-        elif kind == 8:
-            self.agent.send(self.rnd.randbytes(self.rnd.randrange(40, 900)) + b"\r\n\r\n")
-        else:
-            with self.agent.connect(f"GET /src/{source}".encode()) as s:
-                if n % 2:
-                    reset(s)
+        agent, choice = self.agent, self.rnd.choice
+        source = self.origin.url(choice(sorted(self.origin.paths)))
+        order = f"http://any/src/{source}/dst"
+        datagrams = ("short", "x" * 1401, "no prefix " * 5, f"#!ab {order}/x 5", f"#!dots {order}/../x 5")
+        choice((*[lambda: agent.order(source, f"bad/{n}", expect=None)] * 4,
+                lambda: agent.datagram(f"#!bad{n:08} {order}/bad/{n} 5"),
+                lambda: agent.datagram(choice(datagrams)),
+                lambda: agent.order(choice(("ftp://h/a", f"http://127.0.0.1:1/{n}")), f"bad/{n}", expect=None),
+                lambda: agent.order(source, f"../../bad/{n}", 400),
+                lambda: agent.send(self.rnd.randbytes(self.rnd.randrange(40, 900)) + b"\r\n\r\n"),
+                lambda: self.leave(source, with_reset=n % 2)))()
+
+    def leave(self, source, with_reset):
+        with self.agent.connect(f"GET /src/{source}".encode()) as s:
+            if with_reset:
+                reset(s)
 
     def unprovoked(self):
         logs = (read(f"{self.agent.root}/{name}") for name in os.listdir(self.agent.root) if name.startswith("log"))
@@ -190,18 +188,16 @@ class Source:
 class Mixed(Run):
     def __init__(self, root):
         super().__init__(root)
-        self.numbers = iter(range(1 << 30))
+        self.numbers = itertools.count()
         self.pool = ThreadPoolExecutor(16)
-        self.pairs = ThreadPoolExecutor(32)  # the two clients of each race
-        self.counts = {"orders": 0, "repeated": 0, "heads": 0, "mirrors": 0, "takeovers": 0, "stored": 0}
+        self.counts = collections.Counter()
         self.worst = (0.0, 0)
 
     @staticmethod
     def place(agent, source, method="GET"):
         """The answer, or none from an agent that has ended."""
         try:
-            with agent.connect(request(f"/src/{source.url}/dst/{source.dst}", method)) as s:
-                return read_all(s)
+            return agent.send(request(f"/src/{source.url}/dst/{source.dst}", method))
         except OSError:
             return b""
 
@@ -214,16 +210,9 @@ class Mixed(Run):
         return [source]
 
     def repeat(self, agent, source, method="GET"):
-        self.counts["heads" if method == "HEAD" else "repeated"] += 1
+        self.counts["repeated by " + method] += 1
         answer = self.place(agent, source, method)
         self.check(answer in (b"", *REFUSED), f"{method} of a running order: {answer[:40]}")
-
-    def mirrors(self, agent, dst):
-        self.counts["mirrors"] += 1
-        sources = [Source(self, dst, pause=self.rnd.choice((0, 0.02, 0.1))) for _ in range(2)]
-        for source, answer in [(s, self.pairs.submit(self.place, agent, s)) for s in sources]:
-            source.answer = answer.result()
-        return sources
 
     def stall(self, agent, dst):
         """A source that has been silent for 35 s: its own order comes again, then perhaps another source takes over."""
@@ -246,31 +235,31 @@ class Mixed(Run):
     def load(self, agent, n):
         jobs = []
         for i in range(ROUND):
-            kind = self.rnd.random()
-            job = self.mirrors if kind < 0.15 else self.stall if kind < 0.25 else self.plain
+            job, times = self.rnd.choices(((self.plain, 1), (self.plain, 2), (self.stall, 1)), (75, 15, 10))[0]
             self.counts["orders"] += 1
-            jobs.append(self.pool.submit(job, agent, f"{n % 7}/{n}-{i}"))
+            self.counts["mirrors"] += times - 1
+            jobs += [self.pool.submit(job, agent, f"{n % 7}/{n}-{i}") for _ in range(times)]
         return jobs
 
     def round(self, n, agent):
         jobs = self.load(agent, n)
-        signo = (signal.SIGTERM, signal.SIGTERM, signal.SIGKILL)[n % 3]
-        is_cut = n % 3 > 0
-        if is_cut:
+        killed = n % 3 == 2
+        if n % 3:
             time.sleep(self.rnd.uniform(0.02, 0.25))
-            running = agent.fds() - agent.base_fds
         else:
-            sources = [source for job in jobs for source in job.result(60)]
+            wait(jobs, 60)
             agent.at_base_line(30)
-            self.judge(agent, sources)
-        status, seconds = agent.stop(signo)
-        if is_cut:
-            self.worst = max(self.worst, (seconds, running))
-            sources = [source for job in jobs for source in job.result(60)]
-        killed = signo == signal.SIGKILL
+        running = agent.fds() - agent.base_fds
+        status, seconds = agent.stop(signal.SIGKILL if killed else signal.SIGTERM)
+        self.worst = max(self.worst, (seconds, running))
+        sources = [source for job in jobs for source in job.result(60)]
+        for s in sources if n % 3 == 0 else ():  # who got 200, and whose source delivered, has its file
+            is_due = s.answer == ANSWERS[200] and s.is_delivered
+            self.check(not is_due or os.path.exists(agent.path(s.dst)), f"{s.dst}: no file")
+            self.check(s.answer in (ANSWERS[200], *REFUSED), f"{s.dst}: {s.answer[:40]}")
         self.check(status == -9 * killed and seconds <= 1.0, f"round {n}: status {status} after {seconds:.2f} s")
-        for source in sources:
-            self.bodies.setdefault(source.dst, []).append(source.body)
+        for s in sources:
+            self.bodies.setdefault(s.dst, []).append(s.body)
         self.stored.clear()
         self.take_files(agent)
         for name in agent.files():
@@ -280,13 +269,6 @@ class Mixed(Run):
         self.counts["stored"] += len(self.stored)
         self.bodies.clear()
 
-    def judge(self, agent, sources):
-        """Who got 200, and whose source delivered, has its file."""
-        for s in sources:
-            is_due = s.answer == ANSWERS[200] and s.is_delivered
-            self.check(not is_due or os.path.exists(agent.path(s.dst)), f"{s.dst}: no file")
-            self.check(s.answer in (ANSWERS[200], *REFUSED), f"{s.dst}: {s.answer[:40]}")
-
     def run(self, rounds):
         for n in range(int(rounds)):
             if n % 20 == 0 or rounds < 20:
@@ -295,12 +277,11 @@ class Mixed(Run):
                 agent.run()
             agent.wait_ready()
             self.round(n, agent)
-        print(f"mixed: {rounds:.0f} rounds, {self.counts}; worst end {self.worst[0]:.3f} s with {self.worst[1]} "
+        print(f"mixed: {rounds:.0f} rounds, {dict(self.counts)}; worst end {self.worst[0]:.3f} s with {self.worst[1]} "
               "descriptors in use")
 
     def stop(self):
         self.pool.shutdown(cancel_futures=True)
-        self.pairs.shutdown(cancel_futures=True)
         super().stop()
 
 
