@@ -16,8 +16,8 @@ class Client(KovTest):
         self.agent = self.start(channel="127.0.0.1:{}")
         self.place = ("127.0.0.1", self.agent.port)
 
-    def order(self, path, dst, **more):
-        kov_client.order(self.place, self.origin.url(path), dst, **{"expiry": 60, **more})
+    def order(self, path, dst, expiry=60):
+        kov_client.order(self.place, self.origin.url(path), dst, expiry=expiry)
 
     def shell(self, *args):
         return subprocess.run([f"{CLIENT}/order.sh", f"127.0.0.1:{self.agent.port}", *args], capture_output=True,
@@ -29,8 +29,7 @@ class Client(KovTest):
             self.origin.body("/live/Src/%41%20b%40+c", body)
             given = "/live/Src/%41 b@+c" if i % 2 else "/live/Src/%41%20b%40+c"
             self.order(given, dst, expiry=77)
-            path = kov_client.stored_path(self.agent.data, self.origin.url(given), dst)
-            kov_client.wait_for_file(path, timeout=10)
+            kov_client.wait_for_file(kov_client.stored_path(self.agent.data, self.origin.url(given), dst), timeout=10)
             self.agent.stored(dst, body)
             done = self.shell(self.origin.url("/live/Src/%41%20b%40+c"), dst + ".sh", "77")
             self.assertEqual((done.returncode, done.stdout), (0, "begun\n"), done.stderr)
@@ -43,16 +42,14 @@ class Client(KovTest):
         self.origin.body("/a", b"x")
         self.origin.status("/404", 404)
         self.order("/a", "a")
-        cases = (("/a", "a", kov_client.Exists, 403), ("/404", "b", kov_client.SourceRefused, 404),
-                 ("/a", "x" * 120, kov_client.Refused, 400), (":1/a", "c", kov_client.Refused, 500))
+        cases = (("/a", "a", kov_client.Exists, 403, 0), ("/404", "b", kov_client.SourceRefused, 404, 6),
+                 ("/a", "x" * 120, kov_client.Refused, 400, 1), (":1/a", "c", kov_client.Refused, 500, 1))
         self.agent.stored("a")
-        for path, dst, error, status in cases:
+        for path, dst, error, status, shell_status in cases:
             with self.assertRaises(error) as caught:
                 self.order(path, dst)
-            self.assertIs(type(caught.exception), error)
-            self.assertEqual(caught.exception.status, status)
-        self.assertEqual([self.shell(self.origin.url(path), dst, "5").returncode for path, dst, _, _ in cases],
-                         [0, 6, 1, 1])
+            self.assertEqual((type(caught.exception), caught.exception.status), (error, status))
+            self.assertEqual(self.shell(self.origin.url(path), dst, "5").returncode, shell_status)
         self.assertTrue(kov_client.ping(self.place))
         nobody = ("127.0.0.1", free_port())
         self.assertFalse(kov_client.ping(nobody))
@@ -72,8 +69,8 @@ class Client(KovTest):
                                   ("job1", "http://h/a", "d" * 120)):
             with self.assertRaises(ValueError, msg=(lock_id, src, dst)):
                 kov_client.order_datagram(lock_id, src, dst, expiry=1)
-        self.assertEqual([self.shell(*args).returncode for args in
-                          (("http://h/a", "a"), ("http://h/a", "a", ""), ("ftp://h/a", "a", "5"))], [2, 2, 2])
+        for args in (("http://h/a", "a"), ("http://h/a", "a", ""), ("ftp://h/a", "a", "5")):
+            self.assertEqual(self.shell(*args).returncode, 2)
 
     def test_datagrams_and_the_wait_for_the_file(self):
         self.origin.body("/a", b"by datagram")
@@ -88,11 +85,9 @@ class Client(KovTest):
             kov_client.wait_for_file(self.agent.path("never"), timeout=0.2)
 
     def test_a_mute_and_a_babbling_agent_are_given_up(self):
-        order = "/src/http://h/a/dst/a?expiry=1"
-        place = ("127.0.0.1", self.origin.port)
         for answer, error in ((lambda conn, _: self.origin.stall(), "no answer within 0.3 s"),
                               (lambda conn, _: None, "closed without an answer"),
                               (lambda conn, _: conn.sendall(b"\0\xff" * 10000000), "not like an agent")):
-            self.origin.serve(order, answer)
+            self.origin.serve("/src/http://h/a/dst/a?expiry=1", answer)
             with self.assertRaisesRegex(kov_client.NoAnswer, error):
-                kov_client.order(place, "http://h/a", "a", expiry=1, timeout=0.3)
+                kov_client.order(("127.0.0.1", self.origin.port), "http://h/a", "a", expiry=1, timeout=0.3)
