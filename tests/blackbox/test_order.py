@@ -57,8 +57,7 @@ class Answers(KovTest):
         agent.order(url, "other", 500)  # the source is being fetched
         agent.logged("task already present")
         agent.order(self.origin.url("/else"), "x/slow.ts", 400)  # fresh unfinished file
-        self.origin.released.set()
-        agent.stored("x/slow.ts", b"abcd")
+        agent.completes(self.origin.released, "x/slow.ts", b"abcd")
 
     def test_status_of_the_source_is_passed_on(self):
         agent = self.start()
@@ -149,29 +148,24 @@ class Grammar(KovTest):
         sources = [self.origin.body(f"/{n}", b"x").encode() for n in range(3)]
         order = b" /src/http://h/a/dst/b"
         host = b"\r\nHost: h.example.net\r\n\r\n"
-        for head, answer in (
-                (b"POST" + order + b" HTTP/1.1" + host, 400),
-                (b"OPTIONS" + order + b" HTTP/1.1\r\n\r\n", 400),
-                (b"PROPPATCH" + order + b" HTTP/1.1\r\n\r\n", 400),
-                (b"G" + order + b" HTTP/1.1" + host, 400),
-                (b"GET" + order + b" HTTP/2.0" + host, 400),
-                (b"GET" + order + host, 400),
-                (b"\r\n\r\n" + b" " * 40, 400),
-                (b"\0\1\2\3" * 20 + b"\r\n\r\n", 400),
-                (b"G\x1b[2J / HTTP/1.1" + host, 400),
-                (b"GET                    " + host, 400),
-                (b"get / http/1.1 this is long enough\r\n\r\n", 400),
-                (b"HEAD /src/%s/dst/t0 HTTP/1.1" % sources[0] + host, 0),  # gets no answer
-                (b"HEAD /src/ftp://h/a/dst/h HTTP/1.1" + host, 400),
-                (b"GET http://agent/ HTTP/1.1" + host, 204),
-                (b"GET http://agent HTTP/1.1" + host, 204),
-                (b"GET http://agent/favicon.ico HTTP/1.1" + host, 400),
-                (b"get / HTTP/1.9 this is long enough\r\n\r\n", 204),
-                (b"GET\t/src/%s/dst/t0 HTTP/1.0\n\n" % sources[0], 200),
-                (b"GET http://agent.example/src/%s/dst/t1 HTTP/1.0\r\nConnection: Close\r\n\r\n" % sources[1], 200),
-                (b"GET /src/%s/dst/t2 HTTP/1.1\r\nAccept-Encoding: %s\r\nHost: %s\r\nUser-Agent: %s\r\n\r\n"
-                 % (sources[2], b"e" * 40, b"h" * 64, b"u" * 128), 200)):
-            agent.send(head, answer)
+        refused = (
+            b"POST" + order + b" HTTP/1.1" + host, b"OPTIONS" + order + b" HTTP/1.1\r\n\r\n",
+            b"PROPPATCH" + order + b" HTTP/1.1\r\n\r\n", b"G" + order + b" HTTP/1.1" + host,
+            b"GET" + order + b" HTTP/2.0" + host, b"GET" + order + host, b"\r\n\r\n" + b" " * 40,
+            b"\0\1\2\3" * 20 + b"\r\n\r\n", b"G\x1b[2J / HTTP/1.1" + host, b"GET                    " + host,
+            b"get / http/1.1 this is long enough\r\n\r\n", b"HEAD /src/ftp://h/a/dst/h HTTP/1.1" + host,
+            b"GET http://agent/favicon.ico HTTP/1.1" + host)
+        pings = (b"GET http://agent/ HTTP/1.1" + host, b"GET http://agent HTTP/1.1" + host,
+                 b"get / HTTP/1.9 this is long enough\r\n\r\n")
+        orders = (
+            b"GET\t/src/%s/dst/t0 HTTP/1.0\n\n" % sources[0],
+            b"GET http://agent.example/src/%s/dst/t1 HTTP/1.0\r\nConnection: Close\r\n\r\n" % sources[1],
+            b"GET /src/%s/dst/t2 HTTP/1.1\r\nAccept-Encoding: %s\r\nHost: %s\r\nUser-Agent: %s\r\n\r\n"
+            % (sources[2], b"e" * 40, b"h" * 64, b"u" * 128))
+        agent.send(b"HEAD /src/%s/dst/t0 HTTP/1.1" % sources[0] + host, 0)  # gets no answer
+        for answer, heads in ((400, refused), (204, pings), (200, orders)):
+            for head in heads:
+                agent.send(head, answer)
         for n in range(3):
             agent.stored(f"t{n}", b"x")
         self.assertEqual(len(self.origin.requests), 3)

@@ -41,8 +41,7 @@ class Ownership(KovTest):
             agent.order(self.origin.url("/own/x"), "d/x")
             agent.order(self.origin.url("/other"), "d/x", 500)
             agent.logged("mk_dw_task: limit on tasks exceeded [1]")
-            gate.set()
-            agent.stored("d/x", b"abcd")
+            agent.completes(gate, "d/x", b"abcd")
             agent.ended()
             agent.fetch(self.origin.body("/next", b"next"), "next", b"next")
 
@@ -54,8 +53,7 @@ class Ownership(KovTest):
         age(agent.path("x-Kova"), 35)
         gate.set()
         wait_for(lambda: time.time() - os.stat(agent.path("x-Kova")).st_mtime < 10, "the file's time")
-        gate_end.set()
-        agent.stored("x", b"abcd")
+        agent.completes(gate_end, "x", b"abcd")
 
     def test_the_end_of_a_mirror_leaves_the_file_of_the_other(self):
         for settings in MODES:
@@ -71,8 +69,7 @@ class Ownership(KovTest):
                 of_second(answer)
                 agent.ended()
                 agent.not_logged("removing unfinished")
-                gate_body.set()
-                agent.stored("x", b"abcd")
+                agent.completes(gate_body, "x", b"abcd")
 
     def test_a_leftover_in_the_way_goes(self):
         agent = self.start()
@@ -104,8 +101,7 @@ class Ownership(KovTest):
             agent.logged("removing T0001 due to error")
             agent.ended(3)
             self.assertEqual((agent.files(), db.urls(dst)), ([f"{dst}-Kova"], {}))
-            gate_own.set()
-            agent.stored(dst, b"wxyz")
+            agent.completes(gate_own, dst, b"wxyz")
             wait_for(lambda k=dst: db.urls(k) != {}, "the registration")
 
     def test_a_stall_that_ends_in_time_is_not_taken_over(self):
@@ -116,8 +112,7 @@ class Ownership(KovTest):
         age(agent.path("x-Kova"), 5)
         gate_head.set()
         answer(500)
-        gate.set()
-        agent.stored("x", b"abcd")
+        agent.completes(gate, "x", b"abcd")
 
     def test_a_file_that_was_cut_or_replaced_is_not_published(self):
         def replace(path):
@@ -152,5 +147,4 @@ class Ownership(KovTest):
             agent = self.start(settings)
             gate = threading.Event()
             agent.order(self.origin.raw("/a", HEAD4 + b"abcd", lambda conn, g=gate: (g.wait(30), reset(conn))), "x")
-            gate.set()
-            agent.stored("x", b"abcd")
+            agent.completes(gate, "x", b"abcd")

@@ -98,12 +98,10 @@ class Channel(KovTest):
             agent.logged("ready to download", count=n + 1)
             if n == 0:
                 age(f"{agent.locks}/same.lock", 32)
-        gates[0].set()
-        agent.stored("t0", b"12")
+        agent.completes(gates[0], "t0", b"12")
         agent.logged("lid_unlock: [same] has been taken over by another order\n")
         self.assertEqual(agent.held(), ["same.lock"])
-        gates[1].set()
-        agent.stored("t1", b"12")
+        agent.completes(gates[1], "t1", b"12")
         wait_for(lambda: agent.held() == [], "the lock's release")
 
     def test_an_order_without_its_lock_goes_on(self):
