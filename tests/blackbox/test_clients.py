@@ -7,8 +7,8 @@ import resource
 import signal
 import socket
 import subprocess
-import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 from harness import ANSWERS, QUICK, KovTest, free_port, needs_namespaces, read_all, request, reset
 
@@ -91,8 +91,7 @@ class Clients(KovTest):
         with agent.ask(url, "late") as s:  # and leaves before the answer, which costs nothing
             agent.logged("TASK-START")
             reset(s)
-        gate.set()
-        agent.stored("late", b"ok")
+        agent.completes(gate, "late", b"ok")
 
     def test_the_queue_has_a_limit(self):
         agent = self.start("urq_tmout_sec = 30;")
@@ -141,17 +140,15 @@ class Clients(KovTest):
         ends = (stays, half_closes, reset, lambda s: None)
 
         def client():
-            for _ in range(count // 100):
-                text = rnd.choice(texts)
-                with contextlib.suppress(OSError), agent.connect(text[:rnd.randrange(len(text))]) as s:
-                    rnd.choice(ends)(s)
-        threads = [threading.Thread(target=client) for _ in range(100)]
-        for t in threads:
-            t.start()
+            text = rnd.choice(texts)
+            with contextlib.suppress(OSError), agent.connect(text[:rnd.randrange(len(text))]) as s:
+                rnd.choice(ends)(s)
         stored = 0
-        while any(t.is_alive() for t in threads):
-            agent.fetch(good, f"g{stored}", b"good")
-            stored += 1
+        with ThreadPoolExecutor(100) as pool:
+            clients = [pool.submit(client) for _ in range(count)]
+            while not all(one.done() for one in clients):
+                agent.fetch(good, f"g{stored}", b"good")
+                stored += 1
         self.assertGreater(stored, 10)
         agent.at_base_line()
         agent.idles(0.5)

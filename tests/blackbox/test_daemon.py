@@ -93,13 +93,10 @@ class Background(KovTest):
         second.get("/", 204)
         self.end(second)  # and a missing file is no fault
         second.not_logged("unlink")
-
-    def test_a_terminal_run_unlinks_the_pid_file_of_another(self):
-        pidfile = f"{self.root}/0/other"
-        agent = self.start(runtime=f'pidfile = "{pidfile}";')
-        write(pidfile, "1")
-        self.end(agent)
-        self.assertFalse(os.path.exists(pidfile))
+        terminal = self.start(runtime=f'pidfile = "{first.pidfile}";')
+        write(first.pidfile, "1")
+        self.end(terminal)
+        self.assertFalse(os.path.exists(first.pidfile))  # in a terminal run, too
 
     def failed_start(self, messages, statuses, options=(), preexec=None, runtime="", place="errors"):
         """A start that fails, with the statuses of its processes, and what it says on standard error or in the log."""

@@ -181,9 +181,7 @@ class Start(Database):
                                               "g_ctx.add_sha1[0]"], settings)
 
     def test_a_server_that_does_not_accept_is_given_up_in_time(self):
-        with socket.socket() as full:
-            full.bind(("127.0.0.1", 0))
-            full.listen(0)
+        with socket.create_server(("127.0.0.1", 0), backlog=0) as full:
             address = full.getsockname()
             fillers = [socket.socket() for _ in range(4)]
             for s in fillers:
