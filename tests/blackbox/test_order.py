@@ -6,7 +6,7 @@ import shutil
 import subprocess
 import unittest
 
-from harness import HEAD, QUICK, KovTest, Nginx, age, cases, request, write
+from harness import HEAD, QUICK, KovTest, Nginx, age, cases, write
 
 MIB = 1 << 20
 
