@@ -4,8 +4,8 @@
 
 #include "data.h"
 
-/* Request head to order; changes the head's text. 0; RC_EMPTY_PATH; else the refusing step's error (logged). Chooses the
-   answer of a ping and of a head that cannot be parsed. */
+/* Request head to order; changes the head's text. 0; RC_EMPTY_PATH; else the refusing step's error (logged). Chooses
+   the answer of a ping and of a head that cannot be parsed. */
 [[nodiscard]] int parse_dw_get(dw_urq* urq, dw_spec* spec) noexcept;
 
 /* "lid url expiry" of a datagram, taken apart in place. 0 or -1 (logged); aborts when the expiry is missing. Outputs
