@@ -45,7 +45,7 @@ install(FILES packaging/redis/add_url.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/k
 install(FILES packaging/outbox/add_url.lua packaging/outbox/redis.conf DESTINATION ${CMAKE_INSTALL_DATADIR}/kov/outbox)
 install(FILES packaging/examples/fleet.conf packaging/examples/kov.conf packaging/examples/origins.nginx
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
-install(FILES SECURITY.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES SECURITY.md CONTRIBUTING.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
 # The examples lie beside it there.
 install(CODE "file(READ \"${CMAKE_SOURCE_DIR}/README.md\" text)

@@ -20,7 +20,7 @@ ssize_t write_plain(void* cookie, const char* text, size_t len)
         const size_t part = std::min(len - done, plain.size());
         std::replace_copy_if(
             text + done, text + done + part, plain.begin(),
-            [](char c) { return (static_cast<unsigned char>(c) < ' ' && c != '\n') || c == 0x7f; }, '?');
+            [](char c) { return (static_cast<unsigned char>(c) < ' ' && c != '\n' && c != '\t') || c == 0x7f; }, '?');
         const ssize_t n = write(fd, plain.data(), part);
         if (n < 0 && errno == EINTR)
             continue;

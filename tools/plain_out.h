@@ -1,6 +1,6 @@
 /* What the companion programs print quotes paths, log lines and arguments that somebody else has written. */
 #pragma once
 
-/* From here on standard output and error take control bytes for question marks, but for line ends: nothing that is
-   quoted commands a terminal. Call it first of all in main. */
+/* From here on standard output and error take control bytes for question marks, but for line ends and tabs: nothing
+   that is quoted commands a terminal. Call it first of all in main. */
 void make_output_plain();
