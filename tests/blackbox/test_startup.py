@@ -21,6 +21,7 @@ class CommandLine(KovTest):
         done = subprocess.run([KOV, *args], cwd=self.root, capture_output=True, timeout=20, check=False)
         text = done.stderr.decode(errors="replace")
         self.assertEqual((done.returncode, done.stdout), (status, b""), text)
+        self.assertNotIn("LeakSanitizer", text)
         return text
 
     def refused(self, message, *args, config=GOOD):
