@@ -43,18 +43,16 @@ static dw_task* get_dw_task(const char* key) noexcept
     return task;
 }
 
-static n32_tag next_state(n32_tag state) noexcept
-{
-    if (state.num == 0)
-        return DW_INI;
-    return state.num == DW_INI.num ? DW_RSP : DW_DNL;
-}
-
 void set_dw_state(dw_task* task, n32_tag state) noexcept
 {
     LOG_DEBUG("%s: %s %s -> %s\n", __func__, task->trk_tag.sym8, task->state.sym, state.sym);
     ASSERT(task->state.num != DW_DNL.num);
-    ASSERT(state.num == next_state(task->state).num);
+    n32_tag next = DW_DNL;
+    if (task->state.num == 0)
+        next = DW_INI;
+    else if (task->state.num == DW_INI.num)
+        next = DW_RSP;
+    ASSERT(state.num == next.num);
     task->state = state;
 }
 

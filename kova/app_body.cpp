@@ -21,8 +21,9 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr size_t DWBUF_LEN = 1048576;   /* one piece of a written body, by either road */
 constexpr size_t MIN_MOVE_LEN = 131072; /* a shorter rest costs less through the buffer */
+constexpr timespec TOUCH_PACE = {1, 0}; /* no mapped file's time is set more often */
 
-/* Written and emptied within one call, by write_rest and receive_written. */
+/* Written and emptied within one call, by empty_pipe and receive_written. */
 static std::array<char, DWBUF_LEN> g_buf;
 
 /* Both -1: none, every body goes through the buffer. Opened and closed by open_body_pipe and close_body_pipe only. */
@@ -61,40 +62,32 @@ void close_body_pipe() noexcept
 
 /* ---- written bodies ---- */
 
-/* Takes what the kernel has not moved out of the pipe and writes it: the plain calls say what is wrong, if anything is.
-   The bytes written, or -1. The pipe is empty afterwards. */
-static ssize_t write_rest(const dw_task* task, size_t rest) noexcept
-{
-    size_t have = 0;
-    while (have < rest) {
-        const ssize_t n = nread(g_pipe.out, g_buf.data() + have, rest - have);
-        if (n < 1) { /* nobody's bytes may stay for the next task */
-            close_body_pipe();
-            open_body_pipe();
-            return -1;
-        }
-        have += static_cast<size_t>(n);
-    }
-    return nwrite(task->dfd, g_buf.data(), rest);
-}
-
-/* What is in the pipe goes into the file. Whatever the kernel does not move is written by hand at once, since nothing
-   may stay in a pipe that the next task uses. The bytes that reached the file; -1 none did. */
+/* What is in the pipe goes into the file; the pipe, which the next task uses, is empty afterwards. The bytes that
+   reached the file; -1 none did. */
 static ssize_t empty_pipe(dw_task* task, size_t len) noexcept
 {
     size_t moved = 0;
-    while (moved < len) {
-        ssize_t n = splice(g_pipe.out, nullptr, task->dfd, nullptr, len - moved, SPLICE_F_MOVE);
-        if (n < 1) {
-            task->is_unmoved = true;
-            n = write_rest(task, len - moved);
-            if (n > 0)
-                moved += static_cast<size_t>(n);
-            return moved > 0 ? static_cast<ssize_t>(moved) : n;
-        }
+    ssize_t n = 0;
+    while (moved < len && (n = splice(g_pipe.out, nullptr, task->dfd, nullptr, len - moved, SPLICE_F_MOVE)) > 0)
         moved += static_cast<size_t>(n);
+    if (moved == len)
+        return static_cast<ssize_t>(moved);
+
+    /* What the kernel does not move is written by hand: the plain calls say what is wrong, if anything is. */
+    task->is_unmoved = true;
+    const size_t rest = len - moved;
+    for (size_t have = 0; have < rest; have += static_cast<size_t>(n)) {
+        n = nread(g_pipe.out, g_buf.data() + have, rest - have);
+        if (n < 1) { /* nobody's bytes may stay for the next task */
+            close_body_pipe();
+            open_body_pipe();
+            return moved > 0 ? static_cast<ssize_t>(moved) : -1;
+        }
     }
-    return static_cast<ssize_t>(moved);
+    n = nwrite(task->dfd, g_buf.data(), rest);
+    if (n > 0)
+        moved += static_cast<size_t>(n);
+    return moved > 0 ? static_cast<ssize_t>(moved) : n;
 }
 
 /* Whether errno is the kernel's word on splice itself, and not on the connection. */
@@ -126,20 +119,6 @@ static ssize_t receive_written(dw_task* task, ssize_t* written) noexcept
     return n;
 }
 
-/* ---- mapped bodies ---- */
-
-/* The time of the last byte tells a stalled file from one that is being written. Bytes that the kernel puts into a
-   mapping leave the file's time as it is. */
-static void touch_mapped(dw_task* task) noexcept
-{
-    static constexpr timespec PACE = {1, 0};
-
-    if (!timed_out(task->touch_tm, PACE))
-        return;
-    rqs_set_now(&task->touch_tm);
-    (void)futimens(task->dfd, nullptr); /* the own file of this process: it can always be done */
-}
-
 /* ---- one event ---- */
 
 /* One read an event, so that no source keeps the others waiting. errno is cleared before it: an end of the stream
@@ -157,7 +136,12 @@ int read_fragment(dw_task* task) noexcept
             rc = n == 0 ? ECONNRESET : errno; /* bytes are missing, so an end of the stream is a break */
     }
     if (n > 0 && task->is_mmapped) {
-        touch_mapped(task);
+        /* The time of the last byte tells a stalled file from one that is being written. Bytes that the kernel puts
+           into a mapping leave the file's time as it is. */
+        if (timed_out(task->touch_tm, TOUCH_PACE)) {
+            rqs_set_now(&task->touch_tm);
+            (void)futimens(task->dfd, nullptr); /* the own file of this process: it can always be done */
+        }
     } else if (n > 0 && written != n) {
         LOG_ERR("%s: under-write to fd%d: %zd/%zd\n", __func__, task->dfd, n, written);
         rc = -1;

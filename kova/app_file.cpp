@@ -46,24 +46,6 @@ static bool can_mmap_dw(const dw_task* task) noexcept
     return mib < g_cfg.max_mmap_mb || (mib == g_cfg.max_mmap_mb && (task->content_length & 0xfffff) == 0);
 }
 
-/* Blocks that exist before the mapping is touched cannot run out: a full disk fails here and not as a fault later.
-   *reserved is false where the file system has no such call. 0, or an errno value (logged). */
-static int reserve_blocks(const char* fn, const dw_task* task, bool* reserved) noexcept
-{
-    int rc = 0;
-    do {
-        rc = fallocate(task->dfd, 0, 0, static_cast<off_t>(task->content_length));
-    } while (rc != 0 && errno == EINTR);
-    *reserved = rc == 0;
-    if (rc == 0 || errno == EOPNOTSUPP || errno == ENOSYS)
-        return 0;
-    const int err = errno;
-    LOG_ERRNO("%s: fallocate(fd%d, %zu)", fn, task->dfd, task->content_length);
-    /* What it got before the disk was full is there for the other orders of this round, not only after its end. */
-    (void)W_ftruncate(fn, task->dfd, 0);
-    return err;
-}
-
 /* Writes the body bytes that came with the head through the descriptor, at its start. */
 static int write_tail(const char* fn, const dw_task* task, std::string_view tail) noexcept
 {
@@ -77,9 +59,21 @@ static int write_tail(const char* fn, const dw_task* task, std::string_view tail
 /* The mapping is filled by reads of the source, so the body is never copied in user space. 0, or not (logged). */
 static int map_dest(const char* fn, dw_task* task, std::string_view tail) noexcept
 {
-    bool reserved = false;
-    if (const int rc = reserve_blocks(fn, task, &reserved))
-        return rc;
+    /* Blocks that exist before the mapping is touched cannot run out: a full disk fails here and not as a fault later.
+       A file system without such a call is no failure. */
+    int rc = 0;
+    do {
+        rc = fallocate(task->dfd, 0, 0, static_cast<off_t>(task->content_length));
+    } while (rc != 0 && errno == EINTR);
+    const bool is_reserved = rc == 0;
+    if (!is_reserved && errno != EOPNOTSUPP && errno != ENOSYS) {
+        const int err = errno;
+        LOG_ERRNO("%s: fallocate(fd%d, %zu)", fn, task->dfd, task->content_length);
+        /* What it got before the disk was full is there for the other orders of this round, not only after its end. */
+        (void)W_ftruncate(fn, task->dfd, 0);
+        return err;
+    }
+
     void* p = mmap(nullptr, task->content_length, PROT_WRITE, MAP_SHARED | MAP_NORESERVE | MAP_POPULATE, task->dfd, 0);
     if (p == MAP_FAILED) {
         LOG_ERRNO("%s: mmap() for %zu bytes failed,", fn, task->content_length);
@@ -93,7 +87,7 @@ static int map_dest(const char* fn, dw_task* task, std::string_view tail) noexce
     LOG_DEBUG("%s: memcopy tail of %zu bytes\n", fn, tail.size());
     /* Without reserved blocks a copy into the mapping could fault; a write fails with an error. Later bytes are put
        into the mapping by the kernel, whose read fails with an error too. */
-    if (!reserved)
+    if (!is_reserved)
         return write_tail(fn, task, tail);
     memcpy(task->buf, tail.data(), tail.size());
     return 0;
@@ -154,17 +148,6 @@ int mk_dest_file(dw_task* task, const char* head, const http_resp_ctx* resp) noe
     return 0;
 }
 
-/* Only what this task has written, and all of it, gets the final name: another order may have taken the destination
-   over, or somebody may have cut the file. 0, or an errno value. */
-static int check_complete(const dw_task* task) noexcept
-{
-    struct stat st {
-    };
-    if (const int err = check_own_unfinished(task, &st))
-        return err;
-    return static_cast<size_t>(st.st_size) == task->content_length ? 0 : EIO;
-}
-
 /* The descriptor is closed before the rename, because a network file system may report only then that bytes were lost;
    from the close on no descriptor proves whose the file is. */
 int complete_download(dw_task* task) noexcept
@@ -176,15 +159,25 @@ int complete_download(dw_task* task) noexcept
     std::array<char, SPEC_PATH_MAX> final_path;
     cut_text(final_path.data(), final_path.size(), task->spec.fpath);
     ASSERT(cutoff_segext(final_path.data()) == 0);
-    if (const int err = check_complete(task)) {
+
+    /* Only what this task has written, and all of it, gets the final name: another order may have taken the destination
+       over, or somebody may have cut the file. */
+    struct stat st {
+    };
+    int err = check_own_unfinished(task, &st);
+    if (err == 0 && static_cast<size_t>(st.st_size) != task->content_length)
+        err = EIO;
+    if (err != 0) {
         LOG_ERRNUM(err, "%s: rename(%s, %s)", __func__, task->spec.fpath, final_path.data());
         return -1;
     }
+
     const int rc_close = W_close(__func__, task->dfd);
     task->dfd = -1;
     task->dest = rc_close == 0 ? dw_dest::final : dw_dest::unproved;
     if (rc_close != 0)
         return -1;
+
     const int rc = rename(task->spec.fpath, final_path.data());
     if (rc != 0)
         LOG_ERRNO("%s: rename(%s, %s)", __func__, task->spec.fpath, final_path.data());
