@@ -16,13 +16,6 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 kova_ctx g_ctx{}; /* written by the rooms whose records it holds; its counters and times by rq and app */
 
-/* Every task holds at least one descriptor, so the descriptor limit bounds an unlimited table, as far as a table can
-   go. */
-static size_t task_table_size() noexcept
-{
-    return g_cfg.max_tasks > 0 ? g_cfg.max_tasks : std::min(fd_limit(), HT_MAX_CAP);
-}
-
 /* The steps of init_kova_ctx. *step names the failing one, "?" where it has logged its own cause. */
 static int build_ctx(const char** step) noexcept
 {
@@ -33,7 +26,9 @@ static int build_ctx(const char** step) noexcept
     if (const int rc = udl_ctx_init(&g_cfg.udp_cha, &g_ctx.udl))
         return rc;
 
-    const size_t ntasks = task_table_size();
+    /* Every task holds at least one descriptor, so the descriptor limit bounds an unlimited table, as far as a table
+       can go. */
+    const size_t ntasks = g_cfg.max_tasks > 0 ? g_cfg.max_tasks : std::min(fd_limit(), HT_MAX_CAP);
     *step = "init sources";
     slots_reset(&g_ctx.tasks);
     if (const int rc = slots_mmap_fixed(&g_ctx.tasks, ntasks))

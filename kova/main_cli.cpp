@@ -58,31 +58,6 @@ void usage(int status) noexcept
     exit(status);
 }
 
-/* The options that count before the file is read. Returns the file's path, or null. */
-static const char* first_pass(int argc, char* argv[]) noexcept
-{
-    const char* path = default_config_path();
-    for (int c = 0; (c = getopt_long(argc, argv, OPT_LETTERS, LONG_OPTS, nullptr)) != -1;) {
-        switch (c) {
-        case 'C':
-            path = optarg;
-            break;
-        case 'q':
-            g_cfg.rt.quiet = true;
-            break;
-        case 'V':
-            fprintf(stderr, "%s\n", get_app_info(APP_NAME, nullptr));
-            exit(1);
-        case 'h':
-        case '?':
-            usage(1);
-        default: /* for the second pass */
-            break;
-        }
-    }
-    return path;
-}
-
 /* A path option into its field; what names it in the message. */
 static int set_path(char (&dst)[128], const char* what, const char* value) noexcept
 {
@@ -144,14 +119,31 @@ static int apply_option(int c) noexcept
     }
 }
 
-/* Who is not root cannot become a daemon with a user, a pid file and a log of its own, and stays in the foreground. */
 void setup_config(int argc, char* argv[]) noexcept
 {
     init_kova_config(&g_cfg);
     log_default(g_log, stderr);
     log_set_group(g_log, mk_tag8("KOV"));
 
-    const char* path = first_pass(argc, argv);
+    const char* path = default_config_path();
+    for (int c = 0; (c = getopt_long(argc, argv, OPT_LETTERS, LONG_OPTS, nullptr)) != -1;) {
+        switch (c) {
+        case 'C':
+            path = optarg;
+            break;
+        case 'q':
+            g_cfg.rt.quiet = true;
+            break;
+        case 'V':
+            fprintf(stderr, "%s\n", get_app_info(APP_NAME, nullptr));
+            exit(1);
+        case 'h':
+        case '?':
+            usage(1);
+        default: /* for the second pass */
+            break;
+        }
+    }
     if (!path) {
         fprintf(stderr, "Invalid or unspecified config [%s], please use -C path\n", "");
         usage(1);
@@ -161,7 +153,7 @@ void setup_config(int argc, char* argv[]) noexcept
 
     reset_getopt_state();
     log_timefmt(g_log, g_cfg.log.timefmt);
-    if (geteuid() != 0)
+    if (geteuid() != 0) /* who is not root cannot make a daemon's pid file and log */
         g_cfg.rt.non_daemon = true;
     for (int c = 0; (c = getopt_long(argc, argv, OPT_LETTERS, LONG_OPTS, nullptr)) != -1;) {
         if (apply_option(c) != 0)

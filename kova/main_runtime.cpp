@@ -23,23 +23,6 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 constexpr size_t CWD_MAX = 256; /* of the place that the daemon leaves; a longer one fails the start */
 constexpr size_t RUNTIME_CWD_MAX = 4096;
 
-/* A data directory given from where the operator stood, before the daemon leaves that place. */
-static int fix_data_dir(const char* fn, const char* cwd) noexcept
-{
-    char* dir = g_cfg.data_dir;
-    if (!dir[0] || dir[0] == '/')
-        return 0;
-    std::array<char, sizeof(g_cfg.data_dir)> path{};
-    const size_t len = join_text(path.data(), path.size(), {cwd, strcmp(cwd, "/") == 0 ? "" : "/", dir});
-    if (len >= path.size()) {
-        LOG_ERR("%s: data directory [%s/%s] is too long (%zu), max = %zu characters.\n", fn, cwd, dir, len,
-                path.size() - 1);
-        return -1;
-    }
-    cut_text(dir, sizeof(g_cfg.data_dir), path.data());
-    return 0;
-}
-
 /* In this order: the user is given up in the daemon itself, and only then is it known which directory that user may
    enter. */
 static int become_daemon(const char* fn) noexcept
@@ -54,8 +37,19 @@ static int become_daemon(const char* fn) noexcept
         LOG_ERR("getcwd ERROR(%d) : %s\n", err, strerror(err));
         return -1;
     }
-    if (const int rc = fix_data_dir(fn, home.data()))
-        return rc;
+    /* A data directory may be given from where the operator stands, which the daemon leaves. */
+    char* dir = g_cfg.data_dir;
+    if (dir[0] && dir[0] != '/') {
+        const char* cwd = home.data();
+        std::array<char, sizeof(g_cfg.data_dir)> path{};
+        const size_t len = join_text(path.data(), path.size(), {cwd, strcmp(cwd, "/") == 0 ? "" : "/", dir});
+        if (len >= path.size()) {
+            LOG_ERR("%s: data directory [%s/%s] is too long (%zu), max = %zu characters.\n", fn, cwd, dir, len,
+                    path.size() - 1);
+            return -1;
+        }
+        cut_text(dir, sizeof(g_cfg.data_dir), path.data());
+    }
     if (const int rc = daemonize()) {
         log_default(g_log, stderr);
         LOG_ERR("Failed to make the process a daemon, quitting.\n");
@@ -66,22 +60,6 @@ static int become_daemon(const char* fn) noexcept
             return rc;
     }
     return geteuid() != 0 ? goto_runtime_home(home.data(), "/tmp") : 0;
-}
-
-/* After the change of user, so that the file belongs to it. */
-static int open_log(const char* fn) noexcept
-{
-    const char* path = g_cfg.log.path;
-    if (!path[0])
-        return 0;
-    const int rc = path[0] == '|' ? log_popen(g_log, path + 1) : log_open_ex(g_log, path, 0);
-    if (rc != 0) {
-        log_default(g_log, stderr);
-        return rc;
-    }
-    apply_log_config(g_log, &g_cfg.log);
-    LOG_DEBUG("%s: log config applied\n", fn);
-    return 0;
 }
 
 /* Where the process runs, and on which CPU: what an operator asks for first. */
@@ -126,8 +104,15 @@ static int runtime_steps(const char* fn) noexcept
         if (const int rc = become_daemon(fn))
             return rc;
     }
-    if (const int rc = open_log(fn))
-        return rc;
+    if (const char* path = g_cfg.log.path; path[0]) { /* after the change of user, to whom the file belongs */
+        const int rc = path[0] == '|' ? log_popen(g_log, path + 1) : log_open_ex(g_log, path, 0);
+        if (rc != 0) {
+            log_default(g_log, stderr);
+            return rc;
+        }
+        apply_log_config(g_log, &g_cfg.log);
+        LOG_DEBUG("%s: log config applied\n", fn);
+    }
     if (is_daemon) {
         null_fd(STDERR_FILENO);
         if (const int rc = create_pidfile_extra(g_cfg.rt.pidfile, getpid(), nullptr, 0))
