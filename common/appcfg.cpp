@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <netinet/in.h>
+#include <string_view>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
@@ -83,6 +84,8 @@ int load_rt_config(const config_setting_t* group, rt_cfg* cfg) noexcept
 
 /* ---- listeners ---- */
 
+constexpr char LISTENER_LOADER[] = "load_listener_from"; /* which the messages of all readers name */
+
 static int read_protocol(const config_setting_t* group, const config_key& key, void* record) noexcept
 {
     rui_listener_cfg* const cfg = static_cast<rui_listener_cfg*>(record);
@@ -94,7 +97,7 @@ static int read_protocol(const config_setting_t* group, const config_key& key, v
     } else if (ci_equal(word.data(), "udp")) {
         cfg->proto = IPPROTO_UDP;
     } else {
-        LOG_ERR("%s: invald protocol for [%s]: %s\n", "load_listener_from", cfg->alias, word.data());
+        LOG_ERR("%s: invald protocol for [%s]: %s\n", LISTENER_LOADER, cfg->alias, word.data());
         return -1;
     }
     return 0;
@@ -121,7 +124,7 @@ static int read_ifc(const config_setting_t* group, const config_key& key, void* 
     if (cfg->pref_af != AF_UNSPEC) {
         cfg->ifc = get_ifc_info(cfg->pref_af, text.data());
         if (!cfg->ifc) {
-            LOG_ERR("%s: [%s] failed the check for [%s] interface name\n", "load_listener_from", text.data(),
+            LOG_ERR("%s: [%s] failed the check for [%s] interface name\n", LISTENER_LOADER, text.data(),
                     af2name(cfg->pref_af));
         }
     } else {
@@ -129,7 +132,7 @@ static int read_ifc(const config_setting_t* group, const config_key& key, void* 
         if (!cfg->ifc)
             cfg->ifc = get_ifc_info(AF_INET6, text.data());
         if (!cfg->ifc)
-            LOG_ERR("%s: [%s] failed the check for IPv4/v6 interface name\n", "load_listener_from", text.data());
+            LOG_ERR("%s: [%s] failed the check for IPv4/v6 interface name\n", LISTENER_LOADER, text.data());
     }
     if (cfg->ifc)
         return 0;
@@ -145,7 +148,7 @@ static int read_port(const config_setting_t* group, const config_key& key, void*
     if (s && config_setting_is_number(s) && config_setting_type(s) != CONFIG_TYPE_FLOAT) {
         const long long number = config_setting_get_int64(s);
         if (number < key.min || number > key.max) {
-            LOG_ERR("%s: invalid port value: [%lld]\n", "load_listener_from", number);
+            LOG_ERR("%s: invalid port value: [%lld]\n", LISTENER_LOADER, number);
             return -1;
         }
         snprintf(cfg->port, sizeof(cfg->port), "%d", static_cast<int>(number));
@@ -155,7 +158,7 @@ static int read_port(const config_setting_t* group, const config_key& key, void*
         return -1;
     if (is_valid_port(cfg->port))
         return 0;
-    LOG_ERR("%s: invalid port value: [%s]\n", "load_listener_from", cfg->port);
+    LOG_ERR("%s: invalid port value: [%s]\n", LISTENER_LOADER, cfg->port);
     return -1;
 }
 
@@ -181,27 +184,22 @@ static constexpr config_key LISTENER_ROWS[] = {
 };
 constinit const config_table LISTENER_KEYS = LISTENER_ROWS;
 
-static int load_listener_keys(const config_setting_t* setting, rui_listener_cfg* cfg) noexcept
-{
-    for (const config_key& key : LISTENER_KEYS) {
-        if (const int rc = key.read(setting, key, cfg))
-            return rc;
-        if (cfg->domain_path[0])
-            return 0; /* a path says the whole place: the rows behind it are not looked at */
-    }
-    if (!cfg->alias[0])
-        snprintf(cfg->alias, LSTNR_ALIAS_LEN - 1, "%s:%s", cfg->ifc ? cfg->ifc->name : "all", cfg->port);
-    return 0;
-}
+constexpr size_t NPATH_KEYS = 3; /* up to domain_path, which says the whole place: what follows is not looked at then */
+static_assert(std::string_view(LISTENER_ROWS[NPATH_KEYS - 1].name) == "domain_path");
 
 int load_listener_from(const config_setting_t* setting, rui_listener_cfg* cfg) noexcept
 {
-    const int rc = load_listener_keys(setting, cfg);
+    int rc = load_config_keys(setting, LISTENER_KEYS.first(NPATH_KEYS), cfg);
+    const bool has_path = rc == 0 && cfg->domain_path[0];
+    if (rc == 0 && !has_path)
+        rc = load_config_keys(setting, LISTENER_KEYS.subspan(NPATH_KEYS), cfg);
     if (rc != 0) {
         free(cfg->ifc);
         cfg->ifc = nullptr;
         return rc;
     }
+    if (!has_path && !cfg->alias[0])
+        snprintf(cfg->alias, LSTNR_ALIAS_LEN - 1, "%s:%s", cfg->ifc ? cfg->ifc->name : "all", cfg->port);
     cfg->is_valid = true;
     return 0;
 }

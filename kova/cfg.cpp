@@ -12,7 +12,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <netinet/in.h>
+#include <string_view>
 #include <sys/stat.h>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
@@ -43,7 +45,8 @@ void init_kova_config(kova_cfg* cfg) noexcept
 
 /* ---- the file ---- */
 
-/* Messages of the readers below name load_config, the road to them all. */
+constexpr char LOADER[] = "load_config"; /* which the messages of all readers name */
+
 static int read_channel_url(const config_setting_t* group, const config_key& key, void* record) noexcept
 {
     udp_lstn_cfg* const cfg = static_cast<udp_lstn_cfg*>(record);
@@ -51,7 +54,7 @@ static int read_channel_url(const config_setting_t* group, const config_key& key
         return -1;
     if (cfg->url[0])
         return 0;
-    LOG_ERR("%s: missing url for UDP channel\n", "load_config");
+    LOG_ERR("%s: missing url for UDP channel\n", LOADER);
     return -1;
 }
 
@@ -83,7 +86,7 @@ static int read_listeners(const config_setting_t* group, const config_key& key, 
 {
     if (get_listeners(key.name, config_setting_get_member(group, key.name), static_cast<rui_cfg*>(record)->user) == 0)
         return 0;
-    LOG_ERR("%s: failed to load web listener(s)\n", "load_config");
+    LOG_ERR("%s: failed to load web listener(s)\n", LOADER);
     return -1;
 }
 
@@ -104,7 +107,7 @@ static const config_setting_t* required_group(const config_setting_t* root, cons
     const config_setting_t* group = config_lookup(root->config, key.name);
     if (group && config_setting_is_group(group))
         return group;
-    LOG_ERR("%s: missing %s section\n", "load_config", strchr(key.name, '.') + 1);
+    LOG_ERR("%s: missing %s section\n", LOADER, strchr(key.name, '.') + 1);
     return nullptr;
 }
 
@@ -151,7 +154,7 @@ static int read_data_dir(const config_setting_t* root, const config_key& key, vo
         return -1;
     if (dir_check(cfg->data_dir, 1) == 0)
         return 0;
-    LOG_ERR("%s: cannot accept [%s] as %s\n", "load_config", cfg->data_dir, key.name);
+    LOG_ERR("%s: cannot accept [%s] as %s\n", LOADER, cfg->data_dir, key.name);
     return -1;
 }
 
@@ -164,8 +167,8 @@ static int read_url_prefix(const config_setting_t* root, const config_key& key, 
     if (len > 0 && cfg->seg_url_pfx[len - 1] == '/')
         cfg->seg_url_pfx[len - 1] = '\0';
     /* After the strip: a prefix of "/" alone is none, and no URL could be formed with it. */
-    if (cfg->lbdb.port != 0 && !cfg->seg_url_pfx[0]) {
-        LOG_ERR("%s: %s must be set for lbdb-enabled mode\n", "load_config", key.name);
+    if (cfg->lbdb.port > 0 && !cfg->seg_url_pfx[0]) {
+        LOG_ERR("%s: %s must be set for lbdb-enabled mode\n", LOADER, key.name);
         return -1;
     }
     return 0;
@@ -242,53 +245,37 @@ static constexpr config_key KOVA_ROWS[] = {
         "MiB; bodies up to this size go through a mapping of the file, larger ones are written."),
 };
 constinit const config_table KOVA_KEYS = KOVA_ROWS;
+constexpr size_t NGROUPS = 5; /* first in the table, and read only once */
+static_assert(KOVA_ROWS[NGROUPS - 1].types == V_GROUP && KOVA_ROWS[NGROUPS].types != V_GROUP);
 
-/* A group is read only once. */
 static int load_config(const config_t* file, kova_cfg* cfg, int reload) noexcept
 {
-    for (const config_key& key : KOVA_KEYS) {
-        if (reload && key.types == V_GROUP)
-            continue;
-        if (const int rc = key.read(config_root_setting(file), key, cfg))
-            return rc;
-    }
-    if (reload)
+    const config_table keys = reload ? KOVA_KEYS.subspan(NGROUPS) : KOVA_KEYS;
+    const int rc = load_config_keys(config_root_setting(file), keys, cfg);
+    if (rc == 0 && reload)
         LOG_INFO("%s: configuration re-loaded\n", __func__);
-    return 0;
-}
-
-/* The parser library would end the process on a directory, so such a path is refused like a missing file. */
-static FILE* open_config(const char* path) noexcept
-{
-    FILE* fp = fopen(path, "re");
-    struct stat st {
-    };
-    if (fp && fstat(fileno(fp), &st) == 0 && S_ISDIR(st.st_mode)) {
-        fclose(fp);
-        fp = nullptr;
-    }
-    if (!fp)
-        fprintf(stderr, "Failed to load [%s]\n", path);
-    return fp;
-}
-
-static int read_config(const char* path, kova_cfg* cfg, int reload) noexcept
-{
-    config_t file;
-    config_init(&file);
-    const scope_guard destroy([&file] { config_destroy(&file); });
-    const std::unique_ptr<FILE, releaser<fclose>> fp(open_config(path));
-    if (!fp)
-        return -1;
-    if (const int rc = parse_config(&file, path, fp.get()))
-        return rc;
-    cut_text(cfg->config_path, sizeof(cfg->config_path), path);
-    return load_config(&file, cfg, reload);
+    return rc;
 }
 
 int load_kova_config(const char* path, kova_cfg* cfg, int reload) noexcept
 {
-    const int rc = read_config(path, cfg, reload);
+    config_t file;
+    config_init(&file);
+    const scope_guard destroy([&file] { config_destroy(&file); });
+    std::unique_ptr<FILE, releaser<fclose>> fp(fopen(path, "re"));
+    struct stat st {
+    };
+    if (fp && fstat(fileno(fp.get()), &st) == 0 && S_ISDIR(st.st_mode))
+        fp.reset(); /* on a directory the parser library would end the process */
+    int rc = -1;
+    if (fp)
+        rc = parse_config(&file, path, fp.get());
+    else
+        fprintf(stderr, "Failed to load [%s]\n", path);
+    if (rc == 0) {
+        cut_text(cfg->config_path, sizeof(cfg->config_path), path);
+        rc = load_config(&file, cfg, reload);
+    }
     if (rc != 0)
         LOG_ERR("%s: FAILED (%d)\n", __func__, rc);
     return rc;
@@ -296,52 +283,45 @@ int load_kova_config(const char* path, kova_cfg* cfg, int reload) noexcept
 
 /* ---- listeners of the command line ---- */
 
-/* The highest free slot k gives the slot before it; with none free, slot 0 is replaced. */
-static rui_listener_cfg* pick_slot(rui_cfg* cfg, size_t* index) noexcept
-{
-    for (size_t k = MAX_LISTENERS; k-- > 0;) {
-        if (cfg->user[k].is_valid)
-            continue;
-        *index = k;
-        return &cfg->user[k > 0 ? k - 1 : 0];
-    }
-    LOG_WARN("%s: all interface slots are busy, [%s] will be replaced\n", "add_web_cli", cfg->user[0].alias);
-    *index = 0;
-    return &cfg->user[0];
-}
-
 int add_web_cli(kova_cfg* cfg, const char* text, int family) noexcept
 {
-    const std::unique_ptr<char, releaser<free>> copy(strdup(text));
-    if (!copy)
-        return -ENOMEM;
-    char* colon = strrchr(copy.get(), ':');
-    if (!colon) {
+    std::string_view host;
+    std::string_view port;
+    if (!split_host_port(text, &host, &port)) {
         LOG_ERR("%s: missing port number in %s\n", __func__, text);
         return EINVAL;
     }
-    *colon = '\0';
-    if (strlen(colon + 1) >= sizeof(rui_listener_cfg::port)) {
-        LOG_ERR("%s: invalid port number: %s\n", __func__, colon + 1);
+    if (port.size() >= sizeof(rui_listener_cfg::port)) {
+        LOG_ERR("%s: invalid port number: %s\n", __func__, port.data());
         return EINVAL;
     }
-    size_t index = 0;
-    rui_listener_cfg* slot = pick_slot(&cfg->rui, &index);
-    ifc_info* ifc = get_ifc_info(family, copy.get());
+
+    /* The highest free slot k gives the slot before it; with none free, slot 0 is replaced. */
+    size_t k = MAX_LISTENERS - 1;
+    while (k > 0 && cfg->rui.user[k].is_valid)
+        --k;
+    if (cfg->rui.user[k].is_valid)
+        LOG_WARN("%s: all interface slots are busy, [%s] will be replaced\n", __func__, cfg->rui.user[k].alias);
+    rui_listener_cfg* slot = &cfg->rui.user[k > 0 ? k - 1 : 0];
+
+    const std::unique_ptr<char, releaser<free>> name(strndup(host.data(), host.size()));
+    if (!name)
+        return -ENOMEM;
+    ifc_info* ifc = get_ifc_info(family, name.get());
     if (!ifc) {
-        LOG_ERR("%s: invalid interface name: %s\n", __func__, copy.get());
+        LOG_ERR("%s: invalid interface name: %s\n", __func__, name.get());
         return EINVAL;
     }
     free(slot->ifc);
     *slot = rui_listener_cfg{};
     slot->is_valid = true;
-    slot->index = index;
+    slot->index = k;
     slot->ifc = ifc;
     slot->pref_af = family;
     slot->proto = IPPROTO_TCP;
     slot->kind = mk_tag("Web");
     cut_text(slot->alias, sizeof(slot->alias), "web-cli");
-    cut_text(slot->port, sizeof(slot->port), colon + 1);
+    cut_text(slot->port, sizeof(slot->port), port);
     return 0;
 }
 
@@ -381,7 +361,7 @@ void dump_kova_config(FILE* stream, const kova_cfg* cfg) noexcept
     if (cfg->seg_url_pfx[0])
         fprintf(stream, "\tlocal URL prefix     = %s\n", cfg->seg_url_pfx);
     fputs("\n", stream);
-    if (cfg->lbdb.port != 0) {
+    if (cfg->lbdb.port > 0) {
         fprintf(stream, "Load-balancer DB: %s:%d\n\tConnect timeout        = %ld.%03ld sec\n", cfg->lbdb.host,
                 cfg->lbdb.port, static_cast<long>(cfg->lbdb.tmout.tv_sec), static_cast<long>(cfg->lbdb.tmout.tv_usec));
         fprintf(stream, "\tSHA1 directory         = %s\n", cfg->lbdb.sha1_path);

@@ -43,7 +43,7 @@ extern kova_cfg g_cfg; /* filled at start-up, read-only afterwards (the listener
 /* The first of the usual places where there is a file, or null. */
 [[nodiscard]] const char* default_config_path() noexcept;
 void init_kova_config(kova_cfg* cfg) noexcept;
-/* 0, or non-zero (said on standard error or logged). */
+/* 0, or non-zero (logged, or reported on standard error). */
 [[nodiscard]] int load_kova_config(const char* path, kova_cfg* cfg, int reload) noexcept;
 /* A listener of the command line, "ifc:port". 0, -12, 22 (logged). */
 [[nodiscard]] int add_web_cli(kova_cfg* cfg, const char* text, int family) noexcept;
