@@ -64,30 +64,31 @@ struct script_file {
     int32_t func;
     const char* name;
     char* sha1;
+    const char* is_read; /* the assertion's text */
 };
 
 /* What a digest's file is called in the configured directory, and where its text is kept. */
-static const std::array<script_file, 4> SCRIPTS = {{{LBQ_FL_ADD, "add_url.sha1", g_ctx.add_sha1},
-                                                    {LBQ_FL_DEL, "del_url.sha1", g_ctx.del_sha1},
-                                                    {LBQ_FL_NEXT, "next_url.sha1", g_ctx.next_sha1},
-                                                    {LBQ_FL_MBGET, "mbget_url.sha1", g_ctx.mbget_sha1}}};
+static const std::array<script_file, 4> SCRIPTS = {
+    {{LBQ_FL_ADD, "add_url.sha1", g_ctx.add_sha1, "g_ctx.add_sha1[0]"},
+     {LBQ_FL_DEL, "del_url.sha1", g_ctx.del_sha1, "g_ctx.del_sha1[0]"},
+     {LBQ_FL_NEXT, "next_url.sha1", g_ctx.next_sha1, "g_ctx.next_sha1[0]"},
+     {LBQ_FL_MBGET, "mbget_url.sha1", g_ctx.mbget_sha1, "g_ctx.mbget_sha1[0]"}}};
 
 /* ---- settings ---- */
 
-/* The record's texts; none of them may be empty. */
-static int read_required(const config_setting_t* group, const config_key& key, char* dst) noexcept
+constexpr char LOADER[] = "load_lbdb_cfg"; /* which the messages of all readers name */
+
+/* A text that may not be empty. */
+template <auto field>
+static int read_required(const config_setting_t* group, const config_key& key, void* record) noexcept
 {
+    char* const dst = field_at(record, field);
     if (read_config_text(group, key, dst) != 0)
         return -1;
     if (*dst)
         return 0;
-    LOG_ERR("%s: missing %s setting\n", "load_lbdb_cfg", key.name);
+    LOG_ERR("%s: missing %s setting\n", LOADER, key.name);
     return -1;
-}
-
-static int read_host(const config_setting_t* group, const config_key& key, void* record) noexcept
-{
-    return read_required(group, key, static_cast<lbdb_cfg*>(record)->host);
 }
 
 static int read_port(const config_setting_t* group, const config_key& key, void* record) noexcept
@@ -97,7 +98,7 @@ static int read_port(const config_setting_t* group, const config_key& key, void*
         return -1;
     if (*port >= key.min && *port <= key.max)
         return 0;
-    LOG_ERR("%s: invalid port value: %d\n", "load_lbdb_cfg", *port);
+    LOG_ERR("%s: invalid port value: %d\n", LOADER, *port);
     return -1;
 }
 
@@ -111,15 +112,10 @@ static int read_connect_tmout(const config_setting_t* group, const config_key& k
     return 0;
 }
 
-static int read_sha1_dir(const config_setting_t* group, const config_key& key, void* record) noexcept
-{
-    return read_required(group, key, static_cast<lbdb_cfg*>(record)->sha1_path);
-}
-
 static constexpr config_key LBDB_ROWS[] = {
     {.name = "host",
      .types = V_STRING,
-     .read = read_host,
+     .read = read_required<&lbdb_cfg::host>,
      .text = "Redis's host, name or address.",
      .limit = TEXT_LIMIT},
     {.name = "port", .types = V_INT, .read = read_port, .text = "Redis's port; 0: no database.", .max = 65535},
@@ -130,7 +126,7 @@ static constexpr config_key LBDB_ROWS[] = {
      .number = 500},
     {.name = "sha1_dir",
      .types = V_STRING,
-     .read = read_sha1_dir,
+     .read = read_required<&lbdb_cfg::sha1_path>,
      .text = "Directory of the scripts' digests.",
      .limit = TEXT_LIMIT},
 };
@@ -285,34 +281,7 @@ static reply_ptr command(const char* format, Args... args) noexcept
     return reply_ptr(await_reply());
 }
 
-/* What a server says to "script exists": an array of one integer, or that integer alone. Complaints about the array go
-   to standard error. */
-static int judge_script_reply(const char* fn, const char* sha1, const redisReply* reply) noexcept
-{
-    switch (reply->type) {
-    case REDIS_REPLY_ARRAY:
-        if (reply->elements != 1) {
-            log_trouble("%s: more than 1 element (%zu) returned\n", fn, reply->elements);
-            return EINVAL;
-        }
-        if (reply->element[0]->type != REDIS_REPLY_INTEGER) {
-            log_trouble("%s: expected integer, got %d\n", fn, reply->element[0]->type);
-            return EINVAL;
-        }
-        return reply->element[0]->integer == 1 ? 0 : RC_NO_SCRIPT;
-    case REDIS_REPLY_INTEGER:
-        if (reply->integer == 0)
-            LOG_ERR("%s: no such script: %s\n", fn, sha1);
-        return reply->integer == 1 ? 0 : RC_NO_SCRIPT;
-    case REDIS_REPLY_ERROR:
-        LOG_ERR("%s: Redis error: %s\n", fn, reply->str);
-        return -1;
-    default:
-        LOG_ERR("%s: not expecting reply type=%d\n", fn, reply->type);
-        return EINVAL;
-    }
-}
-
+/* The server says an array of one integer, or that integer alone. Complaints about the array go to standard error. */
 int check_script_exists(const char* sha1) noexcept
 {
     ASSERT(g_ctx.redis);
@@ -321,7 +290,28 @@ int check_script_exists(const char* sha1) noexcept
         LOG_ERR("%s: NULL as reply\n", __func__);
         return -1;
     }
-    const int rc = judge_script_reply(__func__, sha1, reply.get());
+    int rc = EINVAL;
+    switch (reply->type) {
+    case REDIS_REPLY_ARRAY:
+        if (reply->elements != 1)
+            log_trouble("%s: more than 1 element (%zu) returned\n", __func__, reply->elements);
+        else if (reply->element[0]->type != REDIS_REPLY_INTEGER)
+            log_trouble("%s: expected integer, got %d\n", __func__, reply->element[0]->type);
+        else
+            rc = reply->element[0]->integer == 1 ? 0 : RC_NO_SCRIPT;
+        break;
+    case REDIS_REPLY_INTEGER:
+        if (reply->integer == 0)
+            LOG_ERR("%s: no such script: %s\n", __func__, sha1);
+        rc = reply->integer == 1 ? 0 : RC_NO_SCRIPT;
+        break;
+    case REDIS_REPLY_ERROR:
+        LOG_ERR("%s: Redis error: %s\n", __func__, reply->str);
+        rc = -1;
+        break;
+    default:
+        LOG_ERR("%s: not expecting reply type=%d\n", __func__, reply->type);
+    }
     LOG_DEBUG("%s: %s, rc=%d\n", __func__, sha1, rc);
     return rc;
 }
@@ -378,26 +368,6 @@ static int open_connection(const char* fn, const char* host, int port, timeval t
     return 0;
 }
 
-/* A server that was restarted has forgotten its scripts: better told at the start than by every registration. */
-static int verify_scripts() noexcept
-{
-    if (g_ctx.need_func & LBQ_FL_ADD)
-        ASSERT(g_ctx.add_sha1[0]);
-    if (g_ctx.need_func & LBQ_FL_DEL)
-        ASSERT(g_ctx.del_sha1[0]);
-    if (g_ctx.need_func & LBQ_FL_NEXT)
-        ASSERT(g_ctx.next_sha1[0]);
-    if (g_ctx.need_func & LBQ_FL_MBGET)
-        ASSERT(g_ctx.mbget_sha1[0]);
-    for (const script_file& s : SCRIPTS) {
-        if (!(g_ctx.need_func & s.func))
-            continue;
-        if (const int rc = check_script_exists(s.sha1))
-            return rc;
-    }
-    return 0;
-}
-
 /* Once in a life: what is lost later stays lost, and every registration says so. */
 int lbdb_connect(const char* host, int port, timeval tmout) noexcept
 {
@@ -406,8 +376,13 @@ int lbdb_connect(const char* host, int port, timeval tmout) noexcept
     g_conn.port = port;
     g_conn.tmout = tmout;
     int rc = open_connection(__func__, host, port, tmout);
-    if (rc == 0)
-        rc = verify_scripts();
+    /* A server that was restarted has forgotten its scripts: better told at the start than by every registration. */
+    for (const script_file& s : SCRIPTS) {
+        if (rc != 0 || !(g_ctx.need_func & s.func))
+            continue;
+        ASSERT_AS(s.sha1[0], s.is_read);
+        rc = check_script_exists(s.sha1);
+    }
     if (rc != 0) {
         LOG_ERR("%s: failed for %s:%d\n", __func__, host, port);
         lbdb_disconnect();
