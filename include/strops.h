@@ -17,6 +17,12 @@ size_t cut_text(char* dst, size_t cap, std::string_view s) noexcept;
    below cap, dst holds nothing of use. */
 size_t join_text(char* dst, size_t cap, std::initializer_list<std::string_view> parts) noexcept;
 
+/* A byte that commands a terminal and that no listing shows. */
+[[nodiscard]] constexpr bool is_control(char c) noexcept
+{
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+}
+
 /* Comparisons without regard to ASCII case. */
 [[nodiscard]] bool ci_equal(std::string_view a, std::string_view b) noexcept;
 [[nodiscard]] bool ci_starts_with(std::string_view s, std::string_view prefix) noexcept;

@@ -57,6 +57,9 @@ void usock_set_apptag(const char* tag) noexcept;
 [[nodiscard]] int usock_open(usock_ctx* ctx, const char* url) noexcept;
 /* Closes fd, which has left the event loop, and releases what ctx owns. */
 void usock_close(int fd, usock_ctx* ctx) noexcept;
+/* The same for one that may be watched still: out of the loop, closed, forgotten. 0, which start-up keeps occupied, is
+   none, as -1 is. */
+void usock_drop(int* fd, bool* is_watched, usock_ctx* ctx) noexcept;
 /* Sends the GET for url with the application tag. 0 or -1 (logged). */
 [[nodiscard]] int usock_http_get(int fd, const char* url, usock_ctx* ctx) noexcept;
 [[nodiscard]] int fwd_http_rq(int fd, const char* url, const char* apptag, uint32_t flags) noexcept;

@@ -198,15 +198,8 @@ void free_dw(dw_task* task) noexcept
     unhash_task(task);
     const bool is_owed = owes_removal(task);
 
-    /* Descriptor 0 is never closed here: start-up keeps it occupied, so a task's descriptor is always above it. */
     set_unguarded(task, false);
-    if (task->sfd > 0) {
-        if (task->is_watched)
-            rqs_rm_fd(task->sfd, false, false);
-        task->is_watched = false;
-        usock_close(task->sfd, &task->sctx);
-        task->sfd = -1;
-    }
+    usock_drop(&task->sfd, &task->is_watched, &task->sctx);
     for (int* fd : {&task->cfd, &task->dfd}) {
         if (*fd > 0) {
             W_close(__func__, *fd);

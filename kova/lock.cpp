@@ -3,6 +3,7 @@
 
 #include "data.h"
 #include "log.h"
+#include "strops.h"
 #include "syswrap.h"
 
 #include <array>
@@ -26,27 +27,15 @@ constexpr char EXPIRY_FN[] = "check_and_expire";
 
 using lock_path = std::array<char, 128>;
 
-static bool is_locking() noexcept
-{
-    return g_cfg.udp_cha.must_lock;
-}
-
-/* An id that names another directory or that no listing shows as it is has no lock. */
-static bool is_file_name(const char* lid) noexcept
-{
-    for (const char* p = lid; *p; ++p) {
-        const auto byte = static_cast<unsigned char>(*p);
-        if (byte < 0x20 || byte == 0x7f || byte == '/')
-            return false;
-    }
-    return true;
-}
-
-/* The path of a lock; a longer one is cut. False (logged) for an id that has none. */
+/* The path of a lock; a longer one is cut. False (logged) for an id that has none: one that names another directory, or
+   that no listing shows as it is. */
 static bool mk_lock_path(const char* fn, const char* lid, lock_path* path) noexcept
 {
     const int n = snprintf(path->data(), path->size() - 1, "%s/%s.lock", g_cfg.udp_cha.lkdir, lid);
-    if (n >= MIN_LOCK_PATH && is_file_name(lid))
+    bool is_file_name = true;
+    for (const char* p = lid; *p; ++p)
+        is_file_name = is_file_name && !is_control(*p) && *p != '/';
+    if (n >= MIN_LOCK_PATH && is_file_name)
         return true;
     LOG_ERR("%s: invalid lock path (n=%d): %s\n", fn, n, path->data());
     return false;
@@ -84,27 +73,25 @@ static int look_again(const char* fn, const char* path, long* age) noexcept
     return 0;
 }
 
-/* As check_age. */
-static int judge_age(const char* path, long max_age, bool is_lock, long* age) noexcept
+/* What a look with the result rc has found, as check_age. */
+static int judge_age(const char* path, int rc, long age, long max_age) noexcept
 {
-    int rc = file_age(path, age);
-    if (rc == 0 && is_lock && *age > STRANGE_AGE_SEC)
-        rc = look_again("lid_lock", path, age);
     if (rc != 0) {
         if (errno == ENOENT)
             return 0;
         LOG_ERRNO("%s: stat(%s, ..)", EXPIRY_FN, path);
         return -1;
     }
-    if (*age > max_age)
+    if (age > max_age)
         return ESTALE;
-    LOG_INFO("%s: upstanding lock [%s] (age=%ld) found\n", EXPIRY_FN, path, *age);
+    LOG_INFO("%s: upstanding lock [%s] (age=%ld) found\n", EXPIRY_FN, path, age);
     return EBUSY;
 }
 
 int check_age(const char* path, long max_age, long* age) noexcept
 {
-    return judge_age(path, max_age, false, age);
+    const int rc = file_age(path, age);
+    return judge_age(path, rc, *age, max_age);
 }
 
 int expire_file(const char* path, long age) noexcept
@@ -126,13 +113,16 @@ int check_and_expire(const char* path, long max_age) noexcept
 int lid_lock(const char* lid, timespec* taken) noexcept
 {
     *taken = {};
-    if (!is_locking())
+    if (!g_cfg.udp_cha.must_lock)
         return 0;
     lock_path path{};
     if (!mk_lock_path(__func__, lid, &path))
         return -1;
     long age = 0;
-    int rc = judge_age(path.data(), STALE_LOCK_SEC, true, &age);
+    int rc = file_age(path.data(), &age);
+    if (rc == 0 && age > STRANGE_AGE_SEC)
+        rc = look_again(__func__, path.data(), &age);
+    rc = judge_age(path.data(), rc, age, STALE_LOCK_SEC);
     if (rc == ESTALE)
         rc = expire_file(path.data(), age);
     if (rc != 0)
@@ -155,7 +145,7 @@ int lid_lock(const char* lid, timespec* taken) noexcept
 
 void lid_unlock(const char* lid, const timespec& taken) noexcept
 {
-    if (!is_locking())
+    if (!g_cfg.udp_cha.must_lock)
         return;
     lock_path path{};
     if (!mk_lock_path(__func__, lid, &path))

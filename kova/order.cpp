@@ -17,6 +17,7 @@
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr std::string_view HTTP_PREFIX = "http://";
+constexpr char BLANKS[] = " \t"; /* end a word of a datagram */
 /* Of the unfinished path, NUL included. One less than its field holds, on purpose: see init_spec. */
 constexpr size_t FPATH_LIMIT = SPEC_PATH_MAX - 1;
 
@@ -75,14 +76,9 @@ int parse_dw_get(dw_urq* urq, dw_spec* spec) noexcept
 
 /* ---- the datagram ---- */
 
-static size_t word_len(const char* p) noexcept
-{
-    return strcspn(p, " \t");
-}
-
 int parse_msg(char* msg, char** url, char** lid, long* expiry) noexcept
 {
-    const size_t lid_len = word_len(msg);
+    const size_t lid_len = strcspn(msg, BLANKS);
     if (!msg[lid_len]) {
         LOG_ERR("%s: missing URL part\n", __func__);
         return -1;
@@ -93,7 +89,7 @@ int parse_msg(char* msg, char** url, char** lid, long* expiry) noexcept
         return -1;
     }
     char* u = msg + lid_len + 1;
-    const size_t url_len = word_len(u);
+    const size_t url_len = strcspn(u, BLANKS);
     if (url_len <= MIN_URL_LEN - 1) {
         LOG_ERR("%s: URL length is too small: %zu/%d bytes\n", __func__, url_len, MIN_URL_LEN);
         return -1;
@@ -134,49 +130,14 @@ int parse_url(const char* url, const char* lid, dw_spec* spec) noexcept
 
 /* ---- the order ---- */
 
-/* The path of the source's URL. 0 or EINVAL (logged). */
-static int derive_dst(const char* fn, const char* src, char* dst, size_t cap) noexcept
-{
-    const char* host = strstr(src, "//");
-    const char* slash = host ? strchr(host + 2, '/') : nullptr;
-    if (!slash || !slash[1]) {
-        LOG_ERR("%s: cannot extract path from source URL: %s\n", fn, src);
-        return EINVAL;
-    }
-    cut_text(dst, cap, slash + 1);
-    LOG_DEBUG("%s: source-based dst=[%s]\n", fn, dst);
-    return 0;
-}
-
 /* A raw control byte would write lines of its own into the GET that is sent, and into the log. Not quoted. */
 static int check_bytes(const char* fn, const char* what, const char* text) noexcept
 {
     for (const char* p = text; *p; ++p) {
-        const auto byte = static_cast<unsigned char>(*p);
-        if (byte < 0x20 || byte == 0x7f) {
-            LOG_ERR("%s: control byte 0x%02x at %td of the %s\n", fn, byte, p - text, what);
+        if (is_control(*p)) {
+            LOG_ERR("%s: control byte 0x%02x at %td of the %s\n", fn, static_cast<unsigned>(*p), p - text, what);
             return EINVAL;
         }
-    }
-    return 0;
-}
-
-/* A destination must stay below the data directory. No segment of it may look like an unfinished file: a directory of
-   such a name would be in the way of the order for that file. */
-static int check_dst(const char* fn, const char* dst) noexcept
-{
-    for (std::string_view rest = dst; !rest.empty();) {
-        const size_t slash = rest.find('/');
-        const std::string_view seg = rest.substr(0, slash);
-        if (seg == "..") {
-            LOG_ERR("%s: destination leaves the data directory: [%s]\n", fn, dst);
-            return EINVAL;
-        }
-        if (seg.ends_with(UNFINISHED_SFX)) {
-            LOG_ERR("%s: destination names an unfinished file: [%s]\n", fn, dst);
-            return EINVAL;
-        }
-        rest.remove_prefix(slash == std::string_view::npos ? rest.size() : slash + 1);
     }
     return 0;
 }
@@ -221,15 +182,35 @@ int setup_dw_spec(const char* src, char* dst, size_t dst_cap, dw_spec* spec) noe
         return EINVAL;
     }
     if (!dst[0]) {
-        if (const int rc = derive_dst(__func__, src, dst, dst_cap))
-            return rc;
+        const char* host = strstr(src, "//");
+        const char* slash = host ? strchr(host + 2, '/') : nullptr;
+        if (!slash || !slash[1]) {
+            LOG_ERR("%s: cannot extract path from source URL: %s\n", __func__, src);
+            return EINVAL;
+        }
+        cut_text(dst, dst_cap, slash + 1);
+        LOG_DEBUG("%s: source-based dst=[%s]\n", __func__, dst);
     }
     if (const int rc = check_bytes(__func__, "source", src))
         return rc;
     if (const int rc = check_bytes(__func__, "destination", dst))
         return rc;
-    if (const int rc = check_dst(__func__, dst))
-        return rc;
+
+    /* A destination must stay below the data directory. No segment of it may look like an unfinished file: a directory
+       of such a name would be in the way of the order for that file. */
+    for (std::string_view rest = dst; !rest.empty();) {
+        const size_t slash = rest.find('/');
+        const std::string_view seg = rest.substr(0, slash);
+        if (seg == "..") {
+            LOG_ERR("%s: destination leaves the data directory: [%s]\n", __func__, dst);
+            return EINVAL;
+        }
+        if (seg.ends_with(UNFINISHED_SFX)) {
+            LOG_ERR("%s: destination names an unfinished file: [%s]\n", __func__, dst);
+            return EINVAL;
+        }
+        rest.remove_prefix(slash == std::string_view::npos ? rest.size() : slash + 1);
+    }
     if (const int rc = init_spec(g_cfg.data_dir, src, dst, spec))
         return rc;
     return check_unfinished(__func__, spec);

@@ -58,19 +58,12 @@ int udl_ctx_start(udl_ctx* udl) noexcept
     return 0;
 }
 
-/* Descriptor 0 is never a channel: start-up keeps it occupied. */
 void udl_ctx_destroy(udl_ctx* udl) noexcept
 {
     if (!udl->is_ready)
         return;
     const int fd = udl->sockfd;
-    if (fd >= 1) {
-        if (udl->is_watched)
-            rqs_rm_fd(fd, false, false);
-        usock_close(fd, &udl->usock);
-    }
-    udl->is_watched = false;
-    udl->sockfd = -1;
+    usock_drop(&udl->sockfd, &udl->is_watched, &udl->usock);
     udl->is_ready = false;
     LOG_DEBUG("%s: done on fd%d\n", __func__, fd);
 }

@@ -355,3 +355,14 @@ void usock_close(int fd, usock_ctx* ctx) noexcept
     ctx->buf = nullptr;
     ctx->bufcap = ctx->buflen = 0;
 }
+
+void usock_drop(int* fd, bool* is_watched, usock_ctx* ctx) noexcept
+{
+    if (*fd > 0) {
+        if (*is_watched)
+            rqs_rm_fd(*fd, false, false);
+        usock_close(*fd, ctx);
+    }
+    *is_watched = false;
+    *fd = -1;
+}
