@@ -49,7 +49,7 @@ void mk_trk_tag(size_t* counter, n64_tag* tag, char letter, size_t max) noexcept
 }
 
 /* Each request holds one time-out, so that the loop wakes for it; urq_rm gives it back. */
-static dw_urq* urq_new(int sockfd, rui_socket_ctx* srv, void* /*opaque*/) noexcept
+static rui_rq_header* urq_new(int sockfd, rui_socket_ctx* srv, void* /*udata*/) noexcept
 {
     auto* urq = static_cast<dw_urq*>(calloc(1, sizeof(dw_urq)));
     if (!urq) {
@@ -65,11 +65,12 @@ static dw_urq* urq_new(int sockfd, rui_socket_ctx* srv, void* /*opaque*/) noexce
     mk_trk_tag(&srv->rqcount, &urq->trk_tag, 'u', MAX_URQ_NUM);
     LOG_INFO("%s [%s] (%p) created\n", urq->tag.sym, urq->trk_tag.sym8, static_cast<void*>(urq));
     rqs_set_now(&urq->wait_start_tm);
-    return urq;
+    return as_header(urq);
 }
 
-static void urq_rm(dw_urq* urq) noexcept
+static void urq_rm(rui_rq_header* rq) noexcept
 {
+    dw_urq* urq = as_urq(rq);
     LOG_INFO("%s: %s [%s] (%p)\n", __func__, urq->tag.sym, urq->trk_tag.sym8, static_cast<void*>(urq));
     if (urq->sockfd >= 0)
         W_close(__func__, urq->sockfd);
@@ -232,8 +233,9 @@ void urq_error(dw_urq* urq, bool hangup) noexcept
 }
 
 /* True when timeout_ms have passed since the client was accepted: it is listed for removal, and gets no answer. */
-static bool urq_timeout(dw_urq* urq, uint32_t timeout_ms) noexcept
+static bool urq_timeout(rui_rq_header* rq, uint32_t timeout_ms) noexcept
 {
+    dw_urq* urq = as_urq(rq);
     timespec limit{};
     ms2timespec(timeout_ms, &limit);
     if (!timed_out(urq->wait_start_tm, limit))
@@ -276,22 +278,4 @@ void pprm_requests() noexcept
     LOG_DEBUG("%s: END\n", __func__);
 }
 
-/* ---- the listeners' callbacks ---- */
-
-static rui_rq_header* cb_new(int fd, rui_socket_ctx* srv, void* udata) noexcept
-{
-    dw_urq* urq = urq_new(fd, srv, udata);
-    return urq ? as_header(urq) : nullptr;
-}
-
-static void cb_rm(rui_rq_header* rq) noexcept
-{
-    urq_rm(as_urq(rq));
-}
-
-static bool cb_time_out(rui_rq_header* rq, uint32_t ms) noexcept
-{
-    return urq_timeout(as_urq(rq), ms);
-}
-
-const rui_socket_cb g_urq_cb = {.tag = TAG_URQ, .new_rq = cb_new, .rm_rq = cb_rm, .time_out = cb_time_out};
+const rui_socket_cb g_urq_cb = {.tag = TAG_URQ, .new_rq = urq_new, .rm_rq = urq_rm, .time_out = urq_timeout};

@@ -46,7 +46,8 @@ static bool writes_file(const dw_task* task, const struct stat* file) noexcept
     return task->dfd > 0 && !task->is_quitting && fstat(task->dfd, &st) == 0 && is_same_file(st, *file);
 }
 
-dw_task* unfinished_writer(const char* path) noexcept
+/* The running task of this agent that writes the file now at path, by whatever name it was ordered; null: none does. */
+static dw_task* unfinished_writer(const char* path) noexcept
 {
     struct stat st {
     };

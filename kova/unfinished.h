@@ -11,8 +11,6 @@
 [[nodiscard]] int cutoff_segext(char* path) noexcept;
 [[nodiscard]] bool is_unfinished_seg(const char* path) noexcept;
 
-/* The running task of this agent that writes the file now at path, by whatever name it was ordered; null: none does. */
-[[nodiscard]] dw_task* unfinished_writer(const char* path) noexcept;
 /* Is the file at the task's unfinished name the one behind its descriptor? 0: it is, and *own is what fstat says of it;
    ESTALE: it is another's; else the errno of the look. */
 [[nodiscard]] int check_own_unfinished(const dw_task* task, struct stat* own) noexcept;
