@@ -231,7 +231,7 @@ void rui_ctx_destroy(rui_ctx* ctx) noexcept
             srv->accset = rui_fdset{};
             srv->tag.num = 0;
         }
-        LOG_DEBUG("%s: %zu [%s] listener(s) %s\n", "stop_listeners", count, kind_name(kind), "destroyed");
+        LOG_DEBUG("stop_listeners: %zu [%s] listener(s) destroyed\n", count, kind_name(kind));
     }
 }
 

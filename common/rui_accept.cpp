@@ -97,7 +97,7 @@ static int take_client(const char* fn, int fd, const sockaddr_storage& peer, soc
     std::array<char, ADDR_TEXT_MAX> text{};
     LOG_INFO("Accepted %s request [fd=%d] from %s\n", srv->lc->alias, fd,
              saddr_str(&peer, len, text.data(), text.size()));
-    LOG_DEBUG("%s: fd%d set as %sblocking\n", "set_nblock", fd, "non-"); /* by the accept itself */
+    LOG_DEBUG("set_nblock: fd%d set as non-blocking\n", fd); /* by the accept itself */
     const bool is_net = peer.ss_family == AF_INET || peer.ss_family == AF_INET6;
     int rc = 0;
     if (is_net) {
@@ -115,15 +115,6 @@ static int take_client(const char* fn, int fd, const sockaddr_storage& peer, soc
     LOG_ERR("Error rc=%d processing connection [%s] fd=%d\n", rc, srv->lc->alias, fd);
     W_close(fn, fd);
     return rc;
-}
-
-/* An accept that finds nobody makes a file first, and is the dearest call of a lone order: behind the first client the
-   listener is asked whether there is a second one. In a burst the question would be one more call for each, so it comes
-   once. A question that fails is no answer. */
-static bool is_second_waiting(int fd) noexcept
-{
-    pollfd p = {fd, POLLIN, 0};
-    return poll(&p, 1, 0) != 0;
 }
 
 /* What a failed accept asks for. True: try again at once. */
@@ -171,7 +162,11 @@ int rui_accept(rui_socket_ctx* srv, size_t max, uint32_t flags, void* udata) noe
         rc = 0;
         sockaddr_storage peer{};
         socklen_t len = sizeof(peer);
-        if (accepted + refused == 1 && !is_second_waiting(srv->sockfd)) {
+        /* An accept that finds nobody makes a file first, and is the dearest call of a lone order: behind the first
+           client the listener is asked whether there is a second one. In a burst the question would be one more call
+           for each, so it comes once. A question that fails is no answer. */
+        pollfd second = {srv->sockfd, POLLIN, 0};
+        if (accepted + refused == 1 && poll(&second, 1, 0) == 0) {
             (void)goes_on(__func__, srv, EAGAIN);
             break;
         }
