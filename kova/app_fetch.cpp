@@ -38,6 +38,7 @@ int connect_to_src(const char* url, usock_ctx* sctx) noexcept
 /* The connect has ended, one way or the other: sending the GET tells which. */
 static void request_data_stream(dw_task* task) noexcept
 {
+    errno = 0; /* a GET that cannot even be written must not be judged by another connection's end */
     int rc = usock_http_get(task->sfd, task->spec.url, &task->sctx);
     if (rc == 0) {
         rc = rqs_mod(task->sfd, task, RQS_READ);
