@@ -102,13 +102,6 @@ int expire_file(const char* path, long age) noexcept
     return 0;
 }
 
-int check_and_expire(const char* path, long max_age) noexcept
-{
-    long age = 0;
-    const int rc = check_age(path, max_age, &age);
-    return rc == ESTALE ? expire_file(path, age) : rc;
-}
-
 /* Between the look at an old lock and the creation another host may come first; the exclusive creation decides. */
 int lid_lock(const char* lid, timespec* taken) noexcept
 {

@@ -12,11 +12,8 @@ constexpr long STALE_LOCK_SEC = 30; /* the same for lock files and unfinished fi
 [[nodiscard]] int lid_lock(const char* lid, timespec* taken) noexcept;
 /* Removes the lock unless another order has taken it over; call it only for a lock taken with lid_lock() == 0. */
 void lid_unlock(const char* lid, const timespec& taken) noexcept;
-/* 0 no file, or a stale one was removed; EBUSY the file is max_age seconds old or younger; -1 error (logged). A link to
-   nowhere counts by its own age. */
-[[nodiscard]] int check_and_expire(const char* path, long max_age) noexcept;
-/* The two halves of it, for a caller that decides between them. 0 no file; EBUSY young (logged); ESTALE older, and *age
-   says by how many seconds; -1 error (logged). */
+/* 0 no file; EBUSY the file is max_age seconds old or younger (logged); ESTALE older, and *age says how old it is in
+   seconds; -1 error (logged). A link to nowhere counts by its own age. */
 [[nodiscard]] int check_age(const char* path, long max_age, long* age) noexcept;
 /* Removes a file that check_age has found too old. 0, or -1 (logged). */
 [[nodiscard]] int expire_file(const char* path, long age) noexcept;

@@ -66,9 +66,10 @@ class Background(KovTest):
         name = "x" * (128 - len(root) - 1)
         self.failed_start(["is too long (128), max = 127 characters.\n"], [1], ("-D", name), lambda: os.chdir(root))
         root = self.next_root()
-        agent = self.background(options=("-D", "d"), preexec=lambda: os.chdir(root))
-        agent.logged(f"\tdata directory       = [{root}/d]\n")
+        agent = self.background(options=("-D", "d/"), preexec=lambda: os.chdir(root))
+        agent.logged(f"\tdata directory       = [{root}/d/]\n")
         agent.fetch(self.origin.body("/a", b"here"), "sub/a", b"here")
+        agent.logged(f" to [{root}/d/sub/a]\n")
 
     def test_core_limit(self):
         for user, hard, limit, message in (("", resource.RLIM_INFINITY, "unlimited", ""),

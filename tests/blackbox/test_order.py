@@ -135,8 +135,11 @@ class Grammar(KovTest):
         self.origin.body("/src/a/dst/b", b"nested")  # a blank splits the request line of the scripted source
         room = 126 - len(agent.data) - len("/-Kova")
         nested = self.origin.url("/src/a/dst/b")
+        longest = self.origin.body("/".ljust(127 - len(self.origin.url("")), "a"), b"nested")
         for target, stored in ((f"/p/dst/q/src/{nested}%20c/dst/n1", "n1"), (f"/src/{nested}+c/dst//n2", "n2"),
-                               (f"/src/{nested}%20c/dst/{'n' * room}", "n" * room)):
+                               (f"/src/{nested}%20c/dst/{'n' * room}", "n" * room),
+                               (f"/src/{longest}/dst/up..ward/..x/y..", "up..ward/..x/y.."),
+                               (f"/src/{nested}+c/dst/x-kova/x-Kovas", "x-kova/x-Kovas")):
             agent.get(target, 200)
             agent.stored(stored, b"nested")
         for n, host in enumerate(("udp", "RTP:80", "src", "hls-m3u", "hls-fra", "dst")):  # no segment

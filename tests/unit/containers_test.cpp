@@ -1,7 +1,6 @@
 /* Containers: a random walk for each, compared with a standard one after every step, then the limits. */
 #include "dlep.h"
 #include "gkh.h"
-#include "rui_internal.h"
 #include "xvdat.h"
 
 #include <gtest/gtest.h>
@@ -193,16 +192,6 @@ TEST(Containers, ATextTableIsAMapOfItsCutKeys)
         }
         skht_destroy(t, nullptr);
     }
-}
-
-TEST(Containers, ASetOfDescriptorsGrows)
-{
-    rui_fdset set{};
-    for (const int fd : {0, 63, 64, 100000}) {
-        EXPECT_FALSE(rui_fdset_test(&set, fd)) << fd;
-        EXPECT_TRUE(rui_fdset_mark(&set, fd) && rui_fdset_test(&set, fd)) << fd;
-    }
-    free(set.words);
 }
 
 TEST(Containers, FaultsOfCallersStopThem)

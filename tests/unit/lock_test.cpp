@@ -1,4 +1,4 @@
-/* Order locks: to the second how long one counts, the second look, and that none is touched when locking is off. */
+/* Order locks: to the second how long one counts, and the second look. */
 #include "lock.h"
 
 #include "caught_log.h"
@@ -42,14 +42,13 @@ protected:
         g_on_sleep = nullptr;
     }
 
-    /* check_and_expire on a file of this age, within one second of the clock. */
-    int check_aged(const std::string& path, long age)
+    /* An order for the lock of this age, within one second of the clock. */
+    int lock_aged(long age)
     {
         for (;;) {
             const time_t now = time(nullptr);
-            dir.put("f");
-            set_age(path, now, age);
-            const int rc = check_and_expire(path.c_str(), STALE_LOCK_SEC);
+            set_age(dir.put("job-1.lock"), now, age);
+            const int rc = lid_lock("job-1", &taken);
             if (time(nullptr) == now)
                 return rc;
         }
@@ -63,14 +62,11 @@ protected:
 TEST_F(Lock, CountsUntilItIsOlderThanTheLimit)
 {
     const std::pair<long, int> cases[] = {{-3600, EBUSY}, {0, EBUSY}, {30, EBUSY}, {31, 0}, {86400, 0}};
-    const std::string path = dir.at("f");
-    for (const auto& [age, rc] : cases) {
-        EXPECT_EQ(check_aged(path, age), rc) << age;
-        EXPECT_EQ(dir.has("f"), rc == EBUSY) << age;
-    }
+    const std::string path = dir.at("job-1.lock");
+    for (const auto& [age, rc] : cases)
+        EXPECT_EQ(lock_aged(age), rc) << age;
     EXPECT_TRUE(log.has("check_and_expire: upstanding lock [" + path + "] (age=30) found\n"));
     EXPECT_TRUE(log.has("check_and_expire: expired stale lock [" + path + "], age=31 sec\n"));
-    EXPECT_EQ(check_and_expire(dir.at("none").c_str(), STALE_LOCK_SEC), 0);
 }
 
 TEST_F(Lock, ALinkToNowhereHasAnAgeOfItsOwn)
@@ -113,17 +109,7 @@ TEST_F(Lock, OfAStrangeAgeIsLookedAtTwice)
 
 TEST_F(Lock, WhatCannotBeLookedAtIsNoLock)
 {
-    const std::string under = dir.put("file") + "/x";
-    EXPECT_EQ(check_and_expire(under.c_str(), STALE_LOCK_SEC), -1);
-    EXPECT_TRUE(log.has("check_and_expire: stat(" + under + ", ..) ERROR(20): "));
-}
-
-TEST_F(Lock, OffTouchesNothing)
-{
-    g_cfg.udp_cha.must_lock = false;
-    EXPECT_EQ(lid_lock("job-1", &taken), 0);
-    EXPECT_TRUE(dir.is_empty());
-    dir.put("job-1.lock");
-    lid_unlock("job-1", taken);
-    EXPECT_TRUE(dir.has("job-1.lock"));
+    cut_text(g_cfg.udp_cha.lkdir, sizeof(g_cfg.udp_cha.lkdir), dir.put("file"));
+    EXPECT_EQ(lid_lock("job-1", &taken), -1);
+    EXPECT_TRUE(log.has("check_and_expire: stat(" + dir.at("file/job-1.lock") + ", ..) ERROR(20): "));
 }

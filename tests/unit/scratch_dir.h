@@ -22,7 +22,6 @@ public:
 
     std::string at(const std::string& name) const { return path + "/" + name; }
     bool has(const std::string& name) const { return std::filesystem::exists(at(name)); }
-    bool is_empty() const { return std::filesystem::is_empty(path); }
     std::string put(const std::string& name, const std::string& text = "") const
     {
         std::ofstream(at(name)) << text;
