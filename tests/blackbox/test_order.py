@@ -78,6 +78,7 @@ class Answers(KovTest):
         agent.logged(f"check_dest_path: destination [{agent.path('there')}] is BUSY (already there)")
         write(agent.path("f-Kova"), "left behind", 29)
         agent.order(source, "f", 400)
+        agent.logged(f"setup_dw_spec: [{agent.path('f-Kova')}] already exists\n")
         age(agent.path("f-Kova"), 32)
         agent.fetch(source, "f", b"fresh")
 

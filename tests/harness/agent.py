@@ -1,6 +1,7 @@
 """The real program with a directory, ports and a configuration of its own, the verbs by which it is driven, and the
 commands that can stand in front of it."""
 
+import contextlib
 import ctypes
 import os
 import random
@@ -13,6 +14,7 @@ import time
 import unittest
 
 import kov_client
+import psutil
 
 KOV = os.environ["KOV"]
 ASAN = "asan" in KOV
@@ -120,29 +122,12 @@ def unshare(what, preparation):
     return ["unshare", what, "sh", "-c", f'{preparation} && exec "$0" "$@"']
 
 
-class Daemon:
-    """A process that has left its starter and was adopted by this one: the part of Popen that the tests use."""
-
-    def __init__(self, pid):
-        self.pid = pid
-        self.returncode = None
+class Daemon(psutil.Process):
+    """A process that has left its starter and was adopted by this one, with the part of Popen that the tests use."""
 
     def poll(self):
-        if self.returncode is None:
-            pid, status = os.waitpid(self.pid, os.WNOHANG)
-            if pid:
-                self.returncode = os.waitstatus_to_exitcode(status)
-        return self.returncode
-
-    def wait(self, seconds=10):
-        wait_for(lambda: self.poll() is not None, "the daemon's end", seconds)
-        return self.returncode
-
-    def send_signal(self, signo):
-        os.kill(self.pid, signo)
-
-    def kill(self):
-        self.send_signal(signal.SIGKILL)
+        with contextlib.suppress(psutil.TimeoutExpired):
+            return self.wait(0)
 
 
 def adopt_orphans():

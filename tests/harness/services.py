@@ -1,11 +1,12 @@
 """Redis with the shipped script, nginx; a database and a name server of scripted answers."""
 
-import contextlib
 import os
 import random
-import socket
 import subprocess
-import threading
+import time
+
+from dnslib import QTYPE, RCODE, RR, A
+from dnslib.server import DNSLogger, DNSServer
 
 from .agent import free_port, unshare, wait_for, write
 from .source import Server
@@ -107,28 +108,23 @@ class NameServer:
     def __init__(self, root, pause, is_known):
         self.pause = pause
         self.is_known = is_known
-        self.asked = []
-        self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.sock.bind((f"127.{os.getpid() % 250}.{random.randrange(250)}.53", 53))
-        write(f"{root}/resolv.conf", f"nameserver {self.sock.getsockname()[0]}\noptions timeout:5 attempts:1\n")
+        self.asked = set()
+        address = f"127.{os.getpid() % 250}.{random.randrange(250)}.53"
+        write(f"{root}/resolv.conf", f"nameserver {address}\noptions timeout:5 attempts:1\n")
         self.wrapper = unshare("-m", f"mount --bind {root}/resolv.conf /etc/resolv.conf")
-        self.server = threading.Thread(target=self._serve, daemon=True)
-        self.server.start()
+        self.server = DNSServer(self, address, logger=DNSLogger("-request,-reply"))
+        self.server.start_thread()
 
-    def _serve(self):
-        while query := (received := self.sock.recvfrom(512))[0]:
-            name = query[12:query.index(b"\0", 12) + 1]
-            kind = query[12 + len(name):][:2]
-            self.asked.append(name)
-            answer = b"\xc0\x0c\0\1\0\1\0\0\0\0\0\4\x7f\0\0\1" if self.is_known and kind == b"\0\1" else b""
-            head = query[:2] + (b"\x81\x80" if self.is_known else b"\x81\x83") + b"\0\1\0%c\0\0\0\0" % bool(answer)
-            threading.Timer(self.pause, self._answer, (head + name + kind + b"\0\1" + answer, received[1])).start()
-
-    def _answer(self, data, client):
-        with contextlib.suppress(OSError):  # the test has ended
-            self.sock.sendto(data, client)
+    def resolve(self, query, _handler):
+        self.asked.add(str(query.q.qname))
+        time.sleep(self.pause)
+        answer = query.reply()
+        if not self.is_known:
+            answer.header.rcode = RCODE.NXDOMAIN
+        elif query.q.qtype == QTYPE.A:
+            answer.add_answer(RR(query.q.qname, rdata=A("127.0.0.1")))
+        return answer
 
     def stop(self):
-        self.sock.sendto(b"", self.sock.getsockname())  # wakes the server
-        self.server.join()
-        self.sock.close()
+        self.server.stop()
+        self.server.server.server_close()

@@ -142,20 +142,6 @@ TEST(Containers, AMappedSlotListNeverMovesNorGrows)
         EXPECT_EQ(xvlst_mmap_fixed(&l, n, 4096), -1);
 }
 
-TEST(Containers, AVectorGrowsInBlocksAndKeepsItsElements)
-{
-    xvec v{};
-    ASSERT_EQ(xvec_reserve(&v, 11, SZ, 10), 0);
-    EXPECT_EQ(v.max_len, 20U);
-    static_cast<long*>(v.data)[19] = 5;
-    ASSERT_EQ(xvec_reserve(&v, 21, SZ, 10), 0);
-    EXPECT_EQ(v.max_len, 30U);
-    EXPECT_EQ(static_cast<long*>(v.data)[19], 5);
-    EXPECT_EQ(static_cast<long*>(v.data)[29], 0);
-    EXPECT_EQ(xvec_reserve(&v, SIZE_MAX / 2, SZ, 10), -1);
-    xvec_reset(&v);
-}
-
 TEST(Containers, ATextTableIsAMapOfItsCutKeys)
 {
     std::array<std::string, 60> keys;
@@ -202,8 +188,4 @@ TEST(Containers, FaultsOfCallersStopThem)
     dlep_destroy(l, nullptr);
     xvlst slots{};
     EXPECT_DEATH((void)xvlst_expand(&slots, 1, SZ, 0), "growblk");
-    nkht_t t = nullptr;
-    EXPECT_EQ(nkht_create(&t, HT_MAX_CAP + 1, nullptr), 75);
-    EXPECT_EQ(t, nullptr);
-    EXPECT_DEATH((void)nkht_create(&t, 0, nullptr), "ph && capacity");
 }
