@@ -6,10 +6,8 @@
 
 #include <array>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -95,37 +93,6 @@ TEST(Responses, ThatDoNotFitAreNone)
         EXPECT_EQ(mk_http_response(&resp, buf.data(), cap), -1) << cap;
     EXPECT_EQ(mk_http_response(&resp, buf.data(), text.size() + 1), static_cast<int>(text.size()));
     EXPECT_EQ(buf.data(), text);
-}
-
-/* What sources have been getting away with, and the counts in the refusals, are those of the C library. */
-TEST(TextScan, TakesAndCountsAsScanfDoes)
-{
-    std::istringstream texts(
-        "|HT|junk|http/1.1 200 OK|HTTP/|HTTP/ |HTTP/x|HTTP/1|HTTP/1 .1 200 OK|HTTP/1. 1 200 OK|HTTP/11 200 OK|"
-        "HTTP/-1.1 200 OK|HTTP/1.1|HTTP/1.1200 OK|HTTP/1.1 +|HTTP/1.1 - 200|HTTP/1.1 200|HTTP/1.1 200 \r\n|"
-        "HTTP/1.1 200\r\nContent-Length: 5|HTTP/1.1\t\v+200 OK|HTTP/1.1 0x1 OK|HTTP/1.1 -7 OK|"
-        "HTTP/1.1 200 1234567890123456789012345678901234567890 b|HTTP/1.1 99999999999999999999999 OK|"
-        "HTTP/1.1 -99999999999999999999999 OK|HTTP/1.1 4294967496 OK");
-    for (std::string text; std::getline(texts, text, '|');) {
-        std::array<int, 3> theirs{};
-        std::array<char, 32> their_word{};
-        const int n = sscanf(text.c_str(), "HTTP/%1d.%1d %d %31s\r\n", &theirs[0], &theirs[1], // NOLINT(cert-err34-c)
-                             &theirs[2], their_word.data());
-        std::array<long, 3> ours{};
-        std::array<char, 32> our_word{};
-        text_scan s = {.p = text.c_str(), .count = 0, .failed = false};
-        scan_literal(&s, "HTTP/");
-        scan_num(&s, 1, &ours[0]);
-        scan_literal(&s, ".");
-        scan_num(&s, 1, &ours[1]);
-        scan_num(&s, SIZE_MAX, &ours[2]);
-        scan_word(&s, our_word.data(), our_word.size());
-        EXPECT_EQ(s.count, n) << text;
-        EXPECT_TRUE(std::equal(theirs.begin(), theirs.end(), ours.begin(), [](int a, long b) {
-            return a == static_cast<int>(b);
-        })) << text;
-        EXPECT_STREQ(our_word.data(), their_word.data()) << text;
-    }
 }
 
 struct SourceHead : testing::Test {
