@@ -28,6 +28,7 @@ namespace
 {
 
 constexpr long FIRST_UNIX_TIME = 1000000000; /* an expiry from here on is a time, not a length */
+constexpr long CLOCK_SLACK_SEC = 2;          /* between a record's time and that of a process */
 constexpr size_t LINE_MAX_LEN = 65536;
 
 /* ---- a record ---- */
@@ -343,13 +344,14 @@ void read_logs(std::span<char* const> args, history* h)
                 take_record(h, *r);
         }
     }
-    std::set<pid_t> pids;
-    for (const auto& [key, o] : h->running)
-        pids.insert(key.first);
-    for (const pid_t pid : pids) {
-        if (!is_agent(pid))
-            cut_all(h, pid, "cut by a crash");
+    std::set<pid_t> gone;
+    for (const auto& [key, o] : h->running) {
+        /* After a reboot another agent may have the number. */
+        if (!is_agent(key.first) || (o.tm != 0 && o.tm + CLOCK_SLACK_SEC < start_of(key.first)))
+            gone.insert(key.first);
     }
+    for (const pid_t pid : gone)
+        cut_all(h, pid, "cut by a crash");
     /* What is being fetched once more, or is there after all, is not lost. */
     for (const auto& [key, o] : h->running)
         h->lost.erase(o.path);

@@ -151,6 +151,21 @@ bool is_agent(pid_t pid)
     return name_of(pid) == APP_NAME;
 }
 
+time_t start_of(pid_t pid)
+{
+    constexpr int NAME_FIELD = 2; /* in brackets, and may hold blanks */
+    constexpr int START_FIELD = 22;
+    const std::string stat = first_line(proc_of(pid) / "stat");
+    size_t at = stat.rfind(')');
+    for (int field = NAME_FIELD; field < START_FIELD && at != std::string::npos; ++field)
+        at = stat.find(' ', at + 1);
+    timespec up{};
+    if (at == std::string::npos || clock_gettime(CLOCK_BOOTTIME, &up) != 0)
+        return 0;
+    const auto ticks = parse_num<long>(stat.substr(at + 1, stat.find(' ', at + 1) - at - 1)); /* since the boot */
+    return time(nullptr) - up.tv_sec + ticks.value_or(0) / sysconf(_SC_CLK_TCK);
+}
+
 std::optional<std::vector<descriptor>> descriptors_of(pid_t pid)
 {
     const std::unique_ptr<DIR, releaser<closedir>> dir(opendir((proc_of(pid) / "fd").c_str()));

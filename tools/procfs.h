@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <filesystem>
 #include <optional>
 #include <set>
@@ -18,6 +19,8 @@ struct rui_cfg;
 [[nodiscard]] std::vector<pid_t> all_pids();
 [[nodiscard]] std::string name_of(pid_t pid);
 [[nodiscard]] bool is_agent(pid_t pid);
+/* When it began, by the wall clock of now; the epoch if it is gone. */
+[[nodiscard]] time_t start_of(pid_t pid);
 
 /* An open descriptor of a process. */
 struct descriptor {

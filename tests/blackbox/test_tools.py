@@ -363,7 +363,10 @@ unfinished: {running}, 3 of 9 bytes, 4\d s since its last change\n$""")
         wait_for(lambda: "over: cut by a stop, over" in self.ctl("lost", status=1), "the expiry's end")
         time.sleep(1)  # the next log is named by the second, too
         agent.order(self.origin.halves("/crashed"), "crashed")
+        log = agent.log()
         self.agent.restart(signal.SIGKILL)
+        write(f"{self.root}/last-boot", re.sub(r"(?m)^2\d{3}(-.* )\d+(?=  \()", rf"2001\g<1>{agent.pid}", log))
+        self.ctl("lost", f"{self.root}/last-boot", status=1, says="/crashed: cut by a crash")
         age(agent.path("crashed-Kova"), 1000)
         lost = [re.sub(r"^\S+ -> |\d+(?= s)", "", line) for line in self.ctl("lost", status=1).splitlines()]
         self.assertEqual(lost, [f"{agent.data}/{what}" for what in (
