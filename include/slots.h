@@ -1,6 +1,6 @@
-/* Lists of one type over the containers of xvdat.h: the element's type gives the size, and a callback gets the element
-   itself. Results are those of the xvlst_ or xvec_ function of the same name; an index is what slots_add gave. All zero
-   is an empty list. */
+/* Slot lists of one type over xvlst of xvdat.h: the element's type gives the size, and a callback gets the element
+   itself. Results are those of the xvlst_ function of the same name; an index is what slots_add gave. All zero is an
+   empty list. */
 #pragma once
 
 #include "xvdat.h"
@@ -108,29 +108,4 @@ template <class T, size_t G>
 int slots_rm(slots<T*, G>* s, const T* p) noexcept
 {
     return xvlst_rmif(&s->raw, const_cast<T*>(p), is_ptr_match, nullptr);
-}
-
-/* A vector of T that grows by GROWBLK elements. */
-template <class T, size_t GROWBLK>
-struct vec {
-    static_assert(std::is_trivially_copyable_v<T>, "elements are moved byte by byte");
-    xvec raw;
-};
-
-template <class T, size_t G>
-[[nodiscard]] T* vec_at(vec<T, G>* v, size_t i) noexcept
-{
-    return static_cast<T*>(v->raw.data) + i;
-}
-
-template <class T, size_t G>
-[[nodiscard]] int vec_reserve(vec<T, G>* v, size_t n) noexcept
-{
-    return xvec_reserve(&v->raw, n, sizeof(T), G);
-}
-
-template <class T, size_t G>
-void vec_reset(vec<T, G>* v) noexcept
-{
-    xvec_reset(&v->raw);
 }

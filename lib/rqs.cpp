@@ -22,6 +22,7 @@
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr int EPOLL_SIZE_HINT = 128;
+constexpr size_t EVENTS_GROWBLK = 10;
 constexpr int MANY_EVENTS = 15;
 constexpr long SIGNAL_CHECK_NS = 10000000; /* pending signals are looked for this often while events are handled */
 
@@ -104,8 +105,8 @@ void rqs_destroy() noexcept
         close(g_rqs.loopfd);
     g_rqs.loopfd = -1;
     slots_reset(&g_rqs.nopoll);
-    vec_reset(&g_rqs.nopoll_rm);
-    vec_reset(&g_rqs.events);
+    slots_reset(&g_rqs.nopoll_rm);
+    xvec_reset(&g_rqs.events);
     g_rqs.poll_fds = 0;
 }
 
@@ -237,12 +238,19 @@ static void check_signals() noexcept
     deliver_pending_signals();
 }
 
+/* What the kernel fills; another block after every wait that has reserved more. */
+static epoll_event* event_slots() noexcept
+{
+    return static_cast<epoll_event*>(g_rqs.events.data);
+}
+
 /* As epoll_wait, with errno; the clock is refreshed in every case. */
 static int wait4events() noexcept
 {
     /* As many slots as descriptors are watched, and never none: the kernel refuses an empty array. */
     const size_t wanted = g_rqs.poll_fds > 0 ? g_rqs.poll_fds : 1;
-    if (wanted > g_rqs.events.raw.max_len && vec_reserve(&g_rqs.events, wanted) != 0) {
+    if (wanted > g_rqs.events.max_len &&
+        xvec_reserve(&g_rqs.events, wanted, sizeof(epoll_event), EVENTS_GROWBLK) != 0) {
         LOG_ERR("%s: xvec_reserve failed\n", __func__);
         panic_abort();
     }
@@ -256,17 +264,17 @@ static int wait4events() noexcept
         limit = static_cast<int>(g_rqs.tmout.tv_sec * 1000 + g_rqs.tmout.tv_nsec / 1000000);
     }
     LOG_DEBUG("%s: timeout=%f sec\n", __func__, limit < 0 ? -1.0 : limit / 1000.0);
-    const int n = epoll_pwait(g_rqs.loopfd, vec_at(&g_rqs.events, 0), static_cast<int>(g_rqs.events.raw.max_len), limit,
-                              wait_sigmask());
+    const int n =
+        epoll_pwait(g_rqs.loopfd, event_slots(), static_cast<int>(g_rqs.events.max_len), limit, wait_sigmask());
     const int err = errno;
     if (n < 0 && err == EINTR)
         LOG_INFO("%s interrupted, quit=%d\n", __func__, g_quit);
     else if (n < 0)
         LOG_ERRNO("%s: epoll_wait(%d...)", __func__, g_rqs.loopfd);
-    else if (n > MANY_EVENTS && static_cast<size_t>(n) == g_rqs.events.raw.max_len)
+    else if (n > MANY_EVENTS && static_cast<size_t>(n) == g_rqs.events.max_len)
         LOG_WARN("%s: all event slots populated, might need more\n", __func__);
     if (n >= 0)
-        g_rqs.events.raw.len = static_cast<size_t>(n);
+        g_rqs.events.len = static_cast<size_t>(n);
     if (n > 0)
         LOG_DEBUG("%s: got %d events\n", __func__, n);
     refresh_clock();
@@ -283,7 +291,7 @@ static int wait4events() noexcept
    registered, so a data word is never looked behind here; it may be a bare descriptor number. */
 static int on_event(const epoll_event& ev) noexcept
 {
-    ASSERT(g_rqs.events.raw.max_len > 0);
+    ASSERT(g_rqs.events.max_len > 0);
     uint32_t flags = 0;
     if (ev.events & EPOLLERR)
         flags |= RQS_SOCKERR;
@@ -333,60 +341,56 @@ static int post_process(int stage) noexcept
     return g_rqs_cfg.cb.post_process ? g_rqs_cfg.cb.post_process() : 0;
 }
 
-/* One round; the order of its steps is what handlers may rely on. False ends the loop. */
-static bool one_round(const char* fn, int* rc, size_t* failed) noexcept
-{
-    const rqs_callbacks& cb = g_rqs_cfg.cb;
-    g_rqs.loop_stage = ELOOP_START;
-    bool is_idle = g_rqs.poll_fds == 0 && slots_len(g_rqs.nopoll) == 0;
-    if (is_idle && cb.is_dormant)
-        is_idle = cb.is_dormant();
-    if (is_idle && g_rqs_cfg.quit_on_zero_fds) {
-        LOG_CRIT("%s: no fd's, no activity, quitting now.\n", fn);
-        return false;
-    }
-    g_rqs.events.raw.len = 0;
-    int n = 0;
-    if (!take_events(&n, rc))
-        return false;
-    rqs_prepare_nopoll_rm();
-    if ((*rc = rqs_service_nopoll()) != 0)
-        return false;
-    if ((*rc = rqs_purge_nopoll()) != 0)
-        return false;
-    if (n > 0)
-        LOG_DEBUG("%s: processing %d pollable events\n", fn, n);
-    g_rqs.loop_stage = ELOOP_EV;
-    const epoll_event* events = vec_at(&g_rqs.events, 0);
-    /* Events left over when a quit signal has come are dropped: what they belong to ends anyway. */
-    for (int i = 0; i < n && !g_quit; ++i) {
-        *failed += on_event(events[i]) != 0;
-        check_signals();
-    }
-    if ((*rc = post_process(ELOOP_POSTEV)) != 0)
-        return false;
-    if ((*rc = rqs_purge_nopoll()) != 0)
-        return false;
-    if (*failed > 0) {
-        LOG_DEBUG("%s: failed %zu events\n", fn, *failed);
-        return false;
-    }
-    if (cb.on_idle && (*rc = cb.on_idle()) != 0)
-        return false;
-    *rc = post_process(ELOOP_ENDPP);
-    return *rc == 0;
-}
-
-/* The result tells a clean stop from the others: a wait that a quit signal has interrupted is no failure. */
+/* The order of a round's steps is what handlers may rely on. The result tells a clean stop from the others: a wait that
+   a quit signal has interrupted is no failure. */
 int rqs_event_loop() noexcept
 {
     ASSERT(g_rqs.loopfd >= 0);
-    if (g_rqs_cfg.cb.update_tmout)
-        g_rqs_cfg.cb.update_tmout(&g_rqs.tmout);
+    const rqs_callbacks& cb = g_rqs_cfg.cb;
+    if (cb.update_tmout)
+        cb.update_tmout(&g_rqs.tmout);
     LOG_INFO("Entering event loop\n");
     int rc = 0;
     size_t failed = 0;
-    while (!g_quit && one_round(__func__, &rc, &failed)) {
+    while (!g_quit) {
+        g_rqs.loop_stage = ELOOP_START;
+        bool is_idle = g_rqs.poll_fds == 0 && slots_len(g_rqs.nopoll) == 0;
+        if (is_idle && cb.is_dormant)
+            is_idle = cb.is_dormant();
+        if (is_idle && g_rqs_cfg.quit_on_zero_fds) {
+            LOG_CRIT("%s: no fd's, no activity, quitting now.\n", __func__);
+            break;
+        }
+        g_rqs.events.len = 0;
+        int n = 0;
+        if (!take_events(&n, &rc))
+            break;
+
+        rqs_prepare_nopoll_rm();
+        if ((rc = rqs_service_nopoll()) != 0)
+            break;
+        rqs_purge_nopoll();
+
+        if (n > 0)
+            LOG_DEBUG("%s: processing %d pollable events\n", __func__, n);
+        g_rqs.loop_stage = ELOOP_EV;
+        /* Events left over when a quit signal has come are dropped: what they belong to ends anyway. */
+        for (int i = 0; i < n && !g_quit; ++i) {
+            failed += on_event(event_slots()[i]) != 0;
+            check_signals();
+        }
+
+        if ((rc = post_process(ELOOP_POSTEV)) != 0)
+            break;
+        rqs_purge_nopoll();
+        if (failed > 0) {
+            LOG_DEBUG("%s: failed %zu events\n", __func__, failed);
+            break;
+        }
+        if (cb.on_idle && (rc = cb.on_idle()) != 0)
+            break;
+        if ((rc = post_process(ELOOP_ENDPP)) != 0)
+            break;
     }
     if (rc == EINTR && g_quit)
         rc = 0;

@@ -15,14 +15,14 @@ struct nopoll_ref {
 };
 
 struct rqs_context {
-    int loopfd;                  /* epoll descriptor, -1 = none */
-    vec<epoll_event, 10> events; /* slots handed to the kernel */
-    size_t poll_fds;             /* descriptors in the epoll set */
+    int loopfd;      /* epoll descriptor, -1 = none */
+    xvec events;     /* of epoll_event: slots handed to the kernel */
+    size_t poll_fds; /* descriptors in the epoll set */
     slots<nopoll_ref, 10> nopoll;
-    vec<ssize_t, 10> nopoll_rm; /* slots of nopoll queued for removal */
-    timespec tmout;             /* wait limit, negative = none */
-    timespec itime;             /* CLOCK_MONOTONIC of the last wait */
-    int loop_stage;             /* rqs_loop_stage */
+    slots<ssize_t, 10> nopoll_rm; /* slots of nopoll queued for removal */
+    timespec tmout;               /* wait limit, negative = none */
+    timespec itime;               /* CLOCK_MONOTONIC of the last wait */
+    int loop_stage;               /* rqs_loop_stage */
 };
 
 extern rqs_context g_rqs;
@@ -32,4 +32,4 @@ void rqs_init_nopoll() noexcept;
 void rqs_prepare_nopoll_rm() noexcept;
 /* 0, or a handler's result (logged). */
 [[nodiscard]] int rqs_service_nopoll() noexcept;
-[[nodiscard]] int rqs_purge_nopoll() noexcept;
+void rqs_purge_nopoll() noexcept;

@@ -14,7 +14,7 @@ constexpr size_t NOPOLL_ROOM = 20;
 
 void rqs_init_nopoll() noexcept
 {
-    if (slots_reserve(&g_rqs.nopoll, NOPOLL_ROOM) != 0 || vec_reserve(&g_rqs.nopoll_rm, NOPOLL_ROOM) != 0)
+    if (slots_reserve(&g_rqs.nopoll, NOPOLL_ROOM) != 0 || slots_reserve(&g_rqs.nopoll_rm, NOPOLL_ROOM) != 0)
         PANIC("%s: cannot reserve memory for g_rqs.nopoll/rm\n", "rqs_init");
 }
 
@@ -55,20 +55,19 @@ int rqs_rm_nopoll(ssize_t j) noexcept
 void rqs_pprm_nopoll(ssize_t j) noexcept
 {
     ASSERT(j >= 0);
-    auto& rm = g_rqs.nopoll_rm;
-    if (vec_reserve(&rm, rm.raw.len + 1) != 0)
+    const ssize_t pos = slots_put(&g_rqs.nopoll_rm, j);
+    if (pos < 0)
         PANIC("%s: cannot add an item to nopoll_rm\n", __func__);
-    *vec_at(&rm, rm.raw.len++) = j;
-    LOG_DEBUG("%s: added no-poll event[%zd] at pos=%zu, total: %zu no-poll events.\n", __func__, j, rm.raw.len - 1,
+    LOG_DEBUG("%s: added no-poll event[%zd] at pos=%zd, total: %zu no-poll events.\n", __func__, j, pos,
               slots_len(g_rqs.nopoll));
 }
 
 /* Room for all of them, before the first handler of the round runs. */
 void rqs_prepare_nopoll_rm() noexcept
 {
-    if (vec_reserve(&g_rqs.nopoll_rm, slots_len(g_rqs.nopoll)) != 0)
+    if (slots_reserve(&g_rqs.nopoll_rm, slots_len(g_rqs.nopoll)) != 0)
         PANIC("Failed to reserve %zu elements for nopoll_rm container.\n", slots_len(g_rqs.nopoll));
-    g_rqs.nopoll_rm.raw.len = 0;
+    xvlst_purge_all(&g_rqs.nopoll_rm.raw, nullptr);
 }
 
 static int service_one(nopoll_ref* at, size_t j) noexcept
@@ -95,11 +94,12 @@ int rqs_service_nopoll() noexcept
 }
 
 /* The slot's bytes are read before it is released; a slot that was listed twice is a fault of the program. */
-int rqs_purge_nopoll() noexcept
+void rqs_purge_nopoll() noexcept
 {
     auto& rm = g_rqs.nopoll_rm;
-    for (size_t i = 0; i < rm.raw.len; ++i) {
-        const ssize_t j = *vec_at(&rm, i);
+    for (size_t i = 0; i < slots_len(rm);
+         ++i) { /* nothing leaves the list singly: its slots are taken from the front */
+        const ssize_t j = *slots_at(&rm, static_cast<ssize_t>(i));
         ASSERT(j >= 0);
         const nopoll_ref ref = *slots_at(&g_rqs.nopoll, j);
         LOG_DEBUG("%s: fd=%d, udata=%p (j=%zd)\n", __func__, ref.fd, ref.udata, j);
@@ -108,6 +108,5 @@ int rqs_purge_nopoll() noexcept
         if (slots_del(&g_rqs.nopoll, j) != 0)
             PANIC("%s: failed to remove j=%zd\n", __func__, j);
     }
-    rm.raw.len = 0;
-    return 0;
+    xvlst_purge_all(&rm.raw, nullptr);
 }
