@@ -40,52 +40,25 @@ static void copy_addr(const sockaddr* sa, sockaddr_storage* ss) noexcept
 
 /* ---- interfaces ---- */
 
-/* name is an interface's, or the label of one of its addresses (eth0:1), which stands there as a name. */
-static int ifc_addr_lookup(const char* fn, const ifaddrs* list, int family, const char* name, ifc_info* info) noexcept
+/* Whether an entry has an address of the family; of one of the two where any will do. */
+static bool is_family(const ifaddrs* ifa, int family) noexcept
 {
-    for (const ifaddrs* ifa = list; ifa; ifa = ifa->ifa_next) {
-        if (!ifa->ifa_addr || strcmp(ifa->ifa_name, name) != 0)
-            continue;
-        const int af = ifa->ifa_addr->sa_family;
-        if (af == family || (family == AF_UNSPEC && (af == AF_INET || af == AF_INET6))) {
-            copy_addr(ifa->ifa_addr, &info->ss);
-            return 0;
-        }
-    }
-    LOG_ERR("%s: failed to look up address for ifc=%s\n", fn, name);
-    return -1;
+    const int af = ifa->ifa_addr ? ifa->ifa_addr->sa_family : AF_UNSPEC;
+    return family == AF_UNSPEC ? af == AF_INET || af == AF_INET6 : af == family;
 }
 
 /* An address has many spellings. */
-static bool is_addr_text(const sockaddr* sa, int family, const char* text) noexcept
+static bool is_addr_text(const sockaddr* sa, const char* text) noexcept
 {
     in6_addr addr{};
-    if (family == AF_INET)
+    if (sa->sa_family == AF_INET)
         return inet_pton(AF_INET, text, &addr) == 1 && memcmp(&addr, &as_in(sa)->sin_addr, sizeof(in_addr)) == 0;
-    return family == AF_INET6 && inet_pton(AF_INET6, text, &addr) == 1 &&
+    return sa->sa_family == AF_INET6 && inet_pton(AF_INET6, text, &addr) == 1 &&
            IN6_ARE_ADDR_EQUAL(&addr, &as_in6(sa)->sin6_addr);
 }
 
-/* Finds the entry whose name or address is text; an address match fills ss. */
-static bool match_ifc(const char* fn, const ifaddrs* list, int family, const char* text, ifc_info* info) noexcept
-{
-    for (const ifaddrs* ifa = list; ifa; ifa = ifa->ifa_next) {
-        const int af = ifa->ifa_addr ? ifa->ifa_addr->sa_family : AF_UNSPEC;
-        const bool by_name = strcmp(ifa->ifa_name, text) == 0;
-        const bool by_addr = (family == AF_UNSPEC || af == family) && is_addr_text(ifa->ifa_addr, af, text);
-        if (!by_name && !by_addr)
-            continue;
-        info->idx = if_nametoindex(ifa->ifa_name);
-        if (by_addr)
-            copy_addr(ifa->ifa_addr, &info->ss);
-        LOG_DEBUG("%s: %s matched to interface [%s], idx=%u\n", fn, text, ifa->ifa_name, info->idx);
-        return true;
-    }
-    return false;
-}
-
 /* A name gives the interface's first address of the wanted family, an address that one itself; both need the index, by
-   which the kernel knows it. */
+   which the kernel knows it. A name may also be the label of an address (eth0:1), which stands in the list as one. */
 ifc_info* get_ifc_info(int family, const char* text) noexcept
 {
     ifaddrs* raw = nullptr;
@@ -97,16 +70,32 @@ ifc_info* get_ifc_info(int family, const char* text) noexcept
     ifc_ptr info(static_cast<ifc_info*>(W_calloc(__func__, 1, sizeof(ifc_info))));
     if (!info)
         return nullptr;
-    if (!match_ifc(__func__, list.get(), family, text, info.get())) {
+
+    const ifaddrs* ifa = list.get();
+    bool by_addr = false;
+    for (; ifa; ifa = ifa->ifa_next) {
+        by_addr = is_family(ifa, family) && is_addr_text(ifa->ifa_addr, text);
+        if (by_addr || strcmp(ifa->ifa_name, text) == 0)
+            break;
+    }
+    if (!ifa) {
         LOG_ERR("[%s] is not a valid %s interface address.\n", text, af2name(family));
         return nullptr;
     }
+    info->idx = if_nametoindex(ifa->ifa_name);
+    LOG_DEBUG("%s: %s matched to interface [%s], idx=%u\n", __func__, text, ifa->ifa_name, info->idx);
     if (!if_indextoname(info->idx, info->name)) {
         LOG_ERR("%s: if_indextoname(%u, buf): %s\n", __func__, info->idx, strerror(errno));
         return nullptr;
     }
-    if (info->ss.ss_family == AF_UNSPEC && ifc_addr_lookup(__func__, list.get(), family, text, info.get()) != 0)
+
+    while (ifa && !by_addr && !(is_family(ifa, family) && strcmp(ifa->ifa_name, text) == 0))
+        ifa = ifa->ifa_next;
+    if (!ifa) {
+        LOG_ERR("%s: failed to look up address for ifc=%s\n", __func__, text);
         return nullptr;
+    }
+    copy_addr(ifa->ifa_addr, &info->ss);
     return info.release();
 }
 
