@@ -34,40 +34,28 @@ size_t till_query(const char* s) noexcept
     return mark ? static_cast<size_t>(mark - s) : len;
 }
 
-/* Takes "scheme://" and "user@" off the front of p. False when nothing follows one of them. */
-static bool parse_front(const char** text, uri_layout* u) noexcept
-{
-    const char* p = *text;
-    const char* colon = strchr(p, ':');
-    if (!colon || colon - p <= 1 || strncmp(colon, "://", 3) != 0)
-        return true;
-    u->scheme = p;
-    u->s_len = static_cast<size_t>(colon - p);
-    p = colon + 3;
-    if (!*p)
-        return false;
-    if (const char* at = strchr(p, '@')) {
-        u->authority = p;
-        u->a_len = static_cast<size_t>(at - p);
-        p = at + 1;
-        if (!*p)
-            return false;
-    }
-    *text = p;
-    return true;
-}
-
-/* A text that begins with '/' is a path alone, as in a request line: then nothing in it is a scheme. */
+/* A text that begins with '/' is a path alone, as in a request line: then nothing in it is a scheme. Something must
+   follow a scheme and an authority. */
 int uri_parse(const char* text, uri_layout* out) noexcept
 {
     uri_layout u{};
     const char* p = text;
     while (is_blank(*p))
         ++p;
-    if (*p == '/')
+    if (*p == '/') {
         ++p;
-    else if (!parse_front(&p, &u))
-        return -1;
+    } else if (const char* colon = strchr(p, ':'); colon && colon - p > 1 && strncmp(colon, "://", 3) == 0) {
+        u.scheme = p;
+        u.s_len = static_cast<size_t>(colon - p);
+        p = colon + 3;
+        if (const char* at = strchr(p, '@')) {
+            u.authority = p;
+            u.a_len = static_cast<size_t>(at - p);
+            p = at + 1;
+        }
+        if (!*p)
+            return -1;
+    }
     u.path = p;
     u.p_len = till_query(p);
     if (p[u.p_len] == '?' && p[u.p_len + 1]) {
