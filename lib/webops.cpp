@@ -154,26 +154,8 @@ static int parse_method(const char* fn, char* p, http_header* hdr, char** rest) 
     return 0;
 }
 
-/* The URI at p, terminated in place; *rest gets the text after it. */
-static int parse_target(const char* fn, char* p, http_header* hdr, char* full_url, size_t full_url_cap,
-                        char** rest) noexcept
-{
-    p = skip_space(p);
-    char* end = p;
-    while (*end && !is_space(*end))
-        ++end;
-    *rest = *end ? end + 1 : end;
-    *end = '\0';
-    if (full_url && copy_text(full_url, full_url_cap, p))
-        LOG_DEBUG("%s: full URL=[%s]\n", fn, full_url);
-    const int rc = uri_parse(p, &hdr->uri);
-    LOG_DEBUG("%s: url=[%.1024s], p_len=%zu, q_len=%zu, rc=%d\n", fn, p, hdr->uri.p_len, hdr->uri.q_len, rc);
-    if (rc != 0)
-        LOG_ERR("%s: failed to parse URL\n", fn);
-    return rc;
-}
-
-/* Method, target and protocol, each from where the one before it has ended; the fields are optional. */
+/* Method, target and protocol, each from where the one before it has ended; the fields are optional. The target is
+   ended by a NUL in place. */
 int parse_http_header(char* buf, size_t len, http_header* hdr, char* full_url, size_t full_url_cap) noexcept
 {
     LOG_HEAD(DEBUG_level, "%s: %zu bytes [%.1024s]\n", __func__, len, buf);
@@ -181,8 +163,22 @@ int parse_http_header(char* buf, size_t len, http_header* hdr, char* full_url, s
     char* p = buf;
     if (const int rc = parse_method(__func__, p, hdr, &p))
         return rc;
-    if (const int rc = parse_target(__func__, p, hdr, full_url, full_url_cap, &p))
+
+    char* target = skip_space(p);
+    p = target;
+    while (*p && !is_space(*p))
+        ++p;
+    if (*p)
+        *p++ = '\0';
+    if (full_url && copy_text(full_url, full_url_cap, target))
+        LOG_DEBUG("%s: full URL=[%s]\n", __func__, full_url);
+    const int rc = uri_parse(target, &hdr->uri);
+    LOG_DEBUG("%s: url=[%.1024s], p_len=%zu, q_len=%zu, rc=%d\n", __func__, target, hdr->uri.p_len, hdr->uri.q_len, rc);
+    if (rc != 0) {
+        LOG_ERR("%s: failed to parse URL\n", __func__);
         return rc;
+    }
+
     p = skip_space(p);
     if (strncmp(p, HTTP1, sizeof(HTTP1) - 1) != 0) {
         LOG_HEAD(ERR_level, "%s: expected [%s] to follow the URI path, got [%s]\n", __func__, HTTP1, p);
@@ -232,27 +228,6 @@ static std::string_view order_path(const uri_layout& u) noexcept
     return path.substr(slash == std::string_view::npos ? path.size() : slash + 1);
 }
 
-/* Pings and requests that are no orders. 0: go on. */
-static int special_path(const char* fn, std::string_view path) noexcept
-{
-    if (path.empty()) {
-        LOG_WARN("%s: no path in URL [%.256s]\n", fn, path.data());
-        return RC_EMPTY_PATH;
-    }
-    std::array<char, 16> word{};
-    if (!copy_text(word.data(), word.size(), path))
-        return 0;
-    if (ci_equal(word.data(), "favicon.ico")) {
-        LOG_DEBUG("%s: favicon request received.\n", fn);
-        return RC_FAVICON;
-    }
-    if (is_ping_request(word.data())) {
-        LOG_INFO("Handling user-side PING request\n");
-        return RC_PING;
-    }
-    return 0;
-}
-
 /* First the limits, then what is no order, then the grammar, and last the decoding: an escaped '/' must not make a
    segment. */
 int web_parse_urq(char* hbuf, size_t hlen, char* src, char* dst, size_t cap, http_header* hdr) noexcept
@@ -266,8 +241,19 @@ int web_parse_urq(char* hbuf, size_t hlen, char* src, char* dst, size_t cap, htt
         return RC_LONG_QUERY;
     }
     const std::string_view path = order_path(u);
-    if (const int rc = special_path(__func__, path))
-        return rc;
+    if (path.empty()) {
+        LOG_WARN("%s: no path in URL [%.256s]\n", __func__, path.data());
+        return RC_EMPTY_PATH;
+    }
+    if (ci_equal(path, "favicon.ico")) {
+        LOG_DEBUG("%s: favicon request received.\n", __func__);
+        return RC_FAVICON;
+    }
+    std::array<char, 16> word{};
+    if (copy_text(word.data(), word.size(), path) && is_ping_request(word.data())) {
+        LOG_INFO("Handling user-side PING request\n");
+        return RC_PING;
+    }
     if (const int rc = uri_extract_endpts_ext(path.data(), path.size(), src, dst, cap)) {
         LOG_ERR("%s: error(%d) parsing request data [%.1024s]\n", __func__, rc, path.data());
         return -1;
