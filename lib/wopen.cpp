@@ -202,14 +202,20 @@ static int read_head(const char* fn, int fd, char* buf, size_t cap, http_resp_ct
     return -1;
 }
 
-/* The line as scanf reads it: its leniency towards blanks, numbers and words is what sources may rely on. 0 or -1. */
-static int parse_status_line(const char* fn, int fd, const char* text, int* status) noexcept
+/* Called again for every event until the head is whole; what was read so far is in resp. The status line is taken as
+   scanf takes it: its leniency towards blanks, numbers and words is what sources may rely on. */
+int recv_http_response(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcept
 {
+    if (const int rc = read_head(__func__, fd, buf, cap, resp))
+        return rc;
+    buf[resp->tail - 1] = '\0'; /* the head's last line end: the body's first byte stays */
+    LOG_HEAD(DEBUG_level, "%s: total=%zd, tail=%zd; buf=[%.1024s]\n", __func__, resp->total, resp->tail, buf);
+
     long major = 0;
     long minor = 0;
     long code = 0;
     std::array<char, 32> reason{};
-    text_scan s = {.p = text, .count = 0, .failed = false};
+    text_scan s = {.p = buf, .count = 0, .failed = false};
     scan_literal(&s, "HTTP/");
     scan_num(&s, 1, &major);
     scan_literal(&s, ".");
@@ -217,51 +223,34 @@ static int parse_status_line(const char* fn, int fd, const char* text, int* stat
     scan_num(&s, SIZE_MAX, &code);
     scan_word(&s, reason.data(), reason.size());
     if (s.count < 4) {
-        LOG_ERR("%s: parsed %d < 4 elements (expected to be parsed)\n", fn, s.count);
+        LOG_ERR("%s: parsed %d < 4 elements (expected to be parsed)\n", __func__, s.count);
         return -1;
     }
     /* A number of any length comes from outside: one beyond the range must not turn into another status. */
-    *status = static_cast<int>(std::clamp<long>(code, INT_MIN, INT_MAX));
-    LOG_DEBUG("%s: fd=%d received: HTTP/%ld.%ld %d %s\n", fn, fd, major, minor, *status, reason.data());
+    resp->code = static_cast<int>(std::clamp<long>(code, INT_MIN, INT_MAX));
+    LOG_DEBUG("%s: fd=%d received: HTTP/%ld.%ld %d %s\n", __func__, fd, major, minor, resp->code, reason.data());
     return 0;
-}
-
-/* Called again for every event until the head is whole; what was read so far is in resp. */
-int recv_http_response(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcept
-{
-    if (const int rc = read_head(__func__, fd, buf, cap, resp))
-        return rc;
-    buf[resp->tail - 1] = '\0'; /* the head's last line end: the body's first byte stays */
-    LOG_HEAD(DEBUG_level, "%s: total=%zd, tail=%zd; buf=[%.1024s]\n", __func__, resp->total, resp->tail, buf);
-    return parse_status_line(__func__, fd, buf, &resp->code);
 }
 
 /* ---- opening ---- */
 
 /* A channel may be given as plain "addr:port", which is a datagram endpoint. */
-static int classify(const char* url) noexcept
+static int classify(const uri_layout& u, const char* url) noexcept
 {
-    uri_layout u{};
     std::array<char, URI_SCHEME_MAX> scheme{};
-    if (uri_parse(url, &u) != 0)
-        return URI_BAD;
-    if (!u.scheme) {
-        std::array<char, HOST_MAX> host{};
-        std::array<char, PORT_MAX> port{};
-        const bool has_port = *url != '/' &&
-                              uri_path_addrport(u.path, u.p_len, host.data(), host.size(), port.data(), port.size()) &&
-                              port[0];
-        return has_port ? URI_UDP : URI_BAD;
-    }
-    return uri_get_scheme(&u, scheme.data(), scheme.size()) ? uri_scheme_kind(scheme.data()) : URI_BAD;
+    if (u.scheme)
+        return uri_get_scheme(&u, scheme.data(), scheme.size()) ? uri_scheme_kind(scheme.data()) : URI_BAD;
+    std::array<char, HOST_MAX> host{};
+    std::array<char, PORT_MAX> port{};
+    const bool has_port = *url != '/' &&
+                          uri_path_addrport(u.path, u.p_len, host.data(), host.size(), port.data(), port.size()) &&
+                          port[0];
+    return has_port ? URI_UDP : URI_BAD;
 }
 
 /* A datagram's authority is the source of its group; that of an HTTP URL is not used. */
-static int open_net_url(const char* fn, usock_ctx* ctx, const char* url) noexcept
+static int open_net_url(const char* fn, usock_ctx* ctx, const uri_layout& u, const char* url) noexcept
 {
-    uri_layout u{};
-    if (uri_parse(url, &u) != 0)
-        return -1;
     std::array<char, HOST_MAX> host{};
     std::array<char, PORT_MAX> port{};
     std::array<char, URI_AUTH_MAX> group_source{}; /* empty = any */
@@ -310,8 +299,9 @@ static int http_exchange(const char* fn, usock_ctx* ctx, int fd, const char* url
 /* What fails leaves nothing open. */
 int usock_open(usock_ctx* ctx, const char* url) noexcept
 {
+    uri_layout u{};
     ctx->nopoll_idx = -1;
-    ctx->url_kind = classify(url);
+    ctx->url_kind = uri_parse(url, &u) == 0 ? classify(u, url) : URI_BAD;
     if (ctx->url_kind == URI_BAD) {
         LOG_ERR("%s: unsupported type of URI [%s]\n", __func__, url);
         return -1;
@@ -321,8 +311,7 @@ int usock_open(usock_ctx* ctx, const char* url) noexcept
         return -1;
     }
     if (ctx->url_kind == URI_FILE) {
-        uri_layout u{};
-        if (uri_parse(url, &u) != 0 || !uri_get_path(&u, ctx->url_path, sizeof(ctx->url_path)))
+        if (!uri_get_path(&u, ctx->url_path, sizeof(ctx->url_path)))
             return -1;
         const int file = W_open(__func__, ctx->url_path, O_RDONLY, 0);
         if (file < 0)
@@ -331,7 +320,7 @@ int usock_open(usock_ctx* ctx, const char* url) noexcept
         LOG_DEBUG("%s: fd%d FILE [%s]\n", __func__, file, ctx->url_path);
         return file;
     }
-    const int fd = open_net_url(__func__, ctx, url);
+    const int fd = open_net_url(__func__, ctx, u, url);
     if (fd >= 0 && ctx->url_kind == URI_HTTP && !ctx->skip_http && http_exchange(__func__, ctx, fd, url) != 0) {
         usock_close(fd, ctx);
         return -1;
