@@ -141,33 +141,27 @@ static bool unescape(std::string_view text, std::array<char, INCLUDE_PATH_MAX>* 
     return n < path->size() - 1;
 }
 
-static int check_includes(const char* path, std::string_view text, int depth) noexcept;
-
-/* A file behind a directive, and what it includes. Only a regular file can be read here and again by the library. */
-static int check_included(const char* path, unsigned line, std::string_view name, int depth) noexcept
-{
-    std::array<char, INCLUDE_PATH_MAX> file{};
-    if (depth >= INCLUDE_DEPTH_MAX)
-        return refuse(path, line, "include file nesting too deep");
-    struct stat st {
-    };
-    if (!unescape(name, &file) || stat(file.data(), &st) != 0 || !S_ISREG(st.st_mode))
-        return refuse(path, line, CANNOT_OPEN);
-    const std::unique_ptr<FILE, releaser<fclose>> fp(fopen(file.data(), "re"));
-    file_text text{};
-    if (!fp || !read_text(fp.get(), &text))
-        return refuse(path, line, CANNOT_OPEN);
-    return check_includes(file.data(), {text.buf.get(), text.len}, depth + 1);
-}
-
+/* The files behind the directives of text, and what they include. Only a regular file can be read here and again by the
+   library. */
 static int check_includes(const char* path, std::string_view text, int depth) noexcept
 {
     config_scan scan{.rest = text};
-    std::string_view word;
-    for (config_word kind{}; (kind = config_next_word(&scan, &word)) != config_word::END;) {
+    std::string_view name;
+    for (config_word kind{}; (kind = config_next_word(&scan, &name)) != config_word::END;) {
         if (kind != config_word::INCLUDE)
             continue;
-        if (const int rc = check_included(path, scan.line, word, depth))
+        if (depth >= INCLUDE_DEPTH_MAX)
+            return refuse(path, scan.line, "include file nesting too deep");
+        std::array<char, INCLUDE_PATH_MAX> file{};
+        struct stat st {
+        };
+        if (!unescape(name, &file) || stat(file.data(), &st) != 0 || !S_ISREG(st.st_mode))
+            return refuse(path, scan.line, CANNOT_OPEN);
+        const std::unique_ptr<FILE, releaser<fclose>> fp(fopen(file.data(), "re"));
+        file_text included{};
+        if (!fp || !read_text(fp.get(), &included))
+            return refuse(path, scan.line, CANNOT_OPEN);
+        if (const int rc = check_includes(file.data(), {included.buf.get(), included.len}, depth + 1))
             return rc;
     }
     return 0;
