@@ -71,16 +71,11 @@ void scan_literal(text_scan* s, std::string_view text) noexcept
     }
 }
 
-static void scan_blanks(text_scan* s) noexcept
-{
-    while (!s->failed && is_blank(*s->p))
-        ++s->p;
-}
-
 /* Whether there is something behind the blanks. */
 static bool begin_item(text_scan* s) noexcept
 {
-    scan_blanks(s);
+    while (!s->failed && is_blank(*s->p))
+        ++s->p;
     if (!s->failed && *s->p == '\0')
         scan_fail(s);
     return !s->failed;

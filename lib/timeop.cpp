@@ -72,27 +72,6 @@ const char* get_timezone(int refresh) noexcept
     return nullptr;
 }
 
-/* Calendar fields of ts; false with -1 or -EDEADLK in *rc. */
-static bool break_down(const timespec* ts, uint32_t flags, tm* parts, int* rc) noexcept
-{
-    /* Set around the two calls that take the C library's lock, in the one thread that there is. */
-    static volatile bool is_busy = false;
-
-    if (is_busy) {
-        *rc = -EDEADLK;
-        return false;
-    }
-    is_busy = true;
-    const tm* ok = (flags & f_GMT_TIME) ? gmtime_r(&ts->tv_sec, parts) : localtime_r(&ts->tv_sec, parts);
-    is_busy = false;
-    if (!ok) {
-        log_trouble("%s: %s\n", "gmtime_r/localtime_r", strerror(errno));
-        *rc = -1;
-        return false;
-    }
-    return true;
-}
-
 /* A length that is exactly the buffer's is let through with its last character lost: whoever calls has left room. */
 int mk_timestr(const timespec* ts, uint32_t flags, char* buf, size_t len) noexcept
 {
@@ -100,10 +79,18 @@ int mk_timestr(const timespec* ts, uint32_t flags, char* buf, size_t len) noexce
         const int n = snprintf(buf, len - 1, "%ld.%06ld", ts->tv_sec, ts->tv_nsec / NS_PER_US);
         return n >= 0 && static_cast<size_t>(n) < len ? n : -1;
     }
+    /* Set around the two calls that take the C library's lock, in the one thread that there is. */
+    static volatile bool is_busy = false;
+    if (is_busy)
+        return -EDEADLK;
+    is_busy = true;
     tm t{};
-    int rc = 0;
-    if (!break_down(ts, flags, &t, &rc))
-        return rc;
+    const tm* ok = (flags & f_GMT_TIME) ? gmtime_r(&ts->tv_sec, &t) : localtime_r(&ts->tv_sec, &t);
+    is_busy = false;
+    if (!ok) {
+        log_trouble("%s: %s\n", "gmtime_r/localtime_r", strerror(errno));
+        return -1;
+    }
     const char* zone = get_timezone(0); /* the local one, also beside GMT fields */
     if (!zone)
         zone = "";
