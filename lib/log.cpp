@@ -3,7 +3,7 @@
    what cannot be written is dropped, and errno stays as it was.
    The difficulty is who may be in here at once. There is one thread, but the handlers of signals log, too: the mask
    keeps them out of a record that is being built. A rotation logs its own records, which must not start another one. */
-#include "log_internal.h"
+#include "log.h"
 
 #include "guard.h"
 #include "log_out.h"
@@ -41,12 +41,6 @@ static log_ctx g_log_record = [] {
 }();
 log_ctx* const g_log = &g_log_record;
 
-/* Written by glog_init. */
-static struct {
-    bool is_ready;
-    char app_tag[LOG_PATHNAME_MAX];
-} g_logmod;
-
 /* The record being built; written by the functions of the record protocol. Its text ends with a NUL. */
 static struct {
     char text[LOG_BUF_CAP];
@@ -54,23 +48,6 @@ static struct {
 } g_line;
 
 /* ---- set-up ---- */
-
-void glog_init(const char* app_tag) noexcept
-{
-    ASSERT(app_tag);
-    cut_text(g_logmod.app_tag, sizeof(g_logmod.app_tag), app_tag);
-    g_logmod.is_ready = true;
-}
-
-const char* glog_app_tag() noexcept
-{
-    return g_logmod.app_tag;
-}
-
-bool log_is_ready() noexcept
-{
-    return g_logmod.is_ready;
-}
 
 /* Sections pass everything until somebody has set them. */
 void log_default(log_ctx* log, FILE* stream) noexcept
@@ -202,29 +179,6 @@ static struct {
     time_t sec;
 } g_time;
 
-/* Fills g_time with the text of now. False when it cannot be made (reported on standard error). */
-static bool make_time(const timespec& now, uint32_t format) noexcept
-{
-    if (g_time.usec_at > 0 && g_time.format == format && g_time.sec == now.tv_sec) {
-        long usec = now.tv_nsec / 1000;
-        for (size_t i = 6; i > 0; --i, usec /= 10)
-            g_time.text[g_time.usec_at + i - 1] = static_cast<char>('0' + usec % 10);
-        return true;
-    }
-    g_time.usec_at = 0;
-    const int n = mk_timestr(&now, format, g_time.text, TIME_CAP);
-    if (n < 1 || n >= static_cast<int>(TIME_CAP)) {
-        log_trouble("%s: time buffer error (n=%d)\n", "logbuf_prepare", n);
-        return false;
-    }
-    g_time.len = static_cast<size_t>(n);
-    g_time.format = format;
-    g_time.sec = now.tv_sec;
-    const char* dot = strchr(g_time.text, '.');
-    g_time.usec_at = dot && !(format & f_FMT_SECONDS) ? static_cast<size_t>(dot + 1 - g_time.text) : 0;
-    return true;
-}
-
 /* A clock that cannot be read leaves the record unwritten: a line without its time would be taken for a part of the
    last one. */
 static bool put_time(uint32_t format) noexcept
@@ -241,7 +195,24 @@ static bool put_time(uint32_t format) noexcept
         log_trouble("%s: %s\n", "clock_gettime", strerror(errno));
         return false;
     }
-    return make_time(now, format) && put_field("time", false, {g_time.text, g_time.len});
+    if (g_time.usec_at > 0 && g_time.format == format && g_time.sec == now.tv_sec) {
+        long usec = now.tv_nsec / 1000;
+        for (size_t i = 6; i > 0; --i, usec /= 10)
+            g_time.text[g_time.usec_at + i - 1] = static_cast<char>('0' + usec % 10);
+    } else {
+        g_time.usec_at = 0;
+        const int n = mk_timestr(&now, format, g_time.text, TIME_CAP);
+        if (n < 1 || n >= static_cast<int>(TIME_CAP)) {
+            log_trouble("%s: time buffer error (n=%d)\n", "logbuf_prepare", n);
+            return false;
+        }
+        const char* dot = format & f_FMT_SECONDS ? nullptr : strchr(g_time.text, '.');
+        g_time.len = static_cast<size_t>(n);
+        g_time.usec_at = dot ? static_cast<size_t>(dot + 1 - g_time.text) : 0;
+        g_time.format = format;
+        g_time.sec = now.tv_sec;
+    }
+    return put_field("time", false, {g_time.text, g_time.len});
 }
 
 /* Time, process, level, group: the order is what readers of the log cut at. */
@@ -300,20 +271,8 @@ static size_t char_len(const char* text) noexcept
 }
 
 /* Writes "?" over the control bytes of text[len], which has a NUL behind it. Within a character of UTF-8 no byte is
-   one; alone, 0x80 to 0x9f command a terminal like those below 0x20. */
-static void hide_controls(char* text, size_t len, bool keeps_line_ends) noexcept
-{
-    size_t step = 1;
-    for (size_t i = 0; i < len; i += step) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        step = char_len(text + i);
-        const bool is_line_end = keeps_line_ends && (c == '\n' || (c == '\r' && text[i + 1] == '\n'));
-        if (step == 1 && !is_line_end && (c < 0x20 || c == 0x7f || c == 0xc2 || is_c1(c)))
-            text[i] = '?';
-    }
-}
-
-/* Most records have nothing to hide, and are only looked at, eight bytes at a time. */
+   one; alone, 0x80 to 0x9f command a terminal like those below 0x20. Most records have nothing to hide, and are only
+   looked at, eight bytes at a time. */
 static void clean_message(char* text, size_t len, bool keeps_line_ends) noexcept
 {
     if (len > 0 && text[len - 1] == '\n')
@@ -324,7 +283,13 @@ static void clean_message(char* text, size_t len, bool keeps_line_ends) noexcept
         if (is_suspect(w)) [[unlikely]]
             break;
     }
-    hide_controls(text + i, len - i, keeps_line_ends);
+    for (size_t step = 1; i < len; i += step) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        step = char_len(text + i);
+        const bool is_line_end = keeps_line_ends && (c == '\n' || (c == '\r' && text[i + 1] == '\n'));
+        if (step == 1 && !is_line_end && (c < 0x20 || c == 0x7f || c == 0xc2 || is_c1(c)))
+            text[i] = '?';
+    }
 }
 
 /* errno goes through unchanged, for "%m" and for the caller, who logs between a call and the look at its errno. */

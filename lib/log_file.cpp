@@ -1,7 +1,7 @@
 /* The log's outputs: files, pipes, and the rotation of files. Trouble with the log itself goes to standard error.
    The difficulty is that a path may be anything: a FIFO without a reader, a terminal, a socket, a link to what the
    starter has opened. Nothing may be waited for, and only a regular file that is this log's own is ever renamed. */
-#include "log_internal.h"
+#include "log.h"
 
 #include "guard.h"
 #include "log_out.h"
@@ -28,6 +28,24 @@ constexpr size_t ROTATED_NAME_MAX = 160;
 constexpr size_t DEFAULT_ROTATED = 16;
 constexpr int PIPE_WAIT_STEPS = 15; /* of 10 ms: a command that ignores the end of its input is left behind */
 constexpr long PIPE_WAIT_STEP_NS = 10000000;
+
+/* Written by glog_init. */
+static struct {
+    bool is_ready;
+    char app_tag[LOG_PATHNAME_MAX];
+} g_logmod;
+
+void glog_init(const char* app_tag) noexcept
+{
+    ASSERT(app_tag);
+    cut_text(g_logmod.app_tag, sizeof(g_logmod.app_tag), app_tag);
+    g_logmod.is_ready = true;
+}
+
+const char* glog_app_tag() noexcept
+{
+    return g_logmod.app_tag;
+}
 
 /* ---- opening ---- */
 
@@ -68,17 +86,23 @@ static FILE* open_file(const char* path) noexcept
     return fp;
 }
 
-/* Starts the command with an empty signal mask and with defaults for what this process ignores or handles. What whoever
-   started this process ignores (SIGHUP under nohup) stays ignored. */
-static int spawn_command(const char* command, int in_fd, pid_t* pid) noexcept
+/* The command gets an empty signal mask and defaults for what this process ignores or handles; what whoever started
+   this process ignores (SIGHUP under nohup) stays ignored. It reads the other end of the pipe; this end is closed in
+   it, or it would never see the end of its input. */
+static FILE* open_pipe(const char* command, pid_t* pid) noexcept
 {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0)
+        return nullptr;
+    const scope_guard close_in([&fds] { close(fds[0]); });
+    scope_guard close_out([&fds] { close(fds[1]); });
     posix_spawnattr_t attr;
-    posix_spawn_file_actions_t actions;
     if (posix_spawnattr_init(&attr) != 0)
-        return -1;
+        return nullptr;
     const scope_guard free_attr([&attr] { posix_spawnattr_destroy(&attr); });
+    posix_spawn_file_actions_t actions;
     if (posix_spawn_file_actions_init(&actions) != 0)
-        return -1;
+        return nullptr;
     const scope_guard free_actions([&actions] { posix_spawn_file_actions_destroy(&actions); });
 
     sigset_t none;
@@ -90,7 +114,7 @@ static int spawn_command(const char* command, int in_fd, pid_t* pid) noexcept
     posix_spawnattr_setsigmask(&attr, &none);
     posix_spawnattr_setsigdefault(&attr, &defaults);
     posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    posix_spawn_file_actions_adddup2(&actions, in_fd, STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, fds[0], STDIN_FILENO);
 
     std::array<char, 3> sh{"sh"};
     std::array<char, 3> opt{"-c"};
@@ -98,19 +122,9 @@ static int spawn_command(const char* command, int in_fd, pid_t* pid) noexcept
     cut_text(text.data(), text.size(), command);
     char* const argv[] = {sh.data(), opt.data(), text.data(), nullptr};
     errno = posix_spawn(pid, "/bin/sh", &actions, &attr, argv, environ);
-    return errno == 0 ? 0 : -1;
-}
+    if (errno != 0)
+        return nullptr;
 
-/* The command reads the other end; this end is closed in it, or it would never see the end of its input. */
-static FILE* open_pipe(const char* command, pid_t* pid) noexcept
-{
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0)
-        return nullptr;
-    const scope_guard close_in([&fds] { close(fds[0]); });
-    scope_guard close_out([&fds] { close(fds[1]); });
-    if (spawn_command(command, fds[0], pid) != 0)
-        return nullptr;
     (void)fcntl(fds[1], F_SETFL, O_NONBLOCK);         /* this end only */
     (void)fcntl(fds[1], F_SETPIPE_SZ, PIPE_CAPACITY); /* refused: the command has to be quicker */
     FILE* fp = fdopen(fds[1], "w");
@@ -132,9 +146,9 @@ static bool is_own_file(const char* path, const struct stat& st) noexcept
 
 /* A failure leaves the log with the stream it had. The size that an old file has already counts for the next
    rotation. */
-int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
+static int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
 {
-    ASSERT(log_is_ready());
+    ASSERT(g_logmod.is_ready);
     if (!path) {
         log_default(log, stderr);
         return 0;
@@ -203,7 +217,8 @@ int log_popen(log_ctx* log, const char* command) noexcept
 
 /* ---- closing ---- */
 
-int log_close_stream(log_ctx* log) noexcept
+/* 0, or -1 with errno. */
+static int log_close_stream(log_ctx* log) noexcept
 {
     FILE* fp = log->fp;
     const pid_t pid = log->pipe_pid;
@@ -325,19 +340,6 @@ static const char* no_rotation(const log_ctx* log) noexcept
     return log->is_rotatable ? nullptr : "not supported for what is no regular file.";
 }
 
-/* Is the file behind the stream still the one at its path? What somebody has put there is not the log's to rename. 0,
-   or an errno value. */
-static int check_in_place(const log_ctx* log) noexcept
-{
-    struct stat own {
-    };
-    struct stat st {
-    };
-    if (fstat(fileno(log->fp), &own) != 0 || stat(log->name, &st) != 0)
-        return errno;
-    return own.st_dev == st.st_dev && own.st_ino == st.st_ino ? 0 : ESTALE;
-}
-
 /* The stream is closed before the rename and opened anew after it, so that no line is written into a file under its
    rotated name. A rename that fails is tried again after another max_total bytes. */
 int log_rotate(log_ctx* log) noexcept
@@ -350,7 +352,15 @@ int log_rotate(log_ctx* log) noexcept
     rotated_name name{};
     if (!mk_rotated_name(__func__, log, now, &name))
         return -1;
-    int err = check_in_place(log);
+    int err = 0;
+    struct stat own {
+    };
+    struct stat st {
+    };
+    if (fstat(fileno(log->fp), &own) != 0 || stat(log->name, &st) != 0)
+        err = errno;
+    else if (own.st_dev != st.st_dev || own.st_ino != st.st_ino)
+        err = ESTALE; /* what somebody has put at the path is not the log's to rename */
     if (log_close_stream(log) != 0) {
         err = errno;
         log_trouble("%s: failed to close [%s], ERROR(%d): %s\n", __func__, log->name, err, strerror(err));

@@ -71,18 +71,6 @@ static bool send_line(const char* text, size_t len) noexcept
     return false;
 }
 
-/* LOG_CONS: the line that has found no daemon. */
-static void put_console(const char* tag, std::string_view line) noexcept
-{
-    const int fd = open(_PATH_CONSOLE, O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0)
-        return;
-    std::array<char, PREFIX_MAX + LOG_LINE_MAX> text{};
-    const int n = snprintf(text.data(), text.size(), "%s%.*s\r\n", tag, static_cast<int>(line.size()), line.data());
-    (void)!write(fd, text.data(), static_cast<size_t>(n));
-    close(fd);
-}
-
 /* The form of a line is the syslog daemon's: priority, date, name. Between two attempts to reach an absent daemon lines
    are dropped, since a connection attempt a line would cost more than the line. */
 void syslog_put(int level, int facility, std::string_view line) noexcept
@@ -101,12 +89,20 @@ void syslog_put(int level, int facility, std::string_view line) noexcept
     else
         snprintf(tag.data(), tag.size(), "%s: ", g_syslog.ident);
     std::array<char, PREFIX_MAX * 2 + LOG_LINE_MAX> text{};
-    const int n = snprintf(text.data(), text.size(), "<%d>%s %s%.*s",
-                           priority | (facility == SYSLOG_DEFAULT ? LOG_LOCAL0 : facility), date.data(), tag.data(),
-                           static_cast<int>(line.size()), line.data());
+    int n = snprintf(text.data(), text.size(), "<%d>%s %s%.*s",
+                     priority | (facility == SYSLOG_DEFAULT ? LOG_LOCAL0 : facility), date.data(), tag.data(),
+                     static_cast<int>(line.size()), line.data());
     if (send_line(text.data(), static_cast<size_t>(n)) || !(g_syslog.option & LOG_CONS))
         return;
-    put_console(tag.data(), line.substr(0, line.find_last_not_of('\n') + 1));
+
+    /* The line that has found no daemon. */
+    const int fd = open(_PATH_CONSOLE, O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    line = line.substr(0, line.find_last_not_of('\n') + 1);
+    n = snprintf(text.data(), text.size(), "%s%.*s\r\n", tag.data(), static_cast<int>(line.size()), line.data());
+    (void)!write(fd, text.data(), static_cast<size_t>(n));
+    close(fd);
 }
 
 void syslog_close() noexcept
