@@ -86,6 +86,14 @@ void slots_purge_all(slots<T, G>* s) noexcept
     xvlst_purge_all(&s->raw, [](void* data, size_t i) noexcept -> int { return F(static_cast<T*>(data) + i, i); });
 }
 
+/* All slots are free again; most lists that are cleared in every round are empty. */
+template <class T, size_t G>
+void slots_clear(slots<T, G>* s) noexcept
+{
+    if (s->raw.len > 0)
+        xvlst_purge_all(&s->raw, nullptr);
+}
+
 /* The first element for which F, bool (const T* elem, const A* arg) noexcept, is true; null when there is none. */
 template <auto F, class T, size_t G, class A>
 [[nodiscard]] T* slots_find(slots<T, G>* s, const A* arg) noexcept

@@ -65,9 +65,10 @@ void rqs_pprm_nopoll(ssize_t j) noexcept
 /* Room for all of them, before the first handler of the round runs. */
 void rqs_prepare_nopoll_rm() noexcept
 {
-    if (slots_reserve(&g_rqs.nopoll_rm, slots_len(g_rqs.nopoll)) != 0)
-        PANIC("Failed to reserve %zu elements for nopoll_rm container.\n", slots_len(g_rqs.nopoll));
-    xvlst_purge_all(&g_rqs.nopoll_rm.raw, nullptr);
+    const size_t n = slots_len(g_rqs.nopoll);
+    if (n > 0 && slots_reserve(&g_rqs.nopoll_rm, n) != 0)
+        PANIC("Failed to reserve %zu elements for nopoll_rm container.\n", n);
+    slots_clear(&g_rqs.nopoll_rm);
 }
 
 static int service_one(nopoll_ref* at, size_t j) noexcept
@@ -108,5 +109,5 @@ void rqs_purge_nopoll() noexcept
         if (slots_del(&g_rqs.nopoll, j) != 0)
             PANIC("%s: failed to remove j=%zd\n", __func__, j);
     }
-    xvlst_purge_all(&rm.raw, nullptr);
+    slots_clear(&rm);
 }
