@@ -72,7 +72,6 @@ extern const config_table LISTENER_KEYS;
 /* One listener (a group) or a list of up to four into slots. setting may be null: no listener. 0, or non-zero
    (logged), then the slots before the bad one are filled. */
 [[nodiscard]] int get_listeners(const char* kind, const config_setting_t* setting, rui_listener_cfg* slots) noexcept;
-[[nodiscard]] int load_listener_from(const config_setting_t* setting, rui_listener_cfg* cfg) noexcept;
 /* Hands the rotation settings to the log. */
 void apply_log_config(log_ctx* log, const log_cfg* cfg) noexcept;
 
@@ -82,3 +81,8 @@ void dump_rt_config(FILE* stream, const rt_cfg* cfg) noexcept;
 void dump_rui_config(FILE* stream, const rui_cfg* cfg) noexcept;
 /* Frees what the listeners own and clears their records. */
 void free_rui_config(rui_cfg* cfg) noexcept;
+
+/* ---- offered, called in this room only ---- */
+
+/* One group. 0, or non-zero (logged), then cfg owns nothing. */
+[[nodiscard]] int load_listener_from(const config_setting_t* setting, rui_listener_cfg* cfg) noexcept;

@@ -38,12 +38,20 @@ extern const config_table LBDB_KEYS;
 [[nodiscard]] int lbdb_init(const char* sha1_dir, int32_t need_func, uint32_t options) noexcept;
 /* Connects and verifies that the scripts are loaded. 0; -1 unreachable; RC_NO_SCRIPT; EINVAL odd reply (logged). */
 [[nodiscard]] int lbdb_connect(const char* host, int port, timeval tmout) noexcept;
-void lbdb_disconnect() noexcept;
+/* Disconnects and forgets everything; safe at any stage. */
 void lbdb_destroy() noexcept;
 /* Registers url under id with its expiry (seconds). 0 or -1 (logged). Waits for one round trip. */
 [[nodiscard]] int lbdb_add_segurl(const char* id, const char* url, long expiry) noexcept;
 
+/* ---- offered, called in this room only ---- */
+
+void lbdb_disconnect() noexcept; /* safe without a connection */
+/* Asks the connected server. 0; RC_NO_SCRIPT; EINVAL odd reply; -1 (logged). */
 [[nodiscard]] int check_script_exists(const char* sha1) noexcept;
+/* The digest in dir/name into dst[cap]; when connected, the server is asked for it, too. 0, or the failing step's
+   result (logged). */
 [[nodiscard]] int verify_db_script(const char* dir, const char* name, char* dst, size_t cap) noexcept;
+/* The digest in a file into buf[cap], empty when the file cannot be read on. 0 or -1 (logged). */
 [[nodiscard]] int read_sha_signature(const char* path, char* buf, size_t cap) noexcept;
+/* A script's text into buf[cap + 1]. 0; ERANGE too long; EINVAL another type; -1 a status or an error (logged). */
 [[nodiscard]] int reply_to_str(const redisReply* reply, char* buf, size_t cap) noexcept;

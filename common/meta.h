@@ -7,5 +7,8 @@
 [[nodiscard]] const char* get_app_tag(const char* name) noexcept;
 /* One line with name, description, versions, platform, checksum (null = the built-in one) and build date. */
 [[nodiscard]] const char* get_app_info(const char* name, const char* checksum) noexcept;
-[[nodiscard]] const char* app_description(const char* name) noexcept;
-void dump_build_info(FILE* stream) noexcept;
+void dump_build_info(FILE* stream) noexcept; /* the banner behind the options' list */
+
+/* ---- offered, called in this room only ---- */
+
+[[nodiscard]] const char* app_description(const char* name) noexcept; /* "#error#" for a name that is none */

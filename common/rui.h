@@ -91,15 +91,10 @@ void rui_set_cb(int kind, const rui_socket_cb* cb) noexcept;
 [[nodiscard]] int rui_ctx_start(rui_ctx* ctx) noexcept;
 /* Drops listeners and requests. Safe on a zeroed record and after a failed init or start. */
 void rui_ctx_destroy(rui_ctx* ctx) noexcept;
-[[nodiscard]] int rui_setup_listeners(int kind, rui_listener_cfg* cfg, rui_socket_ctx* srv) noexcept;
-[[nodiscard]] int rui_start_listener(rui_listener_cfg* lc, rui_socket_ctx* srv) noexcept;
-[[nodiscard]] int rui_enable_listeners(rui_socket_ctx* srv) noexcept;
-void rui_stop_listener(rui_socket_ctx* srv) noexcept;
 
 /* Takes up to max waiting connections; when descriptors run out or accepting keeps failing, the listener is not
    watched for a while. */
 [[nodiscard]] int rui_accept(rui_socket_ctx* srv, size_t max, uint32_t flags, void* udata) noexcept;
-[[nodiscard]] int rui_add_request(int fd, rui_socket_ctx* srv, void* udata) noexcept;
 /* Removes a request now; not from inside its own handler's caller that still uses it. */
 void rui_rm_request(rui_rq_header* rq) noexcept;
 /* Lists a request for removal after the round. 0 with its slot; EALREADY it is listed; -1 no memory. */
@@ -114,3 +109,16 @@ void rui_put_trknum(n64_tag* tag, char kind, size_t number, size_t min_digits, s
 void rui_mk_trknum(size_t* counter, n64_tag* tag, char kind, size_t max) noexcept;
 /* Ends the process: an error on a listening socket is fatal. */
 [[noreturn]] void rui_crash_on_error(rui_socket_ctx* srv, uint32_t flags) noexcept;
+
+/* ---- offered, called in this room only ---- */
+
+/* Sets the valid slots of cfg up in srv[MAX_LISTENERS], without sockets. 0, or the failing step's error (logged). */
+[[nodiscard]] int rui_setup_listeners(int kind, rui_listener_cfg* cfg, rui_socket_ctx* srv) noexcept;
+/* Opens and watches one that was set up. 0 or -1 (logged). */
+[[nodiscard]] int rui_start_listener(rui_listener_cfg* lc, rui_socket_ctx* srv) noexcept;
+/* All slots of a kind, up to the first that fails. As rui_start_listener. */
+[[nodiscard]] int rui_enable_listeners(rui_socket_ctx* srv) noexcept;
+void rui_stop_listener(rui_socket_ctx* srv) noexcept; /* its queue stays; nothing when it is not started */
+/* Makes and queues the request of an accepted client. 0, and fd is the request's; EBUSY the queue is full; -1 or the
+   loop's error: fd stays the caller's (logged). */
+[[nodiscard]] int rui_add_request(int fd, rui_socket_ctx* srv, void* udata) noexcept;

@@ -32,10 +32,10 @@ using lock_path = std::array<char, 128>;
 static bool mk_lock_path(const char* fn, const char* lid, lock_path* path) noexcept
 {
     const int n = snprintf(path->data(), path->size() - 1, "%s/%s.lock", g_cfg.udp_cha.lkdir, lid);
-    bool is_file_name = true;
-    for (const char* p = lid; *p; ++p)
-        is_file_name = is_file_name && !is_control(*p) && *p != '/';
-    if (n >= MIN_LOCK_PATH && is_file_name)
+    const char* p = lid;
+    while (*p && *p != '/' && !is_control(*p))
+        ++p;
+    if (n >= MIN_LOCK_PATH && !*p)
         return true;
     LOG_ERR("%s: invalid lock path (n=%d): %s\n", fn, n, path->data());
     return false;

@@ -82,13 +82,6 @@ static int run() noexcept
     return rqs_event_loop();
 }
 
-/* The kernel keeps eight bits of a status; a failure must not look like success. */
-static int exit_status(int rc) noexcept
-{
-    const int status = rc < 0 ? -rc : rc;
-    return status != 0 && (status & 0xff) == 0 ? 255 : status;
-}
-
 int main(int argc, char* argv[])
 {
     fill_std_fds();
@@ -115,7 +108,9 @@ int main(int argc, char* argv[])
     app_shutdown();
     free_kova_config(&g_cfg);
 
-    const int status = exit_status(rc);
+    int status = abs(rc);
+    if (status != 0 && (status & 0xff) == 0)
+        status = 255; /* the kernel keeps eight bits: a failure must not look like success */
     LOG_NORM("%s EXIT(%d). PID=%jd\n", get_app_info(APP_NAME, nullptr), status, intmax_t{getpid()});
     log_close(g_log);
     return status;

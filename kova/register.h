@@ -10,10 +10,13 @@ void close_register() noexcept; /* safe without open_register, and after a faile
 
 /* True for a source under this host's own URL prefix, any case. */
 [[nodiscard]] bool is_local_url(const char* url) noexcept;
-/* Registers the order's destination; with open_register's connection only. Waits for the answer. 0, -1 the URL is too
-   long, or the client's error (logged). */
-[[nodiscard]] int add_lbdb_url(const dw_spec* spec) noexcept;
 /* Registers a file that has been stored. A failure is logged and changes nothing: the file is there. */
 void register_file(const dw_spec* spec) noexcept;
-/* Serves an order for a local source, under the name of the function that has taken it. As add_lbdb_url. */
+/* Serves an order for a local source, under the name of the function that has taken it. Waits for the database's
+   answer. 0; -1 the URL is too long; the client's error (logged). */
 [[nodiscard]] int register_local(const char* fn, const dw_spec* spec) noexcept;
+
+/* ---- offered, called in this room only ---- */
+
+/* Registers the order's destination; with open_register's connection only. As register_local. */
+[[nodiscard]] int add_lbdb_url(const dw_spec* spec) noexcept;
