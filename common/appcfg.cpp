@@ -237,7 +237,7 @@ void apply_log_config(log_ctx* log, const log_cfg* cfg) noexcept
 
 void dump_log_config(FILE* stream, const log_cfg* cfg) noexcept
 {
-    fprintf(stream, "Log (%s):\n\tpath   = %s\n\tlevel  = %s\n\tformat = %s\n", "regular", cfg->path,
+    fprintf(stream, "Log (regular):\n\tpath   = %s\n\tlevel  = %s\n\tformat = %s\n", cfg->path,
             log_level_str(cfg->level), timefmt_str(cfg->timefmt));
     if (cfg->max_size_mb >= 1 || cfg->eod_rotate) {
         fprintf(stream, "\trota:max size   = %d Mb\n\trota:max files  = %d\n\trota:end-of-day = %s (%ld)\n",

@@ -275,7 +275,7 @@ void rui_rm_request(rui_rq_header* rq) noexcept
 static int purge_elem(rui_rq_header** elem, size_t j) noexcept
 {
     rui_rq_header* rq = *elem;
-    LOG_DEBUG("%s: %s [%s] (%p) j=%zu\n", "rui_pprm_all", rq->tag.sym, rq->trk_tag.sym8, static_cast<void*>(rq), j);
+    LOG_DEBUG("rui_pprm_all: %s [%s] (%p) j=%zu\n", rq->tag.sym, rq->trk_tag.sym8, static_cast<void*>(rq), j);
     rm_request(rq, true);
     return 0;
 }
