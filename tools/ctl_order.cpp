@@ -285,7 +285,8 @@ bool serves_channel()
     const found_agent agent = find_agent();
     if (!agent.pid)
         return false;
-    const std::vector<net_socket> own = own_listeners(*agent.pid);
+    listener_tables known;
+    const std::vector<net_socket> own = own_listeners(*agent.pid, &known);
     return std::any_of(own.begin(), own.end(), [](const net_socket& s) { return s.kind == net_socket::DATAGRAM; });
 }
 

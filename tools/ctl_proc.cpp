@@ -23,9 +23,9 @@ bool stat_file(pid_t pid, const descriptor& fd, struct stat* st)
            S_ISREG(st->st_mode);
 }
 
-bool listens(pid_t pid)
+bool listens(pid_t pid, listener_tables* known)
 {
-    const std::vector<net_socket> own = own_listeners(pid);
+    const std::vector<net_socket> own = own_listeners(pid, known);
     return std::any_of(g_set.places.begin(), g_set.places.end(), [&own](const listening_place& p) {
         return std::any_of(own.begin(), own.end(), [&p](const net_socket& s) { return p.is_served_by(s); });
     });
@@ -72,8 +72,9 @@ found_agent find_agent()
         if (!g_set.places.empty() && !descriptors_of(pid)) /* it may be the one */
             return {std::nullopt, blind_text(pid), true};
     }
+    listener_tables known;
     if (!g_set.places.empty())
-        std::erase_if(agents, [](pid_t pid) { return !listens(pid); });
+        std::erase_if(agents, [&known](pid_t pid) { return !listens(pid, &known); });
     const auto named = parse_num<pid_t>(g_cfg.rt.pidfile[0] ? first_line(g_cfg.rt.pidfile) : "");
     if (named && std::find(agents.begin(), agents.end(), *named) != agents.end())
         return {named, ""};

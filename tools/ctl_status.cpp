@@ -246,6 +246,8 @@ agent_state look_at(pid_t pid)
     const auto fds = descriptors_of(pid);
     if (!fds)
         fail_blind(pid);
+    if (fds->empty())
+        fail(STATUS_UNREACHABLE, "process " + std::to_string(pid) + " has ended");
     const std::vector<net_socket> sources = take_sockets(&a, sockets_among(*fds));
     const sample first = take_sample(sources);
     a.downloads = sources.size();

@@ -18,6 +18,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <netdb.h>
 #include <string_view>
@@ -169,9 +170,9 @@ time_t start_of(pid_t pid)
 std::optional<std::vector<descriptor>> descriptors_of(pid_t pid)
 {
     const std::unique_ptr<DIR, releaser<closedir>> dir(opendir((proc_of(pid) / "fd").c_str()));
-    if (!dir)
-        return std::nullopt;
     std::vector<descriptor> fds;
+    if (!dir)
+        return errno == ENOENT || errno == ESRCH ? std::optional(fds) : std::nullopt;
     std::array<char, PATH_MAX> target{};
     while (const dirent* entry = readdir(dir.get())) {
         if (entry->d_name[0] == '.')
@@ -224,11 +225,19 @@ std::vector<net_socket> net_sockets(pid_t pid, socket_choice choice)
     return sockets;
 }
 
-std::vector<net_socket> own_listeners(pid_t pid)
+std::vector<net_socket> own_listeners(pid_t pid, listener_tables* known)
 {
+    struct stat ns {
+    };
+    if (stat((proc_of(pid) / "ns/net").c_str(), &ns) != 0)
+        return {};
+    const auto [table, is_new] = known->try_emplace(ns.st_ino);
+    if (is_new)
+        table->second = net_sockets(pid, socket_choice::LISTENING);
     const std::set<ino_t> own = sockets_of(pid);
-    std::vector<net_socket> sockets = net_sockets(pid, socket_choice::LISTENING);
-    std::erase_if(sockets, [&own](const net_socket& s) { return !own.contains(s.inode); });
+    std::vector<net_socket> sockets;
+    std::copy_if(table->second.begin(), table->second.end(), std::back_inserter(sockets),
+                 [&own](const net_socket& s) { return own.contains(s.inode); });
     return sockets;
 }
 

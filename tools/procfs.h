@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <ctime>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -27,7 +28,7 @@ struct descriptor {
     std::string number;
     std::string target; /* "socket:[4711]"; of a file its path, with " (deleted)" behind that of a removed one */
 };
-/* None if they may not be seen. */
+/* None if they may not be seen; empty when the process has ended. */
 [[nodiscard]] std::optional<std::vector<descriptor>> descriptors_of(pid_t pid);
 /* The inodes of the sockets among them. */
 [[nodiscard]] std::set<ino_t> sockets_among(const std::vector<descriptor>& fds);
@@ -54,8 +55,11 @@ struct net_socket {
    there may be very many. */
 enum class socket_choice { LISTENING, ALL };
 [[nodiscard]] std::vector<net_socket> net_sockets(pid_t pid, socket_choice choice);
-/* Those of its listening ones and channels that are the process's own. */
-[[nodiscard]] std::vector<net_socket> own_listeners(pid_t pid);
+/* What listens in the network namespaces that were looked at, by their inodes. To read one may take 10 ms, for the
+   kernel walks over all of the host's connections; the processes of a host share one mostly. */
+using listener_tables = std::map<ino_t, std::vector<net_socket>>;
+/* The listening ones and channels that are the process's own. Adds its namespace to `known`. */
+[[nodiscard]] std::vector<net_socket> own_listeners(pid_t pid, listener_tables* known);
 
 /* Where a listener or a channel will be found. */
 struct listening_place {
