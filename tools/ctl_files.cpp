@@ -6,12 +6,17 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
+#include <mutex>
+#include <system_error>
+#include <thread>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -19,42 +24,122 @@ namespace fs = std::filesystem;
 namespace
 {
 
-/* Every regular file below the data directory that has, or has not, the name of an unfinished one; what vanishes or may
-   not be entered on the way is passed by. There may be millions: only those that are wanted are looked at. */
+/* An open directory below the data directory, for whoever still has names of it to look at. */
+struct directory {
+    std::string path;
+    std::unique_ptr<DIR, releaser<closedir>> stream;
+};
+using directory_ptr = std::shared_ptr<const directory>;
+
+/* Of a regular file; none for what has another type, or has vanished. */
+std::optional<struct stat> stat_file(const directory& dir, const char* name)
+{
+    struct stat st {
+    };
+    const bool is_file = fstatat(dirfd(dir.stream.get()), name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode);
+    return is_file ? std::optional(st) : std::nullopt;
+}
+
+/* Every name below the data directory that is, or is not, one of an unfinished file, and may be a regular file's; what
+   vanishes or may not be entered on the way is passed by. There may be millions: f decides which to look at. */
 template <class F>
-void each_file(bool wants_unfinished, F&& f)
+void each_name(bool wants_unfinished, F&& f)
 {
     if (g_set.data_dir.empty())
         fail(STATUS_USAGE, "no data directory given: name the configuration (-C) or the directory (-D)");
     std::error_code ec;
-    std::vector<std::string> dirs{g_set.data_dir};
+    std::vector<std::string> paths{g_set.data_dir};
     if (!fs::is_directory(g_set.data_dir, ec))
         fail(STATUS_USAGE, g_set.data_dir + ": no directory that can be looked into");
-    while (!dirs.empty()) {
-        const std::string path = std::move(dirs.back());
-        dirs.pop_back();
-        const std::unique_ptr<DIR, releaser<closedir>> dir(opendir(path.c_str()));
-        if (!dir && errno != ENOENT)
-            fprintf(stderr, "kovctl: %s: %s\n", path.c_str(), strerror(errno));
-        while (const dirent* entry = dir ? readdir(dir.get()) : nullptr) {
-            const std::string_view name = static_cast<const char*>(entry->d_name);
-            const bool may_be_wanted = is_unfinished(name) == wants_unfinished;
-            const bool has_type = entry->d_type != DT_UNKNOWN;
+    while (!paths.empty()) {
+        const auto dir = std::make_shared<directory>();
+        dir->path = std::move(paths.back());
+        paths.pop_back();
+        dir->stream.reset(opendir(dir->path.c_str()));
+        if (!dir->stream && errno != ENOENT)
+            fprintf(stderr, "kovctl: %s: %s\n", dir->path.c_str(), strerror(errno));
+        while (const dirent* entry = dir->stream ? readdir(dir->stream.get()) : nullptr) {
+            const char* name = static_cast<const char*>(entry->d_name);
             struct stat st {
             };
-            if (name == "." || name == ".." || (has_type && entry->d_type != DT_DIR && !may_be_wanted))
+            if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0)
                 continue;
-            if (has_type && entry->d_type == DT_DIR)
-                st.st_mode = S_IFDIR;
-            else if (fstatat(dirfd(dir.get()), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0)
-                continue;
-            if (S_ISDIR(st.st_mode))
-                dirs.push_back(path + "/" + entry->d_name);
-            else if (S_ISREG(st.st_mode) && may_be_wanted)
-                f(path, name, st);
+            const bool is_dir =
+                entry->d_type == DT_DIR ||
+                (entry->d_type == DT_UNKNOWN &&
+                 fstatat(dirfd(dir->stream.get()), name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode));
+            if (is_dir)
+                paths.push_back(dir->path + "/" + name);
+            else if ((entry->d_type == DT_REG || entry->d_type == DT_UNKNOWN) &&
+                     is_unfinished(name) == wants_unfinished)
+                f(dir, name);
         }
     }
 }
+
+/* ---- verify ---- */
+
+constexpr size_t BATCH = 256;       /* names that one thread looks at before it comes back for more */
+constexpr size_t BATCHES_AHEAD = 8; /* then the walk stops and looks, too; each may hold a directory open */
+constexpr unsigned HELPERS_MAX = 3;
+
+/* Final files of one directory. */
+struct batch {
+    directory_ptr dir;
+    std::vector<std::string> names;
+};
+
+/* Nearly all the time goes into one system call a file, so there are helpers for it. */
+struct verification {
+    std::mutex mutex; /* for the fields below */
+    std::condition_variable changed;
+    std::deque<batch> waiting;
+    bool is_walked = false; /* nothing more will come */
+    removal found;
+};
+
+void look_at(verification* v, const batch& b)
+{
+    for (const std::string& name : b.names) {
+        const auto st = stat_file(*b.dir, name.c_str());
+        if (!st || st->st_blocks * 512 >= st->st_size)
+            continue;
+        const std::scoped_lock lock(v->mutex);
+        v->found.take(fs::path(b.dir->path) / name, *st, "has fewer blocks than its size");
+    }
+}
+
+/* Looks at what is waiting until nothing more will come. */
+void help(verification* v)
+{
+    for (;;) {
+        std::unique_lock lock(v->mutex);
+        v->changed.wait(lock, [v] { return !v->waiting.empty() || v->is_walked; });
+        if (v->waiting.empty())
+            return;
+        const batch b = std::move(v->waiting.front());
+        v->waiting.pop_front();
+        lock.unlock();
+        look_at(v, b);
+    }
+}
+
+/* To the helpers, or looked at here when they have enough. */
+void hand_over(verification* v, batch b)
+{
+    if (b.names.empty())
+        return;
+    std::unique_lock lock(v->mutex);
+    if (v->waiting.size() < BATCHES_AHEAD) {
+        v->waiting.push_back(std::move(b));
+        v->changed.notify_one();
+        return;
+    }
+    lock.unlock();
+    look_at(v, b);
+}
+
+/* ---- sweep ---- */
 
 /* The directory may be everybody's (/tmp): a lock is an empty file of the agent's own user, named by a lock id. */
 bool is_lapsed_lock(const fs::path& path, uid_t agent, struct stat* lock)
@@ -87,12 +172,21 @@ long age_of(const struct stat& st)
     return std::max(0L, static_cast<long>(time(nullptr) - st.st_mtime));
 }
 
+static bool is_control(char c)
+{
+    return static_cast<unsigned char>(c) < ' ' || c == 0x7f;
+}
+
 std::string printable(std::string_view text)
 {
     std::string out(text);
-    std::replace_if(
-        out.begin(), out.end(), [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7f; }, '?');
+    std::replace_if(out.begin(), out.end(), is_control, '?');
     return out;
+}
+
+bool is_printable(std::string_view text)
+{
+    return std::none_of(text.begin(), text.end(), is_control);
 }
 
 void removal::take(const fs::path& path, const struct stat& seen, const char* why)
@@ -116,21 +210,41 @@ void removal::take(const fs::path& path, const struct stat& seen, const char* wh
 /* A power cut may leave final files whose blocks never reached the disk. */
 int cmd_verify()
 {
-    removal r;
-    each_file(false, [&r](const std::string& dir, std::string_view name, const struct stat& st) {
-        if (st.st_blocks * 512 < st.st_size)
-            r.take(fs::path(dir) / name, st, "has fewer blocks than its size");
+    verification v;
+    std::vector<std::jthread> helpers;
+    const unsigned cpus = std::thread::hardware_concurrency();
+    try {
+        while (helpers.size() < HELPERS_MAX && helpers.size() + 1 < cpus)
+            helpers.emplace_back(help, &v);
+    } catch (const std::system_error&) { /* no more may be had; it goes on without */
+    }
+    batch b;
+    each_name(false, [&](const directory_ptr& dir, const char* name) {
+        if (b.dir != dir || b.names.size() == BATCH) {
+            hand_over(&v, std::move(b));
+            b = {dir, {}};
+        }
+        b.names.emplace_back(name);
     });
-    return r.status();
+    hand_over(&v, std::move(b));
+    {
+        const std::scoped_lock lock(v.mutex);
+        v.is_walked = true;
+    }
+    v.changed.notify_all();
+    help(&v);
+    helpers.clear(); /* waits for them */
+    return v.found.status();
 }
 
 int cmd_sweep()
 {
     removal r;
     const held_files held = all_held_files();
-    each_file(true, [&](const std::string& dir, std::string_view name, const struct stat& st) {
-        if (age_of(st) > STALE_LOCK_SEC && !held.contains({st.st_dev, st.st_ino}))
-            r.take(fs::path(dir) / name, st, "unfinished, and no agent writes it");
+    each_name(true, [&](const directory_ptr& dir, const char* name) {
+        const auto st = stat_file(*dir, name);
+        if (st && age_of(*st) > STALE_LOCK_SEC && !held.contains({st->st_dev, st->st_ino}))
+            r.take(fs::path(dir->path) / name, *st, "unfinished, and no agent writes it");
     });
     const auto owner = owner_of_locks();
     std::error_code ec;
