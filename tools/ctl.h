@@ -130,5 +130,6 @@ struct removal {
 };
 [[nodiscard]] bool is_unfinished(std::string_view path);
 [[nodiscard]] long age_of(const struct stat& st); /* s since the last change */
-/* Text from outside without what commands a terminal. */
+/* Text from outside without what commands a terminal, and whether it has any of that. */
 [[nodiscard]] std::string printable(std::string_view text);
+[[nodiscard]] bool is_printable(std::string_view text);

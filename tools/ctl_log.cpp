@@ -1,6 +1,10 @@
 /* What the agent's log tells of orders: those that a stop, a crash or a full disk cut off after their sender had his
    answer, registrations that failed, files whose time is over. The lines of level norm are enough. A line can be forged
-   by whoever may place orders; it gives him no more than an order of his own would. */
+   by whoever may place orders; it gives him no more than an order of his own would.
+   The difficulty is that a log was not written for this. What an order came to is told by several lines, of which some
+   name the file, some only the task, and none is there after a crash; one process's lines stand between another's. So
+   all lines are read once, in order, into what is known of each process, and what is then left over is judged. A log
+   has millions of lines: they are looked at where they were read, and only what is remembered is copied. */
 #include "ctl_db.h"
 
 #include "cfg.h"
@@ -16,11 +20,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fstream>
-#include <limits>
+#include <functional>
 #include <map>
 #include <memory>
 #include <unistd.h>
+#include <unordered_map>
 
 namespace fs = std::filesystem;
 
@@ -29,10 +33,11 @@ namespace
 
 constexpr long FIRST_UNIX_TIME = 1000000000; /* an expiry from here on is a time, not a length */
 constexpr long CLOCK_SLACK_SEC = 2;          /* between a record's time and that of a process */
-constexpr size_t LINE_MAX_LEN = 65536;
+constexpr size_t LINE_MAX_LEN = 1 << 20;     /* no record is that long */
 
 /* ---- a record ---- */
 
+/* Of the line at hand: its texts are gone with the next one. */
 struct record {
     std::string_view when;
     pid_t pid = 0;
@@ -42,65 +47,73 @@ struct record {
     std::string_view text;
 };
 
-/* "2026-11-22 02:00:40.574449 UTC", or seconds; 0: the log has no times. */
+/* "2026-11-22 02:00:40.574449 UTC", or seconds; 0: the log has no times. The calendar is asked once for all the records
+   of a minute. */
 time_t time_of(const record& r)
 {
-    const std::string text(r.when);
+    static std::string minute; /* "2026-11-22 02:00:" and the zone, of the last record that had them */
+    static std::string zone;
+    static time_t begin = 0;
+    constexpr size_t SECONDS_AT = 17;
+    const std::string_view zone_now = r.when.substr(std::min(r.when.rfind(' '), r.when.size()));
+    const int second = r.when.size() > SECONDS_AT + 2 ? parse_num<int>(r.when.substr(SECONDS_AT, 2)).value_or(-1) : -1;
+    if (second >= 0 && !minute.empty() && r.when.starts_with(minute) && zone_now == zone)
+        return begin + second;
     tm t{};
-    std::array<char, 16> zone{};
+    std::array<char, 16> name{};
+    const std::string text(r.when);
     const int n = sscanf(text.c_str(), "%d-%d-%d %d:%d:%d%*[.0-9] %15s", &t.tm_year, &t.tm_mon, // NOLINT(cert-err34-c)
-                         &t.tm_mday, &t.tm_hour, &t.tm_min, &t.tm_sec, zone.data());
+                         &t.tm_mday, &t.tm_hour, &t.tm_min, &t.tm_sec, name.data());
     if (n < 6) {
-        const auto seconds = parse_num<time_t>(text.substr(0, text.find_first_of(". ")));
+        const auto seconds = parse_num<time_t>(r.when.substr(0, r.when.find_first_of(". ")));
         return seconds && *seconds >= FIRST_UNIX_TIME ? *seconds : 0; /* a smaller one counts from the boot */
     }
     t.tm_year -= 1900;
     t.tm_mon -= 1;
-    const std::string_view name = zone.data();
-    if (name == "UTC" || name == "GMT")
-        return timegm(&t);
     tzset();
-    t.tm_isdst = name == tzname[1] ? 1 : name == tzname[0] ? 0 : -1;
-    return mktime(&t);
+    t.tm_isdst = strcmp(name.data(), tzname[1]) == 0 ? 1 : strcmp(name.data(), tzname[0]) == 0 ? 0 : -1;
+    const bool is_utc = strcmp(name.data(), "UTC") == 0 || strcmp(name.data(), "GMT") == 0;
+    const time_t tm = is_utc ? timegm(&t) : mktime(&t);
+    minute = second >= 0 ? r.when.substr(0, SECONDS_AT) : "";
+    zone = zone_now;
+    begin = tm - second;
+    return tm;
 }
 
 /* "TIME PID  (NRM)  GROUP  text". None for the rest of a record that quotes a head. */
-std::optional<record> parse_record(const std::string& line)
+std::optional<record> parse_record(std::string_view line)
 {
     const size_t level = line.find("  (");
-    if (line.empty() || line[0] < '0' || line[0] > '9' || level == std::string::npos || level + 9 > line.size())
+    if (line.empty() || line[0] < '0' || line[0] > '9' || level == std::string_view::npos || level + 9 > line.size())
         return std::nullopt;
     const size_t group = level + 8; /* "  (NRM)  " */
     const size_t text = line.find("  ", group + 1);
     const size_t pid = line.rfind(' ', level - 1);
-    if (text == std::string::npos || pid == std::string::npos)
+    if (text == std::string_view::npos || pid == std::string_view::npos)
         return std::nullopt;
-    record r;
-    r.pid = parse_num<pid_t>(std::string_view(line).substr(pid + 1, level - pid - 1)).value_or(0);
-    r.when = std::string_view(line).substr(0, pid);
-    r.is_error = line.compare(level + 3, 3, "ERR") == 0;
-    const std::string_view name = std::string_view(line).substr(group + 1, text - group - 1);
-    r.is_of_task = name.starts_with('T');
-    r.is_of_channel = name == "uDl";
-    r.text = std::string_view(line).substr(text + 2);
-    return r;
+    const std::string_view name = line.substr(group + 1, text - group - 1);
+    return record{.when = line.substr(0, pid),
+                  .pid = parse_num<pid_t>(line.substr(pid + 1, level - pid - 1)).value_or(0),
+                  .is_error = line.substr(level + 3, 3) == "ERR",
+                  .is_of_task = name.starts_with('T'),
+                  .is_of_channel = name == "uDl",
+                  .text = line.substr(text + 2)};
 }
 
 /* What stands between the first `before` and the last `after`. */
-std::string between(std::string_view text, std::string_view before, std::string_view after)
+std::string_view between(std::string_view text, std::string_view before, std::string_view after)
 {
     const size_t from = text.find(before);
     const size_t to = text.rfind(after);
     if (from == std::string_view::npos || to == std::string_view::npos || from + before.size() > to)
         return "";
-    return std::string(text.substr(from + before.size(), to - from - before.size()));
+    return text.substr(from + before.size(), to - from - before.size());
 }
 
 /* ---- orders ---- */
 
 struct order {
     std::string src;
-    std::string path; /* of the final file */
     long expiry = 0;
     time_t tm = 0;              /* of its start; once stored, of its registration */
     bool is_answered = false;   /* 200, as far as the log tells */
@@ -109,60 +122,83 @@ struct order {
     const char* what = "";
 };
 
-struct history {
-    std::map<std::pair<pid_t, std::string>, order> running; /* by process and final path */
-    std::map<std::string, order> lost;                      /* by final path */
-    std::map<std::string, order> unregistered;              /* by destination */
-    std::map<std::string, order> stored;                    /* by final path; only with want_stored */
-    bool want_stored = false;
-    std::set<pid_t> quitting;
-    size_t unnamed_breaks = 0;          /* failures after the answer whose line names no file; their ends follow */
-    std::map<pid_t, long> local_expiry; /* of the registration at hand, from level info on */
+/* By the path of the final file; looked up with a part of a line. */
+struct text_hash : std::hash<std::string_view> {
+    using is_transparent = void;
+};
+using orders = std::unordered_map<std::string, order, text_hash, std::equal_to<>>;
+/* The few that are printed, sorted. */
+using sorted_orders = std::map<std::string, order, std::less<>>;
+
+/* When the time of a stored file began, and how long it is; said again by each registration of it. */
+struct end_line {
+    std::string path;
+    long expiry = 0;
+    time_t tm = 0;
+    bool is_stored = false; /* else it may be another's file that was registered */
 };
 
-std::string without_suffix(std::string path)
+struct process {
+    orders running;
+    bool is_quitting = false;
+    std::optional<long> local_expiry; /* of the registration at hand, from level info on */
+};
+
+struct history {
+    std::map<pid_t, process> processes;
+    sorted_orders lost;
+    sorted_orders unregistered; /* by destination */
+    std::vector<end_line> ends; /* only with want_ends */
+    bool want_ends = false;
+    size_t unnamed_breaks = 0; /* failures after the answer whose line names no file; their ends follow */
+};
+
+std::string_view without_suffix(std::string_view path)
 {
-    if (std::string_view(path).ends_with(UNFINISHED_SFX))
-        path.resize(path.size() - strlen(UNFINISHED_SFX));
-    return path;
+    return is_unfinished(path) ? path.substr(0, path.size() - strlen(UNFINISHED_SFX)) : path;
 }
 
-/* "TASK-START [DOW] (0x7f/idx=0) [source]->[path] length=0, expiry=60 lid=[id]", and TASK-END. */
-std::optional<order> parse_task(std::string_view text)
+/* What a task's line says, with the path of the final file. */
+struct task_line {
+    std::string_view src;
+    std::string_view path;
+    long expiry = 0;
+};
+
+/* "TASK-START [DOW] (0x7f/idx=0) [source]->[path] length=0, expiry=60 lid=[id]", and TASK-END. None for what no order
+   can be: a forged line. */
+std::optional<task_line> parse_task(std::string_view text)
 {
-    order o;
     const size_t tail = text.rfind("] length=");
     const size_t arrow = text.rfind("]->[", tail);
     const size_t src = text.find(") [");
     if (tail == std::string_view::npos || arrow == std::string_view::npos || src == std::string_view::npos ||
         src + 3 > arrow || arrow + 4 > tail)
         return std::nullopt;
-    o.src = text.substr(src + 3, arrow - src - 3);
-    o.path = text.substr(arrow + 4, tail - arrow - 4);
+    task_line t;
+    t.src = text.substr(src + 3, arrow - src - 3);
+    t.path = text.substr(arrow + 4, tail - arrow - 4);
     const auto expiry = parse_num<long>(between(text.substr(tail), "expiry=", " lid=["));
-    /* What no order can be is a forged line. */
-    if (!expiry || o.src.size() >= SPEC_URL_MAX || o.path.size() >= SPEC_PATH_MAX || printable(o.src) != o.src ||
-        printable(o.path) != o.path)
+    if (!expiry || t.src.size() >= SPEC_URL_MAX || t.path.size() >= SPEC_PATH_MAX || !is_printable(t.src) ||
+        !is_printable(t.path))
         return std::nullopt;
-    o.expiry = *expiry;
-    return o;
+    t.path = without_suffix(t.path);
+    t.expiry = *expiry;
+    return t;
 }
 
-void lose(history* h, order o, const char* what)
+void lose(history* h, const std::string& path, order o, const char* what)
 {
     o.what = what;
-    h->lost[o.path] = std::move(o);
+    h->lost[path] = std::move(o);
 }
 
 void take_start(history* h, const record& r)
 {
-    auto o = parse_task(r.text);
-    if (!o)
-        return;
-    o->path = without_suffix(o->path);
-    o->tm = time_of(r);
-    o->is_of_channel = r.is_of_channel;
-    h->running[{r.pid, o->path}] = std::move(*o);
+    if (const auto t = parse_task(r.text))
+        h->processes[r.pid].running.insert_or_assign(
+            std::string(t->path),
+            order{.src = std::string(t->src), .expiry = t->expiry, .tm = time_of(r), .is_of_channel = r.is_of_channel});
 }
 
 /* A task whose end cannot be told from a refusal that its sender was told counts as lost only when its line says so. */
@@ -171,44 +207,44 @@ void take_end(history* h, const record& r)
     const auto end = parse_task(r.text);
     if (!end)
         return;
-    const auto it = h->running.find({r.pid, without_suffix(end->path)});
-    if (it == h->running.end())
+    process& p = h->processes[r.pid];
+    const auto it = p.running.find(end->path);
+    if (it == p.running.end())
         return;
-    const order o = std::move(it->second);
-    h->running.erase(it);
+    const auto [path, o] = std::move(*it);
+    p.running.erase(it);
     if (o.is_stored)
         return;
-    if (h->quitting.contains(r.pid)) {
-        lose(h, o, "cut by a stop");
+    if (p.is_quitting) {
+        lose(h, path, o, "cut by a stop");
     } else if (o.is_answered) {
-        lose(h, o, "broken");
+        lose(h, path, o, "broken");
     } else if (h->unnamed_breaks > 0) {
         --h->unnamed_breaks;
-        lose(h, o, "broken");
+        lose(h, path, o, "broken");
     } else if (o.is_of_channel) {
-        lose(h, o, "failed, and no answer tells a datagram's sender");
+        lose(h, path, o, "failed, and no answer tells a datagram's sender");
     }
 }
 
 void take_stored(history* h, const record& r)
 {
-    const std::string path = between(r.text, "] to [", "]");
-    h->lost.erase(path);
-    const auto it = h->running.find({r.pid, path});
-    if (it == h->running.end())
+    const std::string_view path = between(r.text, "] to [", "]");
+    if (const auto it = h->lost.find(path); it != h->lost.end())
+        h->lost.erase(it);
+    process& p = h->processes[r.pid];
+    const auto it = p.running.find(path);
+    if (it == p.running.end())
         return;
     it->second.is_stored = true;
-    if (!h->want_stored)
-        return;
-    order& o = h->stored[path];
-    o = it->second;
-    o.tm = time_of(r);
+    if (h->want_ends)
+        h->ends.push_back({it->first, it->second.expiry, time_of(r), true});
 }
 
 /* The answer has gone out before these failures. */
 void take_error(history* h, const record& r)
 {
-    std::string path;
+    std::string_view path;
     if (r.text.starts_with("read_fragment: [") && r.text.find("] failed, rc=") != std::string_view::npos)
         path = between(r.text, "[", "] failed, rc=");
     else if (r.text.starts_with("complete_download: rename("))
@@ -216,8 +252,9 @@ void take_error(history* h, const record& r)
     else if (r.text.starts_with("complete_download: ") || r.text.starts_with("on_read: task [") ||
              r.text.starts_with("on_write: task [") || r.text.starts_with("on_error: task ["))
         ++h->unnamed_breaks;
-    const auto it = h->running.find({r.pid, without_suffix(path)});
-    if (it != h->running.end())
+    process& p = h->processes[r.pid];
+    const auto it = p.running.find(without_suffix(path));
+    if (it != p.running.end())
         it->second.is_answered = true;
 }
 
@@ -225,14 +262,13 @@ void take_unregistered(history* h, const record& r)
 {
     order o;
     o.tm = time_of(r);
-    const std::string dst = between(r.text, "failed to add [", "]");
-    o.path = g_set.data_dir + "/" + dst;
-    const auto task = h->running.find({r.pid, o.path});
-    const auto local = h->local_expiry.find(r.pid);
-    if (task != h->running.end())
+    const std::string dst(between(r.text, "failed to add [", "]"));
+    const process& p = h->processes[r.pid];
+    const auto task = p.running.find(g_set.data_dir + "/" + dst);
+    if (task != p.running.end())
         o.expiry = task->second.expiry;
-    else if (local != h->local_expiry.end())
-        o.expiry = local->second;
+    else if (p.local_expiry)
+        o.expiry = *p.local_expiry;
     else if (h->unregistered.contains(dst))
         return; /* tried once more, in vain */
     else
@@ -243,31 +279,24 @@ void take_unregistered(history* h, const record& r)
 /* Level info tells every registration before it is tried. */
 void take_registration(history* h, const record& r)
 {
-    const std::string dst = between(r.text, "id=[", "], url=[");
+    const std::string dst(between(r.text, "id=[", "], url=["));
     const auto expiry = parse_num<long>(r.text.substr(r.text.rfind('=') + 1));
     if (!expiry)
         return;
-    h->local_expiry[r.pid] = *expiry;
+    h->processes[r.pid].local_expiry = *expiry;
     h->unregistered.erase(dst);
-    const auto it = h->stored.find(g_set.data_dir + "/" + dst);
-    if (it == h->stored.end())
-        return;
-    it->second.expiry = *expiry;
-    it->second.tm = time_of(r);
+    if (h->want_ends)
+        h->ends.push_back({g_set.data_dir + "/" + dst, *expiry, time_of(r), false});
 }
 
-void cut_all(history* h, pid_t pid, const char* what)
+void cut_all(history* h, process* p, const char* what)
 {
-    for (auto it = h->running.begin(); it != h->running.end();) {
-        if (it->first.first != pid) {
-            ++it;
-            continue;
-        }
-        if (!it->second.is_stored)
-            lose(h, it->second, what);
-        it = h->running.erase(it);
+    for (const auto& [path, o] : p->running) {
+        if (!o.is_stored)
+            lose(h, path, o, what);
     }
-    h->quitting.erase(pid);
+    p->running.clear();
+    p->is_quitting = false;
 }
 
 void take_record(history* h, const record& r)
@@ -285,10 +314,12 @@ void take_record(history* h, const record& r)
     else if (r.is_error && r.is_of_task)
         take_error(h, r);
     else if (r.text.ends_with(" has been asked to quit."))
-        h->quitting.insert(r.pid);
+        h->processes[r.pid].is_quitting = true;
     else if (r.text.find(" STARTING. PID=") != std::string_view::npos)
-        cut_all(h, r.pid, "cut by a crash"); /* a number that an earlier process had */
+        cut_all(h, &h->processes[r.pid], "cut by a crash"); /* a number that an earlier process had */
 }
+
+/* ---- the logs ---- */
 
 /* The configured log after those that were rotated, oldest first. */
 std::vector<fs::path> default_logs()
@@ -314,17 +345,39 @@ std::vector<fs::path> default_logs()
     return logs;
 }
 
-/* No record is longer than LINE_MAX_LEN: what goes beyond is passed by, so that no log takes all the memory. */
-bool next_line(std::istream& in, std::string* line)
+/* Hands every record of a file to h. A line that fills the buffer is none, and is passed by: no log takes all the
+   memory, whatever is in it. */
+void read_log(const fs::path& path, history* h)
 {
-    std::array<char, LINE_MAX_LEN> buf{};
-    in.getline(buf.data(), buf.size());
-    line->assign(buf.data());
-    if (in.fail() && in.gcount() > 0 && !in.eof()) {
-        in.clear();
-        in.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
+    const std::unique_ptr<FILE, releaser<fclose>> file(fopen(path.c_str(), "re"));
+    if (!file)
+        fail(STATUS_USAGE, path.native() + ": " + strerror(errno));
+    setvbuf(file.get(), nullptr, _IONBF, 0);
+    std::vector<char> buf(LINE_MAX_LEN);
+    size_t kept = 0; /* bytes of a line that has not ended yet */
+    bool is_too_long = false;
+    for (size_t n = 1; n > 0;) {
+        n = fread(buf.data() + kept, 1, buf.size() - kept, file.get());
+        const char* end = buf.data() + kept + n;
+        const char* line = buf.data();
+        while (line < end) {
+            const auto* newline = static_cast<const char*>(memchr(line, '\n', static_cast<size_t>(end - line)));
+            if (!newline && n > 0)
+                break;
+            const char* line_end = newline ? newline : end; /* the last line may lack it */
+            const auto r = parse_record({line, static_cast<size_t>(line_end - line)});
+            if (r && !is_too_long)
+                take_record(h, *r);
+            is_too_long = false;
+            line = line_end + 1;
+        }
+        kept = line < end ? static_cast<size_t>(end - line) : 0;
+        memmove(buf.data(), line, kept);
+        if (kept == buf.size()) {
+            is_too_long = true;
+            kept = 0;
+        }
     }
-    return static_cast<bool>(in) || !line->empty();
 }
 
 void read_logs(std::span<char* const> args, history* h)
@@ -335,42 +388,60 @@ void read_logs(std::span<char* const> args, history* h)
     if (const fs::path absolute = fs::absolute(g_set.data_dir, ec); !ec)
         g_set.data_dir = absolute.lexically_normal();
     const std::vector<fs::path> logs = args.empty() ? default_logs() : std::vector<fs::path>(args.begin(), args.end());
-    for (const fs::path& log : logs) {
-        std::ifstream in(log);
-        if (!in)
-            fail(STATUS_USAGE, log.native() + ": " + strerror(errno));
-        for (std::string line; next_line(in, &line);) {
-            if (const auto r = parse_record(line))
-                take_record(h, *r);
-        }
-    }
-    std::set<pid_t> gone;
-    for (const auto& [key, o] : h->running) {
+    for (const fs::path& log : logs)
+        read_log(log, h);
+    for (auto& [pid, p] : h->processes) {
         /* After a reboot another agent may have the number. */
-        if (!is_agent(key.first) || (o.tm != 0 && o.tm + CLOCK_SLACK_SEC < start_of(key.first)))
-            gone.insert(key.first);
+        const time_t start = p.running.empty() ? 0 : start_of(pid);
+        const bool is_another = std::any_of(p.running.begin(), p.running.end(), [start](const auto& entry) {
+            return entry.second.tm != 0 && entry.second.tm + CLOCK_SLACK_SEC < start;
+        });
+        if (is_another || !is_agent(pid))
+            cut_all(h, &p, "cut by a crash");
     }
-    for (const pid_t pid : gone)
-        cut_all(h, pid, "cut by a crash");
     /* What is being fetched once more, or is there after all, is not lost. */
-    for (const auto& [key, o] : h->running)
-        h->lost.erase(o.path);
-    std::erase_if(h->lost, [](const auto& entry) { return access(entry.first.c_str(), F_OK) == 0; });
+    std::erase_if(h->lost, [h](const auto& entry) {
+        return access(entry.first.c_str(), F_OK) == 0 ||
+               std::any_of(h->processes.begin(), h->processes.end(),
+                           [&entry](const auto& p) { return p.second.running.contains(entry.first); });
+    });
 }
 
 /* ---- what is left of an expiry ---- */
 
-/* None when it is over. */
-std::optional<long> left_of(const order& o, time_t now)
+/* Of one that began at tm. None when it is over. */
+std::optional<long> left_of(long expiry, time_t tm, time_t now)
 {
-    if (o.expiry <= 0)
-        return o.expiry;
-    if (o.expiry >= FIRST_UNIX_TIME)
-        return o.expiry > now ? std::optional(o.expiry) : std::nullopt;
-    if (o.tm == 0)
+    if (expiry <= 0)
+        return expiry;
+    if (expiry >= FIRST_UNIX_TIME)
+        return expiry > now ? std::optional(expiry) : std::nullopt;
+    if (tm == 0)
         fail(STATUS_USAGE, "this log has no times: what is left of an expiry is not known");
-    const long left = o.tm + o.expiry - now;
+    const long left = tm + expiry - now;
     return left > 0 ? std::optional(left) : std::nullopt;
+}
+
+/* The stored files whose time is over, by path, with the moment of their last registration. The last line of a file
+   holds, so those of which no line is over, nearly all, need not be told apart. */
+std::map<std::string, time_t> over_now(const std::vector<end_line>& ends, time_t now)
+{
+    std::unordered_map<std::string_view, const end_line*> last;
+    for (const end_line& e : ends) {
+        if (!left_of(e.expiry, e.tm, now))
+            last[e.path] = nullptr;
+    }
+    for (const end_line& e : ends) {
+        const auto it = last.find(e.path);
+        if (it != last.end() && (e.is_stored || it->second))
+            it->second = &e;
+    }
+    std::map<std::string, time_t> over;
+    for (const auto& [path, e] : last) {
+        if (e && !left_of(e->expiry, e->tm, now))
+            over.emplace(path, e->tm);
+    }
+    return over;
 }
 
 std::string left_text(const std::optional<long>& left)
@@ -383,10 +454,10 @@ std::string left_text(const std::optional<long>& left)
 }
 
 /* Relative to the data directory; none for a file that is elsewhere. */
-std::optional<std::string> dst_of(const order& o)
+std::optional<std::string> dst_of(const std::string& path)
 {
     const std::string dir = g_set.data_dir.ends_with('/') ? g_set.data_dir : g_set.data_dir + "/";
-    return o.path.starts_with(dir) ? std::optional(o.path.substr(dir.size())) : std::nullopt;
+    return path.starts_with(dir) ? std::optional(path.substr(dir.size())) : std::nullopt;
 }
 
 /* ---- the database ---- */
@@ -408,7 +479,7 @@ int cmd_lost(std::span<char* const> args)
     const time_t now = time(nullptr);
     for (const auto& [path, o] : h.lost)
         printf("%s -> %s: %s, %s\n", printable(o.src).c_str(), printable(path).c_str(), o.what,
-               left_text(left_of(o, now)).c_str());
+               left_text(left_of(o.expiry, o.tm, now)).c_str());
     return h.lost.empty() ? 0 : STATUS_REFUSED;
 }
 
@@ -432,14 +503,14 @@ int cmd_replay(std::span<char* const> args)
     const time_t now = time(nullptr);
     int status = 0;
     for (const auto& [path, o] : h.lost) {
-        const auto left = left_of(o, now);
-        const auto dst = dst_of(o);
+        const auto left = left_of(o.expiry, o.tm, now);
+        const auto dst = dst_of(path);
         if (!left || !dst) {
             printf("%s: %s\n", printable(path).c_str(), left ? "not below the data directory" : "its time is over");
             continue;
         }
         await_stale(path + UNFINISHED_SFX);
-        g_set.expiry = std::to_string(left_of(o, time(nullptr)).value_or(*left));
+        g_set.expiry = std::to_string(left_of(o.expiry, o.tm, time(nullptr)).value_or(*left));
         const int rc = place_order(o.src, *dst);
         status = rc == 0 || rc == STATUS_EXISTS ? status : rc;
     }
@@ -453,7 +524,7 @@ int cmd_register_from_log(std::span<char* const> args)
     const time_t now = time(nullptr);
     int status = 0;
     for (const auto& [dst, o] : h.unregistered) {
-        const auto left = left_of(o, now);
+        const auto left = left_of(o.expiry, o.tm, now);
         if (!left || o.what[0]) {
             printf("%s: %s\n", printable(dst).c_str(), left ? o.what : "its time is over");
             status = left ? STATUS_REFUSED : status;
@@ -471,18 +542,18 @@ int cmd_register_from_log(std::span<char* const> args)
 int cmd_expire(std::span<char* const> args)
 {
     history h;
-    h.want_stored = true;
+    h.want_ends = true;
     read_logs(args, &h);
     const time_t now = time(nullptr);
     const std::optional<fleet_db> db = g_cfg.lbdb.port > 0 ? std::optional(open_fleet_db()) : std::nullopt;
     removal r;
-    for (const auto& [path, o] : h.stored) {
+    for (const auto& [path, registered] : over_now(h.ends, now)) {
         struct stat st {
         };
-        const auto dst = dst_of(o);
+        const auto dst = dst_of(path);
         /* A file that has changed since is another order's. */
-        if (!dst || left_of(o, now) || is_unfinished(path) || lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
-            st.st_mtime > o.tm)
+        if (!dst || is_unfinished(path) || lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
+            st.st_mtime > registered)
             continue;
         redisContext* redis = db ? server_of(*db, *dst) : nullptr;
         if (redis && is_wanted(redis, *dst, now))
