@@ -22,15 +22,18 @@ class Channel(KovTest):
 
     def test_order_is_stored_and_its_lock_released(self):
         agent = self.start()
-        self.origin.body("/a", b"from a datagram")
-        for i, tail in enumerate(("600", "600\r\n", "  -7 more words", "soon", "0\n\n")):
-            self.order(agent, f"job{i}", "/a", f"u/{i}", tail)
+        agent.proc.send_signal(signal.SIGSTOP)  # all come at once
+        for i, tail in enumerate(("600", "600\r\n", "  -7 more words", "soon", "0\n\n") * 20):
+            self.origin.body(f"/{i}", b"from a datagram")
+            self.order(agent, f"job{i:02}", f"/{i}", f"u/{i}", tail)
+        agent.proc.send_signal(signal.SIGCONT)
+        agent.ended(100)
+        for i in range(100):
             agent.stored(f"u/{i}", b"from a datagram")
-            agent.ended(i + 1)
         self.assertEqual(agent.held(), [])
-        self.assertEqual(agent.log().count("NO EXPIRY: sscanf('soon',..) expected 1, got 0\n"), 1)
+        self.assertEqual(agent.log().count("NO EXPIRY: sscanf('soon',..) expected 1, got 0\n"), 20)
         agent.logged("expiry=600 lid=[job", "expiry=-7 lid=[job")
-        agent.order(self.origin.url("/a"), "http")
+        agent.order(self.origin.url("/0"), "http")
 
     def test_refusals(self):
         agent = self.start()
