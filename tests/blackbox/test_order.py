@@ -27,7 +27,9 @@ class Bodies(KovTest):
             self.check_body(agent, "odd", 3 * MIB + 17)
             head = b"HTTP/1.0 200 OK\nContent-Length: 5\n\n"  # what is beyond the length is ignored
             agent.fetch(self.origin.raw("/more", head + b"12345678"), "more", b"12345")
-            agent.fetch(self.origin.raw("/later", head, lambda conn: conn.sendall(b"12345678")), "later", b"12345")
+            url, gate = self.origin.gated("/later", head, b"12345678")
+            agent.order(url, "later")
+            agent.completes(gate, "later", b"12345")
 
     def test_the_border_between_mapping_and_writing(self):
         agent = self.start("max_mmap_mb = 1;", level="debug")

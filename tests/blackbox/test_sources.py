@@ -186,6 +186,12 @@ class Moved(KovTest):
                 self.check_bodies(agent)
                 self.assertIn("INJECTED", agent.trace())
 
+    def test_a_read_that_a_signal_interrupts_is_repeated(self):
+        nth = 1 + self.traced(calls="read").trace().count("read(")
+        agent = self.traced("splice:error=ENOSYS", f"read:error=EINTR:when={nth}+2", calls="splice,read")
+        self.check_bodies(agent)
+        self.assertIn("EINTR", agent.trace())
+
     def test_without_a_pipe(self):
         agent = self.traced(calls="fcntl")
         wait_for(lambda: "F_SETPIPE_SZ" in agent.trace(), "the pipe")

@@ -5,8 +5,3 @@ from .agent import (ANSWERS, ASAN, KOV, MODES, OK, QUICK, SLOW, Agent, adopt_orp
 from .case import KovTest, cases, needs_namespaces
 from .services import NameServer, Nginx, Redis, ScriptedDatabase
 from .source import HEAD, Origin
-
-__all__ = ["ANSWERS", "ASAN", "HEAD", "KOV", "MODES", "OK", "QUICK", "SLOW", "Agent", "KovTest", "NameServer", "Nginx",
-           "Origin", "Redis", "ScriptedDatabase", "adopt_orphans", "age", "callgrind", "cases", "free_port", "memcheck",
-           "needs_namespaces", "read", "read_all", "request", "reset", "sized", "strace", "unshare",
-           "wait_for", "write"]

@@ -1,4 +1,3 @@
-#include "fdio.h"
 #include "syswrap.h"
 
 #include "caught_log.h"
@@ -6,11 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/time.h>
-#include <unistd.h>
 
 TEST(Faults, ExpectedOnesDependOnStrict)
 {
@@ -49,50 +44,4 @@ TEST(Failures, AreLoggedOnceAndKeepErrno)
         EXPECT_EQ(log.text(), std::string("(ERR)  me: ") + c.text + " ERROR(" + std::to_string(c.err) +
                                   "): " + strerror(c.err) + "\n");
     }
-}
-
-TEST(Fdio, WaitToReadSeesDataAndTheEnd)
-{
-    int p[2];
-    char c = 0;
-    ASSERT_EQ(pipe(p), 0);
-    EXPECT_EQ(wait_to_read(p[0], 1), 0);
-    ASSERT_EQ(nwrite(p[1], "x", 1), 1);
-    EXPECT_EQ(wait_to_read(p[0], 1), 1);
-    EXPECT_EQ(nread(p[0], &c, 1), 1);
-    close(p[1]);
-    EXPECT_EQ(wait_to_read(p[0], 1), 1) << "the end of a pipe can be read";
-    close(p[0]);
-}
-
-TEST(Fdio, ACallIsRepeatedOnlyAfterASignal)
-{
-    int p[2];
-    ASSERT_EQ(pipe(p), 0);
-    static int wfd;
-    static int nticks;
-    wfd = p[1];
-    nticks = 0;
-    struct sigaction sa {
-    }, old{};
-    sa.sa_handler = [](int) {
-        if (++nticks == 3)
-            (void)!write(wfd, "ab", 2);
-    };
-    sigaction(SIGALRM, &sa, &old);
-    itimerval tick = {{0, 5000}, {0, 5000}};
-    setitimer(ITIMER_REAL, &tick, nullptr);
-    char buf[8];
-    EXPECT_EQ(nread(p[0], buf, sizeof(buf)), 2) << "interrupted twice, then one short read";
-    tick = {};
-    setitimer(ITIMER_REAL, &tick, nullptr);
-    sigaction(SIGALRM, &old, nullptr);
-
-    ASSERT_EQ(fcntl(p[1], F_SETFL, O_NONBLOCK), 0);
-    const std::string much(1 << 20, 'x');
-    EXPECT_EQ(nwrite(p[1], much.data(), much.size()), 1 << 16) << "a short write is reported, not continued";
-    EXPECT_EQ(nwrite(p[1], "x", 1), -1);
-    EXPECT_EQ(errno, EAGAIN);
-    close(p[0]);
-    close(p[1]);
 }
