@@ -150,18 +150,6 @@ class Registration(Database):
         os.rmdir(agent.path("r"))
         os.remove(agent.path("r-Kova"))  # it stays under its unfinished name
 
-    def test_whatever_the_moment_of_the_end_every_stored_file_is_registered(self):
-        for n in range(2 if QUICK else 8):
-            agent = self.start(self.db.settings())
-            clients = [agent.ask(self.origin.body(f"/{n}/{i}", b"x" * 5000), f"{n}/{i}") for i in range(60)]
-            agent.logged("downloaded: ", count=5 + 3 * n)
-            self.assertLess(self.end(agent), SLOW)
-            stored = agent.files()
-            self.assertGreaterEqual(len(stored), 5)
-            self.assertEqual([name for name in stored if name.endswith("-Kova") or not self.db.urls(name)], [])
-            for client in clients:
-                client.close()
-
 
 class Start(Database):
     def test_failures_have_their_status(self):

@@ -5,7 +5,6 @@ import os
 import re
 import signal
 import stat
-import subprocess
 import time
 import unittest
 
@@ -142,13 +141,3 @@ class Rotation(KovTest):
         self.assertRegex(day[-1], "^2026-03-02 00:00:0")  # the record that found the day over
         agent.get("/", 204)
         self.assertEqual(len(self.rotated(agent)), 1)  # once only
-
-    def test_a_full_log_disk_costs_lines_only(self):
-        logs = self.new_root()
-        if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "none", logs], check=False).returncode != 0:
-            self.skipTest("a small file system of its own cannot be mounted here")
-        self.addCleanup(subprocess.run, ["umount", logs], check=True)
-        agent = self.start(options=("-l", f"{logs}/log"))
-        self.fill(agent, 200)
-        agent.fetch(self.origin.body("/a", b"stored"), "a", b"stored")
-        self.end(agent)

@@ -603,8 +603,6 @@ class Installed(KovTest):
         for page in pages:
             for link in re.findall(r"\]\((?!http)([^)#]+)\)", read(page)):
                 self.assertTrue(os.path.exists(os.path.join(os.path.dirname(page), link)), f"{page}: {link}")
-        for name in ("lib/systemd/system/kov@.service", "lib/systemd/system/kov-watch.timer",
-                     "lib/systemd/system/kov-expire@.timer", "share/man/man8/kov.8", "share/man/man5/kov.conf.5",
-                     "share/man/man1/kovctl.1", "share/man/man8/kov-checkconf.8", "share/kov/load-scripts",
-                     "share/kov/redis/add_url.lua"):
+        for name in ("lib/systemd/system/kov@.service", "lib/systemd/system/kov-watch.timer", "share/man/man8/kov.8",
+                     "lib/systemd/system/kov-expire@.timer", "share/kov/load-scripts", "share/kov/redis/add_url.lua"):
             self.assertTrue(os.path.exists(f"{self.tree}/usr/{name}"), name)
