@@ -1,5 +1,9 @@
 /* The wait before a stop: until the agent has no download left. New orders are kept away by others: a balancer, a
-   firewall; the agent itself goes on to take them. */
+   firewall; the agent itself goes on to take them.
+   The difficulty is an agent that ends meanwhile. Told to, it cuts its downloads and is there for a while without any:
+   it looks as if they had ended by themselves. But signals come through to an agent only where it waits in its loop,
+   and an agent that ends is not there any more: that it has nothing to do counts only while a signal would come
+   through. */
 #include "ctl.h"
 
 #include "guard.h"
@@ -7,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <poll.h>
@@ -18,6 +23,7 @@ namespace
 
 constexpr long DRAIN_WAIT_SEC = 60;
 constexpr int LOOK_MS = 250;
+constexpr int SECOND_LOOK_MS = 20; /* a client that turns into a download may be missed by one */
 constexpr auto SAY_EVERY = std::chrono::seconds(10);
 constexpr auto HUNG_AFTER = std::chrono::seconds(10);
 
@@ -28,18 +34,20 @@ std::string left_text(const workload& w)
     return std::to_string(w.downloads) + (w.downloads == 1 ? " download" : " downloads");
 }
 
-/* The process has ended, waited for at most LOOK_MS. */
-bool has_ended(int pidfd)
+/* The process has ended, waited for at most so long. */
+bool has_ended(int pidfd, int wait_ms)
 {
     pollfd p = {pidfd, POLLIN, 0};
-    return poll(&p, 1, LOOK_MS) > 0;
+    return poll(&p, 1, wait_ms) > 0;
 }
 
-[[noreturn]] void fail_ended(const workload& last)
+/* Of the last look that saw something. */
+[[noreturn]] void fail_gone(const workload& last)
 {
     if (last.downloads > 0)
-        fail(STATUS_REFUSED, "the agent has ended with " + left_text(last) + " running: kovctl lost lists them");
-    fail(STATUS_UNREACHABLE, "the agent has ended");
+        fail(STATUS_REFUSED, "gone: the agent has ended, with " + left_text(last) +
+                                 " at the last look: kovctl lost lists what was cut");
+    fail(STATUS_UNREACHABLE, "gone: the agent has ended");
 }
 
 } // namespace
@@ -58,35 +66,40 @@ int cmd_drain()
     const auto deadline = begin + std::chrono::seconds(g_set.timeout.value_or(DRAIN_WAIT_SEC));
     auto say_at = begin;
     auto moved_at = begin; /* when something has come to an end, or a source has sent something */
-    workload last{};
-    for (;;) {
+    workload load{};
+    workload busy{}; /* the last one that was not idle */
+    for (bool was_idle = false;;) {
         const auto now = steady_clock::now();
-        const auto load = workload_of(*agent.pid);
-        if (!load && !has_ended(pidfd))
+        const auto seen = workload_of(*agent.pid);
+        if (!seen && !has_ended(pidfd, LOOK_MS))
             fail_blind(*agent.pid);
-        if (!load)
-            fail_ended(last);
-        if (load->downloads == 0 && load->clients == 0) {
+        if (!seen)
+            fail_gone(busy);
+        const bool is_idle = seen->downloads == 0 && seen->clients == 0;
+        if (is_idle && was_idle && takes_signal(*agent.pid, SIGTERM)) {
             printf("drained: nothing runs, after %.1f s\n", std::chrono::duration<double>(now - begin).count());
             return 0;
         }
-        if (*load != last)
+        was_idle = is_idle;
+        if (*seen != load)
             moved_at = now;
-        last = *load;
+        load = *seen;
+        if (!is_idle)
+            busy = load;
         if (now >= deadline)
-            fail(STATUS_GAVE_UP, "gave up: " + left_text(last) + " and " + std::to_string(last.clients) +
+            fail(STATUS_GAVE_UP, "gave up: " + left_text(load) + " and " + std::to_string(load.clients) +
                                      " clients are left; kovctl status names silent sources");
         if (now - moved_at >= HUNG_AFTER) {
             if (!answers_ping())
-                fail(STATUS_GAVE_UP, "the agent hangs: " + left_text(last) + " will not end");
+                fail(STATUS_GAVE_UP, "the agent hangs: " + left_text(load) + " will not end");
             moved_at = steady_clock::now();
         }
-        if (now >= say_at) {
-            printf("waiting: %s\n", left_text(last).c_str());
+        if (now >= say_at && !is_idle) {
+            printf("waiting: %s\n", left_text(load).c_str());
             fflush(stdout);
             say_at = now + SAY_EVERY;
         }
-        if (has_ended(pidfd))
-            fail_ended(last);
+        if (has_ended(pidfd, is_idle ? SECOND_LOOK_MS : LOOK_MS))
+            fail_gone(busy);
     }
 }

@@ -167,6 +167,19 @@ time_t start_of(pid_t pid)
     return time(nullptr) - up.tv_sec + ticks.value_or(0) / sysconf(_SC_CLK_TCK);
 }
 
+bool takes_signal(pid_t pid, int signo)
+{
+    constexpr std::string_view HEAD = "SigBlk:\t";
+    std::ifstream status(proc_of(pid) / "status");
+    for (std::string line; std::getline(status, line);) {
+        uint64_t blocked = 0; /* in hexadecimal, signal 1 the lowest bit */
+        if (line.starts_with(HEAD) &&
+            std::from_chars(line.data() + HEAD.size(), line.data() + line.size(), blocked, 16).ec == std::errc{})
+            return !(blocked >> (signo - 1) & 1);
+    }
+    return false;
+}
+
 std::optional<std::vector<descriptor>> descriptors_of(pid_t pid)
 {
     const std::unique_ptr<DIR, releaser<closedir>> dir(opendir((proc_of(pid) / "fd").c_str()));

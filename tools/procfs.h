@@ -23,6 +23,9 @@ struct rui_cfg;
 /* When it began, by the wall clock of now; the epoch if it is gone. */
 [[nodiscard]] time_t start_of(pid_t pid);
 
+/* Whether a signal that came now would be taken at once, not held up. False also of a process that is gone. */
+[[nodiscard]] bool takes_signal(pid_t pid, int signo);
+
 /* An open descriptor of a process. */
 struct descriptor {
     std::string number;

@@ -298,13 +298,20 @@ class Drain(Ctl):
         os.kill(self.agent.pid, signal.SIGCONT)
         self.origin.released.set()
 
+    def test_an_agent_that_is_told_to_end_has_not_drained(self):
+        """Its downloads are cut a while before it is gone."""
+        self.agent = self.start(trace="exit_group", inject=("exit_group:delay_enter=1000000",))
+        waits = self.drain()
+        self.end(self.agent)
+        self.ends(waits, 1, "^kovctl: gone: the agent has ended, with 3 downloads at the last look: kovctl lost lists")
+
     def test_an_agent_that_ends_or_is_one_of_two(self):
         waits = self.drain()
         other = self.start(more_listeners=f', {{ ifc = "lo"; default_af = "inet4"; port = {self.port}; }}')
         self.ctl("drain", status=3, says="more than one agent")
         kovctl("-C", f"{other.root}/kov.conf", "-p", str(other.pid), "drain")
         self.agent.stop(signal.SIGKILL)
-        self.ends(waits, 1, "ended with 3 downloads running: kovctl lost lists them")
+        self.ends(waits, 1, "gone: .* with 3 downloads at the last look")
         kovctl("-p", "", "drain", status=3)
         for name in self.agent.unfinished():
             os.unlink(self.agent.path(name))
