@@ -266,7 +266,7 @@ int load_kova_config(const char* path, kova_cfg* cfg, int reload) noexcept
     struct stat st {
     };
     if (fp && fstat(fileno(fp.get()), &st) == 0 && S_ISDIR(st.st_mode))
-        fp.reset(); /* on a directory the parser library would end the process */
+        fp.reset(); /* a directory is refused like a file that cannot be opened */
     int rc = -1;
     if (fp)
         rc = parse_config(&file, path, fp.get());
