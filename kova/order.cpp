@@ -21,6 +21,96 @@ constexpr char BLANKS[] = " \t"; /* end a word of a datagram */
 /* Of the unfinished path, NUL included. One less than its field holds, on purpose: see init_spec. */
 constexpr size_t FPATH_LIMIT = SPEC_PATH_MAX - 1;
 
+/* ---- the order ---- */
+
+/* A raw control byte would write lines of its own into the GET that is sent, and into the log. Not quoted. */
+static int check_bytes(const char* fn, const char* what, const char* text) noexcept
+{
+    for (const char* p = text; *p; ++p) {
+        if (is_control(*p)) {
+            LOG_ERR("%s: control byte 0x%02x at %td of the %s\n", fn, static_cast<unsigned>(*p), p - text, what);
+            return EINVAL;
+        }
+    }
+    return 0;
+}
+
+/* Paths of the order; makes the missing directories. The path data_dir/dst-Kova is cut at 126 characters and refused
+   from 128 on: one of 127 loses its last character, and with it the suffix that would tell it from a finished file.
+   0; ERANGE; the error of the making. */
+static int init_spec(const char* data_dir, const char* src, const char* dst, dw_spec* spec) noexcept
+{
+    const size_t len = strlen(data_dir);
+    const char* slash = len > 0 && data_dir[len - 1] == '/' ? "" : "/";
+    std::array<char, SPEC_PATH_MAX> path;
+    const size_t n = join_text(path.data(), path.size(), {data_dir, slash, dst, UNFINISHED_SFX});
+    if (n >= path.size()) {
+        LOG_ERR("%s: full path is too long: %zu/%zu\n", __func__, n, SPEC_PATH_MAX);
+        return ERANGE;
+    }
+    cut_text(spec->fpath, FPATH_LIMIT, {path.data(), n});
+    if (!is_unfinished_seg(spec->fpath)) {
+        LOG_ERR("%s: full path was cut: [%s]\n", __func__, spec->fpath);
+        return ERANGE;
+    }
+    if (!copy_text(spec->url, sizeof(spec->url), src)) {
+        LOG_ERR("%s: source URL is too long: %zu/%zu\n", __func__, strlen(src), SPEC_URL_MAX);
+        return ERANGE;
+    }
+    if (const int rc = mk_fpath_dirs(spec->fpath)) {
+        LOG_ERR("%s: cannot ensure dest path [%s]\n", __func__, spec->fpath);
+        return rc;
+    }
+    cut_text(spec->dst_path, sizeof(spec->dst_path), dst);
+    spec->content_length = 0;
+    return 0;
+}
+
+/* Source and destination (a buffer of dst_cap + 1 bytes, filled from the source when empty) to order. The checks come
+   before anything is made on disk, and the check of the unfinished file, which may remove one, last. 0; EINVAL; ERANGE;
+   EEXIST the unfinished file is being written; the result of a failing step. All logged. */
+static int setup_dw_spec(const char* src, char* dst, size_t dst_cap, dw_spec* spec) noexcept
+{
+    LOG_DEBUG("%s: src=[%s] dst=[%s]\n", __func__, src, dst);
+    if (!std::string_view(src).starts_with(HTTP_PREFIX)) {
+        LOG_ERR("%s: non-HTTP or invalid src=[%s]\n", __func__, src);
+        return EINVAL;
+    }
+    if (!dst[0]) {
+        const char* host = strstr(src, "//");
+        const char* slash = host ? strchr(host + 2, '/') : nullptr;
+        if (!slash || !slash[1]) {
+            LOG_ERR("%s: cannot extract path from source URL: %s\n", __func__, src);
+            return EINVAL;
+        }
+        cut_text(dst, dst_cap, slash + 1);
+        LOG_DEBUG("%s: source-based dst=[%s]\n", __func__, dst);
+    }
+    if (const int rc = check_bytes(__func__, "source", src))
+        return rc;
+    if (const int rc = check_bytes(__func__, "destination", dst))
+        return rc;
+
+    /* A destination must stay below the data directory. No segment of it may look like an unfinished file: a directory
+       of such a name would be in the way of the order for that file. */
+    for (std::string_view rest = dst; !rest.empty();) {
+        const size_t slash = rest.find('/');
+        const std::string_view seg = rest.substr(0, slash);
+        if (seg == "..") {
+            LOG_ERR("%s: destination leaves the data directory: [%s]\n", __func__, dst);
+            return EINVAL;
+        }
+        if (seg.ends_with(UNFINISHED_SFX)) {
+            LOG_ERR("%s: destination names an unfinished file: [%s]\n", __func__, dst);
+            return EINVAL;
+        }
+        rest.remove_prefix(slash == std::string_view::npos ? rest.size() : slash + 1);
+    }
+    if (const int rc = init_spec(g_cfg.data_dir, src, dst, spec))
+        return rc;
+    return check_unfinished(__func__, spec);
+}
+
 /* ---- the request ---- */
 
 /* Cuts the query off the source: what is fetched never carries one. The expiry in it, or 0. The field is looked for as
@@ -126,92 +216,4 @@ int parse_url(const char* url, const char* lid, dw_spec* spec) noexcept
     if (lid)
         cut_text(spec->lid, sizeof(spec->lid), lid);
     return 0;
-}
-
-/* ---- the order ---- */
-
-/* A raw control byte would write lines of its own into the GET that is sent, and into the log. Not quoted. */
-static int check_bytes(const char* fn, const char* what, const char* text) noexcept
-{
-    for (const char* p = text; *p; ++p) {
-        if (is_control(*p)) {
-            LOG_ERR("%s: control byte 0x%02x at %td of the %s\n", fn, static_cast<unsigned>(*p), p - text, what);
-            return EINVAL;
-        }
-    }
-    return 0;
-}
-
-/* Paths of the order; makes the missing directories. The path data_dir/dst-Kova is cut at 126 characters and refused
-   from 128 on: one of 127 loses its last character, and with it the suffix that would tell it from a finished file.
-   0; ERANGE; the error of the making. */
-static int init_spec(const char* data_dir, const char* src, const char* dst, dw_spec* spec) noexcept
-{
-    const size_t len = strlen(data_dir);
-    const char* slash = len > 0 && data_dir[len - 1] == '/' ? "" : "/";
-    std::array<char, SPEC_PATH_MAX> path;
-    const size_t n = join_text(path.data(), path.size(), {data_dir, slash, dst, UNFINISHED_SFX});
-    if (n >= path.size()) {
-        LOG_ERR("%s: full path is too long: %zu/%zu\n", __func__, n, SPEC_PATH_MAX);
-        return ERANGE;
-    }
-    cut_text(spec->fpath, FPATH_LIMIT, {path.data(), n});
-    if (!is_unfinished_seg(spec->fpath)) {
-        LOG_ERR("%s: full path was cut: [%s]\n", __func__, spec->fpath);
-        return ERANGE;
-    }
-    if (!copy_text(spec->url, sizeof(spec->url), src)) {
-        LOG_ERR("%s: source URL is too long: %zu/%zu\n", __func__, strlen(src), SPEC_URL_MAX);
-        return ERANGE;
-    }
-    if (const int rc = mk_fpath_dirs(spec->fpath)) {
-        LOG_ERR("%s: cannot ensure dest path [%s]\n", __func__, spec->fpath);
-        return rc;
-    }
-    cut_text(spec->dst_path, sizeof(spec->dst_path), dst);
-    spec->content_length = 0;
-    return 0;
-}
-
-/* The checks come before anything is made on disk, and the check of the unfinished file, which may remove one, last. */
-int setup_dw_spec(const char* src, char* dst, size_t dst_cap, dw_spec* spec) noexcept
-{
-    LOG_DEBUG("%s: src=[%s] dst=[%s]\n", __func__, src, dst);
-    if (!std::string_view(src).starts_with(HTTP_PREFIX)) {
-        LOG_ERR("%s: non-HTTP or invalid src=[%s]\n", __func__, src);
-        return EINVAL;
-    }
-    if (!dst[0]) {
-        const char* host = strstr(src, "//");
-        const char* slash = host ? strchr(host + 2, '/') : nullptr;
-        if (!slash || !slash[1]) {
-            LOG_ERR("%s: cannot extract path from source URL: %s\n", __func__, src);
-            return EINVAL;
-        }
-        cut_text(dst, dst_cap, slash + 1);
-        LOG_DEBUG("%s: source-based dst=[%s]\n", __func__, dst);
-    }
-    if (const int rc = check_bytes(__func__, "source", src))
-        return rc;
-    if (const int rc = check_bytes(__func__, "destination", dst))
-        return rc;
-
-    /* A destination must stay below the data directory. No segment of it may look like an unfinished file: a directory
-       of such a name would be in the way of the order for that file. */
-    for (std::string_view rest = dst; !rest.empty();) {
-        const size_t slash = rest.find('/');
-        const std::string_view seg = rest.substr(0, slash);
-        if (seg == "..") {
-            LOG_ERR("%s: destination leaves the data directory: [%s]\n", __func__, dst);
-            return EINVAL;
-        }
-        if (seg.ends_with(UNFINISHED_SFX)) {
-            LOG_ERR("%s: destination names an unfinished file: [%s]\n", __func__, dst);
-            return EINVAL;
-        }
-        rest.remove_prefix(slash == std::string_view::npos ? rest.size() : slash + 1);
-    }
-    if (const int rc = init_spec(g_cfg.data_dir, src, dst, spec))
-        return rc;
-    return check_unfinished(__func__, spec);
 }

@@ -13,9 +13,3 @@
 [[nodiscard]] int parse_msg(char* msg, char** url, char** lid, long* expiry) noexcept;
 /* Order of a datagram's URL; lid may be null. 0 or an error (logged). */
 [[nodiscard]] int parse_url(const char* url, const char* lid, dw_spec* spec) noexcept;
-
-/* ---- offered, called in this room only ---- */
-
-/* Source and destination (a buffer of dst_cap + 1 bytes, filled from the source when empty) to order. 0; EINVAL;
-   ERANGE; EEXIST the unfinished file is being written; the result of a failing step. All logged. */
-[[nodiscard]] int setup_dw_spec(const char* src, char* dst, size_t dst_cap, dw_spec* spec) noexcept;

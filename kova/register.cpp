@@ -44,7 +44,9 @@ bool is_local_url(const char* url) noexcept
     return next == '/' || next == '\0';
 }
 
-int add_lbdb_url(const dw_spec* spec) noexcept
+/* Registers the order's destination, and waits for the database's answer. 0; -1 the URL is too long; the client's error
+   (logged). */
+static int add_lbdb_url(const dw_spec* spec) noexcept
 {
     ASSERT(g_cfg.seg_url_pfx[0] && spec->dst_path[0]);
     std::array<char, LBDB_URL_MAX> url{};

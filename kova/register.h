@@ -15,8 +15,3 @@ void register_file(const dw_spec* spec) noexcept;
 /* Serves an order for a local source, under the name of the function that has taken it. Waits for the database's
    answer. 0; -1 the URL is too long; the client's error (logged). */
 [[nodiscard]] int register_local(const char* fn, const dw_spec* spec) noexcept;
-
-/* ---- offered, called in this room only ---- */
-
-/* Registers the order's destination; with open_register's connection only. As register_local. */
-[[nodiscard]] int add_lbdb_url(const dw_spec* spec) noexcept;
