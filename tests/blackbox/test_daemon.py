@@ -5,10 +5,9 @@ import os
 import pwd
 import resource
 import signal
-import subprocess
 import unittest
 
-from harness import KOV, KovTest, adopt_orphans, read, write
+from harness import KovTest, adopt_orphans, read, write
 
 NOBODY = pwd.getpwnam("nobody")
 
@@ -101,16 +100,10 @@ class Background(KovTest):
 
     def failed_start(self, messages, statuses, options=(), preexec=None, runtime="", place="errors"):
         """A start that fails, with the statuses of its processes, and what it says on standard error or in the log."""
-        root = self.new_root()
-        write(f"{root}/kov.conf", f'kova = {{ log = {{ file = "{root}/log"; }}; runtime = {{ {runtime} }};'
-              f'web_input = {{ web = {{ ifc = "lo"; port = 9; }}; }}; data_dir = "{root}"; }};')
-        command = [KOV, "-C", f"{root}/kov.conf", *options]
-        with subprocess.Popen(command, stderr=subprocess.PIPE, preexec_fn=preexec) as proc:
-            errors = proc.stderr.read().decode()
-            found = sorted(os.waitstatus_to_exitcode(os.wait()[1]) for _ in statuses)  # two end in any order
-            proc.returncode = 0
-            self.assertRaises(ChildProcessError, os.wait)
-        text = errors if place == "errors" else read(f"{root}/log")
+        agent = self.start(runtime=runtime, options=options, preexec=preexec, arguments=(), must_run=False)
+        found = [agent.proc.wait(10), *sorted(os.waitstatus_to_exitcode(os.wait()[1]) for _ in statuses[1:])]
+        self.assertRaises(ChildProcessError, os.wait)
+        text = agent.stderr() if place == "errors" else agent.log()
         self.assertEqual(found, statuses, text)
         for message in messages:
             self.assertIn(message, text)

@@ -183,8 +183,8 @@ class Agent:
 
     def run(self):
         """Starts it, or starts it again."""
-        before = read(self.pidfile, "")
         if self.is_daemon:
+            before = read(self.pidfile, "")
             adopt_orphans()
         self.proc = subprocess.Popen(**self.launch)
         if self.is_daemon:
