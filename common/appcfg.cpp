@@ -70,7 +70,7 @@ int load_log_config(const config_setting_t* group, log_cfg* cfg) noexcept
 static constexpr config_key RUNTIME_ROWS[] = {
     key_text<&rt_cfg::pidfile>("pidfile", "", "Path; a daemon needs one."),
     key_flag<&rt_cfg::non_daemon>("non_daemon", false, "Stay in the foreground."),
-    key_flag<&rt_cfg::quiet>("quiet", false, "Nothing on the terminal."),
+    key_flag<&rt_cfg::quiet>("quiet", false, "No copy of the log on the terminal beside the log file."),
     key_flag<&rt_cfg::enforce_core_dumps>("enforce_core_dumps", true, "Unlimited core size."),
     key_int<&rt_cfg::cpunum>("cpunum", -1, INT_MIN, INT_MAX, "Run on this CPU only; below 0: on any."),
     key_text<&rt_cfg::user>("run_as_user", "", "The user that a daemon becomes when root starts it."),
