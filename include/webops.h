@@ -91,10 +91,8 @@ void http_set_server(const char* name) noexcept;
 /* Formats a response head. Bytes written, -1 cut, EINVAL unsupported version (10 and 11 are supported). */
 [[nodiscard]] int mk_http_xt_resp(const http_response* resp, int version, char* buf, size_t cap) noexcept;
 [[nodiscard]] int mk_http_response(const http_response* resp, char* buf, size_t cap) noexcept;
-/* Formats and writes to fd. 0, or the formatter's error; a failed or short write is only logged. */
+/* Formats, writes to fd and ends the stream: the end rides with the answer, and both reach a client even when bytes of
+   it were not read. 0, or the formatter's error; a failed or short write is only logged. */
 [[nodiscard]] int send_http_response(int fd, const http_response* resp) noexcept;
-/* The same, and ends the stream: the end rides with the answer, and reaches a client even when bytes of it were not
-   read. */
-[[nodiscard]] int send_final_response(int fd, const http_response* resp) noexcept;
 /* The shared response for a status code. */
 [[nodiscard]] const http_response* http_code_resp(long code) noexcept;

@@ -97,7 +97,7 @@ static void answer_client(const char* fn, dw_task* task, const http_response* ch
     task->hresp = chosen;
     LOG_DEBUG("%s: sending response to client fd%d\n", fn, task->cfd);
     ASSERT(task->cfd > 0);
-    if (send_final_response(task->cfd, chosen) == 0)
+    if (send_http_response(task->cfd, chosen) == 0)
         LOG_DEBUG("%s: HTTP%d response sent to fd%d\n", fn, chosen->code, task->cfd);
     W_close(fn, task->cfd);
     LOG_DEBUG("%s: fd%d client connection closed\n", fn, task->cfd);

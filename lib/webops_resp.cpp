@@ -141,38 +141,25 @@ int mk_http_response(const http_response* resp, char* buf, size_t cap) noexcept
     return mk_http_xt_resp(resp, 11, buf, cap);
 }
 
-using send_fn = ssize_t (*)(int fd, const void* buf, size_t count) noexcept;
-
-/* fn is the name in the log; the formatter's EINVAL is a positive number like a length, and means none. */
-static int send_by(const char* fn, send_fn send_text, int fd, const http_response* resp) noexcept
+/* The end of the stream follows at once: a close would answer unread bytes of a client with a reset, which may take the
+   answer with it. Without a connection there is nothing to end. The formatter's EINVAL is a positive number like a
+   length, and means none. */
+int send_http_response(int fd, const http_response* resp) noexcept
 {
     static std::array<char, HTTP_RESP_MAX> buf; /* one for all callers: nothing is kept after the send */
 
     const int len = mk_http_response(resp, buf.data(), buf.size());
     if (len < 0 || len == EINVAL) {
-        LOG_ERR("%s: error compiling HTTP response for fd=%d\n", fn, fd);
+        LOG_ERR("%s: error compiling HTTP response for fd=%d\n", __func__, fd);
         return len;
     }
-    const ssize_t n = send_text(fd, buf.data(), static_cast<size_t>(len));
+    const ssize_t n = nsend_more(fd, buf.data(), static_cast<size_t>(len));
     if (n < 1)
-        LOG_ERR("%s: error sending HTTP response to fd=%d\n", fn, fd);
+        LOG_ERR("%s: error sending HTTP response to fd=%d\n", __func__, fd);
     else if (n < len)
-        LOG_WARN("%s: only %zd out of %d bytes sent to fd=%d\n", fn, n, len, fd);
+        LOG_WARN("%s: only %zd out of %d bytes sent to fd=%d\n", __func__, n, len, fd);
     else
-        LOG_HEAD(DEBUG_level, "%s: sent HTTP response (%zd bytes) to fd=%d:\n%.1024s\n", fn, n, fd, buf.data());
-    return 0;
-}
-
-int send_http_response(int fd, const http_response* resp) noexcept
-{
-    return send_by(__func__, nwrite, fd, resp);
-}
-
-int send_final_response(int fd, const http_response* resp) noexcept
-{
-    const int rc = send_by("send_http_response", nsend_more, fd, resp);
-    /* Before the close, which would answer unread bytes with a reset and drop what waits. Without a connection there is
-       nothing to end. */
+        LOG_HEAD(DEBUG_level, "%s: sent HTTP response (%zd bytes) to fd=%d:\n%.1024s\n", __func__, n, fd, buf.data());
     (void)shutdown(fd, SHUT_WR);
-    return rc;
+    return 0;
 }

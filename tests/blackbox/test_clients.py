@@ -79,6 +79,9 @@ class Clients(KovTest):
                 gate.set()
                 self.assertEqual(b"".join(iter(lambda: s.recv(4096), b"")), ANSWERS[answer])  # an end, and no reset
         agent.stored("f0", b"x")
+        for target, answer in (("/", 204), ("/x", 400), (f"/src/http://127.0.0.1:{free_port()}/a/dst/a", 400)):
+            with agent.connect(request(target) + b"more" * 500) as s:
+                self.assertEqual(b"".join(iter(lambda: s.recv(4096), b"")), ANSWERS[answer])
 
     def test_clients_that_leave(self):
         agent = self.start("urq_tmout_sec = 20;")
