@@ -32,7 +32,7 @@ struct log_cfg {
 
 struct rt_cfg {
     char pidfile[128];           /* empty = none: a daemon does not start without one */
-    char user[USERNAME_MAX_LEN]; /* whom a daemon of root's becomes; empty = stays root */
+    char user[USERNAME_MAX_LEN]; /* whom root's daemon becomes; empty = it stays root */
     bool non_daemon;             /* stays in the foreground; an ordinary user's agent does anyway */
     bool quiet;                  /* no copy on the terminal of what goes to a log file */
     bool enforce_core_dumps;     /* core dumps of any size, whatever the limits were */

@@ -316,8 +316,7 @@ int check_script_exists(const char* sha1) noexcept
     return rc;
 }
 
-/* An array of more elements than any script has use for: its announcement alone would reserve memory for all of them.
-   */
+/* More elements than any script has use for: the announcement alone would reserve memory for all of them. */
 constexpr size_t MAX_ARRAY = 4096;
 
 /* Written by bound_arrays, at the connect. */

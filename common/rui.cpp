@@ -181,8 +181,8 @@ int rui_enable_listeners(rui_socket_ctx* srv) noexcept
     return 0;
 }
 
-/* The first listener that cannot be opened stops the start: an agent that listens to half of its places would be missed
-   late. */
+/* The first listener that cannot be opened stops the start: that an agent listens in half of its places only would be
+   noticed late. */
 int rui_ctx_start(rui_ctx* ctx) noexcept
 {
     for (int kind = RUI_USER; kind < RUI_MAX; ++kind) {

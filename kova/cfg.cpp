@@ -267,6 +267,7 @@ int load_kova_config(const char* path, kova_cfg* cfg, int reload) noexcept
     };
     if (fp && fstat(fileno(fp.get()), &st) == 0 && S_ISDIR(st.st_mode))
         fp.reset(); /* a directory is refused like a file that cannot be opened */
+
     int rc = -1;
     if (fp)
         rc = parse_config(&file, path, fp.get());

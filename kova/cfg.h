@@ -45,7 +45,7 @@ extern kova_cfg g_cfg; /* filled at start-up, read-only afterwards (the listener
 void init_kova_config(kova_cfg* cfg) noexcept;
 /* 0, or non-zero (logged, or reported on standard error). */
 [[nodiscard]] int load_kova_config(const char* path, kova_cfg* cfg, int reload) noexcept;
-/* A listener of the command line, "ifc:port". 0, -12, 22 (logged). */
+/* A listener of the command line, "ifc:port". 0; EINVAL (logged); -ENOMEM. */
 [[nodiscard]] int add_web_cli(kova_cfg* cfg, const char* text, int family) noexcept;
 [[nodiscard]] int validate_config(const kova_cfg* cfg) noexcept;
 void dump_kova_config(FILE* stream, const kova_cfg* cfg) noexcept;

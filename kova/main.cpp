@@ -29,8 +29,8 @@ static int app_start() noexcept
     return start_kova_ctx();
 }
 
-/* Releases everything, from whatever stage of a start. The pid file goes last, so that who waits for it to vanish finds
-   the process done. */
+/* Releases everything, from whatever stage of a start. The pid file goes last, so that whoever waits for it to vanish
+   finds the process done. */
 static void app_shutdown() noexcept
 {
     LOG_DEBUG("%s: begins\n", __func__);

@@ -153,7 +153,7 @@ void setup_config(int argc, char* argv[]) noexcept
 
     reset_getopt_state();
     log_timefmt(g_log, g_cfg.log.timefmt);
-    if (geteuid() != 0) /* who is not root cannot make a daemon's pid file and log */
+    if (geteuid() != 0) /* a daemon's user, pid file and log are root's to make */
         g_cfg.rt.non_daemon = true;
     for (int c = 0; (c = getopt_long(argc, argv, OPT_LETTERS, LONG_OPTS, nullptr)) != -1;) {
         if (apply_option(c) != 0)

@@ -37,6 +37,7 @@ static int become_daemon(const char* fn) noexcept
         LOG_ERR("getcwd ERROR(%d) : %s\n", err, strerror(err));
         return -1;
     }
+
     /* A data directory may be given from where the operator stands, which the daemon leaves. */
     char* dir = g_cfg.data_dir;
     if (dir[0] && dir[0] != '/') {
@@ -50,6 +51,7 @@ static int become_daemon(const char* fn) noexcept
         }
         cut_text(dir, sizeof(g_cfg.data_dir), path.data());
     }
+
     if (const int rc = daemonize()) {
         log_default(g_log, stderr);
         LOG_ERR("Failed to make the process a daemon, quitting.\n");
@@ -104,6 +106,7 @@ static int runtime_steps(const char* fn) noexcept
         if (const int rc = become_daemon(fn))
             return rc;
     }
+
     if (const char* path = g_cfg.log.path; path[0]) { /* after the change of user, to whom the file belongs */
         const int rc = path[0] == '|' ? log_popen(g_log, path + 1) : log_open_ex(g_log, path, 0);
         if (rc != 0) {
@@ -113,6 +116,7 @@ static int runtime_steps(const char* fn) noexcept
         apply_log_config(g_log, &g_cfg.log);
         LOG_DEBUG("%s: log config applied\n", fn);
     }
+
     if (is_daemon) {
         null_fd(STDERR_FILENO);
         if (const int rc = create_pidfile_extra(g_cfg.rt.pidfile, getpid(), nullptr, 0))

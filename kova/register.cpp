@@ -51,7 +51,7 @@ static int add_lbdb_url(const dw_spec* spec) noexcept
     ASSERT(g_cfg.seg_url_pfx[0] && spec->dst_path[0]);
     std::array<char, LBDB_URL_MAX> url{};
     const int n = snprintf(url.data(), url.size() - 1, "%s/%s", g_cfg.seg_url_pfx, spec->dst_path);
-    /* 255 passes, though its last character is cut: the stated bound. */
+    /* 255 passes, though its last character is cut, as it always has been. */
     if (n < 1 || n > static_cast<int>(url.size()) - 1) {
         LOG_ERR("%s: n=%d, URL buffer error\n", __func__, n);
         return -1;
