@@ -140,7 +140,7 @@ int read_fragment(dw_task* task) noexcept
            into a mapping leave the file's time as it is. */
         if (timed_out(task->touch_tm, TOUCH_PACE)) {
             rqs_set_now(&task->touch_tm);
-            (void)futimens(task->dfd, nullptr); /* the own file of this process: it can always be done */
+            (void)futimens(task->dfd, nullptr); /* never refused on a file of one's own */
         }
     } else if (n > 0 && written != n) {
         LOG_ERR("%s: under-write to fd%d: %zd/%zd\n", __func__, task->dfd, n, written);
@@ -154,7 +154,6 @@ int read_fragment(dw_task* task) noexcept
         LOG_DEBUG("%s: %zd bytes, total=%jd/%zu, %zu left\n", __func__, n, intmax_t{task->f_pos}, task->content_length,
                   task->nleft);
     }
-    rqs_set_now(&task->last_io_tm);
     if (rc != 0)
         LOG_ERR("%s: [%s] failed, rc=%d\n", __func__, task->spec.fpath, rc);
     return rc;
