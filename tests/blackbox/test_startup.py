@@ -77,9 +77,6 @@ class CommandLine(KovTest):
             text = self.run_kov("-T", *args, config=config, status=status)
             self.assertIn(message, text)
             self.assertRegex(text, rf"(?s)kov shut down\n.*EXIT\({status}\)\. PID=\d+\n")
-        out = f"{self.root}/piped"  # the last lines of a log command are there, too
-        self.run_kov("-T", "-q", "-l", f"|cat > {out}", "-P", "2000", config=web)
-        self.assertIn("Failed to pin this kov(", read(out))
 
 
 class Running(KovTest):

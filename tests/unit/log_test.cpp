@@ -12,7 +12,6 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <string>
-#include <sys/stat.h>
 #include <unistd.h>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
@@ -147,17 +146,6 @@ protected:
     scratch_dir dir;
     std::string path = dir.at("log");
 };
-
-TEST_F(LogFile, IsReadableByAllWhateverTheUmask)
-{
-    const mode_t old = umask(077);
-    ASSERT_EQ(log_open_ex(g_log, path.c_str(), 0), 0);
-    umask(old);
-    EXPECT_EQ(fs::status(path).permissions(), fs::perms(0644));
-    log_close(g_log);
-    LOG_ERR("lost: there is no stream\n");
-    EXPECT_EQ(content(), "");
-}
 
 TEST_F(LogFile, RotatesNotWithinAHandlerAndKeepsAFileOfTheSameSecond)
 {
