@@ -4,12 +4,12 @@
 
 #include "guard.h"
 #include "lbquery.h"
+#include "redis_ask.h"
 
 #include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <hiredis/hiredis.h>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -21,36 +21,12 @@ namespace
 constexpr size_t SHA1_LEN = 40;
 constexpr timeval WAIT = {1, 0};
 
-using redis_ptr = std::unique_ptr<redisContext, releaser<redisFree>>;
-using reply_ptr = std::unique_ptr<redisReply, releaser<freeReplyObject>>;
-
-redis_ptr connect_to(const lbdb_cfg& db)
-{
-    redis_ptr redis(redisConnectWithTimeout(db.host, db.port, WAIT));
-    if (!redis || redis->err || redisSetTimeout(redis.get(), WAIT) != REDIS_OK)
-        redis.reset();
-    return redis;
-}
-
-template <typename... Args>
-reply_ptr ask(const redis_ptr& redis, const char* format, Args... args)
-{
-    return reply_ptr(static_cast<redisReply*>(redisCommand(redis.get(), format, args...)));
-}
-
-bool is_error(const reply_ptr& reply, std::string_view code)
-{
-    return reply && reply->type == REDIS_REPLY_ERROR && std::string_view(reply->str).starts_with(code);
-}
-
 /* Any answer but the one of a server that still reads its data. */
 bool answers(const lbdb_cfg& db)
 {
-    const redis_ptr redis = connect_to(db);
-    if (!redis)
-        return false;
-    const reply_ptr reply = ask(redis, "PING");
-    return reply && !is_error(reply, "LOADING");
+    const redis_ptr redis = connect_redis(db.host, db.port, WAIT);
+    const reply_ptr reply = redis ? try_redis(redis.get(), "PING") : nullptr;
+    return reply && !is_error(reply.get(), "LOADING");
 }
 
 /* Empty when there is none that the agent could use. */
@@ -71,26 +47,28 @@ std::string read_digest(const lbdb_cfg& db)
     return std::string(digest);
 }
 
-void check_script(const lbdb_cfg& db, const redis_ptr& redis, const std::string& digest)
+void check_script(const lbdb_cfg& db, redisContext* redis, const std::string& digest)
 {
-    const reply_ptr reply = ask(redis, "SCRIPT EXISTS %s", digest.c_str());
-    if (is_error(reply, ""))
+    const reply_ptr reply = try_redis(redis, "SCRIPT EXISTS %s", digest.c_str());
+    if (!reply)
+        warn("lbdb %s:%d does not say whether it knows the script: %s", db.host, db.port, redis->errstr);
+    else if (is_error(reply.get(), ""))
         warn("lbdb %s:%d refuses the agent, which will not start: %s", db.host, db.port, reply->str);
-    else if (reply && reply->type == REDIS_REPLY_ARRAY && reply->elements == 1 && reply->element[0]->integer == 0)
+    else if (count_of(reply.get()) == 1 && number_of(element_of(reply.get(), 0)) == 0)
         warn("lbdb %s:%d does not know the script of %s/add_url.sha1: the agent will not start (load-scripts loads it)",
              db.host, db.port, db.sha1_path);
 }
 
 /* An agent registers with the one server that it has connected to at its start. */
-void check_role(const lbdb_cfg& db, const redis_ptr& redis)
+void check_role(const lbdb_cfg& db, redisContext* redis)
 {
-    const reply_ptr role = ask(redis, "ROLE");
-    if (role && role->type == REDIS_REPLY_ARRAY && role->elements > 0 && role->element[0]->type == REDIS_REPLY_STRING &&
-        strcmp(role->element[0]->str, "master") != 0)
+    const reply_ptr answer = try_redis(redis, "ROLE");
+    const std::string role = answer ? text_of(element_of(answer.get(), 0)) : "";
+    if (!role.empty() && role != "master")
         warn("lbdb %s:%d is a %s: it takes no registrations; name the master, or an outbox (docs/FLEET.md)", db.host,
-             db.port, strcmp(role->element[0]->str, "slave") == 0 ? "replica" : role->element[0]->str);
-    const reply_ptr info = ask(redis, "INFO cluster");
-    if (info && info->type == REDIS_REPLY_STRING && strstr(info->str, "cluster_enabled:1"))
+             db.port, role == "slave" ? "replica" : role.c_str());
+    const reply_ptr info = try_redis(redis, "INFO cluster");
+    if (info && text_of(info.get()).find("cluster_enabled:1") != std::string::npos)
         warn("lbdb %s:%d is a node of a cluster: it refuses what other nodes hold (MOVED), and those files are not "
              "registered; use an outbox (docs/FLEET.md)",
              db.host, db.port);
@@ -103,14 +81,14 @@ void check_database(const lbdb_cfg& db)
     if (db.port <= 0)
         return;
     const std::string digest = read_digest(db);
-    const redis_ptr redis = connect_to(db);
+    const redis_ptr redis = connect_redis(db.host, db.port, WAIT);
     if (!redis) {
         warn("lbdb: no database answers at %s:%d: the agent will not start", db.host, db.port);
         return;
     }
     if (!digest.empty())
-        check_script(db, redis, digest);
-    check_role(db, redis);
+        check_script(db, redis.get(), digest);
+    check_role(db, redis.get());
 }
 
 bool await_database(const lbdb_cfg& db, int seconds)

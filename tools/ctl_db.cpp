@@ -79,18 +79,9 @@ fleet_url url_of_configuration()
     return url;
 }
 
-/* Without the user of the data: Sentinels have their own, if any. */
-redis_ptr connect_to(const place& to)
-{
-    redis_ptr redis(redisConnectWithTimeout(to.host.c_str(), to.port, WAIT));
-    if (!redis || redis->err || redisSetTimeout(redis.get(), WAIT) != REDIS_OK)
-        redis.reset();
-    return redis;
-}
-
 redis_ptr log_in(const place& to, const fleet_url& url)
 {
-    redis_ptr redis = connect_to(to);
+    redis_ptr redis = connect_redis(to.host, to.port, WAIT);
     if (!redis)
         return nullptr;
     if (!url.user.empty() && !url.password.empty())
@@ -111,12 +102,14 @@ redis_ptr log_in(const place& to, const fleet_url& url)
 place ask_sentinels(const fleet_url& url)
 {
     for (const place& sentinel : url.places) {
-        const redis_ptr redis = connect_to(sentinel);
+        /* Without the user of the data: Sentinels have their own, if any. */
+        const redis_ptr redis = connect_redis(sentinel.host, sentinel.port, WAIT);
         if (!redis)
             continue;
         const reply_ptr reply = ask_redis(redis.get(), "SENTINEL get-master-addr-by-name %s", url.master.c_str());
-        if (reply->type == REDIS_REPLY_ARRAY && reply->elements == 2)
-            return {reply->element[0]->str, parse_num<int>(reply->element[1]->str).value_or(0)};
+        if (count_of(reply.get()) == 2)
+            return {text_of(element_of(reply.get(), 0)),
+                    parse_num<int>(text_of(element_of(reply.get(), 1))).value_or(0)};
     }
     fail(STATUS_UNREGISTERED, "no Sentinel names the master of " + url.master);
 }
@@ -124,16 +117,16 @@ place ask_sentinels(const fleet_url& url)
 /* One element of CLUSTER SLOTS: first slot, last slot, master, replicas; a node is its host, its port, ... */
 void take_slots(fleet_db* db, const redisReply* range, const fleet_url& url, const place& seed)
 {
-    const redisReply* node = range->element[2];
-    const char* host = node->element[0]->str;
-    const place master = {host && *host ? host : seed.host, static_cast<int>(node->element[1]->integer)};
+    const redisReply* node = element_of(range, 2);
+    const std::string host = text_of(element_of(node, 0));
+    const place master = {host.empty() ? seed.host : host, static_cast<int>(number_of(element_of(node, 1)))};
     const auto known = std::find_if(db->servers.begin(), db->servers.end(),
                                     [&master](const db_server& s) { return s.name == master.name(); });
     const auto at = static_cast<size_t>(known - db->servers.begin());
     if (known == db->servers.end())
         db->servers.push_back({master.name(), log_in(master, url)});
-    const auto first = static_cast<size_t>(range->element[0]->integer);
-    const auto last = std::min(static_cast<size_t>(range->element[1]->integer), CLUSTER_SLOTS - 1);
+    const auto first = static_cast<size_t>(number_of(element_of(range, 0)));
+    const auto last = std::min(static_cast<size_t>(number_of(element_of(range, 1))), CLUSTER_SLOTS - 1);
     for (size_t slot = first; slot <= last; ++slot)
         db->owners[slot] = at;
 }
@@ -141,17 +134,25 @@ void take_slots(fleet_db* db, const redisReply* range, const fleet_url& url, con
 /* What a user of few rights may not ask is no. */
 bool is_cluster_node(redisContext* redis)
 {
-    const reply_ptr info(static_cast<redisReply*>(redisCommand(redis, "INFO cluster")));
-    return info && info->type == REDIS_REPLY_STRING && strstr(info->str, "cluster_enabled:1");
+    const reply_ptr info = try_redis(redis, "INFO cluster");
+    return info && text_of(info.get()).find("cluster_enabled:1") != std::string::npos;
 }
 
 bool is_outbox(redisContext* redis)
 {
-    const reply_ptr found(static_cast<redisReply*>(redisCommand(redis, "EXISTS kov:outbox")));
-    return found && found->type == REDIS_REPLY_INTEGER && found->integer != 0;
+    const reply_ptr found = try_redis(redis, "EXISTS kov:outbox");
+    return found && number_of(found.get()) != 0;
 }
 
 } // namespace
+
+void check_answer(const redisContext* redis, const redisReply* reply)
+{
+    if (!reply)
+        fail(STATUS_UNREGISTERED, std::string("no answer from the database: ") + redis->errstr);
+    if (is_error(reply, ""))
+        fail(STATUS_UNREGISTERED, "the database refuses: " + printable({reply->str, reply->len}));
+}
 
 fleet_db open_fleet_db()
 {
@@ -178,8 +179,8 @@ fleet_db open_fleet_db()
         }
         db.owners.assign(CLUSTER_SLOTS, SIZE_MAX);
         const reply_ptr slots = ask_redis(redis.get(), "CLUSTER SLOTS");
-        for (size_t i = 0; i < slots->elements; ++i)
-            take_slots(&db, slots->element[i], url, p);
+        for (size_t i = 0; i < count_of(slots.get()); ++i)
+            take_slots(&db, element_of(slots.get(), i), url, p);
         if (!db.servers.empty())
             return db;
     }
@@ -194,7 +195,7 @@ redisContext* server_of(const fleet_db& db, const std::string& key)
         if (!s.redis)
             continue;
         const reply_ptr slot = ask_redis(s.redis.get(), "CLUSTER KEYSLOT %b", key.data(), key.size());
-        const size_t owner = db.owners[static_cast<size_t>(slot->integer) % CLUSTER_SLOTS];
+        const size_t owner = db.owners[static_cast<size_t>(number_of(slot.get())) % CLUSTER_SLOTS];
         if (owner != SIZE_MAX && db.servers[owner].redis)
             return db.servers[owner].redis.get();
         break;

@@ -3,15 +3,10 @@
 #pragma once
 
 #include "ctl.h"
-#include "guard.h"
+#include "redis_ask.h"
 
-#include <hiredis/hiredis.h>
-#include <memory>
 #include <string>
 #include <vector>
-
-using redis_ptr = std::unique_ptr<redisContext, releaser<redisFree>>;
-using reply_ptr = std::unique_ptr<redisReply, releaser<freeReplyObject>>;
 
 /* A server of its own, or one master of a cluster. */
 struct db_server {
@@ -27,14 +22,13 @@ struct fleet_db {
 /* The connection to the server that has the key. Ends the program when that one does not answer. */
 [[nodiscard]] redisContext* server_of(const fleet_db& db, const std::string& key);
 
+/* Ends the program when the answer is an error, or null. */
+void check_answer(const redisContext* redis, const redisReply* reply);
 /* One command; an error, or no answer, ends the program. Arguments as for redisCommand. */
 template <class... Args>
 reply_ptr ask_redis(redisContext* redis, const char* format, Args... args)
 {
-    reply_ptr reply(static_cast<redisReply*>(redisCommand(redis, format, args...)));
-    if (!reply)
-        fail(STATUS_UNREGISTERED, std::string("the database is gone: ") + redis->errstr);
-    if (reply->type == REDIS_REPLY_ERROR)
-        fail(STATUS_UNREGISTERED, std::string("the database refuses: ") + printable(reply->str));
+    reply_ptr reply = try_redis(redis, format, args...);
+    check_answer(redis, reply.get());
     return reply;
 }

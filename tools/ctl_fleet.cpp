@@ -15,6 +15,7 @@ namespace
 constexpr int64_t LIVES_MS = 3000; /* after its last beat: as long as balancers send players to a host */
 constexpr long SOON_SEC = 3600;
 constexpr size_t SHOWN = 10;
+constexpr size_t HOSTS_MAX = 100000; /* an id may have a copy at any name at all */
 constexpr const char* ALIVE_KEY = "kov:alive";
 
 /* Counts one page of ids where they are: a million would be 100 MB on the wire. A page holds the server up for half a
@@ -72,17 +73,19 @@ struct fleet_state {
     std::set<std::pair<long, std::string>> soonest; /* the first of them, and when */
     uint64_t lost = 0;                              /* ids that no living host has */
     std::set<std::string> lost_shown;
-    bool is_whole = true; /* each server has answered */
+    uint64_t copies_elsewhere = 0; /* at hosts beyond HOSTS_MAX */
+    bool is_whole = true;          /* each server has answered */
 };
 
 int64_t now_ms(redisContext* redis)
 {
     const reply_ptr reply = ask_redis(redis, "TIME");
-    if (reply->type != REDIS_REPLY_ARRAY || reply->elements != 2)
+    const auto seconds = parse_num<int64_t>(text_of(element_of(reply.get(), 0)));
+    const auto us = parse_num<int64_t>(text_of(element_of(reply.get(), 1)));
+    if (!seconds || !us)
         fail(STATUS_UNREGISTERED, "the database does not tell its time");
     constexpr int64_t MS = 1000;
-    return parse_num<int64_t>(reply->element[0]->str).value_or(0) * MS +
-           parse_num<int64_t>(reply->element[1]->str).value_or(0) / MS;
+    return *seconds * MS + *us / MS;
 }
 
 /* "beat_ms weight free all agent" */
@@ -109,37 +112,37 @@ void read_alive(const fleet_db& db, fleet_state* f)
     redisContext* redis = server_of(db, ALIVE_KEY);
     const int64_t now = now_ms(redis); /* the beats are by this server's clock */
     const reply_ptr reply = ask_redis(redis, "HGETALL %s", ALIVE_KEY);
-    for (size_t i = 0; i + 1 < reply->elements; i += 2)
-        f->hosts[reply->element[i]->str] = row_of(reply->element[i + 1]->str, now);
-}
-
-std::string text_of(const redisReply* reply)
-{
-    return {reply->str, reply->len};
+    for (size_t i = 0; i + 1 < count_of(reply.get()); i += 2)
+        f->hosts[text_of(element_of(reply.get(), i))] = row_of(text_of(element_of(reply.get(), i + 1)), now);
 }
 
 void take_page(const redisReply* page, fleet_state* f)
 {
-    f->ids += static_cast<uint64_t>(page->element[1]->integer);
-    const redisReply* ending = page->element[2];
-    f->ending += ending->elements;
-    for (size_t i = 0; i < ending->elements; ++i) {
-        const redisReply* e = ending->element[i];
-        f->soonest.emplace(strtol(e->element[1]->str, nullptr, 10), text_of(e->element[0]));
+    f->ids += static_cast<uint64_t>(number_of(element_of(page, 1)));
+    const redisReply* ending = element_of(page, 2);
+    f->ending += count_of(ending);
+    for (size_t i = 0; i < count_of(ending); ++i) {
+        const redisReply* e = element_of(ending, i);
+        f->soonest.emplace(strtol(text_of(element_of(e, 1)).c_str(), nullptr, 10), text_of(element_of(e, 0)));
         if (f->soonest.size() > SHOWN)
             f->soonest.erase(std::prev(f->soonest.end()));
     }
-    const redisReply* lost = page->element[3];
-    f->lost += lost->elements;
-    for (size_t i = 0; i < lost->elements && f->lost_shown.size() < SHOWN; ++i)
-        f->lost_shown.insert(text_of(lost->element[i]));
-    const redisReply* hosts = page->element[4];
-    for (size_t i = 0; i < hosts->elements; ++i) {
-        const redisReply* h = hosts->element[i];
-        host_row& row = f->hosts[text_of(h->element[0])];
-        row.copies += static_cast<uint64_t>(h->element[1]->integer);
-        row.soon += static_cast<uint64_t>(h->element[2]->integer);
-        row.never += static_cast<uint64_t>(h->element[3]->integer);
+    const redisReply* lost = element_of(page, 3);
+    f->lost += count_of(lost);
+    for (size_t i = 0; i < count_of(lost) && f->lost_shown.size() < SHOWN; ++i)
+        f->lost_shown.insert(text_of(element_of(lost, i)));
+    const redisReply* hosts = element_of(page, 4);
+    for (size_t i = 0; i < count_of(hosts); ++i) {
+        const redisReply* h = element_of(hosts, i);
+        const std::string name = text_of(element_of(h, 0));
+        if (f->hosts.size() >= HOSTS_MAX && !f->hosts.contains(name)) {
+            f->copies_elsewhere += static_cast<uint64_t>(number_of(element_of(h, 1)));
+            continue;
+        }
+        host_row& row = f->hosts[name];
+        row.copies += static_cast<uint64_t>(number_of(element_of(h, 1)));
+        row.soon += static_cast<uint64_t>(number_of(element_of(h, 2)));
+        row.never += static_cast<uint64_t>(number_of(element_of(h, 3)));
     }
 }
 
@@ -159,13 +162,13 @@ void read_ids(redisContext* redis, fleet_state* f)
         std::vector<const char*> args = {"EVAL", PAGE, "0", cursor.c_str(), now_text.c_str(), horizon.c_str()};
         for (const std::string& name : living)
             args.push_back(name.c_str());
-        const reply_ptr page(
-            static_cast<redisReply*>(redisCommandArgv(redis, static_cast<int>(args.size()), args.data(), nullptr)));
-        if (!page || page->type != REDIS_REPLY_ARRAY || page->elements != 5)
-            fail(STATUS_UNREGISTERED, std::string("the database refuses to count: ") +
-                                          (page && page->type == REDIS_REPLY_ERROR ? page->str : redis->errstr));
+        (void)redisAppendCommandArgv(redis, static_cast<int>(args.size()), args.data(), nullptr);
+        const reply_ptr page = await_reply(redis);
+        check_answer(redis, page.get());
+        if (count_of(page.get()) != 5)
+            fail(STATUS_UNREGISTERED, "the database does not count");
         take_page(page.get(), f);
-        cursor = page->element[0]->str;
+        cursor = text_of(element_of(page.get(), 0));
     } while (cursor != "0");
 }
 
@@ -188,6 +191,8 @@ void print(const fleet_state& f)
                age_text(row).c_str(), row.is_beating ? printable(row.weight).c_str() : "-",
                static_cast<double>(row.free_bytes) / GIB, agent, row.copies, row.soon, row.never);
     }
+    if (f.copies_elsewhere > 0)
+        printf("at further hosts, which are not shown: %" PRIu64 " copies\n", f.copies_elsewhere);
     printf("ids: %" PRIu64 "; their last copy ends within %ld s: %" PRIu64 "; on no living host: %" PRIu64 "\n", f.ids,
            g_set.timeout.value_or(SOON_SEC), f.ending, f.lost);
     for (const auto& [ends, id] : f.soonest)

@@ -467,7 +467,9 @@ bool is_wanted(redisContext* redis, const std::string& dst, time_t now)
 {
     const std::string url = g_set.prefix + "/" + dst;
     const reply_ptr score = ask_redis(redis, "ZSCORE %s %s", dst.c_str(), url.c_str());
-    return score->type == REDIS_REPLY_STRING && strtod(score->str, nullptr) > static_cast<double>(now);
+    if (score->type != REDIS_REPLY_STRING && score->type != REDIS_REPLY_NIL)
+        fail(STATUS_UNREGISTERED, "the database does not say until when it sends readers to " + printable(dst));
+    return strtod(text_of(score.get()).c_str(), nullptr) > static_cast<double>(now);
 }
 
 } // namespace
