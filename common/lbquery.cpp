@@ -213,24 +213,16 @@ int lbdb_init(const char* sha1_dir, int32_t need_func, uint32_t options) noexcep
 
 /* ---- connection ---- */
 
-/* Not the loop's clock, which stands still while a command is waited for. */
-static int64_t now_ms() noexcept
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * int64_t{1000} + now.tv_nsec / 1000000;
-}
-
 /* Waits for the server's socket. A server that hangs holds the agent up; once a quit signal has come, it gets a last,
    bounded time in all. 0 ready, or an errno value. */
 static int wait_for_server(short events, int64_t deadline) noexcept
 {
     for (;;) {
         if (g_quit && g_ctx.quit_deadline == 0)
-            g_ctx.quit_deadline = now_ms() + QUIT_GRACE_MS;
+            g_ctx.quit_deadline = mono_ms() + QUIT_GRACE_MS;
         if (g_quit)
             deadline = std::min(deadline, g_ctx.quit_deadline);
-        const int64_t left = deadline == NO_DEADLINE ? 0 : std::max<int64_t>(deadline - now_ms(), 0);
+        const int64_t left = deadline == NO_DEADLINE ? 0 : std::max<int64_t>(deadline - mono_ms(), 0);
         timespec limit{};
         ms2timespec(left, &limit);
         const int rc = poll_with_signals(g_ctx.redis->fd, events, deadline == NO_DEADLINE ? nullptr : &limit);
@@ -351,7 +343,7 @@ static int open_connection(const char* fn, const char* host, int port, timeval t
         LOG_ERR("%s: redisConnectWithTimeout ERROR(%d): %s\n", fn, g_ctx.redis->err, g_ctx.redis->errstr);
         return -1;
     }
-    int err = wait_for_server(POLLOUT, now_ms() + tmout.tv_sec * int64_t{1000} + tmout.tv_usec / 1000);
+    int err = wait_for_server(POLLOUT, mono_ms() + tmout.tv_sec * int64_t{1000} + tmout.tv_usec / 1000);
     socklen_t len = sizeof(err);
     if (err == 0 && getsockopt(g_ctx.redis->fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0)
         err = errno;

@@ -17,6 +17,12 @@ size_t cut_text(char* dst, size_t cap, std::string_view s) noexcept;
    below cap, dst holds nothing of use. */
 size_t join_text(char* dst, size_t cap, std::initializer_list<std::string_view> parts) noexcept;
 
+/* As isspace() of the C locale. */
+[[nodiscard]] constexpr bool is_space(char c) noexcept
+{
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
 /* A byte that commands a terminal and that no listing shows. */
 [[nodiscard]] constexpr bool is_control(char c) noexcept
 {

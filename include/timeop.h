@@ -32,7 +32,14 @@ const char* get_timezone(int refresh) noexcept;
 /* The word for flags, or "#error#". */
 [[nodiscard]] const char* timefmt_str(uint32_t flags) noexcept;
 
-/* Reads CLOCK_REALTIME, or any clock. On failure perror() and *ts stays as it was. */
+/* CLOCK_MONOTONIC now, for what is timed within one handler: the loop's clock stands still meanwhile. */
+[[nodiscard]] int64_t mono_us() noexcept;
+[[nodiscard]] inline int64_t mono_ms() noexcept
+{
+    return mono_us() / 1000;
+}
+
+/* Reads CLOCK_REALTIME, or any clock. On failure (reported on standard error) *ts stays as it was. */
 void set_real_now(timespec* ts) noexcept;
 void set_clk_now(timespec* ts, clockid_t id) noexcept;
 

@@ -3,6 +3,7 @@
 #include "log_out.h"
 
 #include "strops.h"
+#include "timeop.h"
 
 #include <algorithm>
 #include <array>
@@ -119,21 +120,13 @@ static struct {
     long last_end_us; /* CLOCK_MONOTONIC */
 } g_waits;
 
-/* Not the loop's clock, which stands still while a handler runs. */
-static long now_us() noexcept
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000000 + now.tv_nsec / 1000;
-}
-
 /* True when another try is worth while. A terminal may be writable and yet lack the room for one character: is_idle
    says that the last try after a wait has brought nothing. */
 static bool wait_for_room(log_out* out, bool is_idle) noexcept
 {
     if (out->is_stalled)
         return false;
-    const long start = now_us();
+    const long start = mono_us();
     if (start - g_waits.last_end_us >= WAIT_PAUSE_US)
         g_waits.spent_us = 0;
     const long left_us = WAIT_US - g_waits.spent_us;
@@ -142,7 +135,7 @@ static bool wait_for_room(log_out* out, bool is_idle) noexcept
     pollfd p = {out->fd, static_cast<short>(is_idle ? 0 : POLLOUT), 0};
     const long limit_us = is_idle ? std::min(left_us, NAP_US) : left_us;
     const int rc = poll(&p, 1, static_cast<int>((limit_us + 999) / 1000));
-    g_waits.last_end_us = now_us();
+    g_waits.last_end_us = mono_us();
     g_waits.spent_us += g_waits.last_end_us - start;
     return rc > 0 || is_idle;
 }

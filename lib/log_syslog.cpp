@@ -4,6 +4,7 @@
 
 #include "log_out.h"
 #include "strops.h"
+#include "timeop.h"
 
 #include <array>
 #include <cerrno>
@@ -22,7 +23,7 @@
 
 constexpr size_t IDENT_MAX = 64;
 constexpr size_t PREFIX_MAX = 160;
-constexpr time_t RETRY_SEC = 1; /* an absent daemon is looked for so often */
+constexpr int64_t RETRY_MS = 1000; /* an absent daemon is looked for so often */
 
 /* By log level from -4 (panic) to 2 (debug). */
 static const int PRIORITIES[] = {LOG_ALERT, LOG_ERR, LOG_CRIT, LOG_WARNING, LOG_NOTICE, LOG_INFO, LOG_DEBUG};
@@ -32,15 +33,8 @@ static struct {
     int option;
     log_out out; /* the connection; attached while there is one */
     bool is_stream;
-    time_t retry_at; /* CLOCK_MONOTONIC; no connection is tried before */
+    int64_t retry_at; /* ms of CLOCK_MONOTONIC; no connection is tried before */
 } g_syslog;
-
-static time_t now_sec() noexcept
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec;
-}
 
 void syslog_open(const char* ident, int option) noexcept
 {
@@ -57,7 +51,7 @@ static bool send_line(const char* text, size_t len) noexcept
         if (!g_syslog.out.is_attached) {
             const int fd = connect_unix(_PATH_LOG, &g_syslog.is_stream);
             if (fd < 0) {
-                g_syslog.retry_at = now_sec() + RETRY_SEC;
+                g_syslog.retry_at = mono_ms() + RETRY_MS;
                 return false;
             }
             out_attach(&g_syslog.out, fd);
@@ -75,7 +69,7 @@ static bool send_line(const char* text, size_t len) noexcept
    are dropped, since a connection attempt a line would cost more than the line. */
 void syslog_put(int level, int facility, std::string_view line) noexcept
 {
-    if (!g_syslog.out.is_attached && now_sec() < g_syslog.retry_at)
+    if (!g_syslog.out.is_attached && mono_ms() < g_syslog.retry_at)
         return;
     const int priority = level >= -4 && level <= 2 ? PRIORITIES[level + 4] : LOG_DEBUG;
     const time_t now = time(nullptr);

@@ -9,6 +9,7 @@
 #include "netops_internal.h"
 #include "strops.h"
 #include "syswrap.h"
+#include "timeop.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -373,19 +374,11 @@ constexpr long CLOSED_FACTOR = 10; /* so that a name server that never answers c
 /* Written by look_up_source. */
 static long g_names_closed_until = 0; /* ms of CLOCK_MONOTONIC; 0 = sources are looked up */
 
-/* Not the loop's clock, which stands still while a look-up blocks. */
-static long clock_ms() noexcept
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000 + now.tv_nsec / 1'000'000;
-}
-
 /* A source's name. A look-up blocks everything else: one that took long and was in vain closes the road for all
    names, whose servers are the same. */
 static addrinfo* look_up_source(const char* fn, const char* address, const char* port, const addrinfo* hints) noexcept
 {
-    const long start = clock_ms();
+    const long start = mono_ms();
     if (start < g_names_closed_until) {
         LOG_ERR("%s: [%s] is not looked up: names are refused for %ld ms more\n", fn, address,
                 g_names_closed_until - start);
@@ -397,7 +390,7 @@ static addrinfo* look_up_source(const char* fn, const char* address, const char*
     addrinfo* list = nullptr;
     if (W_getaddrinfo(fn, address, port, hints, &list) == 0)
         return list;
-    const long end = clock_ms();
+    const long end = mono_ms();
     if (end - start > SLOW_LOOKUP_MS) {
         g_names_closed_until = end + CLOSED_FACTOR * (end - start);
         LOG_WARN("%s: looking up [%s] took %ld ms in vain: sources given by name are refused for %ld ms\n", fn, address,

@@ -48,11 +48,6 @@ size_t join_text(char* dst, size_t cap, std::initializer_list<std::string_view> 
 
 /* ---- taking apart ---- */
 
-static bool is_blank(char c) noexcept
-{
-    return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
 /* An empty text gives -1 as scanf does, where nothing at all was taken before its end. */
 static void scan_fail(text_scan* s) noexcept
 {
@@ -74,7 +69,7 @@ void scan_literal(text_scan* s, std::string_view text) noexcept
 /* Whether there is something behind the blanks. */
 static bool begin_item(text_scan* s) noexcept
 {
-    while (!s->failed && is_blank(*s->p))
+    while (!s->failed && is_space(*s->p))
         ++s->p;
     if (!s->failed && *s->p == '\0')
         scan_fail(s);
@@ -109,7 +104,7 @@ void scan_word(text_scan* s, char* word, size_t cap) noexcept
     if (!begin_item(s))
         return;
     const char* end = s->p;
-    while (*end && !is_blank(*end))
+    while (*end && !is_space(*end))
         ++end;
     s->p += cut_text(word, cap, {s->p, static_cast<size_t>(end - s->p)});
     ++s->count;

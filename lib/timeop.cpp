@@ -109,6 +109,13 @@ int mk_timestr(const timespec* ts, uint32_t flags, char* buf, size_t len) noexce
     return n;
 }
 
+int64_t mono_us() noexcept
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * int64_t{1000000} + now.tv_nsec / NS_PER_US;
+}
+
 /* A clock that fails leaves the caller's time as it was: an old time is better than none. */
 void set_clk_now(timespec* ts, clockid_t id) noexcept
 {

@@ -18,11 +18,6 @@ constexpr size_t MIN_METHOD_LEN = 3;
 constexpr size_t MAX_METHOD_LEN = 7;
 constexpr char HTTP1[] = "HTTP/1.";
 
-static bool is_space(char c) noexcept
-{
-    return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
 /* Ends at the NUL, which is no space. */
 static char* skip_space(char* p) noexcept
 {

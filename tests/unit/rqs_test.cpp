@@ -3,6 +3,7 @@
 
 #include "caught_log.h"
 #include "signals.h"
+#include "timeop.h"
 
 #include <gtest/gtest.h>
 
@@ -45,13 +46,6 @@ static const rqs_config CONFIG = {
            .is_dormant = nullptr},
     .quit_on_zero_fds = 0,
 };
-
-static long now_ms()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000 + now.tv_nsec / 1000000;
-}
 
 /* A loop of one round, and a pair of sockets. */
 struct Loop : testing::Test {
@@ -163,7 +157,7 @@ TEST_F(Loop, TheClockStandsStillWithinARound)
     };
     EXPECT_EQ(rqs_event_loop(), 0);
     rqs_destroy();
-    EXPECT_LT(now_ms() - rqs_now_ref()->tv_sec * 1000, 2000) << "without a loop the clock itself is read";
+    EXPECT_LT(mono_ms() - rqs_now_ref()->tv_sec * 1000, 2000) << "without a loop the clock itself is read";
 }
 
 TEST_F(Loop, IsNeededAndNamesWhatIsNotWatched)
