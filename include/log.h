@@ -85,7 +85,6 @@ extern volatile int g_in_signal;
 
 /* Names the program; must come before any log is opened. */
 void glog_init(const char* app_tag) noexcept;
-[[nodiscard]] const char* glog_app_tag() noexcept;
 /* Writes to stream (not owned) from now on, closing nothing. */
 void log_default(log_ctx* log, FILE* stream) noexcept;
 /* Opens path for appending; without F_APPEND_OLD a non-empty old file is first renamed to path.MTIME. What is no
@@ -104,7 +103,6 @@ void log_timefmt(log_ctx* log, uint32_t flags) noexcept;
 FILE* log_fp(const log_ctx* log) noexcept;
 void log_mirror(log_ctx* log, FILE* stream) noexcept; /* made line-buffered, not owned */
 
-void config_syslog(log_ctx* log, const char* ident, int option, int facility) noexcept;
 void glog_enable_syslog(const char* ident) noexcept;
 void disable_syslog(log_ctx* log) noexcept;
 
@@ -120,7 +118,6 @@ int log_rotate(log_ctx* log) noexcept;
 /* ---- the record protocol behind the macros ---- */
 
 void logbuf_reset() noexcept;
-[[nodiscard]] bool logbuf_empty() noexcept;
 /* Builds the record in the one line buffer. Control bytes in the message show as "?": all but its own newline, or, with
    _head, all but line ends. 0, or -1: the record does not fit or has no time, and the buffer is empty. */
 [[gnu::format(printf, 3, 4)]] int logbuf_prepare(log_ctx* log, int level, const char* format, ...) noexcept;
@@ -189,9 +186,6 @@ void log_lard(log_ctx* log, int level) noexcept;
 #define NOT_REACHED(text) assert_failed((text), __FILE__, __LINE__, __func__)
 [[noreturn]] void assert_failed(const char* text, const char* file, unsigned line, const char* func) noexcept;
 
-/* Writes "#0: frame\n" lines until buf is full. 0, or -1 (reported on standard error). */
-int btrace_to_buf(char* buf, size_t size) noexcept;
-
 /* Switches the log group for the handling of one record and restores the old one on every return. */
 class [[nodiscard]] log_group_guard
 {
@@ -205,6 +199,13 @@ public:
 private:
     n64_tag old_;
 };
+
+/* ---- offered, called in this room only ---- */
+
+void config_syslog(log_ctx* log, const char* ident, int option, int facility) noexcept;
+[[nodiscard]] bool logbuf_empty() noexcept;
+/* Writes "#0: frame\n" lines until buf is full. 0, or -1 (reported on standard error). */
+int btrace_to_buf(char* buf, size_t size) noexcept;
 
 /* ---- offered, not called here ---- */
 

@@ -43,20 +43,15 @@ struct ifc_info {
 [[nodiscard]] int open_udp_listener(const ifc_info* ifc, const char* port) noexcept;
 [[nodiscard]] int open_domain_listener(const char* path) noexcept;
 
-/* host:port text to an address. 0; EINVAL bad syntax; -1 not resolved (logged). */
-[[nodiscard]] int mk_sockaddr(const char* text, int socktype, int proto, sockaddr_storage* ss, socklen_t* len) noexcept;
 /* Whether a configured interface means any of them: no text, "all" or "any"; _ifc takes the any-addresses as well. */
 [[nodiscard]] bool is_any_name(std::string_view ifc) noexcept;
 [[nodiscard]] bool is_any_ifc(std::string_view ifc) noexcept;
 /* An interface by name or address; null when there is none (logged). Released with free(). */
 [[nodiscard]] ifc_info* get_ifc_info(int family, const char* text) noexcept;
-[[nodiscard]] ifc_info* any_ifc_info(int family) noexcept;
 /* Family of a configuration word. 0 and *af, or -1 (logged). */
 [[nodiscard]] int name2af(const char* text, int* af) noexcept;
 [[nodiscard]] const char* af2name(int af) noexcept; /* "inet4", "inet6", "any" */
 
-[[nodiscard]] bool is_decimal(const char* s) noexcept; /* a sign is accepted */
-[[nodiscard]] bool ends_with_port(const char* s) noexcept;
 /* Cuts text at its last ':'; brackets around the host stay. False, and nothing set, when there is none. */
 [[nodiscard]] bool split_host_port(std::string_view text, std::string_view* host, std::string_view* port) noexcept;
 [[nodiscard]] bool is_valid_port(const char* text) noexcept; /* the number at the start of text is 1..65535 */
@@ -75,16 +70,25 @@ int set_user_timeout(int fd, unsigned ms) noexcept;
 /* The pending SO_ERROR, logged when it is non-zero. */
 [[nodiscard]] int socket_error(int fd) noexcept;
 
+/* "address:port" of a socket address, written into and returned as buf. */
+const char* saddr_str(const sockaddr_storage* ss, socklen_t len, char* buf, size_t size) noexcept;
+
+/* ---- offered, called in this room only ---- */
+
+/* host:port text to an address. 0; EINVAL bad syntax; -1 not resolved (logged). */
+[[nodiscard]] int mk_sockaddr(const char* text, int socktype, int proto, sockaddr_storage* ss, socklen_t* len) noexcept;
+[[nodiscard]] bool is_decimal(const char* s) noexcept; /* a sign is accepted */
+[[nodiscard]] bool ends_with_port(const char* s) noexcept;
+/* What stands for any interface; null without memory. Released with free(). */
+[[nodiscard]] ifc_info* any_ifc_info(int family) noexcept;
 /* Make a socket a member of a group on one interface. 0, or -1 (logged). */
 [[nodiscard]] int mcast_join(int fd, const sockaddr_storage* group, const ifc_info* ifc) noexcept;
 [[nodiscard]] int ssm_join(int fd, const sockaddr_storage* src, const sockaddr_storage* group,
                            const ifc_info* ifc) noexcept;
 
-/* "address:port" of a socket address, written into and returned as buf. */
-const char* saddr_str(const sockaddr_storage* ss, socklen_t len, char* buf, size_t size) noexcept;
-
 /* ---- offered, not called here ---- */
 
+/* Ends what mcast_join has begun; and options as those above. */
 [[nodiscard]] int mcast_leave(int fd, const sockaddr_storage* group, const ifc_info* ifc) noexcept;
 int set_rcv_timeout(int fd, long ms) noexcept;
 int set_nblock(int fd, bool on) noexcept;

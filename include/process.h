@@ -17,17 +17,20 @@ int raise_fd_limit() noexcept;
 [[nodiscard]] int daemonize() noexcept;
 /* Gives up root for the user (groups, gid, uid). 0, or -1 (logged). */
 [[nodiscard]] int run_as_user(const char* name) noexcept;
-[[nodiscard]] int run_as_user_id(uid_t uid, gid_t gid) noexcept;
 /* chdir to path; on EACCES or without a path to alt, or to the user's home. 0, or non-zero (logged). */
 [[nodiscard]] int goto_runtime_home(const char* path, const char* alt) noexcept;
 /* Writes pid into the file under a write lock that lasts only while writing. 0, or -1 (logged). flags bit 1 chooses the
    longer message for a held lock. *inode, when given, gets the file's inode. */
 [[nodiscard]] int create_pidfile_extra(const char* path, pid_t pid, ino_t* inode, int flags) noexcept;
-/* Write lock on the whole file without waiting; as fcntl. */
-[[nodiscard]] int write_lock(int fd) noexcept;
 int set_unlimited_core(int flags) noexcept;
 /* Pins the process to one CPU; numbers from 1024 on give an empty set, which the kernel refuses. As sched_setaffinity.
    */
 [[nodiscard]] int pin2cpu(int cpu) noexcept;
 /* Before a second getopt() over another argument list. */
 void reset_getopt_state() noexcept;
+
+/* ---- offered, called in this room only ---- */
+
+[[nodiscard]] int run_as_user_id(uid_t uid, gid_t gid) noexcept;
+/* Write lock on the whole file without waiting; as fcntl. */
+[[nodiscard]] int write_lock(int fd) noexcept;

@@ -10,8 +10,6 @@
 #include <sys/types.h>
 
 [[nodiscard]] bool is_eagain(int err) noexcept;
-/* EAGAIN, EPIPE, EINTR and ECONNRESET are no fault unless strict. */
-[[nodiscard]] bool no_fault(int err, int strict) noexcept;
 
 int W_open(const char* caller, const char* path, int flags, mode_t mode) noexcept;
 int W_close(const char* caller, int fd) noexcept;
@@ -31,6 +29,11 @@ int W_getaddrinfo(const char* caller, const char* node, const char* service, con
                   addrinfo** result) noexcept;
 /* EAGAIN is not logged. The accepted descriptor is close-on-exec and non-blocking. */
 int W_accept(const char* caller, int fd, sockaddr* addr, socklen_t* addrlen) noexcept;
+
+/* ---- offered, called in this room only ---- */
+
+/* EAGAIN, EPIPE, EINTR and ECONNRESET are no fault unless strict. */
+[[nodiscard]] bool no_fault(int err, int strict) noexcept;
 
 /* ---- offered, not called here ---- */
 

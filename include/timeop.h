@@ -23,10 +23,6 @@ constexpr int EOD_MIN = 59;
    lost its last character. */
 [[nodiscard]] int mk_timestr(const timespec* ts, uint32_t flags, char* buf, size_t len) noexcept;
 
-/* " ZONE" of the local time zone with its leading blank, cached after the first call; refresh != 0 computes it anew.
-   Null on failure (reported on standard error). */
-const char* get_timezone(int refresh) noexcept;
-
 /* Flags for a configuration word (any case): raw, raw_mono, no_time, gmt, local. Unknown: f_BAD_TIME. */
 [[nodiscard]] uint32_t match_timefmt(const char* word) noexcept;
 /* The word for flags, or "#error#". */
@@ -39,9 +35,8 @@ const char* get_timezone(int refresh) noexcept;
     return mono_us() / 1000;
 }
 
-/* Reads CLOCK_REALTIME, or any clock. On failure (reported on standard error) *ts stays as it was. */
+/* Reads CLOCK_REALTIME. On failure (reported on standard error) *ts stays as it was. */
 void set_real_now(timespec* ts) noexcept;
-void set_clk_now(timespec* ts, clockid_t id) noexcept;
 
 /* Last second of the local day that contains t; -1 on failure (logged). */
 [[nodiscard]] time_t get_endofday_utime(time_t t) noexcept;
@@ -54,3 +49,11 @@ constexpr void ms2timespec(long ms, timespec* ts) noexcept
     else
         *ts = {ms / 1000, (ms % 1000) * 1000000};
 }
+
+/* ---- offered, called in this room only ---- */
+
+/* " ZONE" of the local time zone with its leading blank, cached after the first call; refresh != 0 computes it anew.
+   Null on failure (reported on standard error). */
+const char* get_timezone(int refresh) noexcept;
+/* As set_real_now, of any clock. */
+void set_clk_now(timespec* ts, clockid_t id) noexcept;

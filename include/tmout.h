@@ -24,12 +24,16 @@ void set_timeout(int index, long ms) noexcept;
 void rm_timeout(int index) noexcept;
 [[nodiscard]] long get_min_timeout() noexcept;
 
+/* 1 when the loop's clock is strictly later than start + interval; start has come from rqs_set_now(). */
+[[nodiscard]] int timed_out(timespec start, timespec interval) noexcept;
+
+/* ---- offered, called in this room only ---- */
+
+/* The same of another time: *ref, or without one CLOCK_REALTIME where real_clock is set. */
+[[nodiscard]] int timed_out_as(timespec start, timespec interval, int real_clock, const timespec* ref) noexcept;
+
+/* A registry of one's own; the same rules. */
 void reg_init_timeout(tmout_registry* reg) noexcept;
 void reg_set_timeout(tmout_registry* reg, int index, long ms) noexcept;
 void reg_rm_timeout(tmout_registry* reg, int index) noexcept;
 [[nodiscard]] long reg_min_timeout(const tmout_registry* reg) noexcept;
-
-/* 1 when now is strictly later than start + interval. timed_out compares with the loop's clock, so start must have come
-   from rqs_set_now(). The general form takes a reference time, or CLOCK_REALTIME with the flag. */
-[[nodiscard]] int timed_out(timespec start, timespec interval) noexcept;
-[[nodiscard]] int timed_out_as(timespec start, timespec interval, int real_clock, const timespec* ref) noexcept;

@@ -26,19 +26,13 @@ struct uri_layout {
 
 /* 0 or -1; out may be null. */
 [[nodiscard]] int uri_parse(const char* text, uri_layout* out) noexcept;
-/* Length of s up to its last '?', or the whole length when s ends with '/'. */
-[[nodiscard]] size_t till_query(const char* s) noexcept;
 
-/* Copies len bytes and a NUL into buf; returns buf, or null and an empty buf when seg is null or does not fit. */
-char* cpyseg(const char* seg, size_t len, char* buf, size_t cap) noexcept;
+/* Copy one part and a NUL into buf; return buf, or null and an empty buf when it is absent or does not fit. */
 char* uri_get_scheme(const uri_layout* u, char* buf, size_t cap) noexcept;
 char* uri_get_authority(const uri_layout* u, char* buf, size_t cap) noexcept;
 char* uri_get_path(const uri_layout* u, char* buf, size_t cap) noexcept;
 
 [[nodiscard]] int uri_scheme_kind(const char* scheme) noexcept;
-/* Parses url and copies the parts asked for (null = not wanted; capacities URI_*_MAX). Absent optional parts give an
-   empty text. The kind, or -1 (logged). */
-[[nodiscard]] int uri_extract(const char* url, char* scheme, char* authority, char* path, char* query) noexcept;
 /* Host and port of a path; returns the rest after them, or null (logged). An absent port gives an empty text. */
 const char* uri_path_addrport(const char* path, size_t p_len, char* host, size_t hostcap, char* port,
                               size_t portcap) noexcept;
@@ -49,15 +43,27 @@ const char* uri_path_addrport(const char* path, size_t p_len, char* host, size_t
    unmatched. */
 [[nodiscard]] int uri_extract_endpts_ext(const char* path, size_t p_len, char* src, char* dst, size_t cap) noexcept;
 
-/* Decodes in place over at most cap bytes. With safe, a byte that is not printable becomes '?'. Returns s, or null for
-   an escape within the last two bytes of cap. Never reads beyond the text. */
-char* uri_decode_opt(char* s, size_t cap, bool safe) noexcept;
+/* Decodes in place over at most cap bytes; a byte that is not printable becomes '?'. Returns s, or null for an escape
+   within the last two bytes of cap. Never reads beyond the text. */
 char* uri_decode(char* s, size_t cap) noexcept;
+
+/* ---- offered, called in this room only ---- */
+
+/* Length of s up to its last '?', or the whole length when s ends with '/'. */
+[[nodiscard]] size_t till_query(const char* s) noexcept;
+/* As the copies above, of any len bytes at seg. */
+char* cpyseg(const char* seg, size_t len, char* buf, size_t cap) noexcept;
+/* As uri_decode, which is safe: without, bytes that are not printable stay. */
+char* uri_decode_opt(char* s, size_t cap, bool safe) noexcept;
+/* Whether a character needs no escape. */
 [[nodiscard]] bool is_safe(int ch) noexcept;
 
 /* ---- offered, not called here ---- */
 
 char* uri_get_query(const uri_layout* u, char* buf, size_t cap) noexcept;
+/* Parses url and copies the parts asked for (null = not wanted; capacities URI_*_MAX). Absent optional parts give an
+   empty text. The kind, or -1 (logged). */
+[[nodiscard]] int uri_extract(const char* url, char* scheme, char* authority, char* path, char* query) noexcept;
 /* The next segment of p, ended by and including its '/': its start and length in *start, *len. Returns the text after
    it, or null at the end of the text. brk names the separators: always "//". */
 const char* uri_xseg(const char* p, const char* brk, const char** start, size_t* len) noexcept;

@@ -65,12 +65,6 @@ extern const http_response g_resp_badgw;   /* 502 */
 extern const http_response g_resp_unavail; /* 503 */
 extern const http_response g_resp_gwtmout; /* 504 */
 
-/* Parses a request head of len bytes, NUL-terminated, in place: the URI is terminated there and hdr->uri points into
-   buf. full_url may be null. 0; EINVAL unsupported method; -1 malformed; the URI parser's error. */
-[[nodiscard]] int parse_http_header(char* buf, size_t len, http_header* hdr, char* full_url,
-                                    size_t full_url_cap) noexcept;
-/* Value of a field in a head, found anywhere without case; null when absent. name carries its colon. */
-[[nodiscard]] const char* find_http_header(const char* name, const char* text, size_t* len) noexcept;
 /* Decimal value of the field name (without colon) that starts a line of head, any case; none when absent or not a plain
    decimal number in range. */
 [[nodiscard]] std::optional<int64_t> extract_num_hdr(std::string_view name, std::string_view head) noexcept;
@@ -83,16 +77,26 @@ extern const http_response g_resp_gwtmout; /* 504 */
 [[nodiscard]] int web_parse_urq(char* hbuf, size_t hlen, char* src, char* dst, size_t cap, http_header* hdr) noexcept;
 /* The same for a bare URL, whose host and query are not used. 0 or -1 (logged). */
 [[nodiscard]] int web_parse_url(const char* url, char* src, char* dst, size_t cap) noexcept;
-[[nodiscard]] bool is_ping_request(const char* path) noexcept;
-[[nodiscard]] bool slash_match(const char* s, const char* word) noexcept;
 
 /* The Server field of responses without a name of their own; not copied. To be called once, at start-up. */
 void http_set_server(const char* name) noexcept;
-/* Formats a response head. Bytes written, -1 cut, EINVAL unsupported version (10 and 11 are supported). */
-[[nodiscard]] int mk_http_xt_resp(const http_response* resp, int version, char* buf, size_t cap) noexcept;
-[[nodiscard]] int mk_http_response(const http_response* resp, char* buf, size_t cap) noexcept;
 /* Formats, writes to fd and ends the stream: the end rides with the answer, and both reach a client even when bytes of
-   it were not read. 0, or the formatter's error; a failed or short write is only logged. */
+   it were not read. 0, or the formatter's -1: it does not fit; a failed or short write is only logged. */
 [[nodiscard]] int send_http_response(int fd, const http_response* resp) noexcept;
 /* The shared response for a status code. */
 [[nodiscard]] const http_response* http_code_resp(long code) noexcept;
+
+/* ---- offered, called in this room only ---- */
+
+/* Parses a request head of len bytes, NUL-terminated, in place: the URI is terminated there and hdr->uri points into
+   buf. full_url may be null. 0; EINVAL unsupported method; -1 malformed; the URI parser's error. */
+[[nodiscard]] int parse_http_header(char* buf, size_t len, http_header* hdr, char* full_url,
+                                    size_t full_url_cap) noexcept;
+/* Value of a field in a head, found anywhere without case; null when absent. name carries its colon. */
+[[nodiscard]] const char* find_http_header(const char* name, const char* text, size_t* len) noexcept;
+[[nodiscard]] bool is_ping_request(const char* path) noexcept; /* with or without a '/' at either end, any case */
+[[nodiscard]] bool slash_match(const char* s, const char* word) noexcept; /* s is word or word and '/', any case */
+/* Formats a response head of HTTP/1.0 (version 10) or 1.1 (11), which mk_http_response always makes. Bytes written, -1
+   cut, EINVAL another version. */
+[[nodiscard]] int mk_http_xt_resp(const http_response* resp, int version, char* buf, size_t cap) noexcept;
+[[nodiscard]] int mk_http_response(const http_response* resp, char* buf, size_t cap) noexcept;

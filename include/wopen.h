@@ -61,14 +61,18 @@ void usock_close(int fd, usock_ctx* ctx) noexcept;
 void usock_drop(int* fd, bool* is_watched, usock_ctx* ctx) noexcept;
 /* Sends the GET for url with the application tag. 0 or -1 (logged). */
 [[nodiscard]] int usock_http_get(int fd, const char* url, usock_ctx* ctx) noexcept;
-[[nodiscard]] int fwd_http_rq(int fd, const char* url, const char* apptag, uint32_t flags) noexcept;
-[[nodiscard]] int send_http_request(int fd, const http_request* rq) noexcept;
 
 /* One receive into buf + pos, at most cap - pos bytes: bytes read, 0 at the end of the stream, -1 with errno. *eoh gets
    the head's length once it has ended within pos + read bytes. */
 [[nodiscard]] ssize_t read_http(int fd, char* buf, size_t cap, size_t pos, ssize_t* eoh) noexcept;
-/* Length of a head with its blank line, or 0. */
-[[nodiscard]] size_t head_eod(const char* buf, size_t len) noexcept;
 /* 0 head complete and status parsed; EAGAIN call again when readable; -1 (logged). At most cap - 1 bytes are read; the
    head's last character becomes a NUL. */
 [[nodiscard]] int recv_http_response(int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcept;
+
+/* ---- offered, called in this room only ---- */
+
+/* As usock_http_get, under any tag and with RQFLAG_* flags; and of any request. */
+[[nodiscard]] int fwd_http_rq(int fd, const char* url, const char* apptag, uint32_t flags) noexcept;
+[[nodiscard]] int send_http_request(int fd, const http_request* rq) noexcept;
+/* Length of a head with its blank line, or 0. */
+[[nodiscard]] size_t head_eod(const char* buf, size_t len) noexcept;

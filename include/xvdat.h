@@ -49,7 +49,6 @@ void xvec_reset(xvec* v) noexcept;
 /* Makes an empty list a fixed one of n slots in a mapping that costs address space, and memory only where elements are
    used: they never move. 0, or -1 no memory. */
 [[nodiscard]] int xvlst_mmap_fixed(xvlst* l, size_t n, size_t size) noexcept;
-[[nodiscard]] int xvlst_expand(xvlst* l, size_t plus, size_t size, size_t growblk) noexcept;
 /* Takes the lowest free slot: its index, or a negative failure. The element's bytes are left as they are. */
 [[nodiscard]] ssize_t xvlst_add(xvlst* l, size_t size, size_t growblk) noexcept;
 /* Releases slot i, then calls callback (may be null). 0; ERANGE beyond the last slot; EALREADY not taken. */
@@ -68,3 +67,8 @@ int xvlst_rmif(xvlst* l, void* arg, xv_match_fn match, size_t* err) noexcept;
 void xvlst_purge_all(xvlst* l, xv_elem_fn f) noexcept;
 /* Releases the storage and zeroes the record. */
 void xvlst_reset(xvlst* l) noexcept;
+
+/* ---- offered, called in this room only ---- */
+
+/* As xvlst_reserve, of plus slots more than are taken. */
+[[nodiscard]] int xvlst_expand(xvlst* l, size_t plus, size_t size, size_t growblk) noexcept;

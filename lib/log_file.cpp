@@ -42,11 +42,6 @@ void glog_init(const char* app_tag) noexcept
     g_logmod.is_ready = true;
 }
 
-const char* glog_app_tag() noexcept
-{
-    return g_logmod.app_tag;
-}
-
 /* ---- opening ---- */
 
 /* Whether st is of what one of the standard descriptors refers to. That one, or -1. */
@@ -308,7 +303,7 @@ static void handle_rotation(log_ctx* log, time_t tm, const char* name) noexcept
 {
     rotation_ctx& r = log->rota;
     const ssize_t i = r.next_idx;
-    LOG_NORM("[%s]: previous log rotated to [%s] tm=%ld, idx=%zd\n", glog_app_tag(), name, tm, i);
+    LOG_NORM("[%s]: previous log rotated to [%s] tm=%ld, idx=%zd\n", g_logmod.app_tag, name, tm, i);
     if (r.tm[i] && r.tm[i] != tm) {
         rotated_name oldest{};
         if (!mk_rotated_name(__func__, log, r.tm[i], &oldest))

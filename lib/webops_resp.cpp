@@ -142,14 +142,13 @@ int mk_http_response(const http_response* resp, char* buf, size_t cap) noexcept
 }
 
 /* The end of the stream follows at once: a close would answer unread bytes of a client with a reset, which may take the
-   answer with it. Without a connection there is nothing to end. The formatter's EINVAL is a positive number like a
-   length, and means none. */
+   answer with it. Without a connection there is nothing to end. */
 int send_http_response(int fd, const http_response* resp) noexcept
 {
     static std::array<char, HTTP_RESP_MAX> buf; /* one for all callers: nothing is kept after the send */
 
     const int len = mk_http_response(resp, buf.data(), buf.size());
-    if (len < 0 || len == EINVAL) {
+    if (len < 0) {
         LOG_ERR("%s: error compiling HTTP response for fd=%d\n", __func__, fd);
         return len;
     }
