@@ -108,15 +108,6 @@ def strace(out, calls, *injections):
             *(word for injection in injections for word in ("-e", f"inject={injection}"))]
 
 
-def memcheck(report):
-    return ["valgrind", "--leak-check=full", "--show-leak-kinds=definite,indirect,possible", "--track-fds=yes",
-            "--error-exitcode=99", f"--log-file={report}"]
-
-
-def callgrind(out):
-    return ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={out}"]
-
-
 def unshare(what, preparation):
     """Runs the agent in a namespace of its own, after the preparation in it."""
     return ["unshare", what, "sh", "-c", f'{preparation} && exec "$0" "$@"']

@@ -19,7 +19,7 @@ import sys
 import tempfile
 import time
 
-from harness import ANSWERS, Agent, Origin, Redis, memcheck, read, read_all, request, strace, wait_for
+from harness import ANSWERS, Agent, Origin, Redis, read, read_all, request, strace, wait_for
 
 # What the kernel can answer; calls that cannot fail, or only by a fault of the program's own, are left out.
 ERRORS = {
@@ -201,7 +201,8 @@ class Scenario:
             self.walk(Point("count", env={**preload, "KOV_ALLOC_COUNT": counter}))
             found += [Point(f"allocation {n}", env={**preload, "KOV_FAIL_ALLOC": str(n)})
                       for n in range(1, int(read(counter)) + 1)]
-        found.append(Point("memcheck", wrapper=memcheck(report)))
+        leaks = ["--leak-check=full", "--show-leak-kinds=definite,indirect,possible", "--track-fds=yes"]
+        found.append(Point("memcheck", wrapper=["valgrind", *leaks, "--error-exitcode=99", f"--log-file={report}"]))
         return found, sorted(call for call in set(total) - set(ERRORS) if call.isidentifier())
 
     def one(self, point):
