@@ -1,6 +1,5 @@
 """The companion programs against a real agent, the shipped examples, rules and metrics, and the installed tree."""
 
-import contextlib
 import functools
 import glob
 import json
@@ -10,13 +9,11 @@ import resource
 import shutil
 import signal
 import socket
-import socketserver
 import subprocess
-import threading
 import time
 import unittest
 
-from harness import ASAN, KOV, KovTest, age, free_port, read, request, reset, sized, wait_for, write
+from harness import ASAN, KOV, KovTest, Server, age, free_port, read, request, reset, sized, wait_for, write
 
 BIN = os.path.dirname(KOV)
 FAKETIME = glob.glob("/usr/lib/*/faketime/libfaketime.so.1")[0]
@@ -271,25 +268,20 @@ class Hostile(KovTest):
                 self.tools("-D", "/d", command, f"{self.root}/f")
 
     def test_databases_that_answer_anything_or_without_an_end(self):
-        class Liar(socketserver.BaseRequestHandler):
-            def handle(self):
-                with contextlib.suppress(OSError):
-                    while self.request.recv(65536):
-                        head, endless = self.server.answer
-                        self.request.sendall(head)
-                        while endless:
-                            self.request.sendall(endless * 10_000)
+        def lie(conn):
+            while conn.recv(65536):
+                head, endless = answer
+                conn.sendall(head)
+                while endless:
+                    conn.sendall(endless * 10_000)
 
-        server = socketserver.ThreadingTCPServer(("127.0.0.1", 0), Liar)
-        server.daemon_threads = True
-        threading.Thread(target=server.serve_forever, daemon=True).start()
-        self.addCleanup(server.server_close)
-        self.addCleanup(server.shutdown)
+        database = Server(lie)
+        self.addCleanup(database.stop)
+        port = database.sock.getsockname()[1]
         os.makedirs(f"{self.root}/d")
         write(f"{self.root}/add_url.sha1", "a" * 40)
-        port = server.server_address[1]
-        write(f"{self.root}/c", f"""kova = {{ log = {{ }}; runtime = {{ non_daemon = true; }};
-            web_input = {{ web = {{ port = 1; }}; }}; data_dir = "{self.root}/d"; local_url_prefix = "http://h";
+        write(f"{self.root}/c", f"""kova = {{ {Checkconf.GOOD} data_dir = "{self.root}/d";
+            local_url_prefix = "http://h";
             lbdb = {{ host = "127.0.0.1"; port = {port}; sha1_dir = "{self.root}"; }}; }};""")
         head = "2020-11-22 02:00:40.574449 UTC 4711  (NRM)  u1 "
         write(f"{self.root}/log", f"{head} TASK-START [DOW] (0x7f/idx=0) [http://h/a]->[{self.root}/d/a-Kova] "
@@ -298,7 +290,6 @@ class Hostile(KovTest):
                        (b"", b"*1\r\n"), (b":1\r\n", b""), (b"*2\r\n:1\r\n$-1\r\n", b""), (b"+\x1b\r\n", b""),
                        (b"*5\r\n" + b"$2\r\n\x1b[\r\n" * 5, b""), (b"", b"\xff"), (b"-ERR \x1b[2J\r\n", b""),
                        (b"*5\r\n" + b"*4\r\n:0\r\n:-1\r\n*0\r\n:0\r\n" * 5, b"")):
-            server.answer = answer
             write(f"{self.root}/d/a", seconds_old=10**9)
             for place in ("redis://", "cluster://", "redis://user:password@", "sentinel://"):
                 env = {**os.environ, "KOV_FLEET": f"{place}127.0.0.1:{port}/m"}
