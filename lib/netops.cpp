@@ -371,33 +371,8 @@ static int parse_ssm_source(const char* fn, const char* source, socket_spec* spe
 constexpr long SLOW_LOOKUP_MS = 500;
 constexpr long CLOSED_FACTOR = 10; /* so that a name server that never answers costs a tenth of the time at most */
 
-/* Written by look_up_source. */
+/* Written by resolve. */
 static long g_names_closed_until = 0; /* ms of CLOCK_MONOTONIC; 0 = sources are looked up */
-
-/* A source's name. A look-up blocks everything else: one that took long and was in vain closes the road for all
-   names, whose servers are the same. */
-static addrinfo* look_up_source(const char* fn, const char* address, const char* port, const addrinfo* hints) noexcept
-{
-    const long start = mono_ms();
-    if (start < g_names_closed_until) {
-        LOG_ERR("%s: [%s] is not looked up: names are refused for %ld ms more\n", fn, address,
-                g_names_closed_until - start);
-        return nullptr;
-    }
-    if (g_names_closed_until > 0)
-        LOG_WARN("%s: sources given by name are looked up again\n", fn);
-    g_names_closed_until = 0;
-    addrinfo* list = nullptr;
-    if (W_getaddrinfo(fn, address, port, hints, &list) == 0)
-        return list;
-    const long end = mono_ms();
-    if (end - start > SLOW_LOOKUP_MS) {
-        g_names_closed_until = end + CLOSED_FACTOR * (end - start);
-        LOG_WARN("%s: looking up [%s] took %ld ms in vain: sources given by name are refused for %ld ms\n", fn, address,
-                 end - start, CLOSED_FACTOR * (end - start));
-    }
-    return nullptr;
-}
 
 /* A dotted address with a plain port needs no resolver at all: *ai, over *sin, is what it would find. */
 static bool numeric4(const char* address, const char* port, const socket_spec* spec, sockaddr_in* sin,
@@ -417,7 +392,9 @@ static bool numeric4(const char* address, const char* port, const socket_spec* s
     return true;
 }
 
-/* A numeric address is resolved without files and name servers; only a name takes the long road. */
+/* A numeric address is resolved without files and name servers. The name of a source takes the long road, and a look-up
+   blocks everything else: one that took long and was in vain closes the road for all names, whose servers are the
+   same. */
 static addrinfo* resolve(const char* fn, const char* address, const char* port, const socket_spec* spec) noexcept
 {
     addrinfo hints{};
@@ -428,9 +405,27 @@ static addrinfo* resolve(const char* fn, const char* address, const char* port, 
     if (getaddrinfo(address, port, &hints, &list) == 0)
         return list;
     hints.ai_flags = 0;
-    if (spec->socktype == SOCK_STREAM && !spec->passive)
-        return look_up_source(fn, address, port, &hints);
-    return W_getaddrinfo(fn, address, port, &hints, &list) == 0 ? list : nullptr;
+    if (spec->socktype != SOCK_STREAM || spec->passive)
+        return W_getaddrinfo(fn, address, port, &hints, &list) == 0 ? list : nullptr;
+
+    const long start = mono_ms();
+    if (start < g_names_closed_until) {
+        LOG_ERR("%s: [%s] is not looked up: names are refused for %ld ms more\n", fn, address,
+                g_names_closed_until - start);
+        return nullptr;
+    }
+    if (g_names_closed_until > 0)
+        LOG_WARN("%s: sources given by name are looked up again\n", fn);
+    g_names_closed_until = 0;
+    if (W_getaddrinfo(fn, address, port, &hints, &list) == 0)
+        return list;
+    const long end = mono_ms();
+    if (end - start > SLOW_LOOKUP_MS) {
+        g_names_closed_until = end + CLOSED_FACTOR * (end - start);
+        LOG_WARN("%s: looking up [%s] took %ld ms in vain: sources given by name are refused for %ld ms\n", fn, address,
+                 end - start, CLOSED_FACTOR * (end - start));
+    }
+    return nullptr;
 }
 
 /* Tries the addresses of a name in the resolver's order and keeps the first that works. A non-blocking connect counts
