@@ -32,12 +32,6 @@ static const sockaddr_in6* as_in6(const void* sa) noexcept
     return static_cast<const sockaddr_in6*>(sa);
 }
 
-/* Only as much as the family has: the interface list's entries are no sockaddr_storage. */
-static void copy_addr(const sockaddr* sa, sockaddr_storage* ss) noexcept
-{
-    memcpy(ss, sa, sa->sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
-}
-
 /* ---- interfaces ---- */
 
 /* Whether an entry has an address of the family; of one of the two where any will do. */
@@ -95,7 +89,8 @@ ifc_info* get_ifc_info(int family, const char* text) noexcept
         LOG_ERR("%s: failed to look up address for ifc=%s\n", __func__, text);
         return nullptr;
     }
-    copy_addr(ifa->ifa_addr, &info->ss);
+    /* Only as much as the family has: the list's entries are no sockaddr_storage. */
+    memcpy(&info->ss, ifa->ifa_addr, ifa->ifa_addr->sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
     return info.release();
 }
 
