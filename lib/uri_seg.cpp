@@ -65,21 +65,6 @@ static int put_endpts(std::string_view prefix, std::string_view source, std::str
     return prefix.size() + source.size() < cap && copy_text(dst, cap, dest) ? 0 : E2BIG;
 }
 
-/* From the text after "src/" up to the "dst" that matches it, counting nested pairs. */
-static int match_endpts(std::string_view path, size_t pos, char* src, char* dst, size_t cap) noexcept
-{
-    const size_t source = pos;
-    int depth = 1;
-    for (size_t next = 0; pos < path.size(); pos = next) {
-        const std::string_view seg = segment_at(path, pos, &next);
-        if (ci_equal(seg, "src"))
-            ++depth;
-        else if (ci_equal(seg, "dst") && --depth == 0)
-            return put_endpts("", path.substr(source, pos - source), path.substr(next), src, dst, cap);
-    }
-    return depth;
-}
-
 struct scheme_segment {
     const char* name;
     const char* prefix;
@@ -89,7 +74,7 @@ struct scheme_segment {
 static const scheme_segment SCHEME_SEGMENTS[] = {{"udp", "udp://"}, {"rtp", "rtp://"}, {"hls-fra", "file://"}};
 
 /* The first segment may name a transport, which then makes the source's scheme; else everything up to "src" is skipped,
-   since a sender may put any path before it. */
+   since a sender may put any path before it. The source ends before the "dst" that matches it. */
 int uri_extract_endpts_ext(const char* path, size_t p_len, char* src, char* dst, size_t cap) noexcept
 {
     const std::string_view text(path, p_len);
@@ -102,12 +87,19 @@ int uri_extract_endpts_ext(const char* path, size_t p_len, char* src, char* dst,
         if (ci_equal(first, s.name))
             return put_endpts(s.prefix, text.substr(next), "", src, dst, cap);
     }
+    size_t source = 0;
+    int depth = 0; /* of "src" without their "dst"; source is where the first one's text begins */
     for (size_t pos = 0; pos < text.size(); pos = next) {
         const std::string_view seg = segment_at(text, pos, &next);
-        if (ci_equal(seg, "src"))
-            return match_endpts(text, next, src, dst, cap);
-        if (ci_equal(seg, "hls-m3u"))
+        if (ci_equal(seg, "src")) {
+            if (depth == 0)
+                source = next;
+            ++depth;
+        } else if (depth == 0 && ci_equal(seg, "hls-m3u")) {
             return URI_NO_SOURCE;
+        } else if (depth > 0 && ci_equal(seg, "dst") && --depth == 0) {
+            return put_endpts("", text.substr(source, pos - source), text.substr(next), src, dst, cap);
+        }
     }
-    return URI_NO_SOURCE;
+    return depth > 0 ? depth : URI_NO_SOURCE;
 }
