@@ -179,29 +179,22 @@ static int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
     return 0;
 }
 
-/* Moves a non-empty old log aside under its modification time. */
-static void move_aside(const char* path) noexcept
+/* A non-empty old log is moved aside under its modification time. A path that is too long is refused by the opening,
+   and nothing is moved for it. */
+int log_open_ex(log_ctx* log, const char* path, uint32_t flags) noexcept
 {
     struct stat st {
     };
-    if (stat(path, &st) != 0) {
+    const bool is_renewed = path && !(flags & F_APPEND_OLD) && strlen(path) < LOG_PATHNAME_MAX;
+    if (is_renewed && stat(path, &st) != 0) {
         if (errno != ENOENT)
             log_trouble("stat(%s) ERROR(%d): %s\n", path, errno, strerror(errno));
-        return;
+    } else if (is_renewed && st.st_size > 0 && is_own_file(path, st)) {
+        std::array<char, ROTATED_NAME_MAX> aside{};
+        snprintf(aside.data(), aside.size(), "%s.%lu", path, st.st_mtime);
+        if (rename(path, aside.data()) != 0)
+            log_trouble("Cannot rename(%s, %s): ERROR(%d): %s\n", path, aside.data(), errno, strerror(errno));
     }
-    if (!is_own_file(path, st) || st.st_size == 0)
-        return;
-    std::array<char, ROTATED_NAME_MAX> aside{};
-    snprintf(aside.data(), aside.size(), "%s.%lu", path, st.st_mtime);
-    if (rename(path, aside.data()) != 0)
-        log_trouble("Cannot rename(%s, %s): ERROR(%d): %s\n", path, aside.data(), errno, strerror(errno));
-}
-
-/* A path that is too long is refused by the opening, and nothing is moved for it. */
-int log_open_ex(log_ctx* log, const char* path, uint32_t flags) noexcept
-{
-    if (path && !(flags & F_APPEND_OLD) && strlen(path) < LOG_PATHNAME_MAX)
-        move_aside(path);
     return log_do_open(log, path, false);
 }
 
