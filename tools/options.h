@@ -76,7 +76,7 @@ inline constexpr ctl_command CTL_COMMANDS[] = {
     {"status", "", 0, 0, "listeners, clients, downloads, silent sources, descriptors, unfinished files"},
     {"metrics", "", 0, 0, "the same as OpenMetrics text"},
     {"drain", "", 0, 0, "waits before a stop until the downloads have ended; keep new orders away meanwhile"},
-    {"verify", "", 0, 0, "final files with fewer blocks than their size, as a power cut leaves them"},
+    {"verify", "", 0, 0, "final files with blocks missing or never written, as a power cut leaves them"},
     {"sweep", "", 0, 0, "unfinished files and locks older than 30 s that nobody holds"},
     {"register", "DST... | LOG...", 0, 10000, "registers files on disk again after the database lost them"},
     {"lost", "[LOG...]", 0, 10000, "orders that a stop, a crash or a full disk has cut off after their answer"},

@@ -361,6 +361,9 @@ class Left(Ctl):
                                         ("locks/old.lock", "", 40), ("locks/full.lock", "text", 40)):
             write(f"{self.agent.root}/{path}", text, seconds_old)
         os.truncate(self.agent.path("sparse"), 1 << 20)
+        with open(self.agent.path("reserved"), "wb") as f:
+            os.posix_fallocate(f.fileno(), 0, 1 << 20)
+        read(self.agent.path("reserved"))  # its zeros are cached now
         running = self.agent.path('run"ning-Kova')
         self.ctl("status", says=rf"""^agent: pid {self.agent.pid}
 listener: 127.0.0.1:{self.port}\nlistener: {self.socket}\nchannel: 127.0.0.1:{self.agent.udp_port}
@@ -375,7 +378,9 @@ unfinished: {running}, 3 of 9 bytes, 4\d s since its last change\n$""")
         if os.geteuid() == 0:  # another user must not read that there is no agent
             for command in ("status", "metrics"):
                 self.assertEqual(self.ctl(command, status=1, says="run as root", user=65534), "")
-        self.ctl("verify", status=1, says=f"^{self.data}/sparse: has fewer blocks than its size\n$")
+        self.assertEqual(set(self.ctl("verify", status=1).splitlines()),
+                         {f"{self.data}/reserved: has blocks that were never written",
+                          f"{self.data}/sparse: has fewer blocks than its size"})
         os.symlink(self.data, f"{self.root}/link")
         self.assertNotIn("run", self.ctl("-D", f"{self.root}/link", "sweep", status=1))
         self.assertEqual(set(self.ctl("sweep", status=1).splitlines()),
