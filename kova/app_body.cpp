@@ -125,36 +125,35 @@ static ssize_t receive_written(dw_task* task, ssize_t* written) noexcept
    leaves it alone, and an old value must not speak for it. */
 int read_fragment(dw_task* task) noexcept
 {
-    int rc = 0;
-    ssize_t n = 0;
+    if (task->nleft == 0)
+        return 0; /* the whole body came with the head: the event only says that the task may complete */
+    errno = 0;
     ssize_t written = 0;
-    const size_t left = task->nleft;
-    if (left > 0) { /* else the whole body came with the head: the event only says that the task may complete */
-        errno = 0;
-        n = task->is_mmapped ? nread(task->sfd, task->buf + task->f_pos, left) : receive_written(task, &written);
-        if (n < 1)
-            rc = n == 0 ? ECONNRESET : errno; /* bytes are missing, so an end of the stream is a break */
-    }
-    if (n > 0 && task->is_mmapped) {
+    const ssize_t n =
+        task->is_mmapped ? nread(task->sfd, task->buf + task->f_pos, task->nleft) : receive_written(task, &written);
+    int rc = 0;
+    if (n < 1) {
+        rc = n == 0 ? ECONNRESET : errno; /* bytes are missing, so an end of the stream is a break */
+    } else if (task->is_mmapped) {
         /* The time of the last byte tells a stalled file from one that is being written. Bytes that the kernel puts
            into a mapping leave the file's time as it is. */
         if (timed_out(task->touch_tm, TOUCH_PACE)) {
             rqs_set_now(&task->touch_tm);
             (void)futimens(task->dfd, nullptr); /* never refused on a file of one's own */
         }
-    } else if (n > 0 && written != n) {
+    } else if (written != n) {
         LOG_ERR("%s: under-write to fd%d: %zd/%zd\n", __func__, task->dfd, n, written);
         rc = -1;
     }
-    if (n > 0 && rc == 0) {
-        if (static_cast<size_t>(n) > left)
-            PANIC("%s: BAD CONTENT-LEFT: nrecv/left: %zd/%zu bytes\n", __func__, n, left);
-        task->f_pos += n;
-        task->nleft -= static_cast<size_t>(n);
-        LOG_DEBUG("%s: %zd bytes, total=%jd/%zu, %zu left\n", __func__, n, intmax_t{task->f_pos}, task->content_length,
-                  task->nleft);
-    }
-    if (rc != 0)
+    if (rc != 0) {
         LOG_ERR("%s: [%s] failed, rc=%d\n", __func__, task->spec.fpath, rc);
-    return rc;
+        return rc;
+    }
+    if (static_cast<size_t>(n) > task->nleft)
+        PANIC("%s: BAD CONTENT-LEFT: nrecv/left: %zd/%zu bytes\n", __func__, n, task->nleft);
+    task->f_pos += n;
+    task->nleft -= static_cast<size_t>(n);
+    LOG_DEBUG("%s: %zd bytes, total=%jd/%zu, %zu left\n", __func__, n, intmax_t{task->f_pos}, task->content_length,
+              task->nleft);
+    return 0;
 }
