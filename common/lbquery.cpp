@@ -64,7 +64,7 @@ struct script_file {
     int32_t func;
     const char* name;
     char* sha1;
-    const char* is_read; /* the assertion's text */
+    const char* assertion; /* that the digest is there, as a log shows it */
 };
 
 /* What a digest's file is called in the configured directory, and where its text is kept. */
@@ -371,7 +371,7 @@ int lbdb_connect(const char* host, int port, timeval tmout) noexcept
     for (const script_file& s : SCRIPTS) {
         if (rc != 0 || !(g_ctx.need_func & s.func))
             continue;
-        ASSERT_AS(s.sha1[0], s.is_read);
+        ASSERT_AS(s.sha1[0], s.assertion);
         rc = check_script_exists(s.sha1);
     }
     if (rc != 0) {

@@ -65,7 +65,7 @@ static int break_task(const char* fn, dw_task* task, uint32_t flags) noexcept
     return 0;
 }
 
-/* ---- dispatch: registered pointers are converted here and nowhere else, after their tags ---- */
+/* ---- dispatch ---- */
 
 /* The tag of a registered record: its first member, whatever the record is. */
 static n32_tag tag_of(const void* udata) noexcept
@@ -86,6 +86,7 @@ static int dismiss_expired(const char* fn, n32_tag tag, const void* udata) noexc
     return 0;
 }
 
+/* A registered pointer is converted in these callbacks and nowhere else, after its tag has said what it points at. */
 static int on_read(int /*fd*/, uint32_t flags, void* udata, void* /*aux*/) noexcept
 {
     const log_group_guard group;
