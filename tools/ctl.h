@@ -47,6 +47,13 @@ extern ctl_settings g_set;
 /* Says so on standard error and ends the program. */
 [[noreturn]] void fail(int status, const std::string& text);
 
+/* "host:port" or "[host]:port" in its parts, without brackets. None when there is no port. */
+struct host_port {
+    std::string host;
+    std::string port;
+};
+[[nodiscard]] std::optional<host_port> host_port_of(std::string_view text);
+
 /* ---- orders (ctl_order.cpp); each returns the program's status ---- */
 
 [[nodiscard]] int cmd_ping();

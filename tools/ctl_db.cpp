@@ -34,13 +34,10 @@ struct fleet_url {
 place parse_place(const std::string& text)
 {
     constexpr int REDIS_PORT = 6379;
-    const size_t colon = text.rfind(':');
-    if (colon == std::string::npos || text.back() == ']')
+    const auto parts = host_port_of(text);
+    if (!parts || text.back() == ']') /* an IPv6 address alone */
         return {text, REDIS_PORT};
-    std::string host = text.substr(0, colon);
-    if (host.size() > 2 && host.front() == '[')
-        host = host.substr(1, host.size() - 2);
-    return {host, parse_num<int>(text.substr(colon + 1)).value_or(0)};
+    return {parts->host, parse_num<int>(parts->port).value_or(0)};
 }
 
 fleet_url parse_url(const std::string& text)
@@ -91,14 +88,6 @@ redis_ptr log_in(const place& to, const fleet_url& url)
     return redis;
 }
 
-[[noreturn]] void fail_absent(const fleet_url& url)
-{
-    std::string places;
-    for (const place& p : url.places)
-        places += (places.empty() ? "" : ", ") + p.name();
-    fail(STATUS_UNREGISTERED, "no database answers at " + places);
-}
-
 place ask_sentinels(const fleet_url& url)
 {
     for (const place& sentinel : url.places) {
@@ -138,12 +127,6 @@ bool is_cluster_node(redisContext* redis)
     return info && text_of(info.get()).find("cluster_enabled:1") != std::string::npos;
 }
 
-bool is_outbox(redisContext* redis)
-{
-    const reply_ptr found = try_redis(redis, "EXISTS kov:outbox");
-    return found && number_of(found.get()) != 0;
-}
-
 } // namespace
 
 void check_answer(const redisContext* redis, const redisReply* reply)
@@ -172,7 +155,8 @@ fleet_db open_fleet_db()
         if (!redis)
             continue;
         if (url.scheme != "cluster" && !is_cluster_node(redis.get())) {
-            if (is_outbox(redis.get()))
+            const reply_ptr outbox = try_redis(redis.get(), "EXISTS kov:outbox");
+            if (outbox && number_of(outbox.get()) != 0)
                 fail(STATUS_USAGE, p.name() + " is an outbox: name the fleet's database in KOV_FLEET");
             db.servers.push_back({p.name(), std::move(redis)});
             return db;
@@ -184,7 +168,10 @@ fleet_db open_fleet_db()
         if (!db.servers.empty())
             return db;
     }
-    fail_absent(url);
+    std::string places;
+    for (const place& p : url.places)
+        places += (places.empty() ? "" : ", ") + p.name();
+    fail(STATUS_UNREGISTERED, "no database answers at " + places);
 }
 
 redisContext* server_of(const fleet_db& db, const std::string& key)

@@ -37,16 +37,13 @@ using addrinfo_ptr = std::unique_ptr<addrinfo, releaser<freeaddrinfo>>;
 /* "host:port" or "[host]:port". */
 addrinfo_ptr resolve(const std::string& text, int socktype)
 {
-    const size_t colon = text.rfind(':');
-    if (colon == std::string::npos)
+    const auto place = host_port_of(text);
+    if (!place)
         fail(STATUS_USAGE, "no port in " + text);
-    std::string host = text.substr(0, colon);
-    if (host.size() > 2 && host.front() == '[')
-        host = host.substr(1, host.size() - 2);
     addrinfo hints{};
     hints.ai_socktype = socktype;
     addrinfo* ai = nullptr;
-    if (const int rc = getaddrinfo(host.c_str(), text.c_str() + colon + 1, &hints, &ai))
+    if (const int rc = getaddrinfo(place->host.c_str(), place->port.c_str(), &hints, &ai))
         fail(STATUS_UNREACHABLE, text + ": " + gai_strerror(rc));
     return addrinfo_ptr(ai);
 }

@@ -3,6 +3,7 @@
 #include "ctl.h"
 #include "data.h"
 #include "log.h"
+#include "netops.h"
 #include "options.h"
 #include "plain_out.h"
 #include "strops.h"
@@ -25,6 +26,17 @@ void fail(int status, const std::string& text)
     exit(status);
 }
 
+std::optional<host_port> host_port_of(std::string_view text)
+{
+    std::string_view host;
+    std::string_view port;
+    if (!split_host_port(text, &host, &port))
+        return std::nullopt;
+    if (host.size() > 2 && host.front() == '[')
+        host = host.substr(1, host.size() - 2);
+    return host_port{std::string(host), std::string(port)};
+}
+
 namespace
 {
 
@@ -44,36 +56,16 @@ int usage(FILE* out, int status)
     return status;
 }
 
-/* How a client reaches the listener. */
-std::string address_of(const listening_place& place)
-{
-    if (place.kind == net_socket::PATH)
-        return place.host.starts_with('/') ? place.host : "./" + place.host;
-    return (place.host.empty() ? listening_place{place.kind, "127.0.0.1", place.port} : place).text();
-}
-
 /* Of an agent that was given as --agent. A name stands for whatever address it has. */
 listening_place place_of_option(const std::string& agent)
 {
-    const size_t colon = agent.rfind(':');
-    if (agent.starts_with('/') || agent.starts_with('.') || colon == std::string::npos)
+    const auto place = host_port_of(agent);
+    if (agent.starts_with('/') || agent.starts_with('.') || !place)
         return {net_socket::PATH, agent, 0};
-    std::string host = agent.substr(0, colon);
-    if (host.size() > 2 && host.front() == '[')
-        host = host.substr(1, host.size() - 2);
     std::array<unsigned char, sizeof(in6_addr)> address{};
-    const bool is_numeric =
-        inet_pton(AF_INET, host.c_str(), address.data()) == 1 || inet_pton(AF_INET6, host.c_str(), address.data()) == 1;
-    return {net_socket::STREAM, is_numeric ? host : "", parse_num<unsigned>(agent.substr(colon + 1)).value_or(0)};
-}
-
-void read_agent()
-{
-    g_set.places = places_of(g_cfg.rui);
-    for (const listening_place& place : g_set.places) {
-        if (g_set.agent.empty() && place.kind != net_socket::DATAGRAM)
-            g_set.agent = address_of(place);
-    }
+    const bool is_numeric = inet_pton(AF_INET, place->host.c_str(), address.data()) == 1 ||
+                            inet_pton(AF_INET6, place->host.c_str(), address.data()) == 1;
+    return {net_socket::STREAM, is_numeric ? place->host : "", parse_num<unsigned>(place->port).value_or(0)};
 }
 
 /* "udp://source@group:port?query" in its parts. */
@@ -85,7 +77,7 @@ void read_channel()
         url = url.substr(at + 3);
     if (const size_t at = url.find('@'); at != std::string::npos) {
         g_set.channel_source = url.substr(0, at);
-        /* Its port, if it has one, says nothing. */
+        /* Its port, if it has one, says nothing; an IPv6 address without brackets has none. */
         const size_t colon = g_set.channel_source.rfind(':');
         if (colon != std::string::npos &&
             (colon == g_set.channel_source.find(':') || g_set.channel_source[colon - 1] == ']'))
@@ -93,19 +85,6 @@ void read_channel()
         url = url.substr(at + 1);
     }
     g_set.channel = url;
-}
-
-/* An agent without a web listener is known by its channel. */
-void read_channel_place()
-{
-    const size_t colon = g_set.channel.rfind(':');
-    if (colon == std::string::npos)
-        return;
-    std::string host = g_set.channel.substr(0, colon);
-    if (host.size() > 2 && host.front() == '[')
-        host = host.substr(1, host.size() - 2);
-    if (const auto port = parse_num<unsigned>(g_set.channel.substr(colon + 1)))
-        g_set.places.push_back({net_socket::DATAGRAM, host, *port});
 }
 
 /* What no option has said is taken from the configuration. One that was not asked for may be unreadable: what is then
@@ -122,12 +101,24 @@ void complete(const char* path, bool is_named)
         return;
     }
     g_set.config = path;
-    if (g_set.agent.empty())
-        read_agent();
+    if (g_set.agent.empty()) {
+        g_set.places = places_of(g_cfg.rui);
+        const auto web = std::find_if(g_set.places.begin(), g_set.places.end(),
+                                      [](const listening_place& p) { return p.kind != net_socket::DATAGRAM; });
+        if (web != g_set.places.end() && web->kind == net_socket::PATH) { /* told from a host by its first letter */
+            g_set.agent = web->host.starts_with('/') ? web->host : "./" + web->host;
+        } else if (web != g_set.places.end()) {
+            const char* host = web->host.empty() ? "127.0.0.1" : web->host.c_str();
+            g_set.agent = listening_place{web->kind, host, web->port}.text();
+        }
+    }
     if (g_set.channel.empty())
         read_channel();
-    if (g_set.places.empty() && g_set.agent.empty())
-        read_channel_place();
+    /* An agent without a web listener is known by its channel. */
+    const auto channel = host_port_of(g_set.channel);
+    const auto port = channel ? parse_num<unsigned>(channel->port) : std::nullopt;
+    if (g_set.places.empty() && g_set.agent.empty() && port)
+        g_set.places.push_back({net_socket::DATAGRAM, channel->host, *port});
     g_set.channel_ifc = g_cfg.udp_cha.mifc;
     if (g_set.data_dir.empty())
         g_set.data_dir = g_cfg.data_dir;
@@ -178,11 +169,9 @@ int run(ctl_cmd cmd, std::span<char* const> args)
     return STATUS_USAGE;
 }
 
-} // namespace
-
-int main(int argc, char* argv[])
+/* The options into g_set; the configuration that they name, or null. What is no option is left at optind. */
+const char* take_options(int argc, char* argv[])
 {
-    make_output_plain();
     const char* named = nullptr;
     const std::string letters = option_letters(CTL_OPTIONS);
     const auto options = long_options(CTL_OPTIONS);
@@ -225,11 +214,20 @@ int main(int argc, char* argv[])
             g_set.is_json = true;
             break;
         case 'h':
-            return usage(stdout, 0);
+            exit(usage(stdout, 0));
         default:
-            return usage(stderr, STATUS_USAGE);
+            exit(usage(stderr, STATUS_USAGE));
         }
     }
+    return named;
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    make_output_plain();
+    const char* named = take_options(argc, argv);
     if (optind >= argc)
         return usage(stderr, STATUS_USAGE);
     const char* name = argv[optind++];
