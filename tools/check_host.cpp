@@ -25,17 +25,14 @@ bool is_relative(const char* path)
     return path[0] && path[0] != '/' && path[0] != '|';
 }
 
-void check_log(const kova_cfg& cfg)
+/* Log, CPU, user and pid file, and the paths that a daemon sees from another directory. */
+void check_runtime(const kova_cfg& cfg)
 {
     struct stat st {
     };
     if (cfg.log.path[0] && cfg.log.path[0] != '|' && stat(cfg.log.path, &st) == 0 && !S_ISREG(st.st_mode))
         warn("log.file %s is no regular file: it is never rotated, and lines are dropped while nobody reads them",
              cfg.log.path);
-}
-
-void check_runtime(const kova_cfg& cfg)
-{
     const long cpus = sysconf(_SC_NPROCESSORS_CONF);
     if (cfg.rt.cpunum >= cpus)
         warn("cpunum %d: this machine has the CPUs 0 to %ld: the agent will not start", cfg.rt.cpunum, cpus - 1);
@@ -43,8 +40,6 @@ void check_runtime(const kova_cfg& cfg)
         warn("run_as_user has no effect beside non_daemon: the agent stays who starts it");
     const std::string path = cfg.rt.pidfile;
     const std::string dir = path.substr(0, path.rfind('/') + 1);
-    struct stat st {
-    };
     if (!dir.empty() && stat(dir.c_str(), &st) == 0 && (st.st_mode & S_IWOTH))
         warn("pidfile %s: everybody may put a file of that name into %s", path.c_str(), dir.c_str());
     if (cfg.rt.non_daemon)
@@ -76,12 +71,6 @@ void check_names(const kova_cfg& cfg)
         warn("local_url_prefix leaves %zu characters for a destination that is registered again", room);
 }
 
-unsigned first_free_port()
-{
-    return parse_num<unsigned>(first_line("/proc/sys/net/ipv4/ip_unprivileged_port_start"))
-        .value_or(USUAL_FIRST_FREE_PORT);
-}
-
 /* A port of another agent is shared with it, on purpose; that of another program fails the start. */
 void say_who_listens(const listening_place& place)
 {
@@ -100,7 +89,8 @@ void check_listeners(const kova_cfg& cfg)
     const std::vector<listening_place> places = places_of(cfg.rui);
     if (!places.empty() && cfg.rui.max_accept == 0)
         warn("max_accept 0: no client is ever taken");
-    const unsigned free_port = first_free_port();
+    const unsigned free_port = parse_num<unsigned>(first_line("/proc/sys/net/ipv4/ip_unprivileged_port_start"))
+                                   .value_or(USUAL_FIRST_FREE_PORT);
     for (size_t i = 0; i < places.size(); ++i) {
         const listening_place& p = places[i];
         for (size_t k = 0; k < i; ++k) {
@@ -115,23 +105,17 @@ void check_listeners(const kova_cfg& cfg)
     }
 }
 
-/* What comes while the agent is busy waits in the kernel, in a buffer that the configuration cannot change. */
-void check_channel_buffer(const kova_cfg& cfg)
+} // namespace
+
+void check_host(const kova_cfg& cfg)
 {
+    check_runtime(cfg);
+    check_names(cfg);
+    check_listeners(cfg);
+    /* What comes while the agent is busy waits in the kernel, in a buffer that the configuration cannot change. */
     constexpr long BYTES_A_DATAGRAM = 832; /* what the kernel reckons for a short one */
     const auto bytes = parse_num<long>(first_line("/proc/sys/net/core/rmem_default"));
     if (cfg.udp_cha.url[0] && bytes)
         printf("channel: %ld orders wait for a busy agent, further ones are dropped (net.core.rmem_default %ld)\n",
                *bytes / BYTES_A_DATAGRAM, *bytes);
-}
-
-} // namespace
-
-void check_host(const kova_cfg& cfg)
-{
-    check_log(cfg);
-    check_runtime(cfg);
-    check_names(cfg);
-    check_listeners(cfg);
-    check_channel_buffer(cfg);
 }

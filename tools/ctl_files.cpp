@@ -167,16 +167,6 @@ bool is_lapsed_lock(const fs::path& path, uid_t agent, struct stat* lock)
            S_ISREG(st.st_mode) && st.st_size == 0 && st.st_uid == agent && age_of(st) > STALE_LOCK_SEC;
 }
 
-/* Of the running agent, or of its data directory. */
-std::optional<uid_t> owner_of_locks()
-{
-    struct stat st {
-    };
-    const auto pid = find_agent().pid;
-    const std::string place = pid ? "/proc/" + std::to_string(*pid) : g_set.data_dir;
-    return stat(place.c_str(), &st) == 0 ? std::optional(st.st_uid) : std::nullopt;
-}
-
 } // namespace
 
 bool is_unfinished(std::string_view path)
@@ -263,13 +253,18 @@ int cmd_sweep()
         if (st && age_of(*st) > STALE_LOCK_SEC && !held.contains({st->st_dev, st->st_ino}))
             r.take(fs::path(dir->path) / name, *st, "unfinished, and no agent writes it");
     });
-    const auto owner = owner_of_locks();
+    /* Locks belong to the user of the running agent, else to that of its data directory. */
+    const auto pid = find_agent().pid;
+    const std::string owned = pid ? "/proc/" + std::to_string(*pid) : g_set.data_dir;
+    struct stat owner {
+    };
+    if (stat(owned.c_str(), &owner) != 0)
+        return r.status();
     std::error_code ec;
-    fs::directory_iterator it(g_set.lock_dir, ec);
-    for (; owner && !ec && it != fs::directory_iterator(); it.increment(ec)) {
+    for (fs::directory_iterator it(g_set.lock_dir, ec); !ec && it != fs::directory_iterator(); it.increment(ec)) {
         struct stat st {
         };
-        if (is_lapsed_lock(it->path(), *owner, &st))
+        if (is_lapsed_lock(it->path(), owner.st_uid, &st))
             r.take(it->path(), st, "a lock that has lapsed");
     }
     return r.status();

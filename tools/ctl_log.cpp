@@ -369,9 +369,9 @@ void read_log(const fs::path& path, history* h)
             if (r && !is_too_long)
                 take_record(h, *r);
             is_too_long = false;
-            line = line_end + 1;
+            line = newline ? newline + 1 : end;
         }
-        kept = line < end ? static_cast<size_t>(end - line) : 0;
+        kept = static_cast<size_t>(end - line);
         memmove(buf.data(), line, kept);
         if (kept == buf.size()) {
             is_too_long = true;
@@ -380,7 +380,8 @@ void read_log(const fs::path& path, history* h)
     }
 }
 
-void read_logs(std::span<char* const> args, history* h)
+/* want_ends: also of files that were stored. */
+history read_logs(std::span<char* const> args, bool want_ends)
 {
     if (g_set.data_dir.empty())
         fail(STATUS_USAGE, "no data directory given: name the configuration (-C) or the directory (-D)");
@@ -388,23 +389,26 @@ void read_logs(std::span<char* const> args, history* h)
     if (const fs::path absolute = fs::absolute(g_set.data_dir, ec); !ec)
         g_set.data_dir = absolute.lexically_normal();
     const std::vector<fs::path> logs = args.empty() ? default_logs() : std::vector<fs::path>(args.begin(), args.end());
+    history h;
+    h.want_ends = want_ends;
     for (const fs::path& log : logs)
-        read_log(log, h);
-    for (auto& [pid, p] : h->processes) {
+        read_log(log, &h);
+    for (auto& [pid, p] : h.processes) {
         /* After a reboot another agent may have the number. */
         const time_t start = p.running.empty() ? 0 : start_of(pid);
         const bool is_another = std::any_of(p.running.begin(), p.running.end(), [start](const auto& entry) {
             return entry.second.tm != 0 && entry.second.tm + CLOCK_SLACK_SEC < start;
         });
         if (is_another || !is_agent(pid))
-            cut_all(h, &p, "cut by a crash");
+            cut_all(&h, &p, "cut by a crash");
     }
     /* What is being fetched once more, or is there after all, is not lost. */
-    std::erase_if(h->lost, [h](const auto& entry) {
+    std::erase_if(h.lost, [&h](const auto& entry) {
         return access(entry.first.c_str(), F_OK) == 0 ||
-               std::any_of(h->processes.begin(), h->processes.end(),
+               std::any_of(h.processes.begin(), h.processes.end(),
                            [&entry](const auto& p) { return p.second.running.contains(entry.first); });
     });
+    return h;
 }
 
 /* ---- what is left of an expiry ---- */
@@ -476,8 +480,7 @@ bool is_wanted(redisContext* redis, const std::string& dst, time_t now)
 
 int cmd_lost(std::span<char* const> args)
 {
-    history h;
-    read_logs(args, &h);
+    const history h = read_logs(args, false);
     const time_t now = time(nullptr);
     for (const auto& [path, o] : h.lost)
         printf("%s -> %s: %s, %s\n", printable(o.src).c_str(), printable(path).c_str(), o.what,
@@ -500,8 +503,7 @@ static void await_stale(const std::string& unfinished)
 
 int cmd_replay(std::span<char* const> args)
 {
-    history h;
-    read_logs(args, &h);
+    const history h = read_logs(args, false);
     const time_t now = time(nullptr);
     int status = 0;
     for (const auto& [path, o] : h.lost) {
@@ -521,8 +523,7 @@ int cmd_replay(std::span<char* const> args)
 
 int cmd_register_from_log(std::span<char* const> args)
 {
-    history h;
-    read_logs(args, &h);
+    const history h = read_logs(args, false);
     const time_t now = time(nullptr);
     int status = 0;
     for (const auto& [dst, o] : h.unregistered) {
@@ -543,9 +544,7 @@ int cmd_register_from_log(std::span<char* const> args)
    reader is sent to a file that is gone. */
 int cmd_expire(std::span<char* const> args)
 {
-    history h;
-    h.want_ends = true;
-    read_logs(args, &h);
+    const history h = read_logs(args, true);
     const time_t now = time(nullptr);
     const std::optional<fleet_db> db = g_cfg.lbdb.port > 0 ? std::optional(open_fleet_db()) : std::nullopt;
     removal r;

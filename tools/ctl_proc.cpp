@@ -36,22 +36,6 @@ std::string blind_text(pid_t pid)
     return "may not look into the agent (pid " + std::to_string(pid) + "): run as root";
 }
 
-std::string places_text()
-{
-    std::string text;
-    for (const listening_place& p : g_set.places)
-        text += (text.empty() ? "" : ", ") + p.text();
-    return text;
-}
-
-std::string pids_text(const std::vector<pid_t>& pids)
-{
-    std::string text;
-    for (const pid_t pid : pids)
-        text += (text.empty() ? "" : ", ") + std::to_string(pid);
-    return text;
-}
-
 } // namespace
 
 void fail_blind(pid_t pid)
@@ -80,10 +64,17 @@ found_agent find_agent()
         return {named, ""};
     if (agents.size() == 1)
         return {agents.front(), ""};
-    const std::string here = g_set.places.empty() ? "runs here" : "listens at " + places_text();
+    std::string places;
+    for (const listening_place& place : g_set.places)
+        places += (places.empty() ? "listens at " : ", ") + place.text();
+    if (places.empty())
+        places = "runs here";
     if (agents.empty())
-        return {std::nullopt, "no agent " + here};
-    return {std::nullopt, "more than one agent " + here + " (" + pids_text(agents) + "): choose one with --pid"};
+        return {std::nullopt, "no agent " + places};
+    std::string pids;
+    for (const pid_t pid : agents)
+        pids += (pids.empty() ? "" : ", ") + std::to_string(pid);
+    return {std::nullopt, "more than one agent " + places + " (" + pids + "): choose one with --pid"};
 }
 
 std::vector<written_file> files_written_by(pid_t pid, const std::vector<descriptor>& fds)

@@ -87,17 +87,6 @@ bool is_writable_dir(const kova_cfg& cfg, const char* path)
     return (st.st_mode & want) == want;
 }
 
-void check_data_dir(const kova_cfg& cfg)
-{
-    if (!is_writable_dir(cfg, cfg.data_dir))
-        warn("data_dir %s cannot be written to by the agent's user", cfg.data_dir);
-    const size_t used = strlen(cfg.data_dir) + 1 + strlen("-Kova");
-    const size_t room = used < PATH_ROOM ? PATH_ROOM - used : 0;
-    printf("destinations: up to %zu characters below %s\n", room, cfg.data_dir);
-    if (room < SMALL_ROOM)
-        warn("data_dir leaves %zu characters for a destination", room);
-}
-
 void check_channel(const kova_cfg& cfg)
 {
     if (!cfg.udp_cha.url[0])
@@ -117,28 +106,35 @@ void check_channel(const kova_cfg& cfg)
              cfg.udp_cha.lkdir);
 }
 
-/* Where the agent makes files of its own besides the data. */
-void check_dir_of(const kova_cfg& cfg, const char* key, const char* path)
+/* What the agent writes to: the data directory, and for log and pid file the directories around them. */
+void check_places(const kova_cfg& cfg)
 {
-    if (!path[0] || path[0] == '|')
-        return;
-    const std::string_view text = path;
-    const size_t slash = text.rfind('/');
-    const std::string dir(slash == std::string_view::npos ? "." : slash == 0 ? "/" : text.substr(0, slash));
-    if (!is_writable_dir(cfg, dir.c_str()))
-        warn("%s: the directory %s is missing, or cannot be written to by the agent's user", key, dir.c_str());
-}
+    if (!is_writable_dir(cfg, cfg.data_dir))
+        warn("data_dir %s cannot be written to by the agent's user", cfg.data_dir);
+    const size_t used = strlen(cfg.data_dir) + 1 + strlen("-Kova");
+    const size_t room = used < PATH_ROOM ? PATH_ROOM - used : 0;
+    printf("destinations: up to %zu characters below %s\n", room, cfg.data_dir);
+    if (room < SMALL_ROOM)
+        warn("data_dir leaves %zu characters for a destination", room);
 
-void check_daemon(const kova_cfg& cfg)
-{
-    if (cfg.rt.non_daemon)
-        return;
-    if (!cfg.log.path[0])
+    if (!cfg.rt.non_daemon && !cfg.log.path[0])
         warn("a daemon needs log.file; without it only -T starts");
-    if (!cfg.rt.pidfile[0])
+    if (!cfg.rt.non_daemon && !cfg.rt.pidfile[0])
         warn("a daemon needs runtime.pidfile; without it only -T starts");
-    if (cfg.rt.user[0] && !getpwnam(cfg.rt.user))
+    if (!cfg.rt.non_daemon && cfg.rt.user[0] && !getpwnam(cfg.rt.user))
         warn("run_as_user: there is no user %s here; without one only -T starts", cfg.rt.user);
+
+    const std::pair<const char*, const char*> files[] = {{"log.file", cfg.log.path},
+                                                         {"runtime.pidfile", cfg.rt.pidfile}};
+    for (const auto& [key, path] : files) {
+        if (!path[0] || path[0] == '|')
+            continue;
+        const std::string_view text = path;
+        const size_t slash = text.rfind('/');
+        const std::string dir(slash == std::string_view::npos ? "." : slash == 0 ? "/" : text.substr(0, slash));
+        if (!is_writable_dir(cfg, dir.c_str()))
+            warn("%s: the directory %s is missing, or cannot be written to by the agent's user", key, dir.c_str());
+    }
 }
 
 int usage(FILE* out, int status)
@@ -151,6 +147,33 @@ int usage(FILE* out, int status)
     print_options(out, CHECKCONF_OPTIONS);
     fputs("\nStatus: 0 accepted, 1 refused, 2 accepted with warnings (only with --strict).\n", out);
     return status;
+}
+
+/* The whole check of one file; its status. */
+int check(const char* path, bool is_strict, int wait_sec)
+{
+    glog_init("kov-checkconf");
+    log_set_modules(g_log, WARN_level);
+    init_kova_config(&g_cfg);
+    const scope_guard free_cfg([] { free_kova_config(&g_cfg); });
+    if (load_kova_config(path, &g_cfg, 0) != 0 || validate_config(&g_cfg) != 0) {
+        check_text(path); /* the cause may be a misspelt key */
+        printf("%s: refused\n", path);
+        return STATUS_REFUSED;
+    }
+    dump_kova_config(stdout, &g_cfg);
+    check_text(path);
+    check_descriptors(g_cfg);
+    check_channel(g_cfg);
+    check_places(g_cfg);
+    check_host(g_cfg);
+    if (wait_sec > 0 && !await_database(g_cfg.lbdb, wait_sec)) {
+        printf("%s: refused: no database answers at %s:%d\n", path, g_cfg.lbdb.host, g_cfg.lbdb.port);
+        return STATUS_REFUSED;
+    }
+    check_database(g_cfg.lbdb);
+    printf("%s: accepted, %d warning%s\n", path, g_warnings, g_warnings == 1 ? "" : "s");
+    return is_strict && g_warnings > 0 ? STATUS_WARNINGS : 0;
 }
 
 } // namespace
@@ -181,30 +204,5 @@ int main(int argc, char* argv[])
     const char* path = optind < argc ? argv[optind] : default_config_path();
     if (!path || argc - optind > 1)
         return usage(stderr, STATUS_REFUSED);
-
-    glog_init("kov-checkconf");
-    log_set_modules(g_log, WARN_level);
-    init_kova_config(&g_cfg);
-    const scope_guard free_cfg([] { free_kova_config(&g_cfg); });
-    if (load_kova_config(path, &g_cfg, 0) != 0 || validate_config(&g_cfg) != 0) {
-        check_text(path); /* the cause may be a misspelt key */
-        printf("%s: refused\n", path);
-        return STATUS_REFUSED;
-    }
-    dump_kova_config(stdout, &g_cfg);
-    check_text(path);
-    check_descriptors(g_cfg);
-    check_data_dir(g_cfg);
-    check_channel(g_cfg);
-    check_daemon(g_cfg);
-    check_dir_of(g_cfg, "log.file", g_cfg.log.path);
-    check_dir_of(g_cfg, "runtime.pidfile", g_cfg.rt.pidfile);
-    check_host(g_cfg);
-    if (wait_sec > 0 && !await_database(g_cfg.lbdb, wait_sec)) {
-        printf("%s: refused: no database answers at %s:%d\n", path, g_cfg.lbdb.host, g_cfg.lbdb.port);
-        return STATUS_REFUSED;
-    }
-    check_database(g_cfg.lbdb);
-    printf("%s: accepted, %d warning%s\n", path, g_warnings, g_warnings == 1 ? "" : "s");
-    return is_strict && g_warnings > 0 ? STATUS_WARNINGS : 0;
+    return check(path, is_strict, wait_sec);
 }

@@ -97,22 +97,6 @@ void read_paths(const fs::path& table, std::vector<net_socket>* sockets)
     }
 }
 
-bool is_any(const std::string& host)
-{
-    return host.empty() || host == "0.0.0.0" || host == "::";
-}
-
-/* An IPv6 socket of every address takes IPv4 clients, too; that it may be set not to is not seen here. */
-bool hosts_meet(const std::string& a, const std::string& b)
-{
-    const bool has_six = a.find(':') != std::string::npos || b.find(':') != std::string::npos;
-    if (a == b || a.empty() || b.empty())
-        return true;
-    if (a == "::" || b == "::")
-        return true;
-    return !has_six && (is_any(a) || is_any(b));
-}
-
 } // namespace
 
 fs::path proc_of(pid_t pid)
@@ -261,9 +245,17 @@ bool listening_place::is_served_by(const net_socket& s) const
 
 bool listening_place::meets(const listening_place& other) const
 {
-    if (kind != other.kind)
+    if (kind != other.kind || port != other.port)
         return false;
-    return kind == net_socket::PATH ? host == other.host : port == other.port && hosts_meet(host, other.host);
+    if (host == other.host)
+        return true;
+    if (kind == net_socket::PATH)
+        return false;
+    /* An IPv6 socket of every address takes IPv4 clients, too; that it may be set not to is not seen here. */
+    if (host.empty() || other.host.empty() || host == "::" || other.host == "::")
+        return true;
+    const bool has_six = host.find(':') != std::string::npos || other.host.find(':') != std::string::npos;
+    return !has_six && (host == "0.0.0.0" || other.host == "0.0.0.0");
 }
 
 std::string listening_place::text() const
