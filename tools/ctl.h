@@ -17,7 +17,7 @@
 constexpr int STATUS_REFUSED = 1; /* by the agent, or something was found or failed */
 constexpr int STATUS_USAGE = 2;
 constexpr int STATUS_UNREACHABLE = 3;  /* no agent there */
-constexpr int STATUS_EXISTS = 4;       /* the destination is there already */
+constexpr int STATUS_EXISTS = 4;       /* the destination is there already, or nobody here can tell */
 constexpr int STATUS_GAVE_UP = 5;      /* a wait was too long */
 constexpr int STATUS_SOURCE = 6;       /* the source has refused */
 constexpr int STATUS_UNREGISTERED = 7; /* the database has not taken it, or nobody can tell */

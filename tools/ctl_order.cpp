@@ -184,7 +184,7 @@ const char* meaning(int code, const std::string& src)
         return "refused: the source refuses connections, a fresh unfinished file of that name exists, or the "
                "destination is too long, leaves the data directory or ends in -Kova";
     case 403:
-        return "refused: the destination is there already";
+        return "refused: the destination is there already, or the source forbids it";
     case 404:
         return "refused by the source: not found";
     case 500:
@@ -223,6 +223,16 @@ fs::path final_path(const std::string& src, std::string dst)
     dst.erase(0, dst.find_first_not_of('/'));
     return fs::path(g_set.data_dir) / dst;
 }
+
+/* The agent says 403 of a file that is there, and passes on what a source says: the file itself tells which it was. */
+bool is_forbidden(int code, const std::string& src, const std::string& dst)
+{
+    struct stat st {
+    };
+    return code == 403 && stat(final_path(src, dst).c_str(), &st) != 0 && errno == ENOENT;
+}
+
+constexpr char FORBIDDEN[] = "refused by the source: forbidden";
 
 void show_progress(const fs::path& unfinished, long seconds)
 {
@@ -383,9 +393,11 @@ int cmd_get(std::span<char* const> args)
     if (src.find('?') != std::string::npos)
         fputs("kovctl: the agent fetches the source without its query\n", stderr);
     const int code = ask(order_target(src, dst), ANSWER_WAIT_SEC);
-    printf("%d %s\n", code, meaning(code, src));
+    /* Who waits for the file has named its place; else it may be on another host. */
+    const bool is_source = g_set.is_waiting && is_forbidden(code, src, dst);
+    printf("%d %s\n", code, is_source ? FORBIDDEN : meaning(code, src));
     if (code != 200)
-        return status_of(code);
+        return is_source ? STATUS_SOURCE : status_of(code);
     return g_set.is_waiting ? wait_for_file(final_path(src, dst)) : 0;
 }
 
@@ -394,11 +406,13 @@ int place_order(const std::string& src, const std::string& dst)
     const outcome o = try_ask(order_target(src, dst), answer_wait_ms(ANSWER_WAIT_SEC));
     if (!o.is_late && o.err)
         fail(STATUS_UNREACHABLE, g_set.agent + ": " + strerror(o.err));
-    if (o.is_late)
+    if (o.is_late) {
         printf("%s: no answer: the agent hangs, or the source is silent\n", printable(dst).c_str());
-    else
-        printf("%s: %d %s\n", printable(dst).c_str(), o.code, meaning(o.code, src));
-    return o.is_late ? STATUS_GAVE_UP : status_of(o.code);
+        return STATUS_GAVE_UP;
+    }
+    const bool is_source = is_forbidden(o.code, src, dst);
+    printf("%s: %d %s\n", printable(dst).c_str(), o.code, is_source ? FORBIDDEN : meaning(o.code, src));
+    return is_source ? STATUS_SOURCE : status_of(o.code);
 }
 
 int cmd_send(std::span<char* const> args)

@@ -51,7 +51,7 @@ int usage(FILE* out, int status)
     print_options(out, CTL_OPTIONS);
     fputs(
         "\nStatus: 0 done; 1 refused, failed, or something was found; 2 usage; 3 no agent there; 4 the destination is\n"
-        "there already; 5 gave up waiting; 6 refused by the source; 7 not registered, or nobody can tell.\n",
+        "there already, or forbidden; 5 gave up waiting; 6 refused by the source; 7 not registered, or not known.\n",
         out);
     return status;
 }

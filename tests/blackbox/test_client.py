@@ -42,7 +42,7 @@ class Client(KovTest):
         self.origin.body("/a", b"x")
         self.origin.status("/404", 404)
         self.order("/a", "a")
-        cases = (("/a", "a", kov_client.Exists, 403, 0), ("/404", "b", kov_client.SourceRefused, 404, 6),
+        cases = (("/a", "a", kov_client.Exists, 403, 4), ("/404", "b", kov_client.SourceRefused, 404, 6),
                  ("/a", "x" * 120, kov_client.Refused, 400, 1), (":1/a", "c", kov_client.Refused, 500, 1))
         self.agent.stored("a")
         for path, dst, error, status, shell_status in cases:

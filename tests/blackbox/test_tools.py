@@ -167,6 +167,8 @@ class Orders(Ctl):
                                          ("http://h/" + "x" * 130, "x", 1, "400 refused: .*more than 127 characters"),
                                          (self.origin.status("/404", 404), "x", 6, "")):
             self.ctl("get", src, dst, status=status, says=f"^{answer}")
+        for dst, status in (("v/a b%.ts", 4), ("x", 6)):  # where the file can be looked at, it tells whose 403 that is
+            self.ctl("get", "--wait", self.origin.status("/403", 403), dst, status=status, says="^403 refused")
         cut = self.origin.cut("/cut", lambda conn: time.sleep(1.5))
         self.ctl("get", "--wait", cut, "cut", status=1, says="failed: ")
         self.ctl("send", "job1", source, "by@udp", "600")
@@ -177,7 +179,7 @@ class Orders(Ctl):
         self.ctl("register", "v/a b%.ts", status=2)  # an entry without an end is nothing to make by mistake
         self.ctl("-e", "600", "register", "v/a b%.ts", says=r"^v/a b%\.ts: registered\n$")
         self.ctl("-e", "600", "register", "v/none", status=1, says=f"^v/none: not in {self.data}\n$")
-        self.assertEqual(self.agent.log().count("TASK-START"), 8)  # nothing was fetched to register
+        self.assertEqual(self.agent.log().count("TASK-START"), 10)  # nothing was fetched to register
         self.database.stop()
         self.ctl("-e", "600", "register", "v/a b%.ts", status=7, says="NOT registered")
 

@@ -29,7 +29,7 @@ MEANINGS = {
     204: "taken for a ping: no order in it",
     400: "refused: the source refuses connections, an unfinished file of that name is still written to, or the "
          "destination is too long for the agent's data directory",
-    403: "the destination is there already",
+    403: "the destination is there already, or the source itself has answered 403",
     500: "the source is being fetched already, has no such name, port or route, ended early or gave no length, the "
          "agent is full, or the file could not be made: the agent's log says which",
 }
@@ -57,7 +57,8 @@ class Refused(KovError):
 
 
 class Exists(Refused):
-    """The destination is there already. Most senders are content with that."""
+    """The destination is there already, with which most senders are content; or its source has answered 403, which the
+    agent passes on: where that may be, look for the file."""
 
 
 class SourceRefused(Refused):

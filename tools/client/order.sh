@@ -1,6 +1,6 @@
 #!/bin/bash
-# Places one order. The expiry cannot be left out. Prints what the answer means; status 0 when the download has begun or
-# the file is there already. Needs curl.
+# Places one order. The expiry cannot be left out. Prints what the answer means; status 0 when the download has begun, 4
+# when the file is there already or its source forbids it. Needs curl.
 set -euo pipefail
 if [[ $# -ne 4 || $2 != http://* || $2 == *[?#]* || ! $4 =~ ^[0-9]+$ ]]; then
     echo "usage: $0 HOST:PORT http://SOURCE DESTINATION EXPIRY" >&2
@@ -28,7 +28,7 @@ encode() {
 target="/src/$(encode "$2")/dst/$(encode "$3")?expiry=$4"
 case $(curl -sS --max-time 60 -o /dev/null -w '%{http_code}' --request-target "$target" "http://$1/") in
 200) echo "begun" ;;
-403) echo "there already" ;;
+403) echo "there already, or forbidden by the source" >&2; exit 4 ;;
 400) echo "refused: source or destination cannot be ordered, or the source refuses connections" >&2; exit 1 ;;
 500) echo "failed: the source is being fetched already or is broken, or the agent is full" >&2; exit 1 ;;
 000) echo "no answer: repeat the order" >&2; exit 3 ;;
