@@ -98,8 +98,8 @@ int rqs_service_nopoll() noexcept
 void rqs_purge_nopoll() noexcept
 {
     auto& rm = g_rqs.nopoll_rm;
-    for (size_t i = 0; i < slots_len(rm);
-         ++i) { /* nothing leaves the list singly: its slots are taken from the front */
+    /* Nothing leaves the list singly, so that its slots are taken from the front. */
+    for (size_t i = 0; i < slots_len(rm); ++i) {
         const ssize_t j = *slots_at(&rm, static_cast<ssize_t>(i));
         ASSERT(j >= 0);
         const nopoll_ref ref = *slots_at(&g_rqs.nopoll, j);
