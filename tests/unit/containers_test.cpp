@@ -88,7 +88,7 @@ TEST(Containers, ASlotListTakesTheLowestFreeSlot)
             model.erase(holder);
         }
     }
-    EXPECT_EQ(xvlst_reserve(&l, SIZE_MAX / 4, SZ, 4), -1) << "too large is a failure, not an overflow";
+    EXPECT_EQ(xvlst_reserve(&l, SIZE_MAX / SZ + 2, SZ, 4), -1) << "too large is a failure, not an overflow";
     l.flags = XV_FIXED_SIZE;
     EXPECT_EQ(xvlst_reserve(&l, l.max_len, SZ, 4), 0);
     EXPECT_EQ(xvlst_reserve(&l, l.max_len + 1, SZ, 4), ERR_XV_FIXED);
