@@ -81,8 +81,11 @@ class Scenario:
         agent = Agent(self.root, "max_mmap_mb = 1;" + (self.db.settings() if self.db else ""), log=self.log, env=env,
                       channel="127.0.0.1:{}" if self.db else "", level=self.level, options=("-p", f"{self.root}/pid"),
                       wrapper=point.wrapper)
-        with promise("neither starts nor ends"):
+        try:
             wait_for(lambda: agent.is_listening() or agent.proc.poll() is not None, "the listener", self.patience)
+        except AssertionError:
+            agent.kill()
+            raise Broken("neither starts nor ends") from None
         return agent
 
     def ask(self, agent, target):
