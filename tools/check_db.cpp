@@ -1,5 +1,8 @@
 /* The database that a configuration names: is it there, does it know the script, and is it one that an agent can
-   register with for long? */
+   register with for long?
+   The difficulty is what an agent does not look at: it connects once, at its start, and takes whatever answers for its
+   database. A replica, a node of a cluster or a server that has lost the script lets it start, and then refuses each
+   registration. So the questions here are those that only later answers would tell. */
 #include "check.h"
 
 #include "guard.h"

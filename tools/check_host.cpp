@@ -1,5 +1,7 @@
 /* What a configuration means beside this machine's limits, places and processes: things that the agent takes without a
-   word and that are hardly meant. */
+   word and that are hardly meant.
+   The difficulty is that this program is another process than the agent: often another user, and beside a running
+   agent. It looks at what the agent will meet, and does not try it: no port is bound, no file made, no lock taken. */
 #include "check.h"
 
 #include "cfg.h"
@@ -55,14 +57,17 @@ void check_runtime(const kova_cfg& cfg)
     }
 }
 
+/* What the fixed lengths of the agent's records leave for the names that come with orders. */
 void check_names(const kova_cfg& cfg)
 {
+    /* A lock's path is cut where it does not fit, so that two ids may come to mean one file. */
     const size_t locks = strlen(cfg.udp_cha.lkdir) + 1 + strlen(".lock");
     if (cfg.udp_cha.url[0] && cfg.udp_cha.must_lock && locks + MAX_LID_LEN > LOCK_PATH_ROOM)
         warn("lock_dir leaves %zu characters for a lock id: longer ones are cut and share a lock",
              LOCK_PATH_ROOM - std::min(locks, LOCK_PATH_ROOM));
     if (!cfg.seg_url_pfx[0])
         return;
+    /* To register again is to order the prefix and the destination as a source. */
     const size_t used = strlen(cfg.seg_url_pfx) + 1;
     const size_t room = SPEC_URL_MAX - 1 - std::min(used, SPEC_URL_MAX - 1);
     printf("registered again: destinations of up to %zu characters (local_url_prefix and destination are a source)\n",
@@ -84,6 +89,7 @@ void say_who_listens(const listening_place& place)
     }
 }
 
+/* Listeners against each other, against the ports that are root's, and against who listens here already. */
 void check_listeners(const kova_cfg& cfg)
 {
     const std::vector<listening_place> places = places_of(cfg.rui);

@@ -1,5 +1,8 @@
 /* A configuration file as it is written: what the loader takes for absent without a word. And the list of the keys that
-   a file may hold. */
+   a file may hold.
+   The difficulty is that the loader asks for the keys that it knows and sees no others: a misspelt key, one in a wrong
+   group or of a wrong type is simply absent to it, and has its default. So the file is gone through from its own end,
+   key by key, against the loader's table. */
 #include "check.h"
 
 #include "cfg.h"
@@ -28,6 +31,7 @@ constexpr struct {
 } TYPE_NAMES[] = {
     {V_INT, "a number"}, {V_BOOL, "true or false"}, {V_STRING, "a text"}, {V_GROUP, "a group"}, {V_LIST, "a list"}};
 
+/* In the terms of the table of keys; 0 for what no key can be, as a number with a point. */
 unsigned type_of(const config_setting_t* s)
 {
     switch (config_setting_type(s)) {
@@ -73,6 +77,7 @@ void check_number(const config_setting_t* s, const config_key& key)
              key.max);
 }
 
+/* A value of the wrong type is as good as none, so nothing more is said of it. */
 void check_value(const config_setting_t* s, const config_key& key)
 {
     const unsigned type = type_of(s);

@@ -1,5 +1,7 @@
 /* Writes the completion of the three programs to standard output, for bash or with the argument zsh, from the tables
-   that they parse their options with. The build runs it; it is not installed. */
+   that they parse their options with. The build runs it; it is not installed.
+   The difficulty is the shells, which split words by rules of their own: bash takes the "=" of --option=value for a
+   word, zsh a colon within a help text for the end of a field. */
 #include "main.h"
 #include "options.h"
 
@@ -97,6 +99,7 @@ void print_zsh_options(std::span<const tool_option> options)
         print_zsh_option(o.opt, o.arg, o.help);
 }
 
+/* One function for all three programs: zsh calls it with the program's name in $service. */
 void print_zsh()
 {
     puts(
@@ -117,6 +120,7 @@ void print_zsh()
     puts("        '1:configuration:_files' && return 0\n    ;;\nesac");
 }
 
+/* One function a program, behind two that they share. */
 void print_bash()
 {
     fputs(HEAD, stdout);

@@ -1,4 +1,7 @@
-/* The agent's files: what is being written, what a power cut or a crash has left. */
+/* The agent's files: what is being written, what a power cut or a crash has left.
+   The difficulty is that the agent goes on meanwhile. What was seen may be another file by the time it is removed, so
+   nothing goes that has changed since, nothing that any process has open, and nothing young enough to be some order's
+   next moment. */
 #include "ctl.h"
 #include "data.h"
 #include "guard.h"
@@ -247,6 +250,7 @@ int cmd_verify()
 int cmd_sweep()
 {
     removal r;
+    /* Asked first: a file that is opened after this is young, and left alone for that. */
     const held_files held = all_held_files();
     each_name(true, [&](const directory_ptr& dir, const char* name) {
         const auto st = stat_file(*dir, name);

@@ -1,4 +1,6 @@
-/* What the fleet's database tells of the fleet: who lives, who has how many files, what ends soon. */
+/* What the fleet's database tells of the fleet: who lives, who has how many files, what ends soon.
+   The difficulty is size: a fleet has millions of ids, which nobody wants over the wire, and whose readers must not
+   wait. So the server itself counts, a page at a time, and only sums and the few ids that are shown come here. */
 #include "ctl_db.h"
 #include "strops.h"
 
@@ -91,6 +93,7 @@ int64_t now_ms(redisContext* redis)
 /* "beat_ms weight free all agent" */
 host_row row_of(std::string_view value, int64_t now)
 {
+    /* What a beat does not say is unknown, and no fault. */
     std::vector<std::string> words;
     for (size_t from = 0; from < value.size();) {
         const size_t blank = std::min(value.find(' ', from), value.size());
@@ -116,6 +119,7 @@ void read_alive(const fleet_db& db, fleet_state* f)
         f->hosts[text_of(element_of(reply.get(), i))] = row_of(text_of(element_of(reply.get(), i + 1)), now);
 }
 
+/* A page may name an id again that an earlier one had, as SCAN may; in a fleet at rest it does not. */
 void take_page(const redisReply* page, fleet_state* f)
 {
     f->ids += static_cast<uint64_t>(number_of(element_of(page, 1)));
@@ -131,6 +135,7 @@ void take_page(const redisReply* page, fleet_state* f)
     f->lost += count_of(lost);
     for (size_t i = 0; i < count_of(lost) && f->lost_shown.size() < SHOWN; ++i)
         f->lost_shown.insert(text_of(element_of(lost, i)));
+    /* Hosts that only copies name, which have never said that they live, get a row as well. */
     const redisReply* hosts = element_of(page, 4);
     for (size_t i = 0; i < count_of(hosts); ++i) {
         const redisReply* h = element_of(hosts, i);
@@ -146,6 +151,7 @@ void take_page(const redisReply* page, fleet_state* f)
     }
 }
 
+/* All ids of one server. Who lives is told to it with each page: in a cluster it may not hold that key itself. */
 void read_ids(redisContext* redis, fleet_state* f)
 {
     constexpr int64_t MS = 1000;
@@ -180,6 +186,7 @@ std::string age_text(const host_row& row)
     return row.lives() ? "yes" : "no, " + std::to_string(row.age_ms / MS) + " s";
 }
 
+/* A table of the hosts, the sums, then the ids that somebody should look at. */
 void print(const fleet_state& f)
 {
     constexpr double GIB = 1 << 30;
@@ -203,6 +210,7 @@ void print(const fleet_state& f)
 
 } // namespace
 
+/* Its status is for a monitor: 1 also when a part of the fleet could not be asked. */
 int cmd_fleet()
 {
     const fleet_db db = open_fleet_db();

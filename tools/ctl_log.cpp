@@ -327,6 +327,7 @@ std::vector<fs::path> default_logs()
     const fs::path log = g_cfg.log.path;
     if (log.empty() || log.native().front() == '|')
         fail(STATUS_USAGE, "the configuration has no log file: name the logs, the oldest first");
+    /* A rotated log is named by the second of its end, which is sorted as the number that it is. */
     std::map<unsigned long, fs::path> rotated;
     std::error_code ec;
     const fs::path dir = log.has_parent_path() ? log.parent_path() : ".";
@@ -356,7 +357,7 @@ void read_log(const fs::path& path, history* h)
     std::vector<char> buf(LINE_MAX_LEN);
     size_t kept = 0; /* bytes of a line that has not ended yet */
     bool is_too_long = false;
-    for (size_t n = 1; n > 0;) {
+    for (size_t n = 1; n > 0;) { /* what n = 0 leaves in the buffer is the last line */
         n = fread(buf.data() + kept, 1, buf.size() - kept, file.get());
         const char* end = buf.data() + kept + n;
         const char* line = buf.data();
@@ -501,6 +502,7 @@ static void await_stale(const std::string& unfinished)
         usleep(200000);
 }
 
+/* One after the other, each answered before the next is placed: what was many senders' is not to come as a flood. */
 int cmd_replay(std::span<char* const> args)
 {
     const history h = read_logs(args, false);
@@ -513,7 +515,7 @@ int cmd_replay(std::span<char* const> args)
             printf("%s: %s\n", printable(path).c_str(), left ? "not below the data directory" : "its time is over");
             continue;
         }
-        await_stale(path + UNFINISHED_SFX);
+        await_stale(path + UNFINISHED_SFX); /* may take half a minute of what is left */
         g_set.expiry = std::to_string(left_of(o.expiry, o.tm, time(nullptr)).value_or(*left));
         const int rc = place_order(o.src, *dst);
         status = rc == 0 || rc == STATUS_EXISTS ? status : rc;
@@ -521,6 +523,7 @@ int cmd_replay(std::span<char* const> args)
     return status;
 }
 
+/* With what is left, not with the expiry that was ordered: an entry must not outlive what the fleet was told. */
 int cmd_register_from_log(std::span<char* const> args)
 {
     const history h = read_logs(args, false);

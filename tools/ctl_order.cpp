@@ -1,4 +1,7 @@
-/* Orders: over HTTP with what the answer means, as datagrams, and the wait for the file. */
+/* Orders: over HTTP with what the answer means, as datagrams, and the wait for the file.
+   The difficulty is how little an answer says. 200 comes when a download has begun, and nobody tells its end: that is
+   read off the directory. 400 and 500 have many causes, and a datagram is never answered. A registration's failure
+   stands in the agent's log alone. */
 #include "ctl.h"
 
 #include "cfg.h"
@@ -115,6 +118,7 @@ outcome try_ask(const std::string& target, long wait_ms)
     if (send(fd, head.data(), head.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(head.size()))
         return {.err = errno};
     pollfd p = {fd, POLLIN, 0};
+    /* One piece is enough: the status stands at its beginning, and more of it is not read, however much there is. */
     if (poll(&p, 1, static_cast<int>(wait_ms)) <= 0)
         return {.is_late = true};
     std::array<char, 64> answer{};
@@ -234,6 +238,8 @@ bool is_forbidden(int code, const std::string& src, const std::string& dst)
 
 constexpr char FORBIDDEN[] = "refused by the source: forbidden";
 
+/* The file has its full length from the start, so it is the agent's position in it that tells how far it is. A body
+   that goes through a mapping has none: then the time that has passed is shown. */
 void show_progress(const fs::path& unfinished, long seconds)
 {
     static const found_agent agent = find_agent();
@@ -256,6 +262,7 @@ void show_progress(const fs::path& unfinished, long seconds)
     }
 }
 
+/* Looks ten times a second: a directory may be on another host's disk, where no notification would come from. */
 int wait_for_file(const fs::path& path)
 {
     const fs::path unfinished = path.native() + UNFINISHED_SFX;
@@ -272,6 +279,7 @@ int wait_for_file(const fs::path& path)
         }
         if (!is_there && errno == EACCES)
             fail(STATUS_USAGE, path.native() + ": may not be looked at by this user");
+        /* The rename may come between the two looks: the final name is asked for last. */
         if (tenth > 10 && stat(unfinished.c_str(), &st) != 0 && stat(path.c_str(), &st) != 0) {
             printf("failed: %s is gone; the agent's log says why\n", unfinished.c_str());
             return STATUS_REFUSED;
@@ -478,6 +486,7 @@ int register_one(const std::string& dst)
     return 0;
 }
 
+/* The expiry cannot be left out: an entry without an end outlives its file and its host. */
 int cmd_register(std::span<char* const> args)
 {
     need_database();

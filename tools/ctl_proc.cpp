@@ -1,4 +1,7 @@
-/* The agent's process, seen through /proc. */
+/* The agent's process, seen through /proc.
+   The difficulty is which one: a host may run several agents, on shared ports, in containers, beside a stale pid file.
+   The right one is known by where it listens. When that cannot be told, because of two or because one may not be looked
+   into, this says so: a guess would sweep or drain another's. */
 #include "ctl.h"
 
 #include "cfg.h"
@@ -94,6 +97,7 @@ std::vector<written_file> files_written_by(pid_t pid, const std::vector<descript
 
 held_files all_held_files()
 {
+    /* Of all processes, not of agents alone: a copy under way has a file open, too. */
     held_files held;
     for (const pid_t pid : all_pids()) {
         const auto fds = descriptors_of(pid);

@@ -1,5 +1,8 @@
 /* The state of an agent: for a reader, as JSON, as metrics. All of it is the kernel's: sockets and open files of the
-   process. The agent itself is not asked, so a hung one can be looked at, too. */
+   process. The agent itself is not asked, so a hung one can be looked at, too.
+   The difficulty is that the kernel knows sockets and no downloads. A socket of the process is told by its ports to be
+   a listener, a client's or the database's; the rest are sources. What they receive is told by counters since their
+   beginning, so a rate takes two looks. */
 #include "ctl.h"
 
 #include "cfg.h"
@@ -239,6 +242,7 @@ void take_receptions(agent_state* a, const std::vector<net_socket>& sources, con
     a->rate = bytes * 1000000 / static_cast<uint64_t>(std::max<int64_t>(us, 1));
 }
 
+/* The two samples of the sources stand as far apart as they can: all else is looked at between them. */
 agent_state look_at(pid_t pid)
 {
     agent_state a;
@@ -268,6 +272,7 @@ long oldest_of(const agent_state& a)
 
 /* ---- for a reader ---- */
 
+/* A line a thing, its kind before the colon; what is not there has no line, but for the counts. */
 void print_text(const agent_state& a)
 {
     printf("agent: pid %d\n", a.pid);
@@ -315,6 +320,7 @@ bool is_utf8(const std::string& text)
     return true;
 }
 
+/* A quoted string. */
 std::string json(const std::string& text)
 {
     std::string out = "\"";
@@ -345,6 +351,7 @@ std::string json_list(const std::vector<std::string>& texts)
     return "[" + out + "]";
 }
 
+/* By hand: some forty lines of a fixed form need no library. What is not known is null, never left out. */
 void print_json(const agent_state& a)
 {
     const std::optional<uint64_t> max = g_cfg.max_tasks > 0 ? std::optional<uint64_t>(g_cfg.max_tasks) : std::nullopt;
@@ -390,6 +397,7 @@ void gauge(const char* name, const char* help, const std::optional<uint64_t>& va
         printf("# TYPE %s gauge\n# HELP %s %s\n%s{%s} %lu\n", name, name, help, name, g_label.c_str(), *value);
 }
 
+/* The names are an interface: dashboards and alerts hold them. */
 void print_metrics(const agent_state& a)
 {
     gauge("kov_downloads", "Downloads that run.", a.downloads);
@@ -415,6 +423,7 @@ void print_metrics(const agent_state& a)
 
 } // namespace
 
+/* Less than look_at finds: it is asked four times a second. */
 std::optional<workload> workload_of(pid_t pid)
 {
     agent_state a;

@@ -1,5 +1,7 @@
 /* Checks a configuration before an agent is restarted with it: loads it with the agent's own loader, prints the dump,
-   then says what the agent itself cannot say. */
+   then says what the agent itself cannot say.
+   The difficulty is to be right in both directions. What the agent would refuse is left to the agent's loader, so that
+   the two never disagree; a warning is for what it would take without a word, and must not cry at what people mean. */
 #include "check.h"
 
 #include "cfg.h"
@@ -87,6 +89,7 @@ bool is_writable_dir(const kova_cfg& cfg, const char* path)
     return (st.st_mode & want) == want;
 }
 
+/* Who can send to it, and where its locks lie. */
 void check_channel(const kova_cfg& cfg)
 {
     if (!cfg.udp_cha.url[0])

@@ -1,4 +1,8 @@
-/* Talks to one agent by hand: orders, health, what it holds, what it left behind. */
+/* Talks to one agent by hand: orders, health, what it holds, what it left behind.
+   The difficulty is to know as much as the agent does from the agent's own configuration, and to do without it: a
+   command needs only a part of it, this user may not be able to read the file, and an option may stand in for each
+   part. So the configuration only fills what no option has said, and its lack is a failure of the command that misses
+   something. */
 #include "cfg.h"
 #include "ctl.h"
 #include "data.h"
@@ -237,6 +241,7 @@ int main(int argc, char* argv[])
     if (cmd == std::end(CTL_COMMANDS) || args.size() < cmd->min_args || args.size() > cmd->max_args)
         return usage(stderr, STATUS_USAGE);
     glog_init("kovctl");
+    /* Where the agent would look, then where the service unit has it look. */
     const char* config = named ? named : default_config_path();
     if (!config && access(PACKAGED_CONFIG, R_OK) == 0)
         config = PACKAGED_CONFIG;

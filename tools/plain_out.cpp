@@ -1,4 +1,6 @@
-/* Standard output and error without control bytes. */
+/* Standard output and error without control bytes.
+   The difficulty is to miss no place that prints. So the streams themselves are changed, under all that writes to them;
+   what goes around the streams, as the progress bar does, quotes nothing. */
 #include "plain_out.h"
 
 #include <algorithm>

@@ -1,4 +1,6 @@
-/* Processes and their sockets, read from /proc. */
+/* Processes and their sockets, read from /proc.
+   The difficulty is that nothing here holds still: a process may end, a descriptor be closed between a name that was
+   listed and the look at it. What is gone is left out without a word; what may not be seen is told apart from it. */
 #include "procfs.h"
 
 #include "appcfg.h"
@@ -80,6 +82,7 @@ void read_inet(const fs::path& table, net_socket::kind_of kind, socket_choice ch
     }
 }
 
+/* A socket that has no path is nobody's listener, and left out. */
 void read_paths(const fs::path& table, std::vector<net_socket>* sockets)
 {
     std::ifstream in(table);
@@ -228,6 +231,7 @@ std::vector<net_socket> own_listeners(pid_t pid, listener_tables* known)
     };
     if (stat((proc_of(pid) / "ns/net").c_str(), &ns) != 0)
         return {};
+    /* The tables are those of the namespace: whose a socket in them is tell the process's own descriptors. */
     const auto [table, is_new] = known->try_emplace(ns.st_ino);
     if (is_new)
         table->second = net_sockets(pid, socket_choice::LISTENING);
@@ -287,6 +291,7 @@ std::vector<listening_place> places_of(const rui_cfg& cfg)
 
 std::vector<pid_t> who_listens(const listening_place& place)
 {
+    /* The other way round than own_listeners: the table knows no processes, so each is asked for these sockets. */
     std::set<ino_t> inodes;
     for (const net_socket& s : net_sockets(getpid(), socket_choice::LISTENING)) {
         if (place.is_served_by(s))

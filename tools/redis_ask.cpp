@@ -54,6 +54,7 @@ reply_ptr await_reply(redisContext* redis)
         if (redisBufferWrite(redis, &is_sent) != REDIS_OK)
             return nullptr;
     }
+    /* The connection's own time bounds each piece; a server that sends a byte a second is bounded here. */
     const auto deadline = steady_clock::now() + ANSWER_WAIT;
     for (size_t size = 0; size <= ANSWER_MAX;) {
         void* reply = nullptr;
