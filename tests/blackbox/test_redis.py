@@ -165,9 +165,11 @@ class Start(Database):
             self.refused(1, "] unexpected SHA1 size: 38\n")
         os.remove(digest)
         self.refused(1, f"read_sha_signature: fopen({digest},...) ERROR(2): ")
-        write(digest)
-        self.fails_to_start(-signal.SIGABRT, ["read_sha_signature: fgets(...) ERROR(0): ", "(PNC)  KOV  ASSERT at:\n",
-                                              "g_ctx.add_sha1[0]"], settings)
+        for make in write, os.mkfifo:
+            make(digest)
+            self.fails_to_start(-signal.SIGABRT, ["read_sha_signature: fgets(...) ERROR(0): ",
+                                                  "(PNC)  KOV  ASSERT at:\n", "g_ctx.add_sha1[0]"], settings)
+            os.remove(digest)
 
     def test_a_server_that_does_not_accept_is_given_up_in_time(self):
         with socket.create_server(("127.0.0.1", 0), backlog=0) as full:
