@@ -72,6 +72,7 @@ struct rui_socket_ctx {
     bool is_short;      /* from the first pause until a client is taken: one warning */
     bool has_failed;    /* the last accept failed in a way of its own */
     size_t rqcount;     /* counter of tracking tags; kept by the request code */
+    ssize_t nblk_count;
     rui_listener_cfg* lc;
     n32_tag rqtag;
     const rui_socket_cb* cb;

@@ -125,6 +125,7 @@ static ssize_t receive_written(dw_task* task, ssize_t* written) noexcept
    leaves it alone, and an old value must not speak for it. */
 int read_fragment(dw_task* task) noexcept
 {
+    rqs_set_now(&task->last_io_tm);
     if (task->nleft == 0)
         return 0; /* the whole body came with the head: the event only says that the task may complete */
     errno = 0;

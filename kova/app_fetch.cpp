@@ -16,6 +16,7 @@
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr size_t SRC_HEAD_CAP = 2048; /* bytes, with the NUL; a longer head is refused */
+constexpr int SRC_TMOUT_MS = 3000;    /* asked for as always; this open does not block */
 
 using src_head = std::array<char, SRC_HEAD_CAP>;
 
@@ -25,6 +26,7 @@ int connect_to_src(const char* url, usock_ctx* sctx) noexcept
     sctx->inbound = false;
     sctx->non_blocking = true;
     sctx->skip_http = true;
+    sctx->timeout_ms = SRC_TMOUT_MS;
     const int fd = usock_open(sctx, url);
     if (fd == -1)
         LOG_ERR("%s: failed to open [%s]\n", __func__, url);
@@ -115,6 +117,7 @@ static int read_src_response(dw_task* task) noexcept
     const http_response* chosen = nullptr;
     if (rc == EAGAIN) {
         LOG_DEBUG("%s: expecting more data from fd%d\n", __func__, task->sfd);
+        rqs_set_now(&task->last_io_tm);
         return rc;
     }
     if (rc == 0 && is_HTTP_OK(resp.code)) {

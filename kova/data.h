@@ -82,6 +82,7 @@ struct dw_task {
     off_t f_pos;                /* next write position */
     size_t buflen;              /* length of the mapping */
     char* buf;                  /* shared mapping of the file (mapped mode) */
+    timespec last_io_tm;        /* loop clock of the last read from the source */
     timespec touch_tm;          /* loop clock at which the mapped file's time was last set */
     n32_tag state;              /* changed by set_dw_state only */
     const http_response* hresp; /* chosen for the client; shared */
@@ -105,6 +106,7 @@ struct http_rq {
     size_t hlen; /* capacity */
     size_t hpos; /* bytes received */
     http_header header;
+    bool is_keep_alive; /* never acted upon: a connection is used once */
 };
 
 /* One HTTP client from acceptance to reaping. Begins with the fields of rui_rq_header.
@@ -154,6 +156,7 @@ struct kova_ctx {
     slots<dw_task*> pprm_tasks; /* to be freed after the round */
     size_t last_task_id;
     timespec last_tmout_check;
+    timespec last_rq_check;
     timespec last_guard_check;
     size_t nunguarded; /* tasks whose source has no keep-alive yet */
 };

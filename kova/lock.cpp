@@ -102,6 +102,16 @@ int expire_file(const char* path, long age) noexcept
     return 0;
 }
 
+int check_and_expire(const char* path, long max_age) noexcept
+{
+    long age = 0;
+    int rc = file_age(path, &age);
+    if (rc == 0 && age > STRANGE_AGE_SEC)
+        rc = look_again(__func__, path, &age);
+    rc = judge_age(path, rc, age, max_age);
+    return rc == ESTALE ? expire_file(path, age) : rc;
+}
+
 /* Between the look at an old lock and the creation another host may come first; the exclusive creation decides. */
 int lid_lock(const char* lid, timespec* taken) noexcept
 {
@@ -111,14 +121,7 @@ int lid_lock(const char* lid, timespec* taken) noexcept
     lock_path path{};
     if (!mk_lock_path(__func__, lid, &path))
         return -1;
-    long age = 0;
-    int rc = file_age(path.data(), &age);
-    if (rc == 0 && age > STRANGE_AGE_SEC)
-        rc = look_again(__func__, path.data(), &age);
-    rc = judge_age(path.data(), rc, age, STALE_LOCK_SEC);
-    if (rc == ESTALE)
-        rc = expire_file(path.data(), age);
-    if (rc != 0)
+    if (const int rc = check_and_expire(path.data(), STALE_LOCK_SEC); rc != 0)
         return rc;
     const int fd = open(path.data(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, LOCK_MODE);
     if (fd >= 0) {

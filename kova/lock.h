@@ -17,3 +17,9 @@ void lid_unlock(const char* lid, const timespec& taken) noexcept;
 [[nodiscard]] int check_age(const char* path, long max_age, long* age) noexcept;
 /* Removes a file that check_age has found too old. 0, or -1 (logged). */
 [[nodiscard]] int expire_file(const char* path, long age) noexcept;
+
+/* ---- offered, called in this room only ---- */
+
+/* Judges and removes in one, with a second look after 100 ms at an age beyond a day. 0 no file, or a stale one was
+   removed; EBUSY and -1 as check_age. */
+[[nodiscard]] int check_and_expire(const char* path, long max_age) noexcept;
