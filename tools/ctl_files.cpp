@@ -8,6 +8,7 @@
 #include "lock.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <condition_variable>
 #include <cstdio>
@@ -16,8 +17,11 @@
 #include <deque>
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/fiemap.h>
+#include <linux/fs.h>
 #include <memory>
 #include <mutex>
+#include <sys/ioctl.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -101,14 +105,37 @@ struct verification {
     removal found;
 };
 
+/* Whether the file system says that all of it is on the disk. It may not say so of what is still cached and unwritten,
+   or in very many pieces, and some say nothing. */
+bool is_all_written(int fd, uint64_t size)
+{
+    constexpr uint32_t PIECES = 16;
+    alignas(fiemap) std::array<char, sizeof(fiemap) + PIECES * sizeof(fiemap_extent)> room{};
+    auto* map = reinterpret_cast<fiemap*>(room.data());
+    map->fm_length = size;
+    map->fm_extent_count = PIECES;
+    if (ioctl(fd, FS_IOC_FIEMAP, map) != 0)
+        return false;
+    uint64_t written = 0; /* up to here */
+    for (uint32_t i = 0; i < map->fm_mapped_extents; ++i) {
+        const fiemap_extent& e = map->fm_extents[i];
+        if (e.fe_logical > written || (e.fe_flags & (FIEMAP_EXTENT_UNWRITTEN | FIEMAP_EXTENT_UNKNOWN)))
+            return false;
+        written = e.fe_logical + e.fe_length;
+    }
+    return written >= size;
+}
+
 /* Whether a part of it was never written, though its blocks were reserved: a mapping that did not reach the disk. What
-   somebody has read since is cached, and would pass for data. */
+   somebody has read since is cached, and would pass for data; the cache of a file that is well is left alone. */
 bool has_hole(const directory& dir, const char* name, off_t size)
 {
     const int fd = openat(dirfd(dir.stream.get()), name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (fd < 0)
         return false;
     const scope_guard close_fd([fd] { close(fd); });
+    if (is_all_written(fd, static_cast<uint64_t>(size)))
+        return false;
     (void)posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED); /* what is still to be written stays */
     const off_t hole = lseek(fd, 0, SEEK_HOLE);
     return hole >= 0 && hole < size;
