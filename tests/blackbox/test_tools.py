@@ -13,7 +13,8 @@ import subprocess
 import time
 import unittest
 
-from harness import ASAN, KOV, KovTest, Server, age, free_port, read, request, reset, sized, wait_for, write
+from harness import (ASAN, KOV, KovTest, ScriptedDatabase, Server, age, free_port, read, request, reset, sized,
+                     wait_for, write)
 
 BIN = os.path.dirname(KOV)
 FAKETIME = glob.glob("/usr/lib/*/faketime/libfaketime.so.1")[0]
@@ -131,6 +132,10 @@ max_tasks = 9000000; }}; other = 1;"""
         self.check(text, says="no database answers at 127.0.0.1")
         self.check(text, "--wait", "1", status=1, says="refused: no database answers at 127.0.0.1")
         self.check(text, "--wait", "soon", status=1)
+        loading = self.service(ScriptedDatabase)
+        loading.answers = [b"-LOADING it still reads its data\r\n"] * 1000
+        self.check(self.good.replace("max_tasks", loading.settings() + "max_tasks"), "--wait", "1", status=1,
+                   says="refused: no database answers at 127.0.0.1")
         checkconf("--help")
 
 
@@ -208,12 +213,14 @@ class Orders(Ctl):
         self.assertEqual(re.findall(r"(?m)^  (\w+) ", kovctl("--help")), commands.split())
 
     def test_each_agent_is_found_by_its_listeners(self):
-        other = self.start(more_listeners=f', {{ ifc = "lo"; default_af = "inet4"; port = {self.port}; }}')
+        both = free_port()  # IPv6 and IPv4
+        other = self.start(more_listeners=f', {{ ifc = "lo"; default_af = "inet4"; port = {self.port}; }}, '
+                           f'{{ default_af = "inet6"; port = {both}; }}')
         for agent, mate in ((self.agent, other), (other, self.agent)):
             kovctl("-C", f"{agent.root}/kov.conf", "--pid", str(agent.pid), "status",
                    says=rf"listener: 127.0.0.1:{self.port}, shared with pid {mate.pid} \(kov\)\n")
         self.ctl("status", status=3, says="more than one agent listens at ")
-        kovctl("-a", f"127.0.0.1:{other.port}", "status", says=f"^agent: pid {other.pid}\n")
+        kovctl("-a", f"127.0.0.1:{both}", "status", says=f"^agent: pid {other.pid}\n")
         checkconf(f"{self.agent.root}/kov.conf",
                   says=rf"127.0.0.1:{self.port}: an agent \(pid {self.agent.pid}\) listens there already")
         self.end(other)
@@ -398,10 +405,12 @@ unfinished: {running}, 3 of 9 bytes, 4\d s since its last change\n$""")
 
     def test_what_was_cut_off_comes_back(self):
         agent = self.agent
-        agent.fetch(self.origin.body("/good", b"good"), "good", b"good")
+        agent.datagram(f"#!job1 http://h/src/{self.origin.body('/good', b'good')}/dst/good 0")
+        agent.stored("good", b"good")
         agent.order(self.origin.status("/404", 404), "none", 404)
         agent.order(self.origin.cut("/broken"), "broken")
         agent.ended(3)
+        os.unlink(agent.path("good"))  # it was stored, and is nobody's loss
         agent.order(self.origin.halves("/stopped"), "v/stop%20ped%25", query="?expiry=600")
         agent.order(self.origin.halves("/over"), "over", query="?expiry=1")
         self.ctl("lost", status=1,
