@@ -40,6 +40,7 @@ struct ctl_settings {
     bool is_from_log = false;
     bool is_waiting = false;
     bool is_deleting = false;
+    bool is_all = false;
 };
 
 extern ctl_settings g_set;

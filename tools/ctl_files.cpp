@@ -17,6 +17,7 @@
 #include <deque>
 #include <dirent.h>
 #include <fcntl.h>
+#include <limits>
 #include <linux/fiemap.h>
 #include <linux/fs.h>
 #include <memory>
@@ -141,14 +142,26 @@ bool has_hole(const directory& dir, const char* name, off_t size)
     return hole >= 0 && hole < size;
 }
 
+/* What has changed since then was in no power cut of this machine; with a margin for a clock that was set. */
+time_t looked_into_before()
+{
+    constexpr time_t MARGIN = 60;
+    timespec now{};
+    timespec up{};
+    if (g_set.is_all || clock_gettime(CLOCK_REALTIME, &now) != 0 || clock_gettime(CLOCK_BOOTTIME, &up) != 0)
+        return std::numeric_limits<time_t>::max();
+    return now.tv_sec - up.tv_sec + MARGIN;
+}
+
 void look_at(verification* v, const batch& b)
 {
+    static const time_t before = looked_into_before();
     for (const std::string& name : b.names) {
         const auto st = stat_file(*b.dir, name.c_str());
         if (!st)
             continue;
         const bool has_blocks = st->st_blocks * 512 >= st->st_size;
-        if (has_blocks && !has_hole(*b.dir, name.c_str(), st->st_size))
+        if (has_blocks && (st->st_ctim.tv_sec >= before || !has_hole(*b.dir, name.c_str(), st->st_size)))
             continue;
         const std::scoped_lock lock(v->mutex);
         v->found.take(fs::path(b.dir->path) / name, *st,

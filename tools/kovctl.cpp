@@ -211,6 +211,9 @@ const char* take_options(int argc, char* argv[])
         case 'd':
             g_set.is_deleting = true;
             break;
+        case 'A':
+            g_set.is_all = true;
+            break;
         case 'f':
             g_set.is_from_log = true;
             break;

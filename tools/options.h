@@ -37,6 +37,7 @@ inline constexpr tool_option CTL_OPTIONS[] = {
      "of a wait: ping 2, ready 30, drain and an answer 60, --wait 600; what fleet calls soon: 3600"},
     {{"json", no_argument, nullptr, 'j'}, nullptr, "status as one JSON object"},
     {{"delete", no_argument, nullptr, 'd'}, nullptr, "verify, sweep and expire remove what they find"},
+    {{"all", no_argument, nullptr, 'A'}, nullptr, "verify looks into files of after the last boot, too"},
     {{"from-log", no_argument, nullptr, 'f'}, nullptr, "of register: what the logs tell of failed registrations"},
     {{"help", no_argument, nullptr, 'h'}, nullptr, "this text"},
 };
