@@ -23,6 +23,7 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
 constexpr int EPOLL_SIZE_HINT = 128;
 constexpr size_t EVENTS_GROWBLK = 10;
+constexpr size_t NOPOLL_ROOM = 20;
 constexpr int MANY_EVENTS = 15;
 constexpr long SIGNAL_CHECK_NS = 10000000; /* pending signals are looked for this often while events are handled */
 
@@ -74,7 +75,8 @@ int rqs_init(const rqs_config* cfg) noexcept
         return -1;
     }
     (void)fcntl(g_rqs.loopfd, F_SETFD, FD_CLOEXEC);
-    rqs_init_nopoll();
+    if (slots_reserve(&g_rqs.nopoll, NOPOLL_ROOM) != 0 || slots_reserve(&g_rqs.nopoll_rm, NOPOLL_ROOM) != 0)
+        PANIC("%s: cannot reserve memory for g_rqs.nopoll/rm\n", __func__);
     g_rqs.tmout = {-1, 0};
     g_ino.fd = inotify_init1(IN_CLOEXEC);
     if (g_ino.fd < 0) {
@@ -366,7 +368,6 @@ int rqs_event_loop() noexcept
         if (!take_events(&n, &rc))
             break;
 
-        rqs_prepare_nopoll_rm();
         if ((rc = rqs_service_nopoll()) != 0)
             break;
         rqs_purge_nopoll();

@@ -28,8 +28,7 @@ struct rqs_context {
 extern rqs_context g_rqs;
 extern rqs_config g_rqs_cfg;
 
-void rqs_init_nopoll() noexcept;
-void rqs_prepare_nopoll_rm() noexcept;
-/* 0, or a handler's result (logged). */
+/* Calls the handler of every no-poll descriptor; once a round. 0, or a handler's result (logged). */
 [[nodiscard]] int rqs_service_nopoll() noexcept;
+/* Takes out what handlers have listed since; behind every walk. */
 void rqs_purge_nopoll() noexcept;

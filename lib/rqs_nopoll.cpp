@@ -10,14 +10,6 @@
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
-constexpr size_t NOPOLL_ROOM = 20;
-
-void rqs_init_nopoll() noexcept
-{
-    if (slots_reserve(&g_rqs.nopoll, NOPOLL_ROOM) != 0 || slots_reserve(&g_rqs.nopoll_rm, NOPOLL_ROOM) != 0)
-        PANIC("%s: cannot reserve memory for g_rqs.nopoll/rm\n", "rqs_init");
-}
-
 /* The slot's number is also in the owner's variable, who needs it for the removal. */
 static int add_nopoll(const char* fn, uint32_t events, int fd, ssize_t* index, void* udata) noexcept
 {
@@ -62,15 +54,6 @@ void rqs_pprm_nopoll(ssize_t j) noexcept
               slots_len(g_rqs.nopoll));
 }
 
-/* Room for all of them, before the first handler of the round runs. */
-void rqs_prepare_nopoll_rm() noexcept
-{
-    const size_t n = slots_len(g_rqs.nopoll);
-    if (n > 0 && slots_reserve(&g_rqs.nopoll_rm, n) != 0)
-        PANIC("Failed to reserve %zu elements for nopoll_rm container.\n", n);
-    slots_clear(&g_rqs.nopoll_rm);
-}
-
 static int service_one(nopoll_ref* at, size_t j) noexcept
 {
     const nopoll_ref ref = *at; /* a handler may add others, which moves the list */
@@ -83,10 +66,15 @@ static int service_one(nopoll_ref* at, size_t j) noexcept
     return -1;
 }
 
+/* All of them may be listed for removal in this round: there is room for that before the first handler runs. */
 int rqs_service_nopoll() noexcept
 {
-    if (slots_len(g_rqs.nopoll) == 0)
+    slots_clear(&g_rqs.nopoll_rm);
+    const size_t n = slots_len(g_rqs.nopoll);
+    if (n == 0)
         return 0;
+    if (slots_reserve(&g_rqs.nopoll_rm, n) != 0)
+        PANIC("Failed to reserve %zu elements for nopoll_rm container.\n", n);
     size_t stop = 0;
     const int rc = slots_each<service_one>(&g_rqs.nopoll, &stop);
     if (rc != 0)
