@@ -26,8 +26,9 @@ int free_dw_elem(void* data, size_t idx) noexcept;
 /* Writable, readable: 0 always; a failure lists the task for reaping. */
 [[nodiscard]] int dw_write(dw_task* task) noexcept;
 [[nodiscard]] int dw_read(dw_task* task) noexcept;
-/* Error or hang-up of the source: a client that still waits is answered 500, and the task is listed for reaping. */
-void dw_broken(dw_task* task) noexcept;
+/* Error or hang-up of the source (flags, RQS_SOCK*): it is logged under the name fn, a client that still waits is
+   answered 500, and the task is listed for reaping. */
+void dw_broken(const char* fn, dw_task* task, uint32_t flags) noexcept;
 /* Every byte of the body has come: the task completes with its next event, whatever that says of the source. */
 [[nodiscard]] bool is_whole(const dw_task* task) noexcept;
 

@@ -147,8 +147,9 @@ bool is_whole(const dw_task* task) noexcept
     return task->state.num == DW_DNL.num && task->nleft == 0;
 }
 
-void dw_broken(dw_task* task) noexcept
+void dw_broken(const char* fn, dw_task* task, uint32_t flags) noexcept
 {
+    LOG_ERR("%s: task [%s] (%p) err=%d\n", fn, task->trk_tag.sym8, static_cast<void*>(task), static_cast<int>(flags));
     check_task(task);
     if (!task->is_quitting)
         answer_client("read_src_response", task, nullptr, -1, 0); /* in the words of a head that could not be read */

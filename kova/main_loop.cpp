@@ -58,13 +58,6 @@ static int on_srv_accept(rui_socket_ctx* srv, uint32_t flags) noexcept
     return 0;
 }
 
-static int break_task(const char* fn, dw_task* task, uint32_t flags) noexcept
-{
-    LOG_ERR("%s: task [%s] (%p) err=%d\n", fn, task->trk_tag.sym8, static_cast<void*>(task), static_cast<int>(flags));
-    dw_broken(task);
-    return 0;
-}
-
 /* ---- dispatch ---- */
 
 /* The tag of a registered record: its first member, whatever the record is. */
@@ -99,7 +92,8 @@ static int on_read(int /*fd*/, uint32_t flags, void* udata, void* /*aux*/) noexc
         /* A body that is whole completes, whatever became of its source since. */
         if (is_whole(task) || is_readable(__func__, task->sfd, flags))
             return dw_read(task);
-        return break_task(__func__, task, flags);
+        dw_broken(__func__, task, flags);
+        return 0;
     }
     case label(TAG_URQ): {
         dw_urq* urq = static_cast<dw_urq*>(udata);
@@ -146,7 +140,10 @@ static int on_error(int /*fd*/, uint32_t flags, void* udata, void* /*aux*/) noex
     case label(TAG_DOW): {
         dw_task* task = static_cast<dw_task*>(udata);
         log_set_group(g_log, task->trk_tag);
-        return is_whole(task) ? dw_read(task) : break_task(__func__, task, flags);
+        if (is_whole(task))
+            return dw_read(task);
+        dw_broken(__func__, task, flags);
+        return 0;
     }
     case label(TAG_URQ):
         urq_error(static_cast<dw_urq*>(udata), (flags & RQS_SOCKHUP) != 0);
