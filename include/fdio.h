@@ -10,10 +10,6 @@
 /* One write, repeated only on EINTR. As write(2): the count may be short; a failure is not logged. */
 [[nodiscard]] ssize_t nwrite(int fd, const void* buf, size_t count) noexcept;
 
-/* One send on a socket, repeated only on EINTR; its bytes may wait for what is sent next, or for the end of the stream.
-   As send(2): the count may be short; a failure is not logged. */
-[[nodiscard]] ssize_t nsend_more(int fd, const void* buf, size_t count) noexcept;
-
 /* 1 when data (or the end of the stream) can be read within ms milliseconds, 0 when not, -1 on failure (logged). */
 [[nodiscard]] int wait_to_read(int fd, int ms) noexcept;
 

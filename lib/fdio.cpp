@@ -11,7 +11,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(MOD_FDIO);
@@ -24,13 +23,6 @@ ssize_t nread(int fd, void* buf, size_t count) noexcept
 ssize_t nwrite(int fd, const void* buf, size_t count) noexcept
 {
     return TEMP_FAILURE_RETRY(write(fd, buf, count));
-}
-
-/* MSG_MORE: the kernel keeps a short text back for what follows, so that an answer and the end of its stream share a
-   packet. No signal for a peer that has gone, the result says it. */
-ssize_t nsend_more(int fd, const void* buf, size_t count) noexcept
-{
-    return TEMP_FAILURE_RETRY(send(fd, buf, count, MSG_MORE | MSG_NOSIGNAL));
 }
 
 /* For a descriptor that has reported a hang-up: data may still be behind it, and only a look tells. */

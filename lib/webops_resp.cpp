@@ -13,6 +13,7 @@
 #include <charconv>
 #include <cstring>
 #include <sys/socket.h>
+#include <unistd.h>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
@@ -152,7 +153,8 @@ int send_http_response(int fd, const http_response* resp) noexcept
         LOG_ERR("%s: error compiling HTTP response for fd=%d\n", __func__, fd);
         return len;
     }
-    const ssize_t n = nsend_more(fd, buf.data(), static_cast<size_t>(len));
+    /* MSG_MORE: the kernel keeps a short text back, so that the answer and the end of its stream share a packet. */
+    const ssize_t n = TEMP_FAILURE_RETRY(send(fd, buf.data(), static_cast<size_t>(len), MSG_MORE | MSG_NOSIGNAL));
     if (n < 1)
         LOG_ERR("%s: error sending HTTP response to fd=%d\n", __func__, fd);
     else if (n < len)
