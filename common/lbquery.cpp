@@ -316,7 +316,7 @@ int check_script_exists(const char* sha1) noexcept
 /* More elements than any script has use for: the announcement alone would reserve memory for all of them. */
 constexpr size_t MAX_ARRAY = 4096;
 
-/* Written by bound_arrays, at the connect. */
+/* Written by open_connection. */
 static redisReplyObjectFunctions g_library_fns;
 static redisReplyObjectFunctions g_bounded_fns;
 
@@ -325,14 +325,6 @@ template <class Count>
 static void* create_bounded_array(const redisReadTask* task, Count elements) noexcept
 {
     return static_cast<size_t>(elements) <= MAX_ARRAY ? g_library_fns.createArray(task, elements) : nullptr;
-}
-
-static void bound_arrays(redisReader* reader) noexcept
-{
-    g_library_fns = *reader->fn;
-    g_bounded_fns = g_library_fns;
-    g_bounded_fns.createArray = create_bounded_array;
-    reader->fn = &g_bounded_fns;
 }
 
 /* Non-blocking, so that the wait for it lets the signals in. A vanished host is told by probes and by data that is
@@ -359,7 +351,10 @@ static int open_connection(const char* fn, const char* host, int port, timeval t
     (void)fcntl(g_ctx.redis->fd, F_SETFD, FD_CLOEXEC);
     (void)set_keepalive(g_ctx.redis->fd, SERVER_KEEPALIVE);
     (void)set_user_timeout(g_ctx.redis->fd, SERVER_GONE_MS);
-    bound_arrays(g_ctx.redis->reader);
+    redisReader* reader = g_ctx.redis->reader;
+    g_library_fns = g_bounded_fns = *reader->fn;
+    g_bounded_fns.createArray = create_bounded_array;
+    reader->fn = &g_bounded_fns;
     LOG_INFO("%s: connected to %s:%d\n", fn, host, port);
     return 0;
 }

@@ -244,13 +244,6 @@ constexpr uint64_t bytes_of(unsigned char c) noexcept
     return 0x0101010101010101ULL * c;
 }
 
-/* Whether one of eight bytes is below 0x20, or 0x7f and above. */
-static bool is_suspect(uint64_t w) noexcept
-{
-    const uint64_t del = w ^ bytes_of(0x7f);
-    return ((w - bytes_of(0x20)) | (del - bytes_of(1)) | w) & bytes_of(0x80);
-}
-
 static bool is_c1(unsigned char c) noexcept
 {
     return c >= 0x80 && c <= 0x9f;
@@ -280,8 +273,9 @@ static void clean_message(char* text, size_t len, bool keeps_line_ends) noexcept
     size_t i = 0;
     for (uint64_t w = 0; i + sizeof(w) <= len; i += sizeof(w)) {
         memcpy(&w, text + i, sizeof(w));
-        if (is_suspect(w)) [[unlikely]]
-            break;
+        const uint64_t del = w ^ bytes_of(0x7f);
+        if (((w - bytes_of(0x20)) | (del - bytes_of(1)) | w) & bytes_of(0x80)) [[unlikely]]
+            break; /* one of them is below 0x20, or 0x7f and above */
     }
     for (size_t step = 1; i < len; i += step) {
         const auto c = static_cast<unsigned char>(text[i]);

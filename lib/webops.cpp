@@ -8,6 +8,7 @@
 #include "log.h"
 #include "strops.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -17,6 +18,7 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 constexpr size_t MIN_METHOD_LEN = 3;
 constexpr size_t MAX_METHOD_LEN = 7;
 constexpr char HTTP1[] = "HTTP/1.";
+constexpr char BLANKS[] = " \t";
 
 /* Ends at the NUL, which is no space. */
 static char* skip_space(char* p) noexcept
@@ -63,13 +65,10 @@ static std::optional<std::string_view> find_field_line(std::string_view name, st
         if (!ci_starts_with(line, name))
             continue;
         line.remove_prefix(name.size());
-        while (!line.empty() && (line.front() == ' ' || line.front() == '\t'))
-            line.remove_prefix(1);
-        if (line.empty() || line.front() != ':')
+        line.remove_prefix(std::min(line.find_first_not_of(BLANKS), line.size()));
+        if (!line.starts_with(':'))
             continue;
-        line.remove_prefix(1);
-        while (!line.empty() && (line.front() == ' ' || line.front() == '\t'))
-            line.remove_prefix(1);
+        line.remove_prefix(std::min(line.find_first_not_of(BLANKS, 1), line.size()));
         while (!line.empty() && (is_space(line.back()) || line.back() == '\0'))
             line.remove_suffix(1);
         return line;
@@ -127,7 +126,7 @@ static void take_fields(const char* fn, const char* fields, http_header* hdr) no
 /* The method at p; *rest gets the text after it. 0, EINVAL, -1. */
 static int parse_method(const char* fn, char* p, http_header* hdr, char** rest) noexcept
 {
-    char* end = p + strcspn(p, " \t");
+    char* end = p + strcspn(p, BLANKS);
     const std::string_view method(p, static_cast<size_t>(end - p));
     if (method.size() < MIN_METHOD_LEN || method.size() > MAX_METHOD_LEN) {
         LOG_HEAD(ERR_level, "%s: failed to get HTTP method from %7s\n", fn, p);
