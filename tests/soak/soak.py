@@ -17,13 +17,13 @@ import os
 import re
 import signal
 import sys
-import tempfile
 import threading
 import time
+import unittest
 from concurrent.futures import ThreadPoolExecutor, wait
 from random import Random
 
-from harness import ANSWERS, MODES, Agent, Nginx, Origin, Redis, age, read, request, reset, sized, wait_for
+from harness import ANSWERS, MODES, KovTest, Nginx, age, read, request, reset, sized, wait_for
 
 SIZES = (1, 900, 4096, 50_000, 300_000, 2 << 20)
 ROUND = 60  # orders that meet
@@ -37,21 +37,16 @@ PROVOKED = re.compile(
     r"task already present|already exists|failed to parse URL|error\(\S+\) parsing|NOT SUPPORTED|invalid path size")
 
 
-class Run:
+class Run(KovTest):
     """What was ordered, what has come of it, and what is wrong."""
 
-    def __init__(self, root):
-        self.root = root
+    def setUp(self):
+        super().setUp()
         self.rnd = Random(1)
-        self.origin = Origin()
-        self.db = Redis(self.new_root("redis"))
+        self.db = self.redis()
         self.bodies = {}  # destination -> those of its sources
         self.stored = set()
         self.faults = []
-
-    def new_root(self, name):
-        os.makedirs(f"{self.root}/{name}")
-        return f"{self.root}/{name}"
 
     def check(self, is_so, fault):
         if not is_so:
@@ -73,15 +68,11 @@ class Run:
         self.faults += [f"{name}: registered without a file" for name in registered - self.stored]
         self.db.cli("flushdb")
 
-    def stop(self):
-        self.db.stop()
-        self.origin.close()
-
 
 class Soak(Run):
-    def __init__(self, root):
-        super().__init__(root)
-        self.nginx = Nginx(self.new_root("nginx"))
+    def setUp(self):
+        super().setUp()
+        self.nginx = self.service(Nginx)
         self.sources = [self.rnd.randbytes(size) for size in SIZES * 8]
         for k, body in enumerate(self.sources):
             self.nginx.add(str(k), body)
@@ -93,8 +84,8 @@ class Soak(Run):
         self.origin.status("/gone", 404)
         self.origin.cut("/cut")
         self.origin.cut("/reset", reset)
-        self.agent = Agent(self.new_root("agent"), self.db.settings() + "max_mmap_mb = 1;", channel="127.0.0.1:{}",
-                           level="norm", log="max_size_mb = 16; max_files = 100;").wait_ready()
+        self.agent = self.start(self.db.settings() + "max_mmap_mb = 1;", channel="127.0.0.1:{}", level="norm",
+                                log="max_size_mb = 16; max_files = 100;")
 
     def order_well(self, n):
         k = self.rnd.randrange(len(self.sources))
@@ -129,8 +120,9 @@ class Soak(Run):
         return [line for log in logs for line in log.splitlines()
                 if "(ERR)" in line and not PROVOKED.search(line.split("(ERR)", 1)[1])]
 
-    def run(self, minutes, per_second=40):
+    def test(self):
         agent = self.agent
+        minutes, per_second = NUMBERS if len(NUMBERS) > 1 else (*NUMBERS, 40)
         agent.idles(2.0, 0.03)
         start = report = time.monotonic()
         history = []
@@ -154,13 +146,8 @@ class Soak(Run):
         grown = agent.rss_kib() - history[max(1, len(history) // 10)]
         self.check(grown <= 512, f"{grown} KiB grown since the warm-up")
         self.faults += self.unprovoked()
-        self.check(agent.stop()[0] == 0, "does not end with status 0")
         print(f"soak: {minutes} min, {n} orders, {len(self.stored)} files, {grown} KiB grown since the warm-up")
-
-    def stop(self):
-        self.agent.kill()
-        self.nginx.stop()
-        super().stop()
+        self.assertEqual(self.faults[:20], [])
 
 
 class Source:
@@ -186,10 +173,11 @@ class Source:
 
 
 class Mixed(Run):
-    def __init__(self, root):
-        super().__init__(root)
+    def setUp(self):
+        super().setUp()
         self.numbers = itertools.count()
         self.pool = ThreadPoolExecutor(16)
+        self.addCleanup(self.pool.shutdown, cancel_futures=True)
         self.counts = collections.Counter()
         self.worst = (0.0, 0)
 
@@ -269,34 +257,20 @@ class Mixed(Run):
         self.counts["stored"] += len(self.stored)
         self.bodies.clear()
 
-    def run(self, rounds):
-        for n in range(int(rounds)):
+    def test(self):
+        rounds = int(NUMBERS[0])
+        for n in range(rounds):
             if n % 20 == 0 or rounds < 20:
-                agent = Agent(self.new_root(str(n)), MODES[n // 3 % 2] + self.db.settings(), level="norm")
+                agent = self.start(MODES[n // 3 % 2] + self.db.settings(), level="norm", must_run=False)
             else:
                 agent.run()
             agent.wait_ready()
             self.round(n, agent)
-        print(f"mixed: {rounds:.0f} rounds, {dict(self.counts)}; worst end {self.worst[0]:.3f} s with {self.worst[1]} "
+        print(f"mixed: {rounds} rounds, {dict(self.counts)}; worst end {self.worst[0]:.3f} s with {self.worst[1]} "
               "descriptors in use")
-
-    def stop(self):
-        self.pool.shutdown(cancel_futures=True)
-        super().stop()
-
-
-def main():
-    kind, numbers = (Mixed, sys.argv[2:]) if sys.argv[1] == "mixed" else (Soak, sys.argv[1:])
-    with tempfile.TemporaryDirectory(prefix="s", dir="/tmp") as root:
-        os.chmod(root, 0o755)
-        run = kind(root)
-        try:
-            run.run(*map(float, numbers))
-        finally:
-            run.stop()
-    print("\n".join([f"{len(run.faults)} faults", *run.faults[:20]]))
-    return 1 if run.faults else 0
+        self.assertEqual(self.faults[:20], [])
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    NUMBERS = [float(word) for word in sys.argv[1:] if word != "mixed"]
+    unittest.main(argv=[sys.argv[0], "Mixed" if sys.argv[1] == "mixed" else "Soak"])

@@ -16,10 +16,10 @@ import shutil
 import signal
 import subprocess
 import sys
-import tempfile
 import time
+import unittest
 
-from harness import ANSWERS, Agent, Origin, Redis, read, read_all, request, strace, wait_for
+from harness import ANSWERS, Agent, KovTest, read, read_all, request, strace, wait_for
 
 # What the kernel can answer; calls that cannot fail, or only by a fault of the program's own, are left out.
 ERRORS = {
@@ -57,29 +57,32 @@ def promise(broken):
 Point = collections.namedtuple("Point", "name call wrapper env", defaults=("", (), {}))
 
 
-class Scenario:
-    """One road: what the agent is started with, and what is done to it. Subclasses drive their orders in run()."""
+class Scenario(KovTest):
+    """One road: what the agent is started with, and what is done to it. Subclasses drive their orders in drive()."""
 
     log = ""
     level = "norm"
     needs_db = False
 
-    def __init__(self, root, origin):
-        self.root = root
-        self.origin = origin
-        self.db = Redis(f"{root}.db") if self.needs_db else None
+    def setUp(self):
+        super().setUp()
+        self.origin.body("/small", SMALL)
+        self.origin.body("/large", LARGE)
+        self.origin.cut("/stalled", self.origin.stall)
+        self.db = self.redis() if self.needs_db else None
+        self.place = f"{self.root}/agent"
         self.base_fds = 0
 
-    def start(self, point):
+    def launch(self, point):
         """Starts the agent with what is in front of it at this point."""
         self.call = point.call
         self.patience = 30.0 if point.name == "memcheck" else 5.0
         env = dict(point.env)
         if "KOV_PROFILES" in os.environ:  # a coverage build: each run's own counters, since their writing may fail, too
             env["GCOV_PREFIX"] = f"{os.environ['KOV_PROFILES']}/{next(RUNS)}"
-        shutil.rmtree(self.root, ignore_errors=True)
-        agent = Agent(self.root, "max_mmap_mb = 1;" + (self.db.settings() if self.db else ""), log=self.log, env=env,
-                      channel="127.0.0.1:{}" if self.db else "", level=self.level, options=("-p", f"{self.root}/pid"),
+        shutil.rmtree(self.place, ignore_errors=True)
+        agent = Agent(self.place, "max_mmap_mb = 1;" + (self.db.settings() if self.db else ""), log=self.log, env=env,
+                      channel="127.0.0.1:{}" if self.db else "", level=self.level, options=("-p", f"{self.place}/pid"),
                       wrapper=point.wrapper)
         try:
             wait_for(lambda: agent.is_listening() or agent.proc.poll() is not None, "the listener", self.patience)
@@ -129,14 +132,14 @@ class Scenario:
 
     def walk(self, point):
         """The whole road; the outcome in a word."""
-        agent = self.start(point)
+        agent = self.launch(point)
         try:
             if point.name in ("road", "memcheck"):
                 self.base_fds = agent.fds()
-            for step in (self.run, self.settle, self.good_order, self.settle) if agent.proc.poll() is None else ():
+            for step in (self.drive, self.settle, self.good_order, self.settle) if agent.proc.poll() is None else ():
                 step(agent)
             self.check(agent, self.base_fds + (self.call == "close"))  # what failed to close is still open
-            return self.end(agent)
+            return self.quit(agent)
         finally:
             agent.kill()
 
@@ -162,7 +165,7 @@ class Scenario:
         with promise("spins"):
             agent.idles(0.05, 0.04)
 
-    def end(self, agent):
+    def quit(self, agent):
         """Quits the agent, which has one more download, if it lives; the outcome in a word."""
         lived = agent.proc.poll() is None
         if lived:
@@ -185,7 +188,7 @@ class Scenario:
 
     def points(self):
         """Every point of failure on this road, and the calls that cannot fail."""
-        trace, counter, report = f"{self.root}.trace", f"{self.root}.count", f"{self.root}.memcheck"
+        trace, counter, report = f"{self.root}/trace", f"{self.root}/count", f"{self.root}/memcheck"
         if self.walk(Point("road", wrapper=["strace", "-D", "-qq", "-o", trace])) != "lived":
             raise Broken("ends by itself though nothing fails")
         wait_for(lambda: "exit_group(" in read(trace)[-200:], "the trace")
@@ -211,16 +214,34 @@ class Scenario:
     def one(self, point):
         outcome = self.walk(point)
         if point.name == "memcheck":
-            text = read(f"{self.root}.memcheck")
+            text = read(f"{self.root}/memcheck")
             if "ERROR SUMMARY: 0 errors" not in text or text.count("Open ") > text.count("<inherited from parent>"):
                 raise Broken(text[-2000:])
         return outcome
+
+    def test(self):
+        name = type(self).__name__.lower()
+        found, unknown = self.points()
+        found = [p for p in found if re.search(ARGS.only, p.name)]
+        size = min(ARGS.sample or len(found), len(found) - 1)
+        chosen = random.Random(ARGS.sample).sample(found[:-1], size) + found[-1:]
+        outcomes = collections.Counter()
+        for point in chosen:
+            try:
+                outcomes[self.one(point)] += 1
+            except Broken as e:
+                outcomes["broken"] += 1
+                print(f"{name}: {point.name}: {e}", flush=True)
+        print(f"{name}: {len(chosen)} of {len(found)} points, {outcomes['lived']} lived, {outcomes['ended']} ended "
+              f"with a status, {outcomes['aborted']} aborted as stated, {outcomes['broken']} broken promises; calls "
+              f"that cannot fail: {' '.join(unknown)}", flush=True)
+        self.assertEqual(outcomes["broken"], 0)
 
 
 class Http(Scenario):
     """Start, a mapped and a written order into new directories, one that breaks, a refused one, a ping, the end."""
 
-    def run(self, agent):
+    def drive(self, agent):
         self.order(agent, "small", "dir/mapped")
         self.order(agent, "large", "dir/written")
         self.order(agent, "broken", "broken")
@@ -233,7 +254,7 @@ class Datagram(Scenario):
 
     needs_db = True
 
-    def run(self, agent):
+    def drive(self, agent):
         for lid, source in (("job1", self.origin.url("/small")), ("job2", "http://me.example/x"),
                             ("job3", "http://127.0.0.1:1/none")):
             agent.datagram(f"#!{lid} http://h/src/{source}/dst/{lid} 600")
@@ -246,61 +267,17 @@ class Rotation(Scenario):
     log = "max_size_mb = 1;"
     level = "debug"
 
-    def run(self, agent):
+    def drive(self, agent):
         for _ in range(200):
             self.ask(agent, "/src/ftp://h/" + "f" * 200 + "/dst/" + "d" * 200)
-            if agent.proc.poll() is not None or any(name.startswith("log.") for name in os.listdir(self.root)):
+            if agent.proc.poll() is not None or any(name.startswith("log.") for name in os.listdir(self.place)):
                 break
 
 
-SCENARIOS = {"http": Http, "datagram": Datagram, "rotation": Rotation}
-
-
-def torture(scenario, name, args):
-    """Whether a promise of one road is broken."""
-    found, unknown = scenario.points()
-    found = [p for p in found if re.search(args.only, p.name)]
-    size = min(args.sample or len(found), len(found) - 1)
-    chosen = random.Random(args.sample).sample(found[:-1], size) + found[-1:]
-    outcomes = collections.Counter()
-    for point in chosen:
-        try:
-            outcomes[scenario.one(point)] += 1
-        except Broken as e:
-            outcomes["broken"] += 1
-            print(f"{name}: {point.name}: {e}", flush=True)
-    print(f"{name}: {len(chosen)} of {len(found)} points, {outcomes['lived']} lived, {outcomes['ended']} ended with a "
-          f"status, {outcomes['aborted']} aborted as stated, {outcomes['broken']} broken promises; calls that cannot "
-          f"fail: {' '.join(unknown)}", flush=True)
-    return outcomes["broken"] > 0
-
-
-def main():
+if __name__ == "__main__":
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--sample", type=int, default=0, help="so many points of each scenario by chance, and memcheck")
     parser.add_argument("--only", default="", help="only points whose name matches")
-    parser.add_argument("scenarios", nargs="*", default=list(SCENARIOS))
-    args = parser.parse_args()
-    root = tempfile.mkdtemp(prefix="t", dir="/tmp")
-    os.chmod(root, 0o755)
-    origin = Origin()
-    origin.body("/small", SMALL)
-    origin.body("/large", LARGE)
-    origin.cut("/stalled", origin.stall)
-    is_broken = False
-    try:
-        for name in args.scenarios:
-            scenario = SCENARIOS[name](f"{root}/{name}", origin)
-            try:
-                is_broken |= torture(scenario, name, args)
-            finally:
-                if scenario.db:
-                    scenario.db.stop()
-    finally:
-        origin.close()
-        shutil.rmtree(root, ignore_errors=True)
-    return int(is_broken)
-
-
-if __name__ == "__main__":
-    sys.exit(main())
+    parser.add_argument("scenarios", nargs="*", default=["http", "datagram", "rotation"])
+    ARGS = parser.parse_args()
+    unittest.main(argv=[sys.argv[0], *(name.capitalize() for name in ARGS.scenarios)])
