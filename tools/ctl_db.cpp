@@ -125,13 +125,6 @@ void take_slots(fleet_db* db, const redisReply* range, const fleet_url& url, con
         db->owners[slot] = at;
 }
 
-/* What a user of few rights may not ask is no. */
-bool is_cluster_node(redisContext* redis)
-{
-    const reply_ptr info = try_redis(redis, "INFO cluster");
-    return info && text_of(info.get()).find("cluster_enabled:1") != std::string::npos;
-}
-
 } // namespace
 
 void check_answer(const redisContext* redis, const redisReply* reply)

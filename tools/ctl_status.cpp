@@ -327,7 +327,7 @@ std::string json(const std::string& text)
     const bool is_plain = is_utf8(text);
     for (const char c : text) {
         const auto ch = static_cast<unsigned char>(c);
-        if (ch < ' ' || ch == 0x7f || (ch > 0x7f && !is_plain)) {
+        if (is_control(c) || (ch > 0x7f && !is_plain)) {
             std::array<char, 8> hex{};
             snprintf(hex.data(), hex.size(), "\\u%04x", ch);
             out += hex.data();

@@ -3,6 +3,8 @@
    what goes around the streams, as the progress bar does, quotes nothing. */
 #include "plain_out.h"
 
+#include "strops.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -22,7 +24,7 @@ ssize_t write_plain(void* cookie, const char* text, size_t len)
         const size_t part = std::min(len - done, plain.size());
         std::replace_copy_if(
             text + done, text + done + part, plain.begin(),
-            [](char c) { return (static_cast<unsigned char>(c) < ' ' && c != '\n' && c != '\t') || c == 0x7f; }, '?');
+            [](char c) { return is_control(c) && c != '\n' && c != '\t'; }, '?');
         const ssize_t n = write(fd, plain.data(), part);
         if (n < 0 && errno == EINTR)
             continue;

@@ -72,6 +72,12 @@ reply_ptr await_reply(redisContext* redis)
     return refuse(redis, "more than 8 MiB; what has come is dropped");
 }
 
+bool is_cluster_node(redisContext* redis)
+{
+    const reply_ptr info = try_redis(redis, "INFO cluster");
+    return info && text_of(info.get()).find("cluster_enabled:1") != std::string::npos;
+}
+
 bool is_error(const redisReply* reply, std::string_view code)
 {
     return reply->type == REDIS_REPLY_ERROR && std::string_view(reply->str, reply->len).starts_with(code);

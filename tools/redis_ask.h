@@ -25,6 +25,9 @@ template <class... Args>
     return redisAppendCommand(redis, format, args...) == REDIS_OK ? await_reply(redis) : nullptr;
 }
 
+/* Whether it is a node of a cluster. What a user of few rights may not ask is no. */
+[[nodiscard]] bool is_cluster_node(redisContext* redis);
+
 /* Whether it is an error that begins so. */
 [[nodiscard]] bool is_error(const redisReply* reply, std::string_view code);
 /* Of a list; 0 of anything else. */
