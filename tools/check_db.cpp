@@ -24,14 +24,6 @@ namespace
 constexpr size_t SHA1_LEN = 40;
 constexpr timeval WAIT = {1, 0};
 
-/* Any answer but the one of a server that still reads its data. */
-bool answers(const lbdb_cfg& db)
-{
-    const redis_ptr redis = connect_redis(db.host, db.port, WAIT);
-    const reply_ptr reply = redis ? try_redis(redis.get(), "PING") : nullptr;
-    return reply && !is_error(reply.get(), "LOADING");
-}
-
 /* Empty when there is none that the agent could use. */
 std::string read_digest(const lbdb_cfg& db)
 {
@@ -50,33 +42,6 @@ std::string read_digest(const lbdb_cfg& db)
     return std::string(digest);
 }
 
-void check_script(const lbdb_cfg& db, redisContext* redis, const std::string& digest)
-{
-    const reply_ptr reply = try_redis(redis, "SCRIPT EXISTS %s", digest.c_str());
-    if (!reply)
-        warn("lbdb %s:%d does not say whether it knows the script: %s", db.host, db.port, redis->errstr);
-    else if (is_error(reply.get(), ""))
-        warn("lbdb %s:%d refuses the agent, which will not start: %s", db.host, db.port, reply->str);
-    else if (count_of(reply.get()) == 1 && number_of(element_of(reply.get(), 0)) == 0)
-        warn("lbdb %s:%d does not know the script of %s/add_url.sha1: the agent will not start (load-scripts loads it)",
-             db.host, db.port, db.sha1_path);
-}
-
-/* An agent registers with the one server that it has connected to at its start. */
-void check_role(const lbdb_cfg& db, redisContext* redis)
-{
-    const reply_ptr answer = try_redis(redis, "ROLE");
-    const std::string role = answer ? text_of(element_of(answer.get(), 0)) : "";
-    if (!role.empty() && role != "master")
-        warn("lbdb %s:%d is a %s: it takes no registrations; name the master, or an outbox (docs/FLEET.md)", db.host,
-             db.port, role == "slave" ? "replica" : role.c_str());
-    const reply_ptr info = try_redis(redis, "INFO cluster");
-    if (info && text_of(info.get()).find("cluster_enabled:1") != std::string::npos)
-        warn("lbdb %s:%d is a node of a cluster: it refuses what other nodes hold (MOVED), and those files are not "
-             "registered; use an outbox (docs/FLEET.md)",
-             db.host, db.port);
-}
-
 } // namespace
 
 void check_database(const lbdb_cfg& db)
@@ -89,9 +54,27 @@ void check_database(const lbdb_cfg& db)
         warn("lbdb: no database answers at %s:%d: the agent will not start", db.host, db.port);
         return;
     }
-    if (!digest.empty())
-        check_script(db, redis.get(), digest);
-    check_role(db, redis.get());
+    if (!digest.empty()) {
+        const reply_ptr known = try_redis(redis.get(), "SCRIPT EXISTS %s", digest.c_str());
+        if (!known)
+            warn("lbdb %s:%d does not say whether it knows the script: %s", db.host, db.port, redis->errstr);
+        else if (is_error(known.get(), ""))
+            warn("lbdb %s:%d refuses the agent, which will not start: %s", db.host, db.port, known->str);
+        else if (count_of(known.get()) == 1 && number_of(element_of(known.get(), 0)) == 0)
+            warn("lbdb %s:%d does not know the script of %s/add_url.sha1: the agent will not start (load-scripts loads "
+                 "it)",
+                 db.host, db.port, db.sha1_path);
+    }
+    /* An agent registers with the one server that it has connected to at its start. */
+    const reply_ptr answer = try_redis(redis.get(), "ROLE");
+    const std::string role = answer ? text_of(element_of(answer.get(), 0)) : "";
+    if (!role.empty() && role != "master")
+        warn("lbdb %s:%d is a %s: it takes no registrations; name the master, or an outbox (docs/FLEET.md)", db.host,
+             db.port, role == "slave" ? "replica" : role.c_str());
+    if (is_cluster_node(redis.get()))
+        warn("lbdb %s:%d is a node of a cluster: it refuses what other nodes hold (MOVED), and those files are not "
+             "registered; use an outbox (docs/FLEET.md)",
+             db.host, db.port);
 }
 
 bool await_database(const lbdb_cfg& db, int seconds)
@@ -99,10 +82,13 @@ bool await_database(const lbdb_cfg& db, int seconds)
     if (db.port <= 0)
         return true;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (!answers(db)) {
+    for (;;) {
+        const redis_ptr redis = connect_redis(db.host, db.port, WAIT);
+        const reply_ptr reply = redis ? try_redis(redis.get(), "PING") : nullptr;
+        if (reply && !is_error(reply.get(), "LOADING")) /* a server that still reads its data */
+            return true;
         if (std::chrono::steady_clock::now() >= deadline)
             return false;
         usleep(200000);
     }
-    return true;
 }

@@ -22,11 +22,6 @@ constexpr size_t LOCK_PATH_ROOM = 126; /* lock_dir/id.lock */
 constexpr size_t SMALL_ROOM = 64;
 constexpr unsigned USUAL_FIRST_FREE_PORT = 1024;
 
-bool is_relative(const char* path)
-{
-    return path[0] && path[0] != '/' && path[0] != '|';
-}
-
 /* Log, CPU, user and pid file, and the paths that a daemon sees from another directory. */
 void check_runtime(const kova_cfg& cfg)
 {
@@ -51,7 +46,7 @@ void check_runtime(const kova_cfg& cfg)
                                                          {"lock_dir", cfg.udp_cha.lkdir},
                                                          {"sha1_dir", cfg.lbdb.sha1_path}};
     for (const auto& [key, value] : paths) {
-        if (is_relative(value))
+        if (value[0] && value[0] != '/' && value[0] != '|')
             warn("%s %s: a daemon changes its directory, so what a relative path names depends on its start", key,
                  value);
     }
@@ -76,19 +71,6 @@ void check_names(const kova_cfg& cfg)
         warn("local_url_prefix leaves %zu characters for a destination that is registered again", room);
 }
 
-/* A port of another agent is shared with it, on purpose; that of another program fails the start. */
-void say_who_listens(const listening_place& place)
-{
-    for (const pid_t pid : who_listens(place)) {
-        if (is_agent(pid))
-            printf("%s: an agent (pid %d) listens there already; two at once share the orders\n", place.text().c_str(),
-                   pid);
-        else
-            warn("%s: %s (pid %d) listens there already: the agent will not start beside it", place.text().c_str(),
-                 name_of(pid).c_str(), pid);
-    }
-}
-
 /* Listeners against each other, against the ports that are root's, and against who listens here already. */
 void check_listeners(const kova_cfg& cfg)
 {
@@ -107,7 +89,15 @@ void check_listeners(const kova_cfg& cfg)
             warn("port %u is root's: an agent that is not root, as under the service unit, cannot listen there "
                  "(AmbientCapabilities=CAP_NET_BIND_SERVICE)",
                  p.port);
-        say_who_listens(p);
+        /* A port of another agent is shared with it, on purpose; that of another program fails the start. */
+        for (const pid_t pid : who_listens(p)) {
+            if (is_agent(pid))
+                printf("%s: an agent (pid %d) listens there already; two at once share the orders\n", p.text().c_str(),
+                       pid);
+            else
+                warn("%s: %s (pid %d) listens there already: the agent will not start beside it", p.text().c_str(),
+                     name_of(pid).c_str(), pid);
+        }
     }
 }
 

@@ -65,27 +65,20 @@ std::string type_names(unsigned types)
 
 void check_keys(const config_setting_t* group, config_table keys, const std::string& path);
 
-void check_number(const config_setting_t* s, const config_key& key)
-{
-    const long long value = config_setting_get_int64(s);
-    if (value >= key.min && value <= key.max)
-        return;
-    if (value < 0)
-        warn("line %u: %s is negative", config_setting_source_line(s), config_setting_name(s));
-    else
-        warn("line %u: %s is not within %d to %d", config_setting_source_line(s), config_setting_name(s), key.min,
-             key.max);
-}
-
 /* A value of the wrong type is as good as none, so nothing more is said of it. */
 void check_value(const config_setting_t* s, const config_key& key)
 {
     const unsigned type = type_of(s);
+    const unsigned line = config_setting_source_line(s);
+    const char* name = config_setting_name(s);
     if (!(type & key.types)) {
-        warn("line %u: %s is not %s, and has no effect", config_setting_source_line(s), config_setting_name(s),
-             type_names(key.types).c_str());
+        warn("line %u: %s is not %s, and has no effect", line, name, type_names(key.types).c_str());
     } else if (type == V_INT) {
-        check_number(s, key);
+        const long long value = config_setting_get_int64(s);
+        if (value < key.min && value < 0)
+            warn("line %u: %s is negative", line, name);
+        else if (value < key.min || value > key.max)
+            warn("line %u: %s is not within %d to %d", line, name, key.min, key.max);
     } else if (type == V_GROUP) {
         check_keys(s, *key.keys, "");
     } else if (type == V_LIST) {
@@ -100,12 +93,6 @@ void check_value(const config_setting_t* s, const config_key& key)
     }
 }
 
-const config_key* find_key(config_table keys, const std::string& name)
-{
-    const auto found = std::find_if(keys.begin(), keys.end(), [&](const config_key& key) { return key.name == name; });
-    return found != keys.end() ? &*found : nullptr;
-}
-
 /* path is what the table's names begin with for members of this group: empty but in the table of the whole file. */
 void check_keys(const config_setting_t* group, config_table keys, const std::string& path)
 {
@@ -114,7 +101,8 @@ void check_keys(const config_setting_t* group, config_table keys, const std::str
         const std::string name = path + config_setting_name(s);
         const std::string below = name + ".";
         const auto is_below = [&](const config_key& key) { return std::string_view(key.name).starts_with(below); };
-        if (const config_key* key = find_key(keys, name))
+        const auto key = std::find_if(keys.begin(), keys.end(), [&](const config_key& k) { return k.name == name; });
+        if (key != keys.end())
             check_value(s, *key);
         else if (std::none_of(keys.begin(), keys.end(), is_below))
             warn("line %u: unknown key %s", config_setting_source_line(s), config_setting_name(s));

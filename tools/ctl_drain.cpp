@@ -29,7 +29,7 @@ constexpr auto HUNG_AFTER = std::chrono::seconds(10);
 
 using std::chrono::steady_clock;
 
-std::string left_text(const workload& w)
+std::string downloads_text(const workload& w)
 {
     return std::to_string(w.downloads) + (w.downloads == 1 ? " download" : " downloads");
 }
@@ -45,7 +45,7 @@ bool has_ended(int pidfd, int wait_ms)
 [[noreturn]] void fail_gone(const workload& last)
 {
     if (last.downloads > 0)
-        fail(STATUS_REFUSED, "gone: the agent has ended, with " + left_text(last) +
+        fail(STATUS_REFUSED, "gone: the agent has ended, with " + downloads_text(last) +
                                  " at the last look: kovctl lost lists what was cut");
     fail(STATUS_UNREACHABLE, "gone: the agent has ended");
 }
@@ -87,15 +87,15 @@ int cmd_drain()
         if (!is_idle)
             busy = load;
         if (now >= deadline)
-            fail(STATUS_GAVE_UP, "gave up: " + left_text(load) + " and " + std::to_string(load.clients) +
+            fail(STATUS_GAVE_UP, "gave up: " + downloads_text(load) + " and " + std::to_string(load.clients) +
                                      " clients are left; kovctl status names silent sources");
         if (now - moved_at >= HUNG_AFTER) {
             if (!answers_ping())
-                fail(STATUS_GAVE_UP, "the agent hangs: " + left_text(load) + " will not end");
+                fail(STATUS_GAVE_UP, "the agent hangs: " + downloads_text(load) + " will not end");
             moved_at = steady_clock::now();
         }
         if (now >= say_at && !is_idle) {
-            printf("waiting: %s\n", left_text(load).c_str());
+            printf("waiting: %s\n", downloads_text(load).c_str());
             fflush(stdout);
             say_at = now + SAY_EVERY;
         }

@@ -6,6 +6,7 @@
 #include "data.h"
 #include "guard.h"
 #include "lock.h"
+#include "strops.h"
 
 #include <algorithm>
 #include <array>
@@ -40,7 +41,7 @@ struct directory {
 using directory_ptr = std::shared_ptr<const directory>;
 
 /* Of a regular file; none for what has another type, or has vanished. */
-std::optional<struct stat> stat_file(const directory& dir, const char* name)
+std::optional<struct stat> stat_at(const directory& dir, const char* name)
 {
     struct stat st {
     };
@@ -157,7 +158,7 @@ void look_at(verification* v, const batch& b)
 {
     static const time_t before = looked_into_before();
     for (const std::string& name : b.names) {
-        const auto st = stat_file(*b.dir, name.c_str());
+        const auto st = stat_at(*b.dir, name.c_str());
         if (!st)
             continue;
         const bool has_blocks = st->st_blocks * 512 >= st->st_size;
@@ -199,17 +200,6 @@ void hand_over(verification* v, batch b)
     look_at(v, b);
 }
 
-/* ---- sweep ---- */
-
-/* The directory may be everybody's (/tmp): a lock is an empty file of the agent's own user, named by a lock id. */
-bool is_lapsed_lock(const fs::path& path, uid_t agent, struct stat* lock)
-{
-    struct stat& st = *lock;
-    const size_t len = path.stem().native().size();
-    return path.extension() == ".lock" && len >= MIN_LID_LEN && len <= MAX_LID_LEN && lstat(path.c_str(), &st) == 0 &&
-           S_ISREG(st.st_mode) && st.st_size == 0 && st.st_uid == agent && age_of(st) > STALE_LOCK_SEC;
-}
-
 } // namespace
 
 bool is_unfinished(std::string_view path)
@@ -220,11 +210,6 @@ bool is_unfinished(std::string_view path)
 long age_of(const struct stat& st)
 {
     return std::max(0L, static_cast<long>(time(nullptr) - st.st_mtime));
-}
-
-static bool is_control(char c)
-{
-    return static_cast<unsigned char>(c) < ' ' || c == 0x7f;
 }
 
 std::string printable(std::string_view text)
@@ -293,11 +278,12 @@ int cmd_sweep()
     /* Asked first: a file that is opened after this is young, and left alone for that. */
     const held_files held = all_held_files();
     each_name(true, [&](const directory_ptr& dir, const char* name) {
-        const auto st = stat_file(*dir, name);
+        const auto st = stat_at(*dir, name);
         if (st && age_of(*st) > STALE_LOCK_SEC && !held.contains({st->st_dev, st->st_ino}))
             r.take(fs::path(dir->path) / name, *st, "unfinished, and no agent writes it");
     });
-    /* Locks belong to the user of the running agent, else to that of its data directory. */
+    /* The directory of the locks may be everybody's (/tmp): a lock is an empty file named by a lock id, of the user of
+       the running agent, else of that of its data directory. */
     const auto pid = find_agent().pid;
     const std::string owned = pid ? "/proc/" + std::to_string(*pid) : g_set.data_dir;
     struct stat owner {
@@ -308,7 +294,10 @@ int cmd_sweep()
     for (fs::directory_iterator it(g_set.lock_dir, ec); !ec && it != fs::directory_iterator(); it.increment(ec)) {
         struct stat st {
         };
-        if (is_lapsed_lock(it->path(), owner.st_uid, &st))
+        const size_t len = it->path().stem().native().size();
+        if (it->path().extension() == ".lock" && len >= MIN_LID_LEN && len <= MAX_LID_LEN &&
+            lstat(it->path().c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size == 0 &&
+            st.st_uid == owner.st_uid && age_of(st) > STALE_LOCK_SEC)
             r.take(it->path(), st, "a lock that has lapsed");
     }
     return r.status();

@@ -5,11 +5,13 @@
 #include "strops.h"
 
 #include <algorithm>
+#include <array>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <set>
+#include <sstream>
 
 namespace
 {
@@ -90,33 +92,24 @@ int64_t now_ms(redisContext* redis)
     return *seconds * MS + *us / MS;
 }
 
-/* "beat_ms weight free all agent" */
-host_row row_of(std::string_view value, int64_t now)
-{
-    /* What a beat does not say is unknown, and no fault. */
-    std::vector<std::string> words;
-    for (size_t from = 0; from < value.size();) {
-        const size_t blank = std::min(value.find(' ', from), value.size());
-        words.emplace_back(value.substr(from, blank - from));
-        from = blank + 1;
-    }
-    words.resize(std::max<size_t>(words.size(), 5), "-");
-    host_row row;
-    row.is_beating = true;
-    row.age_ms = now - parse_num<int64_t>(words[0]).value_or(0);
-    row.weight = words[1];
-    row.free_bytes = parse_num<uint64_t>(words[2]).value_or(0);
-    row.agent = words[4];
-    return row;
-}
-
+/* Who lives. The hash has a field for each host: "beat_ms weight free all agent". */
 void read_alive(const fleet_db& db, fleet_state* f)
 {
     redisContext* redis = server_of(db, ALIVE_KEY);
     const int64_t now = now_ms(redis); /* the beats are by this server's clock */
     const reply_ptr reply = ask_redis(redis, "HGETALL %s", ALIVE_KEY);
-    for (size_t i = 0; i + 1 < count_of(reply.get()); i += 2)
-        f->hosts[text_of(element_of(reply.get(), i))] = row_of(text_of(element_of(reply.get(), i + 1)), now);
+    for (size_t i = 0; i + 1 < count_of(reply.get()); i += 2) {
+        std::istringstream beat(text_of(element_of(reply.get(), i + 1)));
+        std::array<std::string, 5> words;
+        words.fill("-"); /* what a beat does not say is unknown, and no fault */
+        for (std::string& word : words)
+            beat >> word;
+        f->hosts[text_of(element_of(reply.get(), i))] = {.is_beating = true,
+                                                         .age_ms = now - parse_num<int64_t>(words[0]).value_or(0),
+                                                         .weight = words[1],
+                                                         .free_bytes = parse_num<uint64_t>(words[2]).value_or(0),
+                                                         .agent = words[4]};
+    }
 }
 
 /* A page may name an id again that an earlier one had, as SCAN may; in a fleet at rest it does not. */
@@ -178,24 +171,20 @@ void read_ids(redisContext* redis, fleet_state* f)
     } while (cursor != "0");
 }
 
-std::string age_text(const host_row& row)
-{
-    if (!row.is_beating)
-        return "never seen";
-    constexpr int64_t MS = 1000;
-    return row.lives() ? "yes" : "no, " + std::to_string(row.age_ms / MS) + " s";
-}
-
 /* A table of the hosts, the sums, then the ids that somebody should look at. */
 void print(const fleet_state& f)
 {
     constexpr double GIB = 1 << 30;
+    constexpr int64_t MS = 1000;
     printf("%-40s %-12s %6s %10s %6s %10s %10s %8s\n", "host", "lives", "weight", "free GiB", "agent", "copies",
            "end soon", "never");
     for (const auto& [name, row] : f.hosts) {
+        const std::string lives = !row.is_beating ? "never seen"
+                                  : row.lives()   ? "yes"
+                                                  : "no, " + std::to_string(row.age_ms / MS) + " s";
         const char* agent = row.agent == "1" ? "yes" : row.agent == "0" ? "no" : "-";
         printf("%-40s %-12s %6s %10.1f %6s %10" PRIu64 " %10" PRIu64 " %8" PRIu64 "\n", printable(name).c_str(),
-               age_text(row).c_str(), row.is_beating ? printable(row.weight).c_str() : "-",
+               lives.c_str(), row.is_beating ? printable(row.weight).c_str() : "-",
                static_cast<double>(row.free_bytes) / GIB, agent, row.copies, row.soon, row.never);
     }
     if (f.copies_elsewhere > 0)

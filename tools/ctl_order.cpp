@@ -149,16 +149,15 @@ std::string encode(const std::string& text)
     std::string out;
     for (size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
-        const auto ch = static_cast<unsigned char>(c);
         const std::string segment = i == 0 || text[i - 1] == '/' ? text.substr(i, text.find('/', i) - i) : "";
-        if (ch < ' ' || ch == 0x7f)
+        if (is_control(c))
             fail(STATUS_USAGE, "no order can carry a control character");
         const bool splits = ci_equal(segment.c_str(), "src") || ci_equal(segment.c_str(), "dst");
         if (!strchr(" %+?#@", c) && !splits) {
             out += c;
         } else {
             std::array<char, 4> hex{};
-            snprintf(hex.data(), hex.size(), "%%%02X", ch);
+            snprintf(hex.data(), hex.size(), "%%%02X", static_cast<unsigned char>(c));
             out += hex.data();
         }
     }
@@ -450,14 +449,6 @@ int cmd_send(std::span<char* const> args)
     return 0;
 }
 
-static void need_database()
-{
-    if (g_set.prefix.empty())
-        fail(STATUS_USAGE, "the configuration has no local_url_prefix: there is nothing to register");
-    if (g_cfg.lbdb.port <= 0)
-        fail(STATUS_USAGE, "the configuration has no lbdb: there is nowhere to register");
-}
-
 /* The agent answers 200 whatever the database says, after it has logged the database's refusal: what it logs from here
    on tells. */
 int register_one(const std::string& dst)
@@ -489,7 +480,10 @@ int register_one(const std::string& dst)
 /* The expiry cannot be left out: an entry without an end outlives its file and its host. */
 int cmd_register(std::span<char* const> args)
 {
-    need_database();
+    if (g_set.prefix.empty())
+        fail(STATUS_USAGE, "the configuration has no local_url_prefix: there is nothing to register");
+    if (g_cfg.lbdb.port <= 0)
+        fail(STATUS_USAGE, "the configuration has no lbdb: there is nowhere to register");
     if (g_set.is_from_log)
         return cmd_register_from_log(args);
     if (args.empty())

@@ -20,7 +20,7 @@ namespace
 {
 
 /* The file that a descriptor leads to. False when it is none, or was closed. */
-bool stat_file(pid_t pid, const descriptor& fd, struct stat* st)
+bool stat_behind(pid_t pid, const descriptor& fd, struct stat* st)
 {
     return fd.target.starts_with('/') && stat((proc_of(pid) / "fd" / fd.number).c_str(), st) == 0 &&
            S_ISREG(st->st_mode);
@@ -86,7 +86,7 @@ std::vector<written_file> files_written_by(pid_t pid, const std::vector<descript
     for (const descriptor& fd : fds) {
         written_file f;
         f.path = fd.target;
-        if (!is_unfinished(fd.target) || !stat_file(pid, fd, &f.st))
+        if (!is_unfinished(fd.target) || !stat_behind(pid, fd, &f.st))
             continue;
         (void)sscanf(first_line(proc_of(pid) / "fdinfo" / fd.number).c_str(), "pos: %lu", // NOLINT(cert-err34-c)
                      &f.position);
@@ -106,7 +106,7 @@ held_files all_held_files()
         for (const descriptor& fd : fds.value_or(std::vector<descriptor>{})) {
             struct stat st {
             };
-            if (stat_file(pid, fd, &st))
+            if (stat_behind(pid, fd, &st))
                 held.emplace(st.st_dev, st.st_ino);
         }
     }
