@@ -1,8 +1,8 @@
 /* The state of an agent: for a reader, as JSON, as metrics. All of it is the kernel's: sockets and open files of the
    process. The agent itself is not asked, so a hung one can be looked at, too.
-   The difficulty is that the kernel knows sockets and no downloads. A socket of the process is told by its ports to be
-   a listener, a client's or the database's; the rest are sources. What they receive is told by counters since their
-   beginning, so a rate takes two looks. */
+   The difficulty is that the kernel knows sockets and no downloads. A socket of the process is told by its port to be a
+   listener or a client's; of the rest those are sources that the agent's loop watches, which the database's connection
+   is not. What they receive is told by counters since their beginning, so a rate takes two looks. */
 #include "ctl.h"
 
 #include "cfg.h"
@@ -166,9 +166,11 @@ std::string listener_text(const net_socket& s, const std::vector<net_socket>& al
     return text;
 }
 
-/* Sorts the process's sockets: what is neither its listener nor a client nor the database is a source. */
-std::vector<net_socket> take_sockets(agent_state* a, const std::set<ino_t>& own_inodes)
+/* Sorts the process's sockets; the sources. */
+std::vector<net_socket> take_sockets(agent_state* a, const std::vector<descriptor>& fds)
 {
+    const std::set<ino_t> own_inodes = sockets_among(fds);
+    const std::set<ino_t> watched = watched_among(a->pid, fds);
     std::set<unsigned> ports;
     std::set<std::string> paths;
     const std::vector<net_socket> all = net_sockets(a->pid, socket_choice::ALL);
@@ -191,13 +193,12 @@ std::vector<net_socket> take_sockets(agent_state* a, const std::set<ino_t>& own_
             ports.insert(s.port);
     }
     std::vector<net_socket> sources;
-    const auto database = static_cast<unsigned>(g_cfg.lbdb.port);
     for (const net_socket& s : own) {
         if (s.is_listening || s.kind == net_socket::DATAGRAM)
             continue;
         if (s.kind == net_socket::PATH ? paths.contains(s.host) : ports.contains(s.port))
             ++a->clients;
-        else if (s.kind == net_socket::STREAM && s.peer_port != database)
+        else if (s.kind == net_socket::STREAM && watched.contains(s.inode))
             sources.push_back(s);
     }
     return sources;
@@ -252,7 +253,7 @@ agent_state look_at(pid_t pid)
         fail_blind(pid);
     if (fds->empty())
         fail(STATUS_UNREACHABLE, "process " + std::to_string(pid) + " has ended");
-    const std::vector<net_socket> sources = take_sockets(&a, sockets_among(*fds));
+    const std::vector<net_socket> sources = take_sockets(&a, *fds);
     const sample first = take_sample(sources);
     a.downloads = sources.size();
     a.fds = fds->size();
@@ -431,7 +432,7 @@ std::optional<workload> workload_of(pid_t pid)
     const auto fds = descriptors_of(pid);
     if (!fds || fds->empty())
         return std::nullopt;
-    const std::vector<net_socket> sources = take_sockets(&a, sockets_among(*fds));
+    const std::vector<net_socket> sources = take_sockets(&a, *fds);
     workload w = {.downloads = sources.size(), .clients = a.clients + a.queued};
     const auto received = receptions_like(sources);
     for (const net_socket& s : sources) {

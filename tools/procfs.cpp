@@ -203,6 +203,25 @@ std::set<ino_t> sockets_of(pid_t pid)
     return sockets_among(descriptors_of(pid).value_or(std::vector<descriptor>{}));
 }
 
+std::set<ino_t> watched_among(pid_t pid, const std::vector<descriptor>& fds)
+{
+    std::set<ino_t> inodes;
+    for (const descriptor& fd : fds) {
+        if (fd.target != "anon_inode:[eventpoll]")
+            continue;
+        std::ifstream info(proc_of(pid) / "fdinfo" / fd.number);
+        for (std::string line; std::getline(info, line);) { /* "tfd: 5 events: 19 data: 7f pos:0 ino:3039 sdev:8" */
+            constexpr std::string_view HEAD = " ino:";
+            const size_t at = line.find(HEAD);
+            ino_t inode = 0; /* in hexadecimal */
+            if (at != std::string::npos && line.starts_with("tfd:") &&
+                std::from_chars(line.data() + at + HEAD.size(), line.data() + line.size(), inode, 16).ec == std::errc{})
+                inodes.insert(inode);
+        }
+    }
+    return inodes;
+}
+
 std::string net_socket::place() const
 {
     return kind == PATH ? host : host_and_port(host, port);

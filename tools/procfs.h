@@ -37,6 +37,8 @@ struct descriptor {
 [[nodiscard]] std::set<ino_t> sockets_among(const std::vector<descriptor>& fds);
 /* Of a process, as far as they may be seen. */
 [[nodiscard]] std::set<ino_t> sockets_of(pid_t pid);
+/* The inodes of what the epoll instances among them watch. */
+[[nodiscard]] std::set<ino_t> watched_among(pid_t pid, const std::vector<descriptor>& fds);
 
 struct net_socket {
     enum kind_of { STREAM, DATAGRAM, PATH } kind = STREAM;
