@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +21,10 @@ constexpr int64_t LIVES_MS = 3000; /* after its last beat: as long as balancers 
 constexpr long SOON_SEC = 3600;
 constexpr size_t SHOWN = 10;
 constexpr size_t HOSTS_MAX = 100000; /* an id may have a copy at any name at all */
+constexpr uint64_t IDS_SPARE = 1000; /* beyond what a server's number of keys allows */
+constexpr auto SCAN_WAIT = std::chrono::minutes(1);
+constexpr auto SCAN_WAIT_A_KEY = std::chrono::microseconds(100); /* ten times the usual */
+constexpr uint64_t KEYS_MAX = 36'000'000;                        /* these take an hour at the most */
 constexpr const char* ALIVE_KEY = "kov:alive";
 
 /* Counts one page of ids where they are: a million would be 100 MB on the wire. A page holds the server up for half a
@@ -55,6 +60,8 @@ for _, id in ipairs(page[2]) do
 end
 return {page[1], ids, ending, lost, order}
 )";
+
+using std::chrono::steady_clock;
 
 struct host_row {
     bool is_beating = false; /* there is a field for it; the next four are from there */
@@ -144,10 +151,16 @@ void take_page(const redisReply* page, fleet_state* f)
     }
 }
 
-/* All ids of one server. Who lives is told to it with each page: in a cluster it may not hold that key itself. */
+/* All ids of one server. Who lives is told to it with each page: in a cluster it may not hold that key itself. A server
+   that is broken, or not what it says, may go on for ever: it gets as many ids as it has keys, with room for what SCAN
+   names twice and for what comes meanwhile, and ten times as long as that takes. */
 void read_ids(redisContext* redis, fleet_state* f)
 {
     constexpr int64_t MS = 1000;
+    const reply_ptr size = ask_redis(redis, "DBSIZE");
+    const auto keys = static_cast<uint64_t>(std::max<int64_t>(number_of(size.get()), 0));
+    const uint64_t ids_max = f->ids + keys * 2 + IDS_SPARE;
+    const auto deadline = steady_clock::now() + SCAN_WAIT + SCAN_WAIT_A_KEY * std::min(keys, KEYS_MAX);
     f->now = now_ms(redis) / MS;
     const std::string now_text = std::to_string(f->now);
     const std::string horizon = std::to_string(f->now + g_set.timeout.value_or(SOON_SEC));
@@ -158,6 +171,9 @@ void read_ids(redisContext* redis, fleet_state* f)
     }
     std::string cursor = "0";
     do {
+        if (f->ids > ids_max || steady_clock::now() > deadline)
+            fail(STATUS_UNREGISTERED, "the database's ids do not end: " + std::to_string(f->ids) + " so far, it has " +
+                                          std::to_string(keys) + " keys");
         std::vector<const char*> args = {"EVAL", PAGE, "0", cursor.c_str(), now_text.c_str(), horizon.c_str()};
         for (const std::string& name : living)
             args.push_back(name.c_str());

@@ -326,7 +326,7 @@ class Drain(Ctl):
         self.assertEqual((waits.wait(20), bool(re.search(says, said))), (status, True), said)
 
     def test_every_download_that_runs_is_stored_first(self):
-        self.ctl("drain", says="^drained: ")
+        kovctl("-a", f"127.0.0.1:{self.port}", "drain", says="^drained: ")  # knows nothing of its database
         waits = self.drain()
         self.origin.released.set()
         self.ends(waits, 0, "^drained: nothing runs, after ")
@@ -489,6 +489,12 @@ class Fleet(KovTest):
         kovctl("fleet", env=place, status=2, says="is an outbox")
         database.stop()
         kovctl("fleet", env=place, status=7, says="no database answers at ")
+        liar = self.service(ScriptedDatabase)
+        now, page = b"*2\r\n$1\r\n5\r\n$1\r\n5\r\n", b"*5\r\n$1\r\n7\r\n:400\r\n*0\r\n*0\r\n*0\r\n"
+        liar.answers = [b"$0\r\n\r\n", b":0\r\n", now, b"*0\r\n", b":100\r\n", now] + [page] * 100
+        place["KOV_FLEET"] = f"redis://127.0.0.1:{liar.port}"
+        kovctl("fleet", env=place, status=7, says="ids do not end: 1600 so far, it has 100 keys")
+        self.assertEqual(len(liar.answers), 96)  # of the pages
 
 
 class Pages(KovTest):
