@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <ctime>
+#include <sys/types.h>
 
 /* Written by signal handlers, read by the event loop and the idle step. */
 extern volatile sig_atomic_t g_quit;    /* stop the loop */
@@ -29,6 +30,8 @@ void block_handled_signals() noexcept;
 [[nodiscard]] const sigset_t* wait_sigmask() noexcept;
 /* Lets pending handled signals run their handlers now. One system call when none is pending. */
 void deliver_pending_signals() noexcept;
+/* Sends pending handled signals on to the child that goes on in this process's place, before this one ends. */
+void pass_on_signals(pid_t child) noexcept;
 /* poll() of one descriptor with the handled signals let in, for a wait outside the loop. limit null = none. As ppoll:
    -1 with EINTR when a handler has run. */
 [[nodiscard]] int poll_with_signals(int fd, short events, const timespec* limit) noexcept;

@@ -4,6 +4,7 @@
 
 #include "guard.h"
 #include "log.h"
+#include "signals.h"
 #include "syswrap.h"
 
 #include <array>
@@ -128,14 +129,16 @@ static int step_failed(const char* fn, const char* step) noexcept
     return -1;
 }
 
-/* The parent leaves at once; the child goes on with 0. */
+/* The parent leaves at once; the child goes on with 0, and with a quit signal that came meanwhile. */
 static int fork_away(const char* fn) noexcept
 {
     const pid_t pid = fork();
     if (pid < 0)
         return step_failed(fn, "fork");
-    if (pid > 0)
+    if (pid > 0) {
+        pass_on_signals(pid);
         _exit(0);
+    }
     return 0;
 }
 

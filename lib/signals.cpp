@@ -165,6 +165,18 @@ void deliver_pending_signals() noexcept
     }
 }
 
+/* A child begins with the mask, but without what is pending in its parent. */
+void pass_on_signals(pid_t child) noexcept
+{
+    sigset_t pending;
+    if (sigpending(&pending) != 0)
+        return;
+    for (const int signo : HANDLED_SIGNALS) {
+        if (sigismember(&pending, signo) == 1)
+            (void)kill(child, signo);
+    }
+}
+
 /* The mask changes with the call itself, so that no signal comes between a test of the flags and the wait. */
 int poll_with_signals(int fd, short events, const timespec* limit) noexcept
 {

@@ -143,6 +143,13 @@ class Background(KovTest):
         self.assertTrue(all(os.path.lexists(path) for path in (link, fifo, fifo_read)))  # the refused are left alone
         self.assertFalse(os.path.exists(locked))  # the refused instance unlinks the other one's file
 
+    def test_a_quit_signal_goes_with_the_forks(self):
+        def ask_to_quit():
+            signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM])
+            os.kill(os.getpid(), signal.SIGTERM)
+        self.failed_start(["QUIT-SIG(15)\n", "EXIT(0). PID="], [0, 0, 0], place="log", preexec=ask_to_quit,
+                          runtime=f'pidfile = "{self.root}/pid";')
+
     def test_start_in_a_removed_directory(self):
         def in_removed():
             os.mkdir(f"{self.root}/gone")
