@@ -30,6 +30,7 @@ constexpr long SIGNAL_CHECK_NS = 10000000; /* pending signals are looked for thi
 /* Written by this room alone; loopfd -1 says that there is no loop yet, or none any more. */
 rqs_context g_rqs = {.loopfd = -1,
                      .events = {},
+                     .changes = {},
                      .poll_fds = 0,
                      .nopoll = {},
                      .nopoll_rm = {},
@@ -109,6 +110,7 @@ void rqs_destroy() noexcept
     slots_reset(&g_rqs.nopoll);
     slots_reset(&g_rqs.nopoll_rm);
     xvec_reset(&g_rqs.events);
+    xvec_reset(&g_rqs.changes);
     g_rqs.poll_fds = 0;
 }
 

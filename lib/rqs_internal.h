@@ -17,6 +17,7 @@ struct nopoll_ref {
 struct rqs_context {
     int loopfd;      /* epoll descriptor, -1 = none */
     xvec events;     /* of epoll_event: slots handed to the kernel */
+    xvec changes;    /* of epoll_event: always empty, each change goes to the kernel at once */
     size_t poll_fds; /* descriptors in the epoll set */
     slots<nopoll_ref, 10> nopoll;
     slots<ssize_t, 10> nopoll_rm; /* slots of nopoll queued for removal */
