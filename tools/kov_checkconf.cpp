@@ -5,6 +5,7 @@
 #include "check.h"
 
 #include "cfg.h"
+#include "gkh.h"
 #include "guard.h"
 #include "log.h"
 #include "meta.h"
@@ -48,15 +49,14 @@ constexpr int STATUS_WARNINGS = 2;
 constexpr size_t PATH_ROOM = 126; /* data_dir/destination-Kova */
 constexpr size_t SMALL_ROOM = 64;
 constexpr size_t FDS_A_TASK = 3;
-constexpr size_t MANY_TASKS = 100'000'000; /* no machine has the memory */
-constexpr size_t FDS_A_LISTENER = 1001;    /* with its longest queue */
+constexpr size_t FDS_A_LISTENER = 1001; /* with its longest queue */
 constexpr size_t FDS_OF_ITS_OWN = 16;
 
 /* ---- what it means on this machine ---- */
 
 void check_descriptors(const kova_cfg& cfg)
 {
-    if (cfg.max_tasks > MANY_TASKS) {
+    if (cfg.max_tasks > HT_MAX_CAP) { /* or negative */
         warn("max_tasks %zd: the agent will not start", static_cast<ssize_t>(cfg.max_tasks));
         return;
     }

@@ -72,7 +72,7 @@ web_input = {{ web = ( {{ port = 1; }}, {{ port = 2; protocol = "udp"; }}, {{ do
 {{ port = 4; }}, {{ port = 5; }} ); }};
 udp_input = {{ url = "239.1.1.1:5000"; }};
 lbdb = {{ host = "h"; port = 1; sha1_dir = "{digests}"; }}; local_url_prefix = "http://h";
-max_tasks = 9000000; }}; other = 1;"""
+max_tasks = 5000000; }}; other = 1;"""
         out = self.check(text)
         for line in ("line 1: unknown key levle", "line 1: max_files is not within 1 to 127",
                      "line 2: quiet is not true or false, and has no effect",
@@ -83,11 +83,12 @@ max_tasks = 9000000; }}; other = 1;"""
                      "Load-balancer DB: h:1\n"):
             self.assertIn(line, out)
         self.check(text, "--strict", status=2)
-        text = text.replace("max_tasks = 9000000;", "max_tasks = 4294967297; /* 99999999999 */ h = 0x80000000; "
+        text = text.replace("max_tasks = 5000000;", "max_tasks = 4294967297; /* 99999999999 */ h = 0x80000000; "
                             's = "99999999999"; l = 99999999999L; f = 9999999999.5; n99999999999 = -2147483648;')
         cut = re.findall(r"line 7: (\S+) is beyond 32 bits, and is taken for another number", self.check(text))
         self.assertEqual(cut, ["4294967297", "0x80000000"])
         self.check(self.good, "--strict")
+        self.check(self.good.replace("= 10;", "= 5000001;"), says="max_tasks 5000001: the agent will not start")
         self.check("kova = {", "--strict", status=1)
         os.makedirs(deep := f"{self.root}/" + "d" * 80)
         self.check(self.good.replace(self.root, deep), says=r"data_dir leaves \d+ characters")
