@@ -2,8 +2,8 @@
    read from small files at start-up. One connection serves the whole life; it is never opened again. Every command is
    waited for, with the signals let in.
    The difficulty is a server that misbehaves. The library would wait for ever, reserve what an answer announces, and
-   take a late answer for that to the next command: so the waits are made here, what an answer may hold is bounded, and
-   after the first doubt about the stream all later commands fail at once. */
+   take an answer that nobody has asked for as that to the next command: so the waits are made here, what an answer may
+   hold is bounded, such answers are dropped, and once the stream cannot be read all later commands fail at once. */
 #include "lbquery.h"
 
 #include "guard.h"
@@ -55,9 +55,10 @@ struct lbdb_ctx {
     int32_t need_func; /* LBQ_FL_* */
     char call_opt[64];
     int64_t quit_deadline; /* ms of CLOCK_MONOTONIC; 0 = no quit signal has been met in a wait */
+    bool is_in_doubt;      /* the last answer may have been that to another command */
 };
 
-/* Written by lbdb_init, lbdb_connect, lbdb_destroy and, for the deadline, by wait_for_server. */
+/* Written by lbdb_init, lbdb_connect, lbdb_destroy, wait_for_server (the deadline), lbdb_add_segurl (the doubt). */
 static lbdb_ctx g_ctx{};
 static lbdb_cfg g_conn{}; /* host, port and time-out, for messages */
 
@@ -267,13 +268,34 @@ static redisReply* await_reply() noexcept
     return nullptr;
 }
 
+/* What has come before a command is sent answers none, and would shift every later answer by one. Behind the last answer
+   it is seen at once; one that came later on is looked for, which costs a call, when an answer was not the expected one.
+   False: the connection is lost. */
+static bool drop_unasked() noexcept
+{
+    redisContext* c = g_ctx.redis;
+    size_t ndropped = 0;
+    if (!c->err && g_ctx.is_in_doubt)
+        (void)redisBufferRead(c); /* does not wait; a failure stands in err */
+    while (!c->err && c->reader->pos < c->reader->len) {
+        void* raw = nullptr;
+        const int rc = redisReaderGetReply(c->reader, &raw);
+        const reply_ptr unasked(static_cast<redisReply*>(raw));
+        if (rc == REDIS_OK && unasked)
+            ++ndropped;
+        else
+            c->err = REDIS_ERR_OTHER; /* where a part of an answer ends, the next one's begin cannot be told */
+    }
+    if (ndropped > 0)
+        LOG_WARN("%s: %zu answers that nobody has asked for\n", __func__, ndropped);
+    return !c->err;
+}
+
 /* One round trip. Null: the connection is lost. */
 template <class... Args>
 static reply_ptr command(const char* format, Args... args) noexcept
 {
-    /* A server that says more than it was asked for would shift every later answer by one. */
-    const bool is_in_step = !g_ctx.redis->err && g_ctx.redis->reader->pos == g_ctx.redis->reader->len;
-    if (!is_in_step || redisAppendCommand(g_ctx.redis, format, args...) != REDIS_OK)
+    if (!drop_unasked() || redisAppendCommand(g_ctx.redis, format, args...) != REDIS_OK)
         return nullptr; /* the library would keep the command, and all later ones */
     return reply_ptr(await_reply());
 }
@@ -443,8 +465,8 @@ int reply_to_str(const redisReply* reply, char* buf, size_t cap) noexcept
     }
 }
 
-/* The answer repeats the key, behind three characters that tell what was done: another key means that the answer
-   belongs to another command. */
+/* The answer repeats the key, behind three characters that tell what was done: another key means that the script has
+   failed, or that the answer belongs to another command. */
 int lbdb_add_segurl(const char* id, const char* url, long expiry) noexcept
 {
     static std::array<char, REPLY_CAP> text;
@@ -458,6 +480,7 @@ int lbdb_add_segurl(const char* id, const char* url, long expiry) noexcept
         return -1;
     }
     text.fill('\0');
+    g_ctx.is_in_doubt = true;
     if (reply_to_str(reply.get(), text.data(), text.size() - 1) != 0) {
         LOG_ERR("%s: failed: %.*s\n", __func__, REPLY_SHOWN, text.data());
         return -1;
@@ -466,6 +489,7 @@ int lbdb_add_segurl(const char* id, const char* url, long expiry) noexcept
         LOG_ERR("%s: expected %s, got [%s]\n", __func__, id, text.data());
         return -1;
     }
+    g_ctx.is_in_doubt = false;
     LOG_DEBUG("%s: result=[%s]\n", __func__, text.data());
     return text[0] == '#' && strstr(text.data(), "#err: ") ? -1 : 0;
 }

@@ -214,10 +214,18 @@ class Scripted(Database):
                 self.assertIn(message, agent.stderr())
                 agent.not_logged(message)
 
-    def test_a_server_that_says_more_than_it_was_asked_is_lost(self):
-        self.db.answers = [b":1\r\n+MORE\r\n", b"$4\r\nok:a\r\n", b"$4\r\nok:b\r\n"]
-        agent = self.start(self.db.settings())
-        for n, dst in enumerate("ab"):
+    def test_answers_that_nobody_has_asked_for_are_dropped(self):
+        self.db.answers = [b":1\r\n+MORE\r\n:7\r\n", b"$4\r\nok:a\r\n", b"+EARLY\r\n", b"$4\r\nok:c\r\n*2\r\n:1\r\n"]
+        agent = self.start(self.db.settings(), level="debug")
+        for dst, dropped in ("a", 2), ("c", 1):
+            self.store(agent, dst)
+            agent.logged(f"drop_unasked: {dropped} answers that nobody has asked for\n", f"result=[ok:{dst}]\n")
+            if dst == "a":  # the answer to b comes after one that nobody has asked for
+                self.store(agent, "b")
+                agent.logged("add_lbdb_url: failed to add [b]\n")
+                self.db.conn.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+                self.db.conn.sendall(b"$4\r\nok:b\r\n")
+        for n, dst in enumerate("de"):  # where half an answer ends nobody knows
             self.store(agent, dst)
             agent.logged("lbdb_add_segurl: NULL as reply\n", count=n + 1)
-        self.assertEqual(len(self.db.commands), 1)
+        self.assertEqual(len(self.db.commands), 4)

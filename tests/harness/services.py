@@ -62,6 +62,7 @@ class ScriptedDatabase(Redis):
         self.server = Server(self._talk, self.port)
 
     def _talk(self, conn):
+        self.conn = conn
         while data := conn.recv(65536):
             self.commands.append(data)
             if not self.answers:
