@@ -268,9 +268,9 @@ static redisReply* await_reply() noexcept
     return nullptr;
 }
 
-/* What has come before a command is sent answers none, and would shift every later answer by one. Behind the last answer
-   it is seen at once; one that came later on is looked for, which costs a call, when an answer was not the expected one.
-   False: the connection is lost. */
+/* What has come before a command is sent answers none, and would shift every later answer by one. Behind the last
+   answer it is seen at once; what came later on is looked for, which costs a call, when an answer was not the expected
+   one. False: the connection is lost. */
 static bool drop_unasked() noexcept
 {
     redisContext* c = g_ctx.redis;
@@ -306,7 +306,8 @@ int check_script_exists(const char* sha1) noexcept
     ASSERT(g_ctx.redis);
     const reply_ptr reply = command("script exists %s", sha1);
     if (!reply) {
-        LOG_ERR("%s: NULL as reply\n", __func__);
+        if (!g_quit)
+            LOG_ERR("%s: NULL as reply\n", __func__);
         return -1;
     }
     int rc = EINVAL;
@@ -367,7 +368,8 @@ static int open_connection(const char* fn, const char* host, int port, timeval t
     if (err == 0 && getsockopt(g_ctx.redis->fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0)
         err = errno;
     if (err != 0) {
-        LOG_ERR("%s: redisConnectWithTimeout ERROR(%d): %s\n", fn, REDIS_ERR_IO, strerror(err));
+        if (!g_quit)
+            LOG_ERR("%s: redisConnectWithTimeout ERROR(%d): %s\n", fn, REDIS_ERR_IO, strerror(err));
         return -1;
     }
     (void)fcntl(g_ctx.redis->fd, F_SETFD, FD_CLOEXEC);
@@ -381,7 +383,8 @@ static int open_connection(const char* fn, const char* host, int port, timeval t
     return 0;
 }
 
-/* Once in a life: what is lost later stays lost, and every registration says so. */
+/* Once in a life: what is lost later stays lost, and every registration says so. A connect that a quit signal has cut
+   short is no failure, and not told as one. */
 int lbdb_connect(const char* host, int port, timeval tmout) noexcept
 {
     ASSERT(!g_ctx.redis && g_ctx.init_tm > 0);
@@ -397,7 +400,8 @@ int lbdb_connect(const char* host, int port, timeval tmout) noexcept
         rc = check_script_exists(s.sha1);
     }
     if (rc != 0) {
-        LOG_ERR("%s: failed for %s:%d\n", __func__, host, port);
+        if (!g_quit)
+            LOG_ERR("%s: failed for %s:%d\n", __func__, host, port);
         lbdb_disconnect();
         return rc;
     }

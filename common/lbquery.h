@@ -36,7 +36,8 @@ extern const config_table LBDB_KEYS;
 [[nodiscard]] int load_lbdb_cfg(const config_setting_t* group, lbdb_cfg* cfg) noexcept;
 /* Reads the digests of the scripts in need_func. 0, or the failing step's result (logged). */
 [[nodiscard]] int lbdb_init(const char* sha1_dir, int32_t need_func, uint32_t options) noexcept;
-/* Connects and verifies that the scripts are loaded. 0; -1 unreachable; RC_NO_SCRIPT; EINVAL odd reply (logged). */
+/* Connects and verifies that the scripts are loaded. 0; -1 unreachable; RC_NO_SCRIPT; EINVAL odd reply (logged, unless
+   a quit signal has come meanwhile). */
 [[nodiscard]] int lbdb_connect(const char* host, int port, timeval tmout) noexcept;
 /* Disconnects and forgets everything; safe at any stage. */
 void lbdb_destroy() noexcept;

@@ -8,6 +8,7 @@
 #include "register.h"
 #include "rq.h"
 #include "rqs.h"
+#include "signals.h"
 #include "udl.h"
 
 #include <algorithm>
@@ -58,7 +59,8 @@ int init_kova_ctx() noexcept
     ASSERT(!g_ctx.is_ready);
     const char* step = "?";
     if (const int rc = build_ctx(&step)) {
-        LOG_ERR("%s: failed to [%s], rc=%d\n", __func__, step, rc);
+        if (!g_quit) /* else the wait for the database was cut short, as it should be */
+            LOG_ERR("%s: failed to [%s], rc=%d\n", __func__, step, rc);
         destroy_kova_ctx();
         return rc;
     }

@@ -3,7 +3,7 @@
 #pragma once
 
 /* Builds listeners, channel, task table and database connection; nothing is watched yet. Not twice.
-   0, or the failing step's code (logged); everything is torn down again then. */
+   0, or the failing step's code (logged, unless a quit signal has cut it short); everything is torn down again then. */
 [[nodiscard]] int init_kova_ctx() noexcept;
 /* Opens the listeners and lets the loop watch them and the channel. After rqs_init and init_kova_ctx.
    0, or the failing step's code (logged); destroy_kova_ctx releases what was started. */

@@ -192,6 +192,7 @@ class Start(Database):
             agent.proc.send_signal(signal.SIGTERM)
             self.assertEqual(agent.proc.wait(20), 0)
             agent.logged("kov has been asked to quit.\n")
+            agent.not_logged("(ERR)")
             self.assertLess(time.monotonic() - start, 3)
 
 
