@@ -63,9 +63,8 @@ class Clients(KovTest):
                 agent.get("/", 204)
                 agent.logged("end of accept queue reached", count=n + 1)
             self.assertEqual(agent.trace().count("EAGAIN"), 5 if inject else 0)
-            agent.proc.send_signal(signal.SIGSTOP)
-            burst = [agent.connect() for _ in range(20)]  # taken in several batches
-            agent.proc.send_signal(signal.SIGCONT)
+            with agent.frozen():
+                burst = [agent.connect() for _ in range(20)]  # taken in several batches
             self.answered(burst)
 
     def test_a_client_that_sends_more_gets_its_answer_and_a_clean_end(self):
@@ -169,11 +168,9 @@ class Listeners(KovTest):
                 self.ask(family, place, request(target), code)
             agent.stored(str(n), b"body")
             agent.ended(n + 1)
-        agent.proc.send_signal(signal.SIGSTOP)
-        with socket.socket(socket.AF_UNIX) as s:  # what it said before it left counts
+        with agent.frozen(), socket.socket(socket.AF_UNIX) as s:  # what it said before it left counts
             s.connect(path)
             s.sendall(request(f"/src/{source}/dst/gone"))
-        agent.proc.send_signal(signal.SIGCONT)
         agent.stored("gone", b"body")
         self.end(agent)
         self.assertTrue(os.path.exists(path))  # what an agent leaves is replaced by the next

@@ -121,8 +121,7 @@ class Background(KovTest):
         write(target, "not a pid")
         os.symlink(target, link)
         os.mkfifo(fifo)
-        os.mkfifo(fifo_read)
-        self.addCleanup(os.close, os.open(fifo_read, os.O_RDONLY | os.O_NONBLOCK))
+        self.fifo(fifo_read)
         created = "create_pidfile_extra: "
         for runtime, options, place, message in (
                 (pid + 'run_as_user = "nosuch";', (), "errors", "run_as_user: getpwnam: user nosuch not found\n"),

@@ -114,9 +114,7 @@ class Outputs(KovTest):
 
     def test_a_fifo_whose_reader_stops_or_dawdles(self):
         path = f"{self.root}/fifo"
-        os.mkfifo(path)
-        reader = os.open(path, os.O_RDWR)
-        self.addCleanup(os.close, reader)
+        reader = self.fifo(path)
         agent = self.start(options=("-l", path, "-L", "debug"))
         self.works(agent)
         is_done = threading.Event()
@@ -143,9 +141,7 @@ class Syslog(KovTest):
         super().setUp()
         self.dev = self.new_root()
         write(f"{self.dev}/null")
-        os.mkfifo(f"{self.dev}/console")
-        self.console = os.open(f"{self.dev}/console", os.O_RDWR | os.O_NONBLOCK)
-        self.addCleanup(os.close, self.console)
+        self.console = self.fifo(f"{self.dev}/console")
 
     def syslogd(self, kind=socket.SOCK_DGRAM):
         server = socket.socket(socket.AF_UNIX, kind)

@@ -5,7 +5,7 @@ import shutil
 import threading
 import time
 
-from harness import ANSWERS, MODES, KovTest, age, request, reset, sized, wait_for, write
+from harness import ANSWERS, KovTest, age, request, reset, sized, wait_for, write
 
 HEAD4 = sized(4)
 GONE = b"HTTP/1.1 404 Not Found\r\n\r\n"
@@ -32,8 +32,7 @@ class Ownership(KovTest):
         return answer
 
     def test_an_order_that_starts_nothing_removes_nothing_that_lives(self):
-        for settings in MODES:
-            agent = self.start(settings + f'max_tasks = 1; local_url_prefix = "{self.origin.url("/own")}";')
+        for agent in self.in_both_modes(f'max_tasks = 1; local_url_prefix = "{self.origin.url("/own")}";'):
             url, gate = self.start_stalled(agent, "/a", "d/x")
             agent.order(url, "d/x", 500)
             agent.order(url, "d//x", 500)  # the same file by another name
@@ -56,9 +55,8 @@ class Ownership(KovTest):
         agent.completes(gate_end, "x", b"abcd")
 
     def test_the_end_of_a_mirror_leaves_the_file_of_the_other(self):
-        for settings in MODES:
-            for answer, head in ((404, GONE), (500, HEAD4 + b"wxyz"), (500, b"")):
-                agent = self.start(settings)
+        for answer, head in ((404, GONE), (500, HEAD4 + b"wxyz"), (500, b"")):
+            for agent in self.in_both_modes():
                 first, gate_head, gate_body = self.origin.gated("/first", b"", HEAD4 + b"ab", b"cd")
                 second, gate_second = self.origin.gated("/second", b"", head)
                 of_first = self.answers_later(agent, first, "x")
@@ -85,9 +83,8 @@ class Ownership(KovTest):
 
     def test_a_takeover(self):
         db = self.redis()
-        for n, settings in enumerate(MODES):
+        for n, agent in enumerate(self.in_both_modes(db.settings())):
             dst = f"x{n}"
-            agent = self.start(settings + db.settings())
             former, gate = self.start_stalled(agent, "/former", dst)
             inode = os.stat(agent.path(f"{dst}-Kova")).st_ino
             for answer, head in ((404, GONE), (500, sized(2 ** 63 - 1))):
@@ -118,9 +115,8 @@ class Ownership(KovTest):
         def replace(path):
             os.unlink(path)
             write(path, "not its own")
-        for settings in MODES:
-            for change, left in ((lambda path: os.truncate(path, 8), ()), (replace, ("x-Kova",))):
-                agent = self.start(settings)
+        for change, left in ((lambda path: os.truncate(path, 8), ()), (replace, ("x-Kova",))):
+            for agent in self.in_both_modes():
                 _, gate = self.start_stalled(agent, "/a", "x", False)
                 change(agent.path("x-Kova"))
                 gate.set()
@@ -143,8 +139,7 @@ class Ownership(KovTest):
         self.assertRegex(agent.trace(), r"ftruncate\((\d+), 5000\).*\n.*ENOSPC.*\nftruncate\(\1, 0\)")
 
     def test_a_whole_body_completes_even_when_its_source_resets(self):
-        for settings in MODES:
-            agent = self.start(settings)
+        for agent in self.in_both_modes():
             gate = threading.Event()
             agent.order(self.origin.raw("/a", HEAD4 + b"abcd", lambda conn, g=gate: (g.wait(30), reset(conn))), "x")
             agent.completes(gate, "x", b"abcd")

@@ -86,9 +86,7 @@ class Rotation(KovTest):
         self.assertNotIn("rotat", read(out).split("Misc:")[1] + agent.stderr())
 
     def test_what_is_no_regular_file_is_never_renamed(self):
-        os.mkfifo(f"{self.root}/fifo")
-        reader = os.open(f"{self.root}/fifo", os.O_RDWR | os.O_NONBLOCK)
-        self.addCleanup(os.close, reader)
+        self.fifo(f"{self.root}/fifo")
         os.symlink("/proc/self/fd/1", f"{self.root}/stdout")  # like /dev/stdout
         write(f"{self.root}/redirected", "old\n")
         for name in ("fifo", "stdout"):

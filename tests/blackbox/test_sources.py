@@ -7,7 +7,7 @@ import signal
 import socket
 import time
 
-from harness import (ANSWERS, ASAN, HEAD, MODES, OK, KovTest, NameServer, free_port, needs_namespaces, read, read_all,
+from harness import (ANSWERS, ASAN, HEAD, OK, KovTest, NameServer, free_port, needs_namespaces, read, read_all,
                      reset, sized, wait_for)
 
 SIZE = (3 << 20) + 17
@@ -54,8 +54,7 @@ class Sources(KovTest):
         agent.holds()
 
     def test_bodies_that_end_early(self):
-        for settings in MODES:
-            agent = self.start(settings)
+        for agent in self.in_both_modes():
             for i, (body, then) in enumerate(((b"", None), (b"abc", None), (b"abc", reset), (b"", reset),
                                               (b"a" * 100000, None))):
                 agent.order(self.origin.raw(f"/{i}", sized(200000) + body, then), f"e{i}", expect=None)
@@ -84,8 +83,7 @@ class Sources(KovTest):
                    0 < int(row[5][3:], 16) <= 6000 for row in rows)
 
     def test_full_disk(self):
-        for settings, answer in zip(MODES, (500, 200)):
-            agent = self.start(settings, tmpfs_kib=1024)
+        for agent, answer in zip(self.in_both_modes(tmpfs_kib=1024), (500, 200)):
             # Mapped: refused before the answer. Written: the answer is out when the disk fills up.
             agent.order(self.origin.body("/big", b"x" * SIZE, pieces=[HEAD, 1]), "big", answer)
             agent.ended()
@@ -97,8 +95,7 @@ class Sources(KovTest):
 
     def test_a_file_size_limit_fails_the_body_and_the_log_but_not_the_agent(self):
         limit = 1 << 16
-        for settings in MODES:
-            agent = self.start(settings, preexec=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit)))
+        for agent in self.in_both_modes(preexec=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))):
             agent.order(self.origin.body("/big", b"x" * (limit + 1)), "big", 500)
             agent.logged("ERROR(27): ")
             while os.path.getsize(agent.log_path) < limit:

@@ -183,9 +183,8 @@ class Quit(KovTest):
     def test_one_look_up_at_most_delays_it(self):
         names = self.service(NameServer, 0.3, True)
         agent = self.start(wrapper=names.wrapper)
-        agent.proc.send_signal(signal.SIGSTOP)
-        clients = [agent.ask(f"http://host{i}.example:{self.origin.port}/{i}", f"n{i}") for i in range(20)]
-        agent.proc.send_signal(signal.SIGCONT)
+        with agent.frozen():
+            clients = [agent.ask(f"http://host{i}.example:{self.origin.port}/{i}", f"n{i}") for i in range(20)]
         wait_for(lambda: len(names.asked) > 1, "a look-up")
         self.assertLess(self.end(agent), SLOW)
         self.assertLess(len(names.asked), 5)

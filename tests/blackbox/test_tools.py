@@ -190,10 +190,9 @@ class Orders(Ctl):
         self.ctl("-e", "600", "register", "v/a b%.ts", status=7, says="NOT registered")
 
     def test_datagrams_that_found_no_room(self):
-        self.agent.proc.send_signal(signal.SIGSTOP)
-        for _ in range(int(read("/proc/sys/net/core/rmem_default")) // 832 + 50):
-            self.agent.datagram("no order, for whoever reads it at all")
-        self.agent.proc.send_signal(signal.SIGCONT)
+        with self.agent.frozen():
+            for _ in range(int(read("/proc/sys/net/core/rmem_default")) // 832 + 50):
+                self.agent.datagram("no order, for whoever reads it at all")
         self.ctl("status", says=r"\ndatagrams dropped: \d\d+; see net.core.rmem_default\n")
         self.ctl("metrics", says=r"\nkov_dropped_datagrams_total\{agent=\"kov\"\} \d\d+\n")
 
@@ -336,9 +335,8 @@ class Drain(Ctl):
 
     def test_it_gives_up_in_time_and_on_an_agent_that_hangs(self):
         self.ends(self.drain(1), 5, "gave up: 3 downloads and 0 clients are left")
-        os.kill(self.agent.pid, signal.SIGSTOP)
-        self.ctl("drain", status=5, says="the agent hangs: 3 downloads will not end")
-        os.kill(self.agent.pid, signal.SIGCONT)
+        with self.agent.frozen():
+            self.ctl("drain", status=5, says="the agent hangs: 3 downloads will not end")
         self.origin.released.set()
 
     def test_an_agent_that_is_told_to_end_has_not_drained(self):

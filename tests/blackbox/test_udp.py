@@ -22,11 +22,10 @@ class Channel(KovTest):
 
     def test_order_is_stored_and_its_lock_released(self):
         agent = self.start()
-        agent.proc.send_signal(signal.SIGSTOP)  # all come at once
-        for i, tail in enumerate(("600", "600\r\n", "  -7 more words", "soon", "0\n\n") * 20):
-            self.origin.body(f"/{i}", b"from a datagram")
-            self.order(agent, f"job{i:02}", f"/{i}", f"u/{i}", tail)
-        agent.proc.send_signal(signal.SIGCONT)
+        with agent.frozen():
+            for i, tail in enumerate(("600", "600\r\n", "  -7 more words", "soon", "0\n\n") * 20):
+                self.origin.body(f"/{i}", b"from a datagram")
+                self.order(agent, f"job{i:02}", f"/{i}", f"u/{i}", tail)
         agent.ended(100)
         for i in range(100):
             agent.stored(f"u/{i}", b"from a datagram")

@@ -328,6 +328,13 @@ class Agent:
         status = self.proc.wait(10)
         return status, time.monotonic() - start
 
+    @contextlib.contextmanager
+    def frozen(self):
+        """What is sent to it meanwhile comes to it at once."""
+        self.proc.send_signal(signal.SIGSTOP)
+        yield
+        self.proc.send_signal(signal.SIGCONT)
+
     def restart(self, signo=signal.SIGTERM):
         self.stop(signo)
         self.run()

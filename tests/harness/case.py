@@ -9,7 +9,7 @@ import subprocess
 import tempfile
 import unittest
 
-from .agent import SLOW, Agent, read
+from .agent import MODES, SLOW, Agent, read
 from .services import Redis
 from .source import Origin
 
@@ -75,6 +75,17 @@ class KovTest(unittest.TestCase):
         service = kind(self.new_root(), *args)
         self.addCleanup(service.stop)
         return service
+
+    def in_both_modes(self, settings="", **kwargs):
+        """An agent that maps its bodies, then one that writes them."""
+        return (self.start(mode + settings, **kwargs) for mode in MODES)
+
+    def fifo(self, path):
+        """The reader's end of a new one."""
+        os.mkfifo(path)
+        reader = os.open(path, os.O_RDWR)
+        self.addCleanup(os.close, reader)
+        return reader
 
     def redis(self):
         return self.service(Redis)
