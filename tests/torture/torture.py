@@ -42,18 +42,6 @@ LARGE = bytes(range(256)) * 8192  # 2 MiB: written
 RUNS = itertools.count()
 
 
-class Broken(Exception):
-    """A promise that did not hold."""
-
-
-@contextlib.contextmanager
-def promise(broken):
-    try:
-        yield
-    except (AssertionError, subprocess.TimeoutExpired):
-        raise Broken(broken) from None
-
-
 Point = collections.namedtuple("Point", "name call wrapper env", defaults=("", (), {}))
 
 
@@ -81,15 +69,9 @@ class Scenario(KovTest):
         if "KOV_PROFILES" in os.environ:  # a coverage build: each run's own counters, since their writing may fail, too
             env["GCOV_PREFIX"] = f"{os.environ['KOV_PROFILES']}/{next(RUNS)}"
         shutil.rmtree(self.place, ignore_errors=True)
-        agent = Agent(self.place, "max_mmap_mb = 1;" + (self.db.settings() if self.db else ""), log=self.log, env=env,
-                      channel="127.0.0.1:{}" if self.db else "", level=self.level, options=("-p", f"{self.place}/pid"),
-                      wrapper=point.wrapper)
-        try:
-            wait_for(lambda: agent.is_listening() or agent.proc.poll() is not None, "the listener", self.patience)
-        except AssertionError:
-            agent.kill()
-            raise Broken("neither starts nor ends") from None
-        return agent
+        return Agent(self.place, "max_mmap_mb = 1;" + (self.db.settings() if self.db else ""), log=self.log, env=env,
+                     channel="127.0.0.1:{}" if self.db else "", level=self.level, options=("-p", f"{self.place}/pid"),
+                     wrapper=point.wrapper)
 
     def ask(self, agent, target):
         """The answer, empty if the connection was closed without one."""
@@ -101,7 +83,7 @@ class Scenario(KovTest):
                 return read_all(s) if self.call != "close" else s.recv(4096)
         except TimeoutError:
             if self.call != "close":
-                raise Broken(f"no answer to {target[:60]}") from None
+                self.fail(f"no answer to {target[:60]}")
         except OSError:
             pass
         return b""
@@ -117,7 +99,7 @@ class Scenario(KovTest):
                 return
             if agent.proc.poll() is not None:
                 return
-        raise Broken("the next good order does not work")
+        self.fail("the next good order does not work")
 
     @staticmethod
     def comes(agent, condition):
@@ -134,6 +116,7 @@ class Scenario(KovTest):
         """The whole road; the outcome in a word."""
         agent = self.launch(point)
         try:
+            wait_for(lambda: agent.is_listening() or agent.proc.poll() is not None, "its start or end", self.patience)
             if point.name in ("road", "memcheck"):
                 self.base_fds = agent.fds()
             for step in (self.drive, self.settle, self.good_order, self.settle) if agent.proc.poll() is None else ():
@@ -150,20 +133,17 @@ class Scenario(KovTest):
             if name.endswith("-Kova"):
                 # Left under that name where it could not be removed, or, as documented, could not be renamed.
                 if lives and self.call != "unlink" and "complete_download: rename(" not in agent.log():
-                    raise Broken(f"unfinished file {name}")
+                    self.fail(f"unfinished file {name}")
             else:
                 with open(agent.path(name), "rb") as f:
-                    if f.read() not in (SMALL, LARGE):
-                        raise Broken(f"wrong body under the final name {name}")
+                    self.assertTrue(f.read() in (SMALL, LARGE), f"wrong body under the final name {name}")
         if not lives:
             return
         kept = set(agent.held()) - {"job2.lock"}  # a local order leaves its lock to lapse
         if kept and self.call not in ("unlink", "close"):
-            raise Broken(f"locks {kept}")
-        with promise(f"more than {limit} descriptors"):
-            wait_for(lambda: agent.fds() <= limit, "descriptors", 2.0)
-        with promise("spins"):
-            agent.idles(0.05, 0.04)
+            self.fail(f"locks {kept}")
+        wait_for(lambda: agent.fds() <= limit, f"at most {limit} descriptors", 2.0)
+        agent.idles(0.05, 0.04)
 
     def quit(self, agent):
         """Quits the agent, which has one more download, if it lives; the outcome in a word."""
@@ -171,26 +151,23 @@ class Scenario(KovTest):
         if lived:
             self.order(agent, "stalled", "cut-by-the-end")
             agent.proc.send_signal(signal.SIGTERM)
-        with promise("does not quit"):
-            status = agent.proc.wait(self.patience)
+        status = agent.proc.wait(self.patience)
         said = agent.log() + agent.stderr()
         if status < 0 and not (status == -signal.SIGABRT and "(PNC)" in said):
-            raise Broken(f"ended by signal {-status}")
+            self.fail(f"ended by signal {-status}")
         if status < 0:
             # The event loop's own containers are the one thing that it cannot do without; an unreadable digest is an
             # empty one; a mapping that cannot be given back has been corrupted.
             panic = "".join(re.findall(r"\(PNC\)(?s:.*)", said))
             expected = r"add_sha1|xvlst_reset: munmap FAILED" + ("" if self.call else r"|rqs_\w+|reserve")
-            if not re.search(expected, panic):
-                raise Broken(f"aborted: {panic[:200]}")
+            self.assertRegex(panic, expected)
             return "aborted"
         return "lived" if lived else "ended"
 
     def points(self):
         """Every point of failure on this road, and the calls that cannot fail."""
-        trace, counter, report = f"{self.root}/trace", f"{self.root}/count", f"{self.root}/memcheck"
-        if self.walk(Point("road", wrapper=["strace", "-D", "-qq", "-o", trace])) != "lived":
-            raise Broken("ends by itself though nothing fails")
+        trace, report = f"{self.root}/trace", f"{self.root}/memcheck"
+        self.assertEqual(self.walk(Point("road", wrapper=["strace", "-D", "-qq", "-o", trace])), "lived")
         wait_for(lambda: "exit_group(" in read(trace)[-200:], "the trace")
         calls = [line.split("(", 1)[0] for line in read(trace).splitlines()]
         main = next(n for n, line in enumerate(read(trace).splitlines()) if line.startswith("fcntl(0, F_GETFD)"))
@@ -204,9 +181,9 @@ class Scenario(KovTest):
                       for n in numbers for error in errors.split()]
         if "FAILALLOC" in os.environ:
             preload = {"LD_PRELOAD": os.environ["FAILALLOC"]}
-            self.walk(Point("count", env={**preload, "KOV_ALLOC_COUNT": counter}))
-            found += [Point(f"allocation {n}", env={**preload, "KOV_FAIL_ALLOC": str(n)})
-                      for n in range(1, int(read(counter)) + 1)]
+            self.walk(Point("count", env=preload))
+            count = int(re.search(r"allocations: (\d+)", read(f"{self.place}/stderr"))[1])
+            found += [Point(f"allocation {n}", env={**preload, "KOV_FAIL_ALLOC": str(n)}) for n in range(1, count + 1)]
         leaks = ["--leak-check=full", "--show-leak-kinds=definite,indirect,possible", "--track-fds=yes"]
         found.append(Point("memcheck", wrapper=["valgrind", *leaks, "--error-exitcode=99", f"--log-file={report}"]))
         return found, sorted(call for call in set(total) - set(ERRORS) if call.isidentifier())
@@ -216,7 +193,7 @@ class Scenario(KovTest):
         if point.name == "memcheck":
             text = read(f"{self.root}/memcheck")
             if "ERROR SUMMARY: 0 errors" not in text or text.count("Open ") > text.count("<inherited from parent>"):
-                raise Broken(text[-2000:])
+                self.fail(text[-2000:])
         return outcome
 
     def test(self):
@@ -229,7 +206,7 @@ class Scenario(KovTest):
         for point in chosen:
             try:
                 outcomes[self.one(point)] += 1
-            except Broken as e:
+            except (AssertionError, subprocess.TimeoutExpired) as e:
                 outcomes["broken"] += 1
                 print(f"{name}: {point.name}: {e}", flush=True)
         print(f"{name}: {len(chosen)} of {len(found)} points, {outcomes['lived']} lived, {outcomes['ended']} ended "

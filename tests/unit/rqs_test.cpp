@@ -3,7 +3,6 @@
 
 #include "caught_log.h"
 #include "signals.h"
-#include "timeop.h"
 
 #include <gtest/gtest.h>
 
@@ -149,15 +148,15 @@ TEST_F(Loop, TheWaitLimitIsInWholeMilliseconds)
 TEST_F(Loop, TheClockStandsStillWithinARound)
 {
     ASSERT_EQ(rqs_add_writer(sv[0], &rec), 0);
-    g_on_event = [](char, uint32_t, void*) {
+    const auto moves = [](char, uint32_t, void*) {
         const timespec before = *rqs_now_ref();
         usleep(2000);
-        EXPECT_EQ(rqs_now_ref()->tv_nsec, before.tv_nsec);
-        return 0;
+        return rqs_now_ref()->tv_nsec != before.tv_nsec ? 1 : 0;
     };
+    g_on_event = moves;
     EXPECT_EQ(rqs_event_loop(), 0);
     rqs_destroy();
-    EXPECT_LT(mono_ms() - rqs_now_ref()->tv_sec * 1000, 2000) << "without a loop the clock itself is read";
+    EXPECT_EQ(moves(0, 0, nullptr), 1) << "without a loop the clock itself is read";
 }
 
 TEST_F(Loop, IsNeededAndNamesWhatIsNotWatched)

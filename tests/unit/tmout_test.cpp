@@ -1,4 +1,3 @@
-#include "rqs.h"
 #include "tmout.h"
 
 #include <gtest/gtest.h>
@@ -65,12 +64,4 @@ TEST(Deadline, IsMissedOnlyStrictlyLater)
     };
     for (const auto& c : cases)
         EXPECT_EQ(timed_out_as(c.start, c.interval, 0, &c.now), c.expired) << c.now.tv_sec << '.' << c.now.tv_nsec;
-}
-
-TEST(Deadline, IsReadOffTheClockBeforeThereIsALoop)
-{
-    timespec now{};
-    rqs_set_now(&now);
-    EXPECT_EQ(timed_out(now, {3600, 0}), 0);
-    EXPECT_EQ(timed_out({now.tv_sec - 2, now.tv_nsec}, {1, 0}), 1) << "before the loop is there, the clock is read";
 }
