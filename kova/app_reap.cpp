@@ -62,7 +62,8 @@ void set_unguarded(dw_task* task, bool on) noexcept
         return;
     task->is_unguarded = on;
     if (on) {
-        ++g_ctx.nunguarded;
+        if (g_ctx.nunguarded++ == 0)
+            rqs_set_now(&g_ctx.unguarded_since);
         set_timeout(SRC_GUARD_TMOUT, SRC_GUARD_TMOUT_MS);
     } else {
         --g_ctx.nunguarded;
@@ -87,9 +88,8 @@ void guard_sources() noexcept
 {
     timespec pace{};
     ms2timespec(SRC_GUARD_TMOUT_MS, &pace);
-    if (g_ctx.nunguarded == 0 || !timed_out(g_ctx.last_guard_check, pace))
+    if (g_ctx.nunguarded == 0 || !timed_out(g_ctx.unguarded_since, pace))
         return;
-    rqs_set_now(&g_ctx.last_guard_check);
     slots_each<guard_source>(&g_ctx.tasks, nullptr);
 }
 

@@ -48,7 +48,7 @@ static int build_ctx(const char** step) noexcept
         return rc;
 
     rqs_set_now(&g_ctx.last_tmout_check);
-    g_ctx.last_rq_check = g_ctx.last_guard_check = g_ctx.last_tmout_check;
+    g_ctx.last_rq_check = g_ctx.last_tmout_check;
     g_ctx.last_task_id = 0;
     g_ctx.is_ready = true;
     return 0;

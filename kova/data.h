@@ -157,8 +157,8 @@ struct kova_ctx {
     size_t last_task_id;
     timespec last_tmout_check;
     timespec last_rq_check;
-    timespec last_guard_check;
-    size_t nunguarded; /* tasks whose source has no keep-alive yet */
+    size_t nunguarded;        /* tasks whose source has no keep-alive yet */
+    timespec unguarded_since; /* loop clock at which the first of them came */
 };
 
 extern kova_ctx g_ctx;
