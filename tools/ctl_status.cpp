@@ -54,8 +54,9 @@ struct agent_state {
     pid_t pid = 0;
     std::vector<std::string> listeners; /* with what a reader must know of them */
     std::vector<std::string> channels;
-    unsigned long dropped = 0; /* datagrams that found a channel's receive buffer full */
-    size_t clients = 0;        /* connected */
+    unsigned long dropped = 0;           /* datagrams that found a channel's receive buffer full */
+    std::optional<std::string> database; /* what it is connected to */
+    size_t clients = 0;                  /* connected */
     unsigned long queued = 0;
     size_t downloads = 0;
     size_t fds = 0;
@@ -170,10 +171,12 @@ std::string listener_text(const net_socket& s, const std::vector<net_socket>& al
 std::vector<net_socket> take_sockets(agent_state* a, const std::vector<descriptor>& fds)
 {
     const std::set<ino_t> own_inodes = sockets_among(fds);
-    const std::set<ino_t> watched = watched_among(a->pid, fds);
+    /* Before and after, so that no download that has just begun or just ended passes for the database's connection. */
+    std::set<ino_t> watched = watched_among(a->pid, fds);
+    const std::vector<net_socket> all = net_sockets(a->pid, socket_choice::ALL);
+    watched.merge(watched_among(a->pid, fds));
     std::set<unsigned> ports;
     std::set<std::string> paths;
-    const std::vector<net_socket> all = net_sockets(a->pid, socket_choice::ALL);
     std::vector<net_socket> own;
     std::copy_if(all.begin(), all.end(), std::back_inserter(own),
                  [&](const net_socket& s) { return own_inodes.contains(s.inode); });
@@ -200,6 +203,8 @@ std::vector<net_socket> take_sockets(agent_state* a, const std::vector<descripto
             ++a->clients;
         else if (s.kind == net_socket::STREAM && watched.contains(s.inode))
             sources.push_back(s);
+        else if (s.is_connected)
+            a->database = s.peer();
     }
     return sources;
 }
@@ -281,6 +286,9 @@ void print_text(const agent_state& a)
         printf("listener: %s\n", l.c_str());
     for (const std::string& c : a.channels)
         printf("channel: %s\n", c.c_str());
+    if (a.database || g_cfg.lbdb.port > 0)
+        printf("database: %s\n",
+               a.database ? a.database->c_str() : "not connected: nothing is registered until the agent starts again");
     if (a.dropped > 0)
         printf("datagrams dropped: %lu; see net.core.rmem_default\n", a.dropped);
     printf("clients: %zu, %lu waiting\n", a.clients, a.queued);
@@ -358,6 +366,7 @@ void print_json(const agent_state& a)
     const std::optional<uint64_t> max = g_cfg.max_tasks > 0 ? std::optional<uint64_t>(g_cfg.max_tasks) : std::nullopt;
     printf("{\"pid\": %d, \"listeners\": %s, \"channels\": %s, \"dropped\": %lu,\n", a.pid,
            json_list(a.listeners).c_str(), json_list(a.channels).c_str(), a.dropped);
+    printf(" \"database\": %s,\n", a.database ? json(*a.database).c_str() : "null");
     printf(" \"clients\": {\"connected\": %zu, \"waiting\": %lu},\n", a.clients, a.queued);
     printf(" \"downloads\": {\"running\": %zu, \"max\": %s, \"bytes_per_second\": %s},\n", a.downloads,
            json_or_null(max).c_str(), json_or_null(a.rate).c_str());
@@ -444,10 +453,7 @@ std::optional<workload> workload_of(pid_t pid)
 
 int cmd_status()
 {
-    const found_agent agent = find_agent();
-    if (!agent.pid)
-        fail(agent.is_hidden ? STATUS_REFUSED : STATUS_UNREACHABLE, agent.why_not);
-    const agent_state a = look_at(*agent.pid);
+    const agent_state a = look_at(need_agent());
     if (g_set.is_json)
         print_json(a);
     else
@@ -459,8 +465,8 @@ int cmd_status()
 int cmd_metrics()
 {
     const found_agent agent = find_agent();
-    if (agent.is_hidden)
-        fail(STATUS_REFUSED, agent.why_not);
+    if (!agent.pid && agent.may_run)
+        fail(agent.status, agent.why_not);
     g_label = "agent=" + label(g_set.config.empty() ? "kov" : fs::path(g_set.config).stem().native());
     gauge("kov_up", "Whether the agent's process is there.", agent.pid ? 1 : 0);
     if (agent.pid)

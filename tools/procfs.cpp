@@ -31,6 +31,7 @@ namespace fs = std::filesystem;
 namespace
 {
 
+constexpr unsigned STATE_CONNECTED = 0x01;
 constexpr unsigned STATE_LISTENING = 0x0a;
 constexpr unsigned PATH_ACCEPTS = 0x10000; /* flag of a listening Unix-domain socket */
 
@@ -73,6 +74,7 @@ void read_inet(const fs::path& table, net_socket::kind_of kind, socket_choice ch
         s.dropped = kind == net_socket::DATAGRAM ? last : 0;
         s.kind = kind;
         s.is_listening = kind == net_socket::DATAGRAM || state == STATE_LISTENING;
+        s.is_connected = kind == net_socket::STREAM && state == STATE_CONNECTED;
         if (choice == socket_choice::LISTENING && !s.is_listening)
             return;
         s.is_six = strlen(host.data()) > 8;

@@ -47,6 +47,7 @@ struct net_socket {
     std::string peer_host;
     unsigned peer_port = 0;
     bool is_listening = false;
+    bool is_connected = false; /* of a STREAM: neither side has ended it */
     bool is_six = false;       /* an IPv6 socket, whatever its addresses */
     unsigned long waiting = 0; /* of a listening STREAM: clients that the process has not taken yet */
     unsigned long dropped = 0; /* of a DATAGRAM: what found its receive buffer full */
