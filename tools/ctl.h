@@ -47,6 +47,8 @@ extern ctl_settings g_set;
 
 /* Says so on standard error and ends the program. */
 [[noreturn]] void fail(int status, const std::string& text);
+/* A command wants what only the configuration tells: that has no such key, or was not read. */
+[[noreturn]] void fail_without(const char* key, const char* advice);
 
 /* "host:port" or "[host]:port" in its parts, without brackets. None when there is no port. */
 struct host_port {
@@ -85,10 +87,13 @@ struct host_port {
    file's or the only one of that name. */
 struct found_agent {
     std::optional<pid_t> pid;
-    std::string why_not;    /* without a pid */
-    bool is_hidden = false; /* there may be one, but this user may not look */
+    std::string why_not; /* without a pid; the next two as well */
+    int status = STATUS_UNREACHABLE;
+    bool may_run = false; /* hidden from this user, or one of several */
 };
 [[nodiscard]] found_agent find_agent();
+/* Ends the program when none is found. */
+[[nodiscard]] pid_t need_agent();
 [[noreturn]] void fail_blind(pid_t pid);
 
 /* A file that a process is writing. */

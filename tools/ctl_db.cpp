@@ -74,7 +74,7 @@ fleet_url parse_url(const std::string& text)
 fleet_url url_of_configuration()
 {
     if (g_cfg.lbdb.port <= 0)
-        fail(STATUS_USAGE, "the configuration has no lbdb, the environment no KOV_FLEET: there is no database to ask");
+        fail_without("lbdb", "name the database in KOV_FLEET (redis://HOST:PORT)");
     fleet_url url;
     url.scheme = "redis";
     url.places.push_back({g_cfg.lbdb.host, g_cfg.lbdb.port});

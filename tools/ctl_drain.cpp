@@ -54,12 +54,10 @@ bool has_ended(int pidfd, int wait_ms)
 
 int cmd_drain()
 {
-    const found_agent agent = find_agent();
-    if (!agent.pid)
-        fail(agent.is_hidden ? STATUS_REFUSED : STATUS_UNREACHABLE, agent.why_not);
-    const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, *agent.pid, 0));
+    const pid_t pid = need_agent();
+    const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
     if (pidfd < 0)
-        fail(STATUS_UNREACHABLE, "process " + std::to_string(*agent.pid) + ": " + strerror(errno));
+        fail(STATUS_UNREACHABLE, "process " + std::to_string(pid) + ": " + strerror(errno));
     const scope_guard close_fd([pidfd] { close(pidfd); });
 
     const auto begin = steady_clock::now();
@@ -70,13 +68,13 @@ int cmd_drain()
     workload busy{}; /* the last one that was not idle */
     for (bool was_idle = false;;) {
         const auto now = steady_clock::now();
-        const auto seen = workload_of(*agent.pid);
+        const auto seen = workload_of(pid);
         if (!seen && !has_ended(pidfd, LOOK_MS))
-            fail_blind(*agent.pid);
+            fail_blind(pid);
         if (!seen)
             fail_gone(busy);
         const bool is_idle = seen->downloads == 0 && seen->clients == 0;
-        if (is_idle && was_idle && takes_signal(*agent.pid, SIGTERM)) {
+        if (is_idle && was_idle && takes_signal(pid, SIGTERM)) {
             printf("drained: nothing runs, after %.1f s\n", std::chrono::duration<double>(now - begin).count());
             return 0;
         }

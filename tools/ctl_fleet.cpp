@@ -10,6 +10,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <set>
 #include <sstream>
@@ -20,6 +21,7 @@ namespace
 constexpr int64_t LIVES_MS = 3000; /* after its last beat: as long as balancers send players to a host */
 constexpr long SOON_SEC = 3600;
 constexpr size_t SHOWN = 10;
+constexpr size_t HOST_WIDTH = 40;    /* columns at the most, else out of line */
 constexpr size_t HOSTS_MAX = 100000; /* an id may have a copy at any name at all */
 constexpr uint64_t IDS_SPARE = 1000; /* beyond what a server's number of keys allows */
 constexpr auto SCAN_WAIT = std::chrono::minutes(1);
@@ -192,16 +194,22 @@ void print(const fleet_state& f)
 {
     constexpr double GIB = 1 << 30;
     constexpr int64_t MS = 1000;
-    printf("%-40s %-12s %6s %10s %6s %10s %10s %8s\n", "host", "lives", "weight", "free GiB", "agent", "copies",
+    int width = strlen("host");
+    for (const auto& [name, row] : f.hosts)
+        width = std::max(width, static_cast<int>(std::min(name.size(), HOST_WIDTH)));
+    printf("%-*s %-10s %6s %8s %5s %8s %8s %7s\n", width, "host", "lives", "weight", "free GiB", "agent", "copies",
            "end soon", "never");
     for (const auto& [name, row] : f.hosts) {
         const std::string lives = !row.is_beating ? "never seen"
                                   : row.lives()   ? "yes"
                                                   : "no, " + std::to_string(row.age_ms / MS) + " s";
         const char* agent = row.agent == "1" ? "yes" : row.agent == "0" ? "no" : "-";
-        printf("%-40s %-12s %6s %10.1f %6s %10" PRIu64 " %10" PRIu64 " %8" PRIu64 "\n", printable(name).c_str(),
-               lives.c_str(), row.is_beating ? printable(row.weight).c_str() : "-",
-               static_cast<double>(row.free_bytes) / GIB, agent, row.copies, row.soon, row.never);
+        std::array<char, 32> free{"-"};
+        if (row.is_beating)
+            snprintf(free.data(), free.size(), "%.1f", static_cast<double>(row.free_bytes) / GIB);
+        printf("%-*s %-10s %6s %8s %5s %8" PRIu64 " %8" PRIu64 " %7" PRIu64 "\n", width, printable(name).c_str(),
+               lives.c_str(), row.is_beating ? printable(row.weight).c_str() : "-", free.data(), agent, row.copies,
+               row.soon, row.never);
     }
     if (f.copies_elsewhere > 0)
         printf("at further hosts, which are not shown: %" PRIu64 " copies\n", f.copies_elsewhere);
@@ -211,6 +219,9 @@ void print(const fleet_state& f)
         printf("ends in %ld s: %s\n", ends - f.now, printable(id).c_str());
     for (const std::string& id : f.lost_shown)
         printf("on no living host: %s\n", printable(id).c_str());
+    if (!f.hosts.empty() &&
+        std::none_of(f.hosts.begin(), f.hosts.end(), [](const auto& h) { return h.second.is_beating; }))
+        puts("no host has ever said that it lives: does kov-alive run there?");
 }
 
 } // namespace

@@ -326,7 +326,7 @@ std::vector<fs::path> default_logs()
 {
     const fs::path log = g_cfg.log.path;
     if (log.empty() || log.native().front() == '|')
-        fail(STATUS_USAGE, "the configuration has no log file: name the logs, the oldest first");
+        fail_without("log file", "name the logs, the oldest first");
     /* A rotated log is named by the second of its end, which is sorted as the number that it is. */
     std::map<unsigned long, fs::path> rotated;
     std::error_code ec;

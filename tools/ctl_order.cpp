@@ -436,7 +436,7 @@ int cmd_send(std::span<char* const> args)
         fail(STATUS_USAGE, "source and destination are too long for a datagram");
     const std::string text = "#!" + lid + " http://" + path + " " + std::to_string(*expiry);
     if (g_set.channel.empty())
-        fail(STATUS_USAGE, "the configuration has no udp_input: name the channel with --udp ADDR:PORT");
+        fail_without("udp_input", "name the channel (-u)");
     const auto ai = resolve(g_set.channel, SOCK_DGRAM);
     const int fd = socket(ai->ai_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const scope_guard close_fd([fd] { close(fd); });
@@ -466,7 +466,8 @@ int register_one(const std::string& dst)
         return status_of(code);
     }
     if (!log) {
-        printf("%s: asked for; there is no log file here that tells what the database said\n", dst.c_str());
+        printf("%s: asked for; what the database said stands in the agent's log, which cannot be read here: %s\n",
+               dst.c_str(), g_cfg.log.path);
         return STATUS_UNREGISTERED;
     }
     if (logged_since(log.get()).find("add_lbdb_url: failed to add [" + dst + "]\n") != std::string::npos) {
@@ -481,9 +482,9 @@ int register_one(const std::string& dst)
 int cmd_register(std::span<char* const> args)
 {
     if (g_set.prefix.empty())
-        fail(STATUS_USAGE, "the configuration has no local_url_prefix: there is nothing to register");
+        fail_without("local_url_prefix", "there is nothing to register");
     if (g_cfg.lbdb.port <= 0)
-        fail(STATUS_USAGE, "the configuration has no lbdb: there is nowhere to register");
+        fail_without("lbdb", "there is nowhere to register");
     if (g_set.is_from_log)
         return cmd_register_from_log(args);
     if (args.empty())

@@ -57,7 +57,7 @@ found_agent find_agent()
     std::erase_if(agents, [](pid_t pid) { return !is_agent(pid); });
     for (const pid_t pid : agents) {
         if (!g_set.places.empty() && !descriptors_of(pid)) /* it may be the one */
-            return {std::nullopt, blind_text(pid), true};
+            return {std::nullopt, blind_text(pid), STATUS_REFUSED, true};
     }
     listener_tables known;
     if (!g_set.places.empty())
@@ -77,7 +77,16 @@ found_agent find_agent()
     std::string pids;
     for (const pid_t pid : agents)
         pids += (pids.empty() ? "" : ", ") + std::to_string(pid);
-    return {std::nullopt, "more than one agent " + places + " (" + pids + "): choose one with --pid"};
+    return {std::nullopt, "more than one agent " + places + " (" + pids + "): choose one with --pid",
+            STATUS_UNREACHABLE, true};
+}
+
+pid_t need_agent()
+{
+    const found_agent agent = find_agent();
+    if (!agent.pid)
+        fail(agent.status, agent.why_not);
+    return *agent.pid;
 }
 
 std::vector<written_file> files_written_by(pid_t pid, const std::vector<descriptor>& fds)

@@ -142,11 +142,11 @@ void check_places(const kova_cfg& cfg)
 
 int usage(FILE* out, int status)
 {
-    fputs(
-        "usage: kov-checkconf [--strict] [--wait SECONDS] [FILE]\n       kov-checkconf --keys\n\n"
-        "Loads FILE (else the file that kov would find) as kov does, prints what it means, and warns of what is legal\n"
-        "but hardly meant. Nothing is started, nothing is written.\n\n",
-        out);
+    fputs("usage: kov-checkconf [--strict] [--wait SECONDS] [FILE]\n       kov-checkconf --keys\n\n", out);
+    print_wrapped(out, 0,
+                  "Loads FILE (else the file that kov would find) as kov does, prints what it means, and warns of what "
+                  "is legal but hardly meant. Nothing is started, nothing is written.");
+    fputs("\n", out);
     print_options(out, CHECKCONF_OPTIONS);
     fputs("\nStatus: 0 accepted, 1 refused, 2 accepted with warnings (only with --strict).\n", out);
     return status;
@@ -155,6 +155,10 @@ int usage(FILE* out, int status)
 /* The whole check of one file; its status. */
 int check(const char* path, bool is_strict, int wait_sec)
 {
+    if (access(path, R_OK) != 0) {
+        fprintf(stderr, "kov-checkconf: %s: %s\n", path, strerror(errno));
+        return STATUS_REFUSED;
+    }
     glog_init("kov-checkconf");
     log_set_modules(g_log, WARN_level);
     init_kova_config(&g_cfg);
@@ -199,10 +203,13 @@ int main(int argc, char* argv[])
             is_strict = true;
             continue;
         }
-        const auto wait = c == 'w' ? parse_num<int>(optarg) : std::nullopt;
-        if (!wait || *wait < 0)
-            return usage(stderr, STATUS_REFUSED);
-        wait_sec = *wait;
+        if (c != 'w') /* getopt has said why */
+            return STATUS_REFUSED;
+        wait_sec = parse_num<int>(optarg).value_or(-1);
+        if (wait_sec < 0) {
+            fprintf(stderr, "kov-checkconf: --wait %s: not a number of seconds\n", optarg);
+            return STATUS_REFUSED;
+        }
     }
     const char* path = optind < argc ? argv[optind] : default_config_path();
     if (!path || argc - optind > 1)

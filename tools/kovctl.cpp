@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -28,6 +29,13 @@ void fail(int status, const std::string& text)
 {
     fprintf(stderr, "kovctl: %s\n", text.c_str());
     exit(status);
+}
+
+void fail_without(const char* key, const char* advice)
+{
+    const std::string why =
+        g_set.config.empty() ? "no configuration was read (-C names one)" : g_set.config + " has no " + key;
+    fail(STATUS_USAGE, why + ": " + advice);
 }
 
 std::optional<host_port> host_port_of(std::string_view text)
@@ -49,14 +57,17 @@ constexpr const char* PACKAGED_CONFIG = "/etc/kov/kov.conf"; /* what the service
 int usage(FILE* out, int status)
 {
     fputs("usage: kovctl [OPTIONS] COMMAND [ARGUMENTS]\n\n", out);
-    for (const ctl_command& c : CTL_COMMANDS)
-        fprintf(out, "  %-9s %-19s %s\n", c.name, c.args, c.help);
+    for (const ctl_command& c : CTL_COMMANDS) {
+        const int column = fprintf(out, "  %-9s %-19s ", c.name, c.args);
+        print_wrapped(out, column, c.help);
+    }
     fputs("\n", out);
     print_options(out, CTL_OPTIONS);
-    fputs(
-        "\nStatus: 0 done; 1 refused, failed, or something was found; 2 usage; 3 no agent there; 4 the destination is\n"
-        "there already, or forbidden; 5 gave up waiting; 6 refused by the source; 7 not registered, or not known.\n",
-        out);
+    fputs("\n", out);
+    print_wrapped(out, 0,
+                  "Status: 0 done; 1 refused, failed, or something was found; 2 usage; 3 no agent there; 4 the "
+                  "destination is there already, or forbidden; 5 gave up waiting; 6 refused by the source; 7 not "
+                  "registered, or not known.");
     return status;
 }
 
@@ -99,9 +110,15 @@ void complete(const char* path, bool is_named)
         return;
     log_set_modules(g_log, ERR_level);
     init_kova_config(&g_cfg);
-    if (load_kova_config(path, &g_cfg, 0) != 0) {
-        if (is_named)
-            fail(STATUS_USAGE, std::string(path) + " is refused: see kov-checkconf");
+    const char* why_not = access(path, R_OK) != 0                  ? strerror(errno)
+                          : load_kova_config(path, &g_cfg, 0) != 0 ? "refused: see kov-checkconf"
+                                                                   : nullptr;
+    if (why_not && is_named)
+        fail(STATUS_USAGE, std::string(path) + ": " + why_not);
+    if (why_not) {
+        fprintf(stderr, "kovctl: goes on without %s: %s\n", path, why_not);
+        free_kova_config(&g_cfg);
+        init_kova_config(&g_cfg);
         return;
     }
     g_set.config = path;
@@ -222,8 +239,8 @@ const char* take_options(int argc, char* argv[])
             break;
         case 'h':
             exit(usage(stdout, 0));
-        default:
-            exit(usage(stderr, STATUS_USAGE));
+        default: /* getopt has said why */
+            fail(STATUS_USAGE, "see kovctl --help");
         }
     }
     return named;
@@ -241,12 +258,14 @@ int main(int argc, char* argv[])
     const std::span<char* const> args(argv + optind, static_cast<size_t>(argc - optind));
     const auto* cmd = std::find_if(std::begin(CTL_COMMANDS), std::end(CTL_COMMANDS),
                                    [name](const ctl_command& c) { return strcmp(c.name, name) == 0; });
-    if (cmd == std::end(CTL_COMMANDS) || args.size() < cmd->min_args || args.size() > cmd->max_args)
-        return usage(stderr, STATUS_USAGE);
+    if (cmd == std::end(CTL_COMMANDS))
+        fail(STATUS_USAGE, std::string("no command ") + name + ": see kovctl --help");
+    if (args.size() < cmd->min_args || args.size() > cmd->max_args)
+        fail(STATUS_USAGE, std::string(name) + " takes " + (*cmd->args ? cmd->args : "no arguments"));
     glog_init("kovctl");
     /* Where the agent would look, then where the service unit has it look. */
     const char* config = named ? named : default_config_path();
-    if (!config && access(PACKAGED_CONFIG, R_OK) == 0)
+    if (!config && access(PACKAGED_CONFIG, F_OK) == 0)
         config = PACKAGED_CONFIG;
     complete(config, named != nullptr);
     return run(static_cast<ctl_cmd>(cmd - CTL_COMMANDS), args);

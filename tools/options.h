@@ -6,6 +6,7 @@
 #include <getopt.h>
 #include <span>
 #include <string>
+#include <string_view>
 
 struct tool_option {
     option opt;
@@ -104,10 +105,30 @@ inline std::string option_letters(std::span<const tool_option> options)
     return letters;
 }
 
+/* Words and a line end, at most 79 columns wide; `column` have been written of the first line, and are left empty in
+   the others. */
+inline void print_wrapped(FILE* out, int column, std::string_view text)
+{
+    constexpr size_t COLUMNS = 79;
+    const auto margin = static_cast<size_t>(column);
+    size_t used = margin;
+    for (size_t from = 0; from < text.size();) {
+        const std::string word(text.substr(from, text.find(' ', from) - from));
+        if (used > margin && used + 1 + word.size() > COLUMNS) {
+            fprintf(out, "\n%*s", column, "");
+            used = margin;
+        }
+        used += static_cast<size_t>(fprintf(out, "%s%s", used > margin ? " " : "", word.c_str()));
+        from += word.size() + 1;
+    }
+    fputs("\n", out);
+}
+
 inline void print_options(FILE* out, std::span<const tool_option> options)
 {
     for (const tool_option& o : options) {
         const std::string name = std::string(o.opt.name) + (o.arg ? std::string(" ") + o.arg : "");
-        fprintf(out, "  -%c, --%-18s %s\n", o.opt.val, name.c_str(), o.help);
+        const int column = fprintf(out, "  -%c, --%-18s ", o.opt.val, name.c_str());
+        print_wrapped(out, column, o.help);
     }
 }

@@ -202,6 +202,7 @@ class Orders(Ctl):
                       ("-C", "/nowhere", "ping")):
             self.ctl(*usage, status=2)
         self.ctl("-p", str(os.getpid()), "status", status=3)  # no agent
+        run("bash", "-c", f"{BIN}/kovctl --help >/dev/full", status=1, says="standard output: No space left")
         kovctl("-a", f"127.0.0.1:{free_port()}", "ping", status=3)
         with socket.create_server(("127.0.0.1", 0)) as mute:  # takes clients, answers none
             begin = time.monotonic()
@@ -219,7 +220,8 @@ class Orders(Ctl):
         for agent, mate in ((self.agent, other), (other, self.agent)):
             kovctl("-C", f"{agent.root}/kov.conf", "--pid", str(agent.pid), "status",
                    says=rf"listener: 127.0.0.1:{self.port}, shared with pid {mate.pid} \(kov\)\n")
-        self.ctl("status", status=3, says="more than one agent listens at ")
+        for command in ("status", "metrics"):
+            self.ctl(command, status=3, says="^kovctl: more than one agent listens at ")
         kovctl("-a", f"127.0.0.1:{both}", "status", says=f"^agent: pid {other.pid}\n")
         checkconf(f"{self.agent.root}/kov.conf",
                   says=rf"127.0.0.1:{self.port}: an agent \(pid {self.agent.pid}\) listens there already")
@@ -375,6 +377,7 @@ class Left(Ctl):
         running = self.agent.path('run"ning-Kova')
         self.ctl("status", says=rf"""^agent: pid {self.agent.pid}
 listener: 127.0.0.1:{self.port}\nlistener: {self.socket}\nchannel: 127.0.0.1:{self.agent.udp_port}
+database: 127.0.0.1:{self.database.port}
 clients: 0, 0 waiting\ndownloads: 1 of 4096, 0 bytes/s\ndescriptors: \d+ of \d+
 unfinished: {running}, 3 of 9 bytes, 4\d s since its last change\n$""")
         state = json.loads(self.ctl("status", "--json"))
@@ -444,6 +447,7 @@ unfinished: {running}, 3 of 9 bytes, 4\d s since its last change\n$""")
         self.agent.order(self.origin.body("/a", b"a"), "a", query="?expiry=600")
         self.agent.ended()
         self.database.run()
+        self.ctl("status", says="database: not connected")
         self.ctl("register", "--from-log", status=7)  # its connection is gone for good
         self.agent.restart()
         begin = time.time()
