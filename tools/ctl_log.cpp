@@ -122,11 +122,11 @@ struct order {
     const char* what = "";
 };
 
-/* By the path of the final file; looked up with a part of a line. */
+/* By the path of the final file, for which several sources may be ordered at once; looked up with a part of a line. */
 struct text_hash : std::hash<std::string_view> {
     using is_transparent = void;
 };
-using orders = std::unordered_map<std::string, order, text_hash, std::equal_to<>>;
+using orders = std::unordered_multimap<std::string, order, text_hash, std::equal_to<>>;
 /* The few that are printed, sorted. */
 using sorted_orders = std::map<std::string, order, std::less<>>;
 
@@ -193,12 +193,31 @@ void lose(history* h, const std::string& path, order o, const char* what)
     h->lost[path] = std::move(o);
 }
 
+orders::iterator find_order(orders* running, std::string_view path, std::string_view src)
+{
+    const auto [begin, end] = running->equal_range(path);
+    const auto it = std::find_if(begin, end, [src](const auto& entry) { return entry.second.src == src; });
+    return it == end ? running->end() : it;
+}
+
+/* Of all orders for one file: what a line says that names no source. */
+void mark(orders* running, std::string_view path, bool order::*flag, bool value)
+{
+    const auto [begin, end] = running->equal_range(path);
+    std::for_each(begin, end, [flag, value](auto& entry) { entry.second.*flag = value; });
+}
+
 void take_start(history* h, const record& r)
 {
-    if (const auto t = parse_task(r.text))
-        h->processes[r.pid].running.insert_or_assign(
-            std::string(t->path),
-            order{.src = std::string(t->src), .expiry = t->expiry, .tm = time_of(r), .is_of_channel = r.is_of_channel});
+    const auto t = parse_task(r.text);
+    if (!t)
+        return;
+    orders& running = h->processes[r.pid].running;
+    if (const auto it = find_order(&running, t->path, t->src); it != running.end())
+        running.erase(it); /* its end is in a log that is not at hand */
+    running.emplace(
+        t->path,
+        order{.src = std::string(t->src), .expiry = t->expiry, .tm = time_of(r), .is_of_channel = r.is_of_channel});
 }
 
 /* A task whose end cannot be told from a refusal that its sender was told counts as lost only when its line says so. */
@@ -208,7 +227,7 @@ void take_end(history* h, const record& r)
     if (!end)
         return;
     process& p = h->processes[r.pid];
-    const auto it = p.running.find(end->path);
+    const auto it = find_order(&p.running, end->path, end->src);
     if (it == p.running.end())
         return;
     const auto [path, o] = std::move(*it);
@@ -218,6 +237,7 @@ void take_end(history* h, const record& r)
     if (p.is_quitting) {
         lose(h, path, o, "cut by a stop");
     } else if (o.is_answered) {
+        mark(&p.running, path, &order::is_answered, false); /* the line was about this one */
         lose(h, path, o, "broken");
     } else if (h->unnamed_breaks > 0) {
         --h->unnamed_breaks;
@@ -232,11 +252,11 @@ void take_stored(history* h, const record& r)
     const std::string_view path = between(r.text, "] to [", "]");
     if (const auto it = h->lost.find(path); it != h->lost.end())
         h->lost.erase(it);
-    process& p = h->processes[r.pid];
-    const auto it = p.running.find(path);
-    if (it == p.running.end())
+    orders& running = h->processes[r.pid].running;
+    const auto it = find_order(&running, path, between(r.text, " bytes, [", "] to ["));
+    if (it == running.end())
         return;
-    it->second.is_stored = true;
+    mark(&running, path, &order::is_stored, true); /* the others have nothing to lose any more */
     if (h->want_ends)
         h->ends.push_back({it->first, it->second.expiry, time_of(r), true});
 }
@@ -252,10 +272,7 @@ void take_error(history* h, const record& r)
     else if (r.text.starts_with("complete_download: ") || r.text.starts_with("on_read: task [") ||
              r.text.starts_with("on_write: task [") || r.text.starts_with("on_error: task ["))
         ++h->unnamed_breaks;
-    process& p = h->processes[r.pid];
-    const auto it = p.running.find(without_suffix(path));
-    if (it != p.running.end())
-        it->second.is_answered = true;
+    mark(&h->processes[r.pid].running, without_suffix(path), &order::is_answered, true);
 }
 
 void take_unregistered(history* h, const record& r)

@@ -13,8 +13,8 @@ import subprocess
 import time
 import unittest
 
-from harness import (ASAN, KOV, KovTest, ScriptedDatabase, Server, age, free_port, read, request, reset, sized,
-                     wait_for, write)
+from harness import (ANSWERS, ASAN, KOV, KovTest, ScriptedDatabase, Server, age, free_port, read, read_all, request,
+                     reset, sized, wait_for, write)
 
 BIN = os.path.dirname(KOV)
 FAKETIME = glob.glob("/usr/lib/*/faketime/libfaketime.so.1")[0]
@@ -424,7 +424,13 @@ unfinished: {running}, 3 of 9 bytes, 4\d s since its last change\n$""")
         self.agent.restart()
         wait_for(lambda: "over: cut by a stop, over" in self.ctl("lost", status=1), "the expiry's end")
         time.sleep(1)  # the next log is named by the second, too
-        agent.order(self.origin.halves("/crashed"), "crashed")
+        backup, gate = self.origin.gated("/backup", b"", sized(1) + b"x")
+        with agent.ask(backup, "crashed") as client:
+            agent.logged("/backup]->")
+            agent.order(self.origin.halves("/crashed"), "crashed")
+            gate.set()
+            self.assertEqual(read_all(client), ANSWERS[500])
+        agent.ended()
         log = agent.log()
         self.agent.restart(signal.SIGKILL)
         write(f"{self.root}/last-boot", re.sub(r"(?m)^2\d{3}(-.* )\d+(?=  \()", rf"2001\g<1>{agent.pid}", log))
