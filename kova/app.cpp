@@ -216,8 +216,10 @@ void free_dw(dw_task* task) noexcept
         LOG_DEBUG("%s: unmapped fd%d, buf=%p, %zu bytes\n", __func__, task->dfd, static_cast<void*>(task->buf),
                   task->buflen); /* after the clearing: the line has always shown an empty buffer */
     }
-    if (is_owed)
+    if (is_owed) {
         remove_unfinished(__func__, task);
+        task->spec.fpath[0] = '\0';
+    }
     task->hresp = nullptr;
     if (task->spec.lid[0]) {
         lid_unlock(task->spec.lid, task->spec.lock_tm);

@@ -119,19 +119,6 @@ void end_takeover(const char* fn, const dw_task* task, bool is_made) noexcept
     W_unlink(fn, aside.data());
 }
 
-/* A match for the walk over the tasks that have ended in this round. */
-static bool has_path(dw_task* const* task, const char* path) noexcept
-{
-    return (*task)->dfd > 0 && strcmp((*task)->spec.fpath, path) == 0;
-}
-
-void clear_the_way(dw_task* task) noexcept
-{
-    dw_task** ended = slots_find<has_path>(&g_ctx.pprm_tasks, task->spec.fpath);
-    if (ended && owes_removal(*ended))
-        remove_unfinished("free_dw", *ended); /* in the words of its end, which this is a part of */
-}
-
 bool owes_removal(const dw_task* task) noexcept
 {
     const char* path = task->spec.fpath;
@@ -153,6 +140,17 @@ void remove_unfinished(const char* fn, dw_task* task) noexcept
     } else if (errno != ENOENT) {
         LOG_ERRNO("%s: unlink(%s)", fn, path);
     }
-    task->spec.fpath[0] = '\0';
     task->dest = dw_dest::none;
+}
+
+/* A match for the walk over the tasks that have ended in this round. */
+static bool leaves_file(dw_task* const* task, const char* path) noexcept
+{
+    return strcmp((*task)->spec.fpath, path) == 0 && owes_removal(*task);
+}
+
+void clear_the_way(dw_task* task) noexcept
+{
+    if (dw_task** ended = slots_find<leaves_file>(&g_ctx.pprm_tasks, task->spec.fpath))
+        remove_unfinished("free_dw", *ended); /* in the words of its end, which this is a part of */
 }

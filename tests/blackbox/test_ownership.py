@@ -2,6 +2,7 @@
 
 import os
 import shutil
+import signal
 import threading
 import time
 
@@ -80,6 +81,21 @@ class Ownership(KovTest):
             agent.holds()
         agent.order(f"http://127.0.0.1:{agent.port + 1}/refused", "y", 400)
         self.assertEqual(agent.log().count("free_dw: removing unfinished"), 2)  # where nothing is, nothing is said
+
+    def test_what_ends_in_the_same_round_is_out_of_the_way(self):
+        agent = self.start()
+        url, gate = self.origin.gated("/own", b"", HEAD4 + b"wxyz")
+        answer = self.answers_later(agent, url, "x")
+        broken, gate_end = self.origin.gated("/broken", HEAD4 + b"ab", b"")
+        agent.order(broken, "x")
+        agent.proc.send_signal(signal.SIGSTOP)
+        for event in (gate_end, gate):
+            event.set()
+            time.sleep(0.2)
+        agent.proc.send_signal(signal.SIGCONT)
+        answer(200)
+        agent.stored("x", b"wxyz")
+        agent.logged(f"[{broken}]->[{agent.path('x-Kova')}]", count=2)  # in the line of its end, too
 
     def test_a_takeover(self):
         db = self.redis()
