@@ -87,9 +87,10 @@ extern volatile int g_in_signal;
 void glog_init(const char* app_tag) noexcept;
 /* Writes to stream (not owned) from now on, closing nothing. */
 void log_default(log_ctx* log, FILE* stream) noexcept;
-/* Opens path for appending; without F_APPEND_OLD a non-empty old file is first renamed to path.MTIME. What is no
-   regular file (a FIFO, a device, a socket, a link to a standard descriptor) is written to and never renamed. A null
-   path means standard error. 0, or -1 (reported on standard error). */
+/* Opens path for appending; without F_APPEND_OLD a non-empty old file is first renamed to path.MTIME (seconds), unless
+   there is such a file: then the old one is appended to. What is no regular file (a FIFO, a device, a socket, a link to
+   a standard descriptor) is written to and never renamed. A null path means standard error. 0, or -1 (reported on
+   standard error). */
 [[nodiscard]] int log_open_ex(log_ctx* log, const char* path, uint32_t flags) noexcept;
 /* Pipes the log into a shell command, which gets a clean signal mask and defaults for the signals that this process
    ignores or handles. 0, or -1. */
@@ -112,7 +113,8 @@ void disable_syslog(log_ctx* log) noexcept;
 void log_set_rota(log_ctx* log, size_t max_bytes, size_t max_files, time_t eod_start) noexcept;
 void log_set_eod(log_ctx* log, time_t start) noexcept;
 time_t log_rota_eod(const log_ctx* log) noexcept;
-/* Renames the file to name.TIME and starts a fresh one. 0, or -1 (reported on standard error). Never from a handler. */
+/* Renames the file to name.TIME (seconds) and starts a fresh one; where that name is another log's, goes on in the old
+   file (ERR). 0, or -1 without a stream or nothing to rotate (reported on standard error). Never from a handler. */
 int log_rotate(log_ctx* log) noexcept;
 
 /* ---- the record protocol behind the macros ---- */

@@ -9,6 +9,7 @@
 #include "strops.h"
 #include "timeop.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -179,8 +180,16 @@ static int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
     return 0;
 }
 
-/* A non-empty old log is moved aside under its modification time. A path that is too long is refused by the opening,
-   and nothing is moved for it. */
+/* What stands under the name of an old log is a log, too, and never replaced. A file system that cannot promise that
+   renames as it does. */
+static int move_aside(const char* from, const char* to) noexcept
+{
+    const int rc = renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
+    return rc != 0 && (errno == EINVAL || errno == ENOSYS) ? rename(from, to) : rc;
+}
+
+/* A non-empty old log is moved aside under its modification time; where that name is taken, it is gone on with. A path
+   that is too long is refused by the opening, and nothing is moved for it. */
 int log_open_ex(log_ctx* log, const char* path, uint32_t flags) noexcept
 {
     struct stat st {
@@ -192,7 +201,7 @@ int log_open_ex(log_ctx* log, const char* path, uint32_t flags) noexcept
     } else if (is_renewed && st.st_size > 0 && is_own_file(path, st)) {
         std::array<char, ROTATED_NAME_MAX> aside{};
         snprintf(aside.data(), aside.size(), "%s.%lu", path, st.st_mtime);
-        if (rename(path, aside.data()) != 0)
+        if (move_aside(path, aside.data()) != 0)
             log_trouble("Cannot rename(%s, %s): ERROR(%d): %s\n", path, aside.data(), errno, strerror(errno));
     }
     return log_do_open(log, path, false);
@@ -280,7 +289,6 @@ size_t log_rota_maxsize(const log_ctx* log) noexcept
 
 using rotated_name = std::array<char, ROTATED_NAME_MAX>;
 
-/* Seconds tell rotations apart; two in the same second have one name. */
 static bool mk_rotated_name(const char* fn, const log_ctx* log, time_t tm, rotated_name* name) noexcept
 {
     const int n = snprintf(name->data(), name->size(), "%s.%lu", log->name, tm);
@@ -354,9 +362,11 @@ int log_rotate(log_ctx* log) noexcept
         log_trouble("%s: failed to close [%s], ERROR(%d): %s\n", __func__, log->name, err, strerror(err));
         return -1;
     }
-    std::array<char, 512> failure{};
-    if (err == 0 && rename(log->name, name.data()) != 0)
+    /* Seconds tell rotations apart: the second one within a second replaces the first one's file, and no other. */
+    const bool is_repeated = std::find(std::begin(log->rota.tm), std::end(log->rota.tm), now) != std::end(log->rota.tm);
+    if (err == 0 && (is_repeated ? rename(log->name, name.data()) : move_aside(log->name, name.data())) != 0)
         err = errno;
+    std::array<char, 512> failure{};
     if (err != 0) {
         snprintf(failure.data(), failure.size(), "%s: failed to rename [%s] to [%s], ERROR(%d): %s", __func__,
                  log->name, name.data(), err, strerror(err));

@@ -59,9 +59,10 @@ class Rotation(KovTest):
     def test_a_failing_rename_goes_on_in_the_same_file(self):
         agent = self.start(log=SMALL)
         now = int(time.time())
-        for second in range(now - 1, now + 30):  # every name that the next rotation can take is a directory
-            os.mkdir(f"{agent.log_path}.{second}")
+        for second in range(now - 1, now + 30):  # every name that the next rotation can take is another log's
+            write(f"{agent.log_path}.{second}", "old\n")
         self.fill(agent, 900)
+        self.assertEqual({read(name) for name in self.rotated(agent)}, {"old\n"})
         agent.logged("log_rotate: failed to rename [", " - rotation cancelled this time\n", "-000001-")
         self.assertEqual(agent.log().count("rotation cancelled"), 1)  # the next attempt needs another MiB
         self.assertIn(" - rotation is to be stopped\n", agent.stderr())
@@ -74,6 +75,11 @@ class Rotation(KovTest):
         agent.restart()
         self.assertEqual(read(f"{agent.log_path}.1500000000"), old)
         self.assertEqual(agent.log().count("STARTING"), 1)
+        agent.stop()
+        os.utime(agent.log_path, (1500000000, 1500000000))
+        agent.restart()
+        self.assertEqual(read(f"{agent.log_path}.1500000000"), old)  # and nothing is lost
+        self.assertEqual(agent.log().count("STARTING"), 2)
 
     def test_a_pipe_is_never_rotated(self):
         out = f"{self.root}/piped"
