@@ -5,6 +5,7 @@ import os
 import pwd
 import resource
 import signal
+import tempfile
 import unittest
 
 import psutil
@@ -33,7 +34,8 @@ class Background(KovTest):
         return os.readlink(f"/proc/{agent.pid}/{name}")
 
     def test_as_another_user(self):
-        agent = self.background("nobody", preexec=lambda: (os.setgroups([0, 4, 6]), os.chdir("/root")))
+        closed = tempfile.mkdtemp(dir=self.root)
+        agent = self.background("nobody", preexec=lambda: (os.setgroups([0, 4, 6]), os.chdir(closed)))
         self.assertEqual((agent.starter_status, agent.leader_status), (0, 0))
         status = dict(line.split(":\t", 1) for line in agent.proc_file("status").splitlines())
         self.assertEqual(status["Uid"].split(), [str(NOBODY.pw_uid)] * 4)
