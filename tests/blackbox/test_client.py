@@ -1,10 +1,9 @@
 """What tools/client gives to senders: the Python module and the shell example, against a real agent."""
 
 import os
-import subprocess
 
 import kov_client
-from harness import KovTest, free_port
+from harness import KovTest, free_port, run
 
 CLIENT = os.path.dirname(kov_client.__file__)
 ODD_NAMES = ("a b%41+c@d&e.ts", "lead/src/a", "DST/b", "\u00e9/\u20ac", "q?x#y")
@@ -19,9 +18,8 @@ class Client(KovTest):
     def order(self, path, dst, expiry=60):
         kov_client.order(self.place, self.origin.url(path), dst, expiry=expiry)
 
-    def shell(self, *args):
-        return subprocess.run([f"{CLIENT}/order.sh", f"127.0.0.1:{self.agent.port}", *args], capture_output=True,
-                              text=True, check=False, timeout=60)
+    def shell(self, *args, status=0):
+        return run(f"{CLIENT}/order.sh", f"127.0.0.1:{self.agent.port}", *args, status=status)
 
     def test_names_arrive_as_they_were_given(self):
         for i, dst in enumerate(ODD_NAMES):
@@ -31,8 +29,7 @@ class Client(KovTest):
             self.order(given, dst, expiry=77)
             kov_client.wait_for_file(kov_client.stored_path(self.agent.data, self.origin.url(given), dst), timeout=10)
             self.agent.stored(dst, body)
-            done = self.shell(self.origin.url("/live/Src/%41%20b%40+c"), dst + ".sh", "77")
-            self.assertEqual((done.returncode, done.stdout), (0, "begun\n"), done.stderr)
+            self.assertEqual(self.shell(self.origin.url("/live/Src/%41%20b%40+c"), dst + ".sh", "77"), "begun\n")
             self.agent.stored(dst + ".sh", body)
         self.assertEqual(self.agent.log().count("expiry=77"), 4 * len(ODD_NAMES))
         self.order("/live/Src/%41%20b%40+c", "")  # the agent makes the name of the source's path
@@ -49,7 +46,7 @@ class Client(KovTest):
             with self.assertRaises(error) as caught:
                 self.order(path, dst)
             self.assertEqual((type(caught.exception), caught.exception.status), (error, status))
-            self.assertEqual(self.shell(self.origin.url(path), dst, "5").returncode, shell_status)
+            self.shell(self.origin.url(path), dst, "5", status=shell_status)
         self.assertTrue(kov_client.ping(self.place))
         nobody = ("127.0.0.1", free_port())
         self.assertFalse(kov_client.ping(nobody))
@@ -70,7 +67,7 @@ class Client(KovTest):
             with self.assertRaises(ValueError, msg=(lock_id, src, dst)):
                 kov_client.order_datagram(lock_id, src, dst, expiry=1)
         for args in (("http://h/a", "a"), ("http://h/a", "a", ""), ("ftp://h/a", "a", "5")):
-            self.assertEqual(self.shell(*args).returncode, 2)
+            self.shell(*args, status=2)
 
     def test_datagrams_and_the_wait_for_the_file(self):
         self.origin.body("/a", b"by datagram")

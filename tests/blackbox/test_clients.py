@@ -6,11 +6,10 @@ import random
 import resource
 import signal
 import socket
-import subprocess
 import time
 from concurrent.futures import ThreadPoolExecutor
 
-from harness import ANSWERS, QUICK, KovTest, free_port, needs_namespaces, read_all, request, reset
+from harness import ANSWERS, QUICK, KovTest, free_port, needs_namespaces, read_all, request, reset, run
 
 PING = request("/")
 
@@ -130,13 +129,8 @@ class Clients(KovTest):
         good = self.origin.body("/good", b"good")
         head = request(f"/src/{good}/dst/x")
 
-        def half_closes(s):
-            s.settimeout(5)
-            s.shutdown(socket.SHUT_WR)
-            read_all(s)
-
         texts = (head[:60], b"GET /" + b"x" * 3000, rnd.randbytes(2000))
-        ends = (read_all, half_closes, reset, lambda s: None)
+        ends = (read_all, lambda s: (s.shutdown(socket.SHUT_WR), read_all(s)), reset, lambda s: None)
 
         def client():
             text = rnd.choice(texts)
@@ -199,7 +193,6 @@ class Listeners(KovTest):
     @needs_namespaces
     def test_one_that_is_destroyed_ends_the_agent(self):
         agent = self.start()
-        subprocess.run(["ss", "-K", "-t", "state", "listening", "sport", f"= :{agent.port}"], stdout=subprocess.DEVNULL,
-                       check=True)
+        run("ss", "-K", "-t", "state", "listening", "sport", f"= :{agent.port}")
         self.ends_by_itself(agent, -signal.SIGABRT)
         self.assertRegex(agent.log(), r"on_srv_accept: \[lo:\d+\] ERR/HUP\n(.*\n){1,3}.*rui_crash_on_error: HUP ")

@@ -7,13 +7,12 @@ import re
 import select
 import signal
 import socket
-import subprocess
 import termios
 import threading
 import time
 import tty
 
-from harness import ASAN, KovTest, needs_namespaces, unshare, wait_for, write
+from harness import ASAN, KovTest, needs_namespaces, run, unshare, wait_for, write
 
 STAMP = re.compile(rb"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} ")
 SYSLOG = re.compile(rb"<(\d+)>[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d kov\[(\d+)\]: \d{4}-.* \d+  \((ERR|WRN)\)  .*\n")
@@ -64,17 +63,15 @@ class Outputs(KovTest):
         self.works(agent)
 
     def test_a_terminal_as_log_file(self):
-        for how in ("cooked, unread", "raw, unread", "stopped"):
+        for how, stop, go in (("cooked", b"", b""), ("raw", b"", b""), ("stopped", b"\x13", b"\x11")):  # ctrl-S, ctrl-Q
             with self.subTest(how):
                 reader, writer = self.pair(os.openpty())
-                if "raw" in how:
+                if how == "raw":
                     tty.setraw(writer)
                 agent = self.start(options=("-l", os.ttyname(writer), "-L", "debug"))
-                if how == "stopped":
-                    os.write(reader, b"\x13")  # ctrl-S
+                os.write(reader, stop)
                 self.works(agent)
-                if how == "stopped":
-                    os.write(reader, b"\x11")
+                os.write(reader, go)
                 self.comes_back(agent, reader)
 
     def test_standard_error_of_a_terminal_run(self):
@@ -107,7 +104,7 @@ class Outputs(KovTest):
         name = os.ttyname(writer)
         shell = f"""exec setsid -c sh -m -c '"$0" "$@" & wait $!' "$0" "$@" <{name} 2>{name}"""
         agent = self.start(arguments=("-T",), wrapper=("sh", "-c", shell))
-        job = int(subprocess.check_output(["pgrep", "-P", str(agent.pid)]))
+        job = int(run("pgrep", "-P", str(agent.pid)))
         self.works(agent)
         os.kill(job, signal.SIGTERM)
         self.ends_by_itself(agent, 0)

@@ -50,6 +50,15 @@ def wait_for(condition, what, seconds=10.0, not_yet=()):
         time.sleep(0.01)
 
 
+def run(*command, status=0, says="", **kwargs):
+    """Runs a program to its end; checks its status and that it says what matches a pattern; returns what it prints."""
+    done = subprocess.run(command, capture_output=True, text=True, timeout=60, check=False, **kwargs)
+    said = done.stdout + done.stderr
+    found = f"{command}: {done.returncode}, {said}"
+    assert done.returncode == status and re.search(says, said), f"{found}, not {status}, {says}"
+    return done.stdout
+
+
 def free_port():
     """Below those that the kernel hands out: the program would share one that another test's agent was just given."""
     while True:

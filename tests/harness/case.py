@@ -9,7 +9,7 @@ import subprocess
 import tempfile
 import unittest
 
-from .agent import MODES, SLOW, Agent, read
+from .agent import MODES, SLOW, Agent, read, run
 from .services import Redis
 from .source import Origin
 
@@ -123,6 +123,6 @@ class KovTest(unittest.TestCase):
             for agent in self.agents:
                 agent.kill()
                 if agent.mounted:
-                    subprocess.run(["umount", agent.data], check=True)
+                    run("umount", agent.data)
             self.origin.close()
             shutil.rmtree(self.root, ignore_errors=True)

@@ -8,7 +8,7 @@ import time
 from dnslib import QTYPE, RCODE, RR, A
 from dnslib.server import DNSLogger, DNSServer
 
-from .agent import free_port, unshare, wait_for, write
+from .agent import free_port, run, unshare, wait_for, write
 from .source import Server
 
 REDIS_FILES = os.path.join(os.path.dirname(__file__), "../../packaging/redis")
@@ -31,8 +31,7 @@ class Redis:
         self.load(REDIS_FILES)
 
     def load(self, directory):
-        subprocess.run([f"{REDIS_FILES}/load-scripts", "-p", str(self.port), directory, self.sha1_dir], check=True,
-                       stdout=subprocess.DEVNULL)
+        run(f"{REDIS_FILES}/load-scripts", "-p", str(self.port), directory, self.sha1_dir)
 
     def cli(self, *args):
         return subprocess.run(["redis-cli", "-p", str(self.port), *args], capture_output=True, text=True,

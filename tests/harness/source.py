@@ -6,7 +6,7 @@ import socket
 import threading
 import time
 
-from .agent import sized
+from .agent import OK, reset, sized
 
 HEAD = None  # as a piece: the whole head
 
@@ -92,6 +92,14 @@ class Origin:
     def cut(self, path, then=None):
         """Three bytes of nine, then then(conn) and the end."""
         return self.raw(path, sized(9) + b"abc", then)
+
+    def faulty(self):
+        """URLs of sources that fail an order, by what is wrong with them."""
+        return {"broken": [self.raw("/none", b""), self.raw("/halfhead", OK), self.cut("/cut"),
+                           self.cut("/reset", reset), self.cut("/slowcut", lambda conn: time.sleep(1))],
+                "head": [self.raw("/garbage", b"\1\2\r\n\r\n"), self.raw("/endless", b"x" * 20000),
+                         self.raw("/nolength", OK + b"\r\nxyz"), self.raw("/lies", sized(-1))],
+                "status": [self.status("/404", 404)]}
 
     def stall(self, _conn=None):
         self.released.wait(30)

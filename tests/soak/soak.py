@@ -76,14 +76,7 @@ class Soak(Run):
         self.sources = [self.rnd.randbytes(size) for size in SIZES * 8]
         for k, body in enumerate(self.sources):
             self.nginx.add(str(k), body)
-        for path, data, then in (("/garbage", os.urandom(500) + b"\r\n\r\n", None), ("/none", b"", None),
-                                 ("/nolength", b"HTTP/1.1 200 OK\r\n\r\nxyz", None), ("/lies", sized(-1), None),
-                                 ("/halfhead", b"HTTP/1.1 200 OK\r\n", None),
-                                 ("/slowcut", sized(9000), lambda conn: time.sleep(1))):
-            self.origin.raw(path, data, then)
-        self.origin.status("/gone", 404)
-        self.origin.cut("/cut")
-        self.origin.cut("/reset", reset)
+        self.origin.faulty()
         self.agent = self.start(self.db.settings() + "max_mmap_mb = 1;", channel="127.0.0.1:{}", level="norm",
                                 log="max_size_mb = 16; max_files = 100;")
 
