@@ -208,31 +208,43 @@ void rui_stop_listener(rui_socket_ctx* srv) noexcept
     srv->deferred = true;
 }
 
+/* Its requests go with it. A listener without an interface record stays valid in the configuration. */
+static void drop_listener(rui_socket_ctx* srv) noexcept
+{
+    rui_stop_listener(srv);
+    if (srv->requests) {
+        while (dlep_elem* e = dlep_tail(srv->requests))
+            rui_rm_request(reinterpret_cast<rui_rq_header*>(e)); /* which takes itself out of the queue */
+        dlep_destroy(srv->requests, nullptr);
+        srv->requests = nullptr;
+    }
+    if (srv->lc->ifc) {
+        free(srv->lc->ifc);
+        srv->lc->ifc = nullptr;
+        srv->lc->is_valid = false;
+    }
+    slots_reset(&srv->pprm);
+    free(srv->accset.words);
+    srv->accset = rui_fdset{};
+    srv->tag.num = 0;
+}
+
+void stop_listeners(rui_socket_ctx* set, int kind, bool destroy) noexcept
+{
+    size_t count = 0;
+    for (; count < MAX_LISTENERS && set[count].tag.num; ++count) {
+        if (destroy)
+            drop_listener(&set[count]);
+        else
+            rui_stop_listener(&set[count]);
+    }
+    LOG_DEBUG("%s: %zu [%s] listener(s) %s\n", __func__, count, kind_name(kind), destroy ? "destroyed" : "stopped");
+}
+
 void rui_ctx_destroy(rui_ctx* ctx) noexcept
 {
-    for (int kind = RUI_USER; kind < RUI_MAX; ++kind) {
-        size_t count = 0;
-        for (rui_socket_ctx* srv = set_of(ctx, kind); count < MAX_LISTENERS && srv->tag.num; ++srv, ++count) {
-            rui_stop_listener(srv);
-            if (srv->requests) {
-                while (dlep_elem* e = dlep_tail(srv->requests))
-                    rui_rm_request(reinterpret_cast<rui_rq_header*>(e)); /* which takes itself out of the queue */
-                dlep_destroy(srv->requests, nullptr);
-                srv->requests = nullptr;
-            }
-            /* A listener without an interface record stays valid in the configuration. */
-            if (srv->lc->ifc) {
-                free(srv->lc->ifc);
-                srv->lc->ifc = nullptr;
-                srv->lc->is_valid = false;
-            }
-            slots_reset(&srv->pprm);
-            free(srv->accset.words);
-            srv->accset = rui_fdset{};
-            srv->tag.num = 0;
-        }
-        LOG_DEBUG("stop_listeners: %zu [%s] listener(s) destroyed\n", count, kind_name(kind));
-    }
+    for (int kind = RUI_USER; kind < RUI_MAX; ++kind)
+        stop_listeners(set_of(ctx, kind), kind, true);
 }
 
 /* ---- removal ---- */

@@ -82,6 +82,9 @@ struct rui_ctx {
     rui_socket_ctx user[MAX_LISTENERS];
     rui_socket_ctx admin[MAX_LISTENERS];
     rui_socket_ctx custom[MAX_LISTENERS];
+    rui_fdset user_fds; /* these three are always empty: each listener knows its own descriptors */
+    rui_fdset admin_fds;
+    rui_fdset custom_fds;
 };
 
 void rui_set_cb(int kind, const rui_socket_cb* cb) noexcept;
@@ -119,6 +122,8 @@ void rui_mk_trknum(size_t* counter, n64_tag* tag, char kind, size_t max) noexcep
 /* All slots of a kind, up to the first that fails. As rui_start_listener. */
 [[nodiscard]] int rui_enable_listeners(rui_socket_ctx* srv) noexcept;
 void rui_stop_listener(rui_socket_ctx* srv) noexcept; /* its queue stays; nothing when it is not started */
+/* All slots of a kind: stopped, or dropped with their requests. */
+void stop_listeners(rui_socket_ctx* set, int kind, bool destroy) noexcept;
 /* Makes and queues the request of an accepted client. 0, and fd is the request's; EBUSY the queue is full; -1 or the
    loop's error: fd stays the caller's (logged). */
 [[nodiscard]] int rui_add_request(int fd, rui_socket_ctx* srv, void* udata) noexcept;

@@ -254,8 +254,19 @@ static void hdestroy(ht_tag* tbl, ht_data_fn callback) noexcept
     free(tbl);
 }
 
-/* The seed is the time, so that chains differ from start to start. The slots are the largest power of two not above one
-   and a half times the capacity: a full table has about one entry in each. */
+/* The time: chains differ from start to start. */
+static unsigned long calc_hseed() noexcept
+{
+    return static_cast<unsigned long>(time(nullptr));
+}
+
+/* The largest power of two not above n; 1 for 0. */
+static size_t calc_rlen(size_t n) noexcept
+{
+    return n > 0 ? std::bit_floor(n) : 1;
+}
+
+/* One and a half slots an entry, or a little less: a full table has about one entry in each. */
 static int hcreate_(ht_tag** ph, ht_key_kind kind, size_t capacity, ht_hash_fn hash) noexcept
 {
     ASSERT(ph && capacity);
@@ -266,9 +277,9 @@ static int hcreate_(ht_tag** ph, ht_key_kind kind, size_t capacity, ht_hash_fn h
     if (!tbl)
         return ENOMEM;
     tbl->ktype = kind;
-    tbl->hseed = static_cast<unsigned long>(time(nullptr));
+    tbl->hseed = calc_hseed();
     tbl->icalc = !hash && kind == HT_STR ? plHash : hash;
-    tbl->rlen = std::bit_floor(capacity * 3 / 2);
+    tbl->rlen = calc_rlen(capacity * 3 / 2);
     tbl->r = static_cast<hrec**>(calloc(tbl->rlen, sizeof(hrec*)));
     if (!tbl->r) {
         free(tbl);

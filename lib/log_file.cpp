@@ -142,7 +142,7 @@ static bool is_own_file(const char* path, const struct stat& st) noexcept
 
 /* A failure leaves the log with the stream it had. The size that an old file has already counts for the next
    rotation. */
-static int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
+static int do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
 {
     ASSERT(g_logmod.is_ready);
     if (!path) {
@@ -156,7 +156,7 @@ static int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
     pid_t pid = 0;
     FILE* fp = is_pipe ? open_pipe(path, &pid) : open_file(path);
     if (!fp) {
-        log_trouble("%s: uid/gig=%u/%u %s(%s) ERROR(%d): %s\n", "do_open", geteuid(), getegid(),
+        log_trouble("%s: uid/gig=%u/%u %s(%s) ERROR(%d): %s\n", __func__, geteuid(), getegid(),
                     is_pipe ? "popen" : "fopen", path, errno, strerror(errno));
         return -1;
     }
@@ -172,7 +172,7 @@ static int log_do_open(log_ctx* log, const char* path, bool is_pipe) noexcept
     struct stat st {
     };
     if (fstat(fileno(fp), &st) != 0) {
-        log_trouble("%s: fstat(%s) ERROR(%d): %s\n", "do_open", path, errno, strerror(errno));
+        log_trouble("%s: fstat(%s) ERROR(%d): %s\n", __func__, path, errno, strerror(errno));
     } else if (S_ISREG(st.st_mode)) {
         log->total_out = static_cast<size_t>(st.st_size);
         log->is_rotatable = is_own_file(path, st);
@@ -204,12 +204,12 @@ int log_open_ex(log_ctx* log, const char* path, uint32_t flags) noexcept
         if (move_aside(path, aside.data()) != 0)
             log_trouble("Cannot rename(%s, %s): ERROR(%d): %s\n", path, aside.data(), errno, strerror(errno));
     }
-    return log_do_open(log, path, false);
+    return do_open(log, path, false);
 }
 
 int log_popen(log_ctx* log, const char* command) noexcept
 {
-    return log_do_open(log, command, true);
+    return do_open(log, command, true);
 }
 
 /* ---- closing ---- */
@@ -374,7 +374,7 @@ int log_rotate(log_ctx* log) noexcept
     }
     std::array<char, LOG_PATHNAME_MAX> path{};
     cut_text(path.data(), path.size(), log->name);
-    if (const int rc = log_do_open(log, path.data(), false))
+    if (const int rc = do_open(log, path.data(), false))
         return rc;
     if (failure[0]) {
         log->total_out = 0; /* the next attempt comes after another max_total bytes */

@@ -51,6 +51,14 @@ static bool is_addr_text(const sockaddr* sa, const char* text) noexcept
            IN6_ARE_ADDR_EQUAL(&addr, &as_in6(sa)->sin6_addr);
 }
 
+/* The first address of the family, from ifa on, that stands under a name; null when there is none. */
+static const ifaddrs* ifc_addr_lookup(const ifaddrs* ifa, int family, const char* name) noexcept
+{
+    while (ifa && !(is_family(ifa, family) && strcmp(ifa->ifa_name, name) == 0))
+        ifa = ifa->ifa_next;
+    return ifa;
+}
+
 /* A name gives the interface's first address of the wanted family, an address that one itself; both need the index, by
    which the kernel knows it. A name may also be the label of an address (eth0:1), which stands in the list as one. */
 ifc_info* get_ifc_info(int family, const char* text) noexcept
@@ -83,8 +91,8 @@ ifc_info* get_ifc_info(int family, const char* text) noexcept
         return nullptr;
     }
 
-    while (ifa && !by_addr && !(is_family(ifa, family) && strcmp(ifa->ifa_name, text) == 0))
-        ifa = ifa->ifa_next;
+    if (!by_addr)
+        ifa = ifc_addr_lookup(ifa, family, text);
     if (!ifa) {
         LOG_ERR("%s: failed to look up address for ifc=%s\n", __func__, text);
         return nullptr;

@@ -173,6 +173,12 @@ ssize_t read_http(int fd, char* buf, size_t cap, size_t pos, ssize_t* eoh) noexc
     return n;
 }
 
+/* Whether the peer has gone without ending the stream. */
+static bool is_aborted(int err) noexcept
+{
+    return err == ECONNRESET || err == ECONNABORTED;
+}
+
 /* Reads until the head is complete. 0, EAGAIN, -1. */
 static int read_head(const char* fn, int fd, char* buf, size_t cap, http_resp_ctx* resp) noexcept
 {
@@ -184,7 +190,7 @@ static int read_head(const char* fn, int fd, char* buf, size_t cap, http_resp_ct
         }
         if (n < 0 && errno == EINTR)
             continue;
-        if (n == 0 || (n < 0 && (errno == ECONNRESET || errno == ECONNABORTED))) {
+        if (n == 0 || (n < 0 && is_aborted(errno))) {
             LOG_ERR("%s: client [fd=%d] connection broken\n", fn, fd);
             return -1;
         }
@@ -277,12 +283,10 @@ static int open_net_url(const char* fn, usock_ctx* ctx, const uri_layout& u, con
     return open_socket(host.data(), port.data(), source, &ctx->sspec, ctx->ifc_tag, &ctx->mifc);
 }
 
-/* The whole exchange up to the end of the response's head, on a blocking connection. */
-static int http_exchange(const char* fn, usock_ctx* ctx, int fd, const char* url) noexcept
+/* Waits for the head of the response, on a blocking connection. */
+static int get_http_response(usock_ctx* ctx, int fd) noexcept
 {
-    if (usock_http_get(fd, url, ctx) != 0)
-        return -1;
-    ctx->buf = static_cast<char*>(W_calloc(fn, 1, RESP_BUF_CAP));
+    ctx->buf = static_cast<char*>(W_calloc(__func__, 1, RESP_BUF_CAP));
     if (!ctx->buf)
         return -1;
     ctx->bufcap = RESP_BUF_CAP;
@@ -292,7 +296,7 @@ static int http_exchange(const char* fn, usock_ctx* ctx, int fd, const char* url
     ctx->buflen = static_cast<size_t>(resp.total);
     if (resp.code == 200)
         return 0;
-    LOG_ERR("%s: expected HTTP %d, got HTTP %d\n", "get_http_response", 200, resp.code);
+    LOG_ERR("%s: expected HTTP %d, got HTTP %d\n", __func__, 200, resp.code);
     return -1;
 }
 
@@ -321,7 +325,8 @@ int usock_open(usock_ctx* ctx, const char* url) noexcept
         return file;
     }
     const int fd = open_net_url(__func__, ctx, u, url);
-    if (fd >= 0 && ctx->url_kind == URI_HTTP && !ctx->skip_http && http_exchange(__func__, ctx, fd, url) != 0) {
+    if (fd >= 0 && ctx->url_kind == URI_HTTP && !ctx->skip_http &&
+        (usock_http_get(fd, url, ctx) != 0 || get_http_response(ctx, fd) != 0)) {
         usock_close(fd, ctx);
         return -1;
     }
