@@ -239,7 +239,9 @@ std::vector<net_socket> net_sockets(pid_t pid, socket_choice choice)
     const fs::path net = proc_of(pid) / "net";
     std::vector<net_socket> sockets;
     read_inet(net / "tcp", net_socket::STREAM, choice, &sockets);
-    read_inet(net / "tcp6", net_socket::STREAM, choice, &sockets);
+    /* An empty table costs as much as a full one: the kernel walks over the connections of all namespaces. */
+    if (first_line(net / "sockstat6") != "TCP6: inuse 0")
+        read_inet(net / "tcp6", net_socket::STREAM, choice, &sockets);
     read_paths(net / "unix", &sockets);
     read_inet(net / "udp", net_socket::DATAGRAM, choice, &sockets);
     read_inet(net / "udp6", net_socket::DATAGRAM, choice, &sockets);
