@@ -8,6 +8,7 @@
 #include "strops.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -34,6 +35,20 @@ struct fleet_url {
     std::vector<place> places;
 };
 
+/* Escapes ("%40") are the bytes that they stand for; a percent sign that begins none stays. */
+std::string unescaped(std::string_view text)
+{
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        unsigned char byte = 0;
+        const bool is_escape = text[i] == '%' && i + 2 < text.size() &&
+                               std::from_chars(&text[i + 1], &text[i + 1] + 2, byte, 16).ptr == &text[i + 1] + 2;
+        out += is_escape ? static_cast<char>(byte) : text[i];
+        i += is_escape ? 2 : 0;
+    }
+    return out;
+}
+
 place parse_place(const std::string& text)
 {
     constexpr int REDIS_PORT = 6379;
@@ -52,12 +67,12 @@ fleet_url parse_url(const std::string& text)
     if (colon == std::string::npos || (url.scheme != "redis" && url.scheme != "sentinel" && url.scheme != "cluster"))
         fail(STATUS_USAGE, "KOV_FLEET: redis://, sentinel:// or cluster:// is what kovctl can follow");
     std::string rest = text.substr(colon + 3);
-    /* The last one: a password may hold an "@", and a colon may stand without a user before it. */
+    /* The last "@" and the first colon, which may stand without a user before it: a password may hold both. */
     if (const size_t at = rest.rfind('@'); at != std::string::npos) {
         const std::string who = rest.substr(0, at);
-        const size_t mark = who.rfind(':');
-        url.user = mark == std::string::npos ? "" : who.substr(0, mark);
-        url.password = mark == std::string::npos ? who : who.substr(mark + 1);
+        const size_t mark = who.find(':');
+        url.user = mark == std::string::npos ? "" : unescaped(who.substr(0, mark));
+        url.password = unescaped(mark == std::string::npos ? who : who.substr(mark + 1));
         rest = rest.substr(at + 1);
     }
     const size_t slash = std::min(rest.find('/'), rest.size());
