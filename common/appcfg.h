@@ -72,7 +72,7 @@ extern const config_table LISTENER_KEYS;
 /* One listener (a group) or a list of up to four into slots. setting may be null: no listener. 0, or non-zero
    (logged), then the slots before the bad one are filled. */
 [[nodiscard]] int get_listeners(const char* kind, const config_setting_t* setting, rui_listener_cfg* slots) noexcept;
-/* Hands the rotation settings to the log. */
+/* Hands the rotation settings to the log, which is open. */
 void apply_log_config(log_ctx* log, const log_cfg* cfg) noexcept;
 
 /* Blocks of the configuration dump. */

@@ -87,6 +87,7 @@ struct rui_ctx {
     rui_fdset custom_fds;
 };
 
+/* The handlers of a kind (rui_kind), copied. Before rui_ctx_init. */
 void rui_set_cb(int kind, const rui_socket_cb* cb) noexcept;
 /* Sets the listeners of a configuration up, without sockets. 0, or the failing step's error (logged). */
 [[nodiscard]] int rui_ctx_init(rui_cfg* cfg, rui_ctx* ctx) noexcept;
@@ -95,8 +96,9 @@ void rui_set_cb(int kind, const rui_socket_cb* cb) noexcept;
 /* Drops listeners and requests. Safe on a zeroed record and after a failed init or start. */
 void rui_ctx_destroy(rui_ctx* ctx) noexcept;
 
-/* Takes up to max waiting connections; when descriptors run out or accepting keeps failing, the listener is not
-   watched for a while. */
+/* Takes up to max waiting connections, with RUI_* flags; udata goes to new_rq. When descriptors run out or accepting
+   keeps failing, the listener is not watched for a while. The result is the last client's: 0, or it was refused
+   (logged). */
 [[nodiscard]] int rui_accept(rui_socket_ctx* srv, size_t max, uint32_t flags, void* udata) noexcept;
 /* Removes a request now; not from inside its own handler's caller that still uses it. */
 void rui_rm_request(rui_rq_header* rq) noexcept;
@@ -104,13 +106,14 @@ void rui_rm_request(rui_rq_header* rq) noexcept;
 [[nodiscard]] int rui_pprm(rui_rq_header* rq, ssize_t* slot) noexcept;
 /* Removes what is on the pprm lists and wakes paused listeners. From post-processing. */
 void rui_pprm_all(rui_ctx* ctx) noexcept;
+/* Asks the handlers of all queued requests whether they have waited for more than tmout_ms. From the idle step. */
 void rui_tmout_all(rui_ctx* ctx, uint32_t tmout_ms) noexcept;
 /* A tracking tag of kind and number: leading zeros up to min_digits, cut behind max_digits. More than MAX_TRKNUM_DIGITS
    are an assertion. */
 void rui_put_trknum(n64_tag* tag, char kind, size_t number, size_t min_digits, size_t max_digits) noexcept;
 /* Next tracking tag: kind and the counter with at least four digits; starts again at 1 after max. */
 void rui_mk_trknum(size_t* counter, n64_tag* tag, char kind, size_t max) noexcept;
-/* Ends the process: an error on a listening socket is fatal. */
+/* Ends the process: an error on a listening socket is fatal. flags non-zero: it was a hang-up. */
 [[noreturn]] void rui_crash_on_error(rui_socket_ctx* srv, uint32_t flags) noexcept;
 
 /* ---- offered, called in this room only ---- */

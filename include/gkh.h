@@ -18,7 +18,9 @@ using ht_data_fn = void (*)(void* data) noexcept;
 
 unsigned long plHash(long key, unsigned long seed) noexcept; /* string keys: h = h * 101 + character */
 
-/* 0; EOVERFLOW capacity too large; ENOMEM. hash may be null: plHash for strings, the key itself for longs. */
+/* A table in *handle for so many entries (more make longer chains). 0; EOVERFLOW capacity beyond HT_MAX_CAP; ENOMEM.
+   hash may be null: plHash for strings, the key itself for longs. klst are klen keys to begin with, without data; null:
+   none. */
 [[nodiscard]] int skht_create(skht_t* handle, size_t capacity, ht_hash_fn hash, const char* const* klst,
                               size_t klen) noexcept;
 [[nodiscard]] int nkht_create(nkht_t* handle, size_t capacity, ht_hash_fn hash) noexcept;

@@ -98,12 +98,14 @@ void log_default(log_ctx* log, FILE* stream) noexcept;
 /* Closes file or pipe (waiting a bounded time for the command) and syslog. */
 void log_close(log_ctx* log) noexcept;
 
+/* What each line bears from now on: group (all zero: none), pid (below 1: none), time (f_* of timeop.h). */
 void log_set_group(log_ctx* log, n64_tag tag) noexcept;
 void log_set_pid(log_ctx* log, pid_t pid) noexcept;
 void log_timefmt(log_ctx* log, uint32_t flags) noexcept;
-FILE* log_fp(const log_ctx* log) noexcept;
+FILE* log_fp(const log_ctx* log) noexcept;            /* the log's stream, still its own; null: none */
 void log_mirror(log_ctx* log, FILE* stream) noexcept; /* made line-buffered, not owned */
 
+/* Copies of WARN and worse to syslog, under ident. */
 void glog_enable_syslog(const char* ident) noexcept;
 void disable_syslog(log_ctx* log) noexcept;
 
@@ -111,19 +113,20 @@ void disable_syslog(log_ctx* log) noexcept;
 
 /* Size limit in bytes (0 = none); files kept when 1..127, else 16; eod_start > 0 turns rotation at the day's end on. */
 void log_set_rota(log_ctx* log, size_t max_bytes, size_t max_files, time_t eod_start) noexcept;
-void log_set_eod(log_ctx* log, time_t start) noexcept;
-time_t log_rota_eod(const log_ctx* log) noexcept;
+void log_set_eod(log_ctx* log, time_t start) noexcept; /* the same of the day of start; 0 turns it off */
+time_t log_rota_eod(const log_ctx* log) noexcept;      /* the end of the day that is waited for; 0: none */
 /* Renames the file to name.TIME (seconds) and starts a fresh one; where that name is another log's, goes on in the old
    file (ERR). 0, or -1 without a stream or nothing to rotate (reported on standard error). Never from a handler. */
 int log_rotate(log_ctx* log) noexcept;
 
 /* ---- the record protocol behind the macros ---- */
 
-void logbuf_reset() noexcept;
+void logbuf_reset() noexcept; /* empties it */
 /* Builds the record in the one line buffer. Control bytes in the message show as "?": all but its own newline, or, with
    _head, all but line ends. 0, or -1: the record does not fit or has no time, and the buffer is empty. */
 [[gnu::format(printf, 3, 4)]] int logbuf_prepare(log_ctx* log, int level, const char* format, ...) noexcept;
 [[gnu::format(printf, 3, 4)]] int logbuf_prepare_head(log_ctx* log, int level, const char* format, ...) noexcept;
+/* Writes the record out, WARN and worse to syslog, too, and rotates when it is time. errno stays. */
 void log_flush(log_ctx* log, int level) noexcept;
 /* Writes a ready text of several lines to the log's stream and its mirror. */
 void log_put_text(log_ctx* log, const char* text, size_t len) noexcept;

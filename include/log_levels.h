@@ -39,13 +39,13 @@ struct log_ctx;
 
 /* Sets the level of all modules at once; the log remembers that it was done. */
 void log_set_modules(log_ctx* log, int level) noexcept;
-/* One save slot, not a stack: a second push without a pop does nothing. */
+/* Save and restore the levels of all modules. One save slot, not a stack: a second push without a pop does nothing. */
 void log_push_mlevels() noexcept;
 void log_pop_mlevels() noexcept;
 /* Level of a word (any case). 0, or -1 for an unknown word. */
 [[nodiscard]] int match_log_level(const char* text, int* level) noexcept;
-[[nodiscard]] const char* log_level_str(int level) noexcept;
-[[nodiscard]] const char* get_level_tag(int level) noexcept;
+[[nodiscard]] const char* log_level_str(int level) noexcept; /* "error", as the configuration's dump has it */
+[[nodiscard]] const char* get_level_tag(int level) noexcept; /* "(ERR)", as each line has it */
 
 [[nodiscard]] inline bool log_passes(const loglevel_ctx& c, int level) noexcept
 {

@@ -38,6 +38,8 @@ struct ifc_info {
    -1; a connect in progress is success with errno EINPROGRESS. */
 [[nodiscard]] int open_socket(const char* address, const char* port, const char* ssm_src, socket_spec* spec,
                               const char* ifc, ifc_info** ifc_used) noexcept;
+/* Listeners: on an interface's address, on any address (AF_UNSPEC: of IPv4), for datagrams, on a path, whose old socket
+   goes. port is decimal text, the only flag SOCK_NONBLOCK. Descriptor or -1. */
 [[nodiscard]] int open_listener(const ifc_info* ifc, const char* port, uint32_t flags) noexcept;
 [[nodiscard]] int open_anyaddr_listener(int family, const char* port, uint32_t flags) noexcept;
 [[nodiscard]] int open_udp_listener(const ifc_info* ifc, const char* port) noexcept;
@@ -58,7 +60,7 @@ struct ifc_info {
 
 /* Options of a socket. 0, or -1 (logged). */
 int set_tcp_nodelay(int fd, bool on) noexcept;
-int set_send_timeout(int fd, long ms) noexcept;
+int set_send_timeout(int fd, long ms) noexcept; /* of a blocking one */
 struct keepalive_pace {
     int idle_sec;     /* without a byte before the first probe */
     int interval_sec; /* between probes */

@@ -22,6 +22,7 @@ int raise_fd_limit() noexcept;
 /* Writes pid into the file under a write lock that lasts only while writing. 0, or -1 (logged). flags bit 1 chooses the
    longer message for a held lock. *inode, when given, gets the file's inode. */
 [[nodiscard]] int create_pidfile_extra(const char* path, pid_t pid, ino_t* inode, int flags) noexcept;
+/* Core dumps of any size, also after a change of user. 0, or -1 (logged). flags are not used. */
 int set_unlimited_core(int flags) noexcept;
 /* Pins the process to one CPU; numbers from 1024 on give an empty set, which the kernel refuses. As sched_setaffinity.
    */

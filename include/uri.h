@@ -32,11 +32,11 @@ char* uri_get_scheme(const uri_layout* u, char* buf, size_t cap) noexcept;
 char* uri_get_authority(const uri_layout* u, char* buf, size_t cap) noexcept;
 char* uri_get_path(const uri_layout* u, char* buf, size_t cap) noexcept;
 
-[[nodiscard]] int uri_scheme_kind(const char* scheme) noexcept;
+[[nodiscard]] int uri_scheme_kind(const char* scheme) noexcept; /* uri_kind, any case */
 /* Host and port of a path; returns the rest after them, or null (logged). An absent port gives an empty text. */
 const char* uri_path_addrport(const char* path, size_t p_len, char* host, size_t hostcap, char* port,
                               size_t portcap) noexcept;
-[[nodiscard]] bool uri_is_alias(const char* s) noexcept;
+[[nodiscard]] bool uri_is_alias(const char* s) noexcept; /* begins with '$', '~' or '^' */
 
 /* Source and destination from an order's path (".../src/SOURCE/dst/DESTINATION"), each into a buffer of cap bytes. 0;
    URI_NO_SOURCE no "src" segment; ESRCH no '/' at all and no alias; E2BIG a part does not fit; a depth when "src" is

@@ -83,7 +83,7 @@ void http_set_server(const char* name) noexcept;
 /* Formats, writes to fd and ends the stream: the end rides with the answer, and both reach a client even when bytes of
    it were not read. 0, or the formatter's -1: it does not fit; a failed or short write is only logged. */
 [[nodiscard]] int send_http_response(int fd, const http_response* resp) noexcept;
-/* The shared response for a status code. */
+/* The shared response for a status code; one that has none (WARN) gets that of 200 below 300, else that of 500. */
 [[nodiscard]] const http_response* http_code_resp(long code) noexcept;
 
 /* ---- offered, called in this room only ---- */

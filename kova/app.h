@@ -14,10 +14,11 @@
 void set_dw_state(dw_task* task, n32_tag state) noexcept;
 /* Asserts what holds of a task between two events, in its state. Every handler begins with it. */
 void check_task(const dw_task* task) noexcept;
+/* From here on a new order for the source is taken. 0, also for a task not hashed; the table's error (logged). */
 int unhash_task(dw_task* task) noexcept;
 /* Releases everything a task holds, at whatever stage; an unfinished file is removed. */
 void free_dw(dw_task* task) noexcept;
-int free_dw_elem(void* data, size_t idx) noexcept;
+int free_dw_elem(void* data, size_t idx) noexcept; /* the same for a list of pointers to tasks; 0 */
 
 /* ---- source ---- */
 
@@ -55,6 +56,7 @@ void close_body_pipe() noexcept; /* safe without one */
 
 /* Lists a task for reaping after the round. 0 also when listed already; -1 no room: the caller frees it at once. */
 int pprm_task(dw_task* task) noexcept;
+/* Frees the listed tasks. From post-processing. */
 void pprm_task_cleanup() noexcept;
 /* Lists every live task; shutdown begins with it. */
 void pprm_all_tasks() noexcept;
@@ -62,4 +64,5 @@ void pprm_all_tasks() noexcept;
 void set_unguarded(dw_task* task, bool on) noexcept;
 /* Gives the sources that have lasted until the second's end their keep-alive. From the idle step. */
 void guard_sources() noexcept;
+/* At the very end, when no task lives any more. */
 void rm_all_tasks() noexcept;

@@ -42,11 +42,14 @@ extern kova_cfg g_cfg; /* filled at start-up, read-only afterwards (the listener
 
 /* The first of the usual places where there is a file, or null. */
 [[nodiscard]] const char* default_config_path() noexcept;
-void init_kova_config(kova_cfg* cfg) noexcept;
-/* 0, or non-zero (logged, or reported on standard error). */
+void init_kova_config(kova_cfg* cfg) noexcept; /* what holds where no file is read */
+/* The file over what cfg holds; with reload (never here) without its groups. 0, or non-zero (logged, or reported on
+   standard error). */
 [[nodiscard]] int load_kova_config(const char* path, kova_cfg* cfg, int reload) noexcept;
-/* A listener of the command line, "ifc:port". 0; EINVAL (logged); -ENOMEM. */
+/* A listener of the command line, "ifc:port", of AF_INET or AF_INET6. 0; EINVAL (logged); -ENOMEM. */
 [[nodiscard]] int add_web_cli(kova_cfg* cfg, const char* text, int family) noexcept;
+/* 0, or -1: there is nothing to listen to (logged). */
 [[nodiscard]] int validate_config(const kova_cfg* cfg) noexcept;
 void dump_kova_config(FILE* stream, const kova_cfg* cfg) noexcept;
+/* Frees what the listeners own. */
 void free_kova_config(kova_cfg* cfg) noexcept;

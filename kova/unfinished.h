@@ -9,7 +9,7 @@
 
 /* Removes a trailing "-Kova". 0; EINVAL an empty text; ESRCH no such suffix. */
 [[nodiscard]] int cutoff_segext(char* path) noexcept;
-[[nodiscard]] bool is_unfinished_seg(const char* path) noexcept;
+[[nodiscard]] bool is_unfinished_seg(const char* path) noexcept; /* path ends in "-Kova" */
 
 /* Is the file at the task's unfinished name the one behind its descriptor? 0: it is, and *own is what fstat says of it;
    ESTALE: it is another's; else the errno of the look. */
@@ -28,4 +28,5 @@ void clear_the_way(dw_task* task) noexcept;
 /* At its end: is the file at the task's unfinished name to go? Its own is, and one that stood in its way and that
    nobody writes. Call while the task's descriptor is open. */
 [[nodiscard]] bool owes_removal(const dw_task* task) noexcept;
+/* Removes it (WARN); one that is gone already is no failure, any other is logged. The task has no file from then on. */
 void remove_unfinished(const char* fn, dw_task* task) noexcept;

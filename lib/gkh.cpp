@@ -176,7 +176,8 @@ static hrec** seek(const ht_tag* tbl, long key, int* cmp) noexcept
     return link;
 }
 
-/* The record is made before its place is looked for: the place depends on the key as the record keeps it. */
+/* The record is made before its place is looked for, which is that of the key as it is kept: texts that differ only
+   beyond their storage are one key. */
 static int hadd(ht_tag* tbl, long key, void** data) noexcept
 {
     if (!tbl->r || tbl->rlen == 0)
@@ -184,7 +185,6 @@ static int hadd(ht_tag* tbl, long key, void** data) noexcept
     hrec* rec = HTFUNC[tbl->ktype].mkhrec(tbl, key);
     if (!rec)
         return ENOMEM;
-    /* The place is that of the key as it is kept: texts that differ only beyond their storage are one key. */
     int cmp = 0;
     hrec** link = seek(tbl, HTFUNC[tbl->ktype].getkey(rec), &cmp);
     if (cmp == 0) {
@@ -289,7 +289,7 @@ static int hcreate_(ht_tag** ph, ht_key_kind kind, size_t capacity, ht_hash_fn h
     return 0;
 }
 
-/* klst are keys to begin with, without data; one that cannot be added undoes the table. */
+/* A key that cannot be added undoes the table. */
 int skht_create(skht_t* handle, size_t capacity, ht_hash_fn hash, const char* const* klst, size_t klen) noexcept
 {
     ASSERT_AS(!klst || klen, "!klst || (klst && len)");

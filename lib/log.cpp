@@ -290,7 +290,7 @@ static void clean_message(char* text, size_t len, bool keeps_line_ends) noexcept
 [[gnu::format(printf, 4, 0)]] static int prepare(log_ctx* log, int level, bool keeps_line_ends, const char* format,
                                                  va_list ap) noexcept
 {
-    const int err = errno; /* "%m" and the callers behind us still want it */
+    const int err = errno;
     logbuf_reset();
     if (!put_head(log, level)) {
         logbuf_reset();

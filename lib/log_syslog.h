@@ -6,7 +6,8 @@
 
 constexpr int SYSLOG_DEFAULT = -1; /* LOG_PID | LOG_CONS, LOG_LOCAL0 */
 
-/* Connects with the first line, and again when the syslog daemon was restarted. */
+/* Lines go out under ident, with LOG_PID and LOG_CONS of option. The connection is made by the first line, and again
+   when the syslog daemon was restarted. */
 void syslog_open(const char* ident, int option) noexcept;
 /* level is a log level; its priority is that of the level's kind. A line that the daemon does not take now is dropped.
    */
