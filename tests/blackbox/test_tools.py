@@ -1,5 +1,6 @@
 """The companion programs against a real agent, the shipped examples, rules and metrics, and the installed tree."""
 
+import collections
 import functools
 import glob
 import json
@@ -13,7 +14,7 @@ import subprocess
 import time
 import unittest
 
-from harness import (ANSWERS, ASAN, KOV, KovTest, ScriptedDatabase, Server, age, free_port, read, read_all, request,
+from harness import (ANSWERS, ASAN, KOV, KovTest, ScriptedDatabase, age, free_port, read, read_all, request,
                      run, sized, wait_for, write)
 
 BIN = os.path.dirname(KOV)
@@ -277,14 +278,10 @@ class Hostile(KovTest):
                 while endless:
                     conn.sendall(endless * 10_000)
 
-        database = Server(lie)
-        self.addCleanup(database.stop)
-        port = database.sock.getsockname()[1]
+        database = self.service(ScriptedDatabase)
+        database.server.talk = lie
         os.makedirs(f"{self.root}/d")
-        write(f"{self.root}/add_url.sha1", "a" * 40)
-        write(f"{self.root}/c", f"""kova = {{ {Checkconf.GOOD} data_dir = "{self.root}/d";
-            local_url_prefix = "http://h";
-            lbdb = {{ host = "127.0.0.1"; port = {port}; sha1_dir = "{self.root}"; }}; }};""")
+        write(f"{self.root}/c", f'kova = {{ {Checkconf.GOOD} data_dir = "{self.root}/d"; {database.settings()} }};')
         head = "2020-11-22 02:00:40.574449 UTC 4711  (NRM)  u1 "
         write(f"{self.root}/log", f"{head} TASK-START [DOW] (0x7f/idx=0) [http://h/a]->[{self.root}/d/a-Kova] "
               f"length=0, expiry=1 lid=[]\n{head} downloaded: 1 bytes, [http://h/a] to [{self.root}/d/a]\n")
@@ -294,7 +291,7 @@ class Hostile(KovTest):
                        (b"*5\r\n" + b"*4\r\n:0\r\n:-1\r\n*0\r\n:0\r\n" * 5, b"")):
             write(f"{self.root}/d/a", seconds_old=10**9)
             for place in ("redis://", "cluster://", "redis://user:password@", "sentinel://"):
-                env = {**os.environ, "KOV_FLEET": f"{place}127.0.0.1:{port}/m"}
+                env = {**os.environ, "KOV_FLEET": f"{place}127.0.0.1:{database.port}/m"}
                 for args in (("fleet",), ("expire", "--delete", f"{self.root}/log")):
                     self.assertIn(self.tools("-C", f"{self.root}/c", *args, env=env), (2, 7), (answer, place))
             self.assertTrue(os.path.exists(f"{self.root}/d/a"))
@@ -610,26 +607,26 @@ class Metrics(KovTest):
             resource.prlimit(agent.pid, resource.RLIMIT_NOFILE, (agent.base_fds + 3, limits[1]))
             agent.order(good, "no-socket", expect=None)
             agent.ended(ends + 1)
+            resource.prlimit(agent.pid, resource.RLIMIT_NOFILE, (agent.base_fds + 1, limits[1]))
+            with agent.connect():
+                agent.logged("out of resources")
             resource.prlimit(agent.pid, resource.RLIMIT_NOFILE, limits)
         database.stop()
         agent.order(good, "unregistered")
         agent.ended(ends + 2)
         second = f"{self.root}/second"
-        status = subprocess.run([KOV, "-C", f"{agent.root}/kov.conf", "-T", "-q", "-l", second], check=False).returncode
-        self.assertNotEqual(status, 0)
+        run(KOV, "-C", f"{agent.root}/kov.conf", "-T", "-q", "-l", second, status=1)
         out = run("mtail", "--one_shot", "--one_shot_format=prometheus", "--progs", f"{TOP}/packaging/mtail/kov.mtail",
                   "--logs", agent.log_path, "--logs", second)
         counts = {re.sub(r',?prog="[^"]*",?', "", name).replace("{}", ""): int(value)
                   for name, value in re.findall(r"(?m)^kov_(\S+) (\d+)$", out)}
         expected = {"starts_total": 1, "assertions_total": 0, "orders_started_total": len(failures) + 5,
                     "orders_stored_total": 2, "stored_bytes_total": 10000, "orders_failed_total": len(failures) + 3,
-                    "registrations_lost_total": 1, "out_of_resources_total": counts["out_of_resources_total"],
-                    f'exits_total{{status="{status}"}}': 1}
-        for cause in "malformed", "limit", "datagram", "disk":
-            expected[f'orders_refused_total{{cause="{cause}"}}'] = 1
-        for cause, _ in (*failures, ("broken", ""), ("broken", ""), ("resources", "")):
-            key = f'failures_total{{cause="{cause}"}}'
-            expected[key] = expected.get(key, 0) + 1
+                    "registrations_lost_total": 1, "out_of_resources_total": 1, 'exits_total{status="1"}': 1}
+        causes = [*(cause for cause, _ in failures), "broken", "broken", "resources"]
+        expected |= collections.Counter(f'failures_total{{cause="{cause}"}}' for cause in causes)
+        refused = ("malformed", "limit", "datagram", "disk")
+        expected |= collections.Counter(f'orders_refused_total{{cause="{cause}"}}' for cause in refused)
         self.assertEqual(counts, expected)
 
 
