@@ -38,16 +38,13 @@ HARD_FILES = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
 resource.setrlimit(resource.RLIMIT_NOFILE, (min(HARD_FILES, 8192), HARD_FILES))
 
 
-def wait_for(condition, what, seconds=10.0, not_yet=()):
-    """Its result; exceptions of these kinds mean that it is not so yet."""
+def wait_for(condition, what, seconds=10.0):
     deadline = time.monotonic() + seconds
-    while True:
-        with contextlib.suppress(*not_yet):
-            if result := condition():
-                return result
+    while not (result := condition()):
         if time.monotonic() > deadline:
             raise AssertionError(f"waited {seconds} s for {what}")
         time.sleep(0.01)
+    return result
 
 
 def run(*command, status=0, says="", **kwargs):
