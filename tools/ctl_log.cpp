@@ -128,7 +128,7 @@ struct text_hash : std::hash<std::string_view> {
 };
 using orders = std::unordered_multimap<std::string, order, text_hash, std::equal_to<>>;
 /* The few that are printed, sorted. */
-using sorted_orders = std::map<std::string, order, std::less<>>;
+using sorted_orders = std::multimap<std::string, order, std::less<>>;
 
 /* When the time of a stored file began, and how long it is; said again by each registration of it. */
 struct end_line {
@@ -147,8 +147,8 @@ struct process {
 struct history {
     std::map<pid_t, process> processes;
     sorted_orders lost;
-    sorted_orders unregistered; /* by destination */
-    std::vector<end_line> ends; /* only with want_ends */
+    std::map<std::string, order, std::less<>> unregistered; /* by destination */
+    std::vector<end_line> ends;                             /* only with want_ends */
     bool want_ends = false;
     size_t unnamed_breaks = 0; /* failures after the answer whose line names no file; their ends follow */
 };
@@ -187,17 +187,27 @@ std::optional<task_line> parse_task(std::string_view text)
     return t;
 }
 
-void lose(history* h, const std::string& path, order o, const char* what)
+/* Of a map of orders; its end when there is none. */
+auto find_order(auto* map, std::string_view path, std::string_view src)
 {
-    o.what = what;
-    h->lost[path] = std::move(o);
+    const auto [begin, end] = map->equal_range(path);
+    const auto it = std::find_if(begin, end, [src](const auto& entry) { return entry.second.src == src; });
+    return it == end ? map->end() : it;
 }
 
-orders::iterator find_order(orders* running, std::string_view path, std::string_view src)
+/* In place of what was known of such an order before. */
+void put_order(auto* map, std::string_view path, order o)
 {
-    const auto [begin, end] = running->equal_range(path);
-    const auto it = std::find_if(begin, end, [src](const auto& entry) { return entry.second.src == src; });
-    return it == end ? running->end() : it;
+    if (const auto it = find_order(map, path, o.src); it != map->end())
+        it->second = std::move(o);
+    else
+        map->emplace(path, std::move(o));
+}
+
+void lose(history* h, std::string_view path, order o, const char* what)
+{
+    o.what = what;
+    put_order(&h->lost, path, std::move(o));
 }
 
 /* Of all orders for one file: what a line says that names no source. */
@@ -209,15 +219,10 @@ void mark(orders* running, std::string_view path, bool order::*flag, bool value)
 
 void take_start(history* h, const record& r)
 {
-    const auto t = parse_task(r.text);
-    if (!t)
-        return;
-    orders& running = h->processes[r.pid].running;
-    if (const auto it = find_order(&running, t->path, t->src); it != running.end())
-        running.erase(it); /* its end is in a log that is not at hand */
-    running.emplace(
-        t->path,
-        order{.src = std::string(t->src), .expiry = t->expiry, .tm = time_of(r), .is_of_channel = r.is_of_channel});
+    if (const auto t = parse_task(r.text))
+        put_order(
+            &h->processes[r.pid].running, t->path,
+            {.src = std::string(t->src), .expiry = t->expiry, .tm = time_of(r), .is_of_channel = r.is_of_channel});
 }
 
 /* A task whose end cannot be told from a refusal that its sender was told counts as lost only when its line says so. */
@@ -250,8 +255,8 @@ void take_end(history* h, const record& r)
 void take_stored(history* h, const record& r)
 {
     const std::string_view path = between(r.text, "] to [", "]");
-    if (const auto it = h->lost.find(path); it != h->lost.end())
-        h->lost.erase(it);
+    const auto [begin, end] = h->lost.equal_range(path);
+    h->lost.erase(begin, end);
     orders& running = h->processes[r.pid].running;
     const auto it = find_order(&running, path, between(r.text, " bytes, [", "] to ["));
     if (it == running.end())
@@ -259,6 +264,17 @@ void take_stored(history* h, const record& r)
     mark(&running, path, &order::is_stored, true); /* the others have nothing to lose any more */
     if (h->want_ends)
         h->ends.push_back({it->first, it->second.expiry, time_of(r), true});
+}
+
+/* "mk_dest_file: [path] of T0001 from [former source] has stalled and is taken over from [source]": the file is the new
+   order's business from here on. */
+void take_takeover(history* h, const record& r)
+{
+    orders& running = h->processes[r.pid].running;
+    const auto it = find_order(&running, without_suffix(between(r.text, "mk_dest_file: [", "] of T")),
+                               between(r.text, " from [", "] has stalled"));
+    if (it != running.end())
+        running.erase(it);
 }
 
 /* The answer has gone out before these failures. */
@@ -328,6 +344,8 @@ void take_record(history* h, const record& r)
         take_unregistered(h, r);
     else if (r.text.starts_with("add_lbdb_url: id=["))
         take_registration(h, r);
+    else if (r.is_of_task && r.text.starts_with("mk_dest_file: [") && r.text.find("] has stalled") != r.text.npos)
+        take_takeover(h, r);
     else if (r.is_error && r.is_of_task)
         take_error(h, r);
     else if (r.text.ends_with(" has been asked to quit."))
@@ -525,7 +543,10 @@ int cmd_replay(std::span<char* const> args)
     const history h = read_logs(args, false);
     const time_t now = time(nullptr);
     int status = 0;
+    std::string_view placed; /* its other sources are spared */
     for (const auto& [path, o] : h.lost) {
+        if (path == placed)
+            continue;
         const auto left = left_of(o.expiry, o.tm, now);
         const auto dst = dst_of(path);
         if (!left || !dst) {
@@ -535,7 +556,10 @@ int cmd_replay(std::span<char* const> args)
         await_stale(path + UNFINISHED_SFX); /* may take half a minute of what is left */
         g_set.expiry = std::to_string(left_of(o.expiry, o.tm, time(nullptr)).value_or(*left));
         const int rc = place_order(o.src, *dst);
-        status = rc == 0 || rc == STATUS_EXISTS ? status : rc;
+        if (rc == 0 || rc == STATUS_EXISTS)
+            placed = path;
+        else
+            status = rc;
     }
     return status;
 }

@@ -419,21 +419,26 @@ unfinished: {running}, 3 of 9 bytes, 4\d s since its last change\n$""")
             gate.set()
             self.assertEqual(read_all(client), ANSWERS[500])
         agent.ended()
+        agent.order(self.origin.halves("/former"), "heir")
+        age(agent.path("heir-Kova"), 35)
+        agent.order(self.origin.halves("/heir"), "heir")
         log = agent.log()
         self.agent.restart(signal.SIGKILL)
         write(f"{self.root}/last-boot", re.sub(r"(?m)^2\d{3}(-.* )\d+(?=  \()", rf"2001\g<1>{agent.pid}", log))
         self.ctl("lost", f"{self.root}/last-boot", status=1, says="/crashed: cut by a crash")
-        age(agent.path("crashed-Kova"), 1000)
+        for dst in ("crashed", "heir"):
+            age(agent.path(f"{dst}-Kova"), 1000)
         lost = [re.sub(r"^\S+ -> |\d+(?= s)", "", line) for line in self.ctl("lost", status=1).splitlines()]
         self.assertEqual(lost, [f"{agent.data}/{what}" for what in (
-            "broken: broken, no expiry", "crashed: cut by a crash, no expiry", "over: cut by a stop, over",
-            "v/stop ped%: cut by a stop,  s left")])
+            "broken: broken, no expiry", "crashed: cut by a crash, no expiry", "heir: cut by a crash, no expiry",
+            "over: cut by a stop, over", "v/stop ped%: cut by a stop,  s left")])
         self.origin.body("/broken", b"whole")
         self.origin.released.set()
         self.ctl("replay")
-        for dst, body in (("broken", b"whole"), ("crashed", b"abcdefghi"), ("v/stop ped%", b"abcdefghi")):
-            agent.stored(dst, body)
-        agent.ended(3)
+        agent.stored("broken", b"whole")
+        for dst in ("crashed", "heir", "v/stop ped%"):
+            agent.stored(dst, b"abcdefghi")
+        agent.ended(4)
         self.ctl("lost", status=1, says=rf"^\S+ -> {agent.data}/over:[^\n]*\n$")
 
     def test_registrations_that_failed(self):
