@@ -32,11 +32,7 @@ constexpr size_t TRKNUM_DIGITS = 5;
 /* Written by rui_set_cb, before the first listener is set up. */
 static rui_socket_cb g_cb[RUI_MAX];
 
-static const char* kind_name(int kind) noexcept
-{
-    static const char* const NAMES[] = {"user", "admin", "custom"};
-    return NAMES[kind];
-}
+static const char* const KIND_NAMES[] = {"user", "admin", "custom"}; /* by rui_kind */
 
 /* By rui_kind; the order is that of the enumerators. */
 static rui_socket_ctx* set_of(rui_ctx* ctx, int kind) noexcept
@@ -238,7 +234,7 @@ void stop_listeners(rui_socket_ctx* set, int kind, bool destroy) noexcept
         else
             rui_stop_listener(&set[count]);
     }
-    LOG_DEBUG("%s: %zu [%s] listener(s) %s\n", __func__, count, kind_name(kind), destroy ? "destroyed" : "stopped");
+    LOG_DEBUG("%s: %zu [%s] listener(s) %s\n", __func__, count, KIND_NAMES[kind], destroy ? "destroyed" : "stopped");
 }
 
 void rui_ctx_destroy(rui_ctx* ctx) noexcept
@@ -304,7 +300,7 @@ void rui_pprm_all(rui_ctx* ctx) noexcept
     for (int kind = RUI_USER; kind < RUI_MAX; ++kind) {
         rui_socket_ctx* set = set_of(ctx, kind);
         for (size_t i = 0; rui_socket_ctx* srv = listener_at(set, i); ++i) {
-            LOG_DEBUG("%s: [%s] listener[%s], %zu pprm items\n", __func__, kind_name(kind), srv->lc->alias,
+            LOG_DEBUG("%s: [%s] listener[%s], %zu pprm items\n", __func__, KIND_NAMES[kind], srv->lc->alias,
                       slots_len(srv->pprm));
             slots_purge_all<purge_elem>(&srv->pprm);
             LOG_DEBUG("%s: done for for [%s]\n", __func__, srv->lc->alias);

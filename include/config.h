@@ -19,11 +19,6 @@ constexpr size_t CONFIG_TEXT_MAX = 1 << 20; /* bytes: a file that has as many is
 [[nodiscard]] int load_config_setting_str(const config_setting_t* group, const char* key, char* dst, size_t limit,
                                           const char* deflt) noexcept;
 
-/* *value gets the number, or deflt when it is absent or of another type. 0, or -1 beyond the range of an int
-   (logged). */
-[[nodiscard]] int load_config_int(const config_t* cfg, const char* path, int* value, int deflt) noexcept;
-[[nodiscard]] int load_config_setting_int(const config_setting_t* group, const char* key, int* value,
-                                          int deflt) noexcept;
 /* The value, or deflt when absent or of another type. */
 [[nodiscard]] bool config_setting_flag(const config_setting_t* group, const char* key, bool deflt) noexcept;
 

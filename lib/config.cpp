@@ -1,12 +1,10 @@
 /* Look-ups in a configuration file. A value of another type counts as absent, as the parser library's own look-ups have
-   it. What a file says and this program cannot keep is refused with both limits instead: the library would cut a number
-   to 32 bits, and a copy a text, without a word. */
+   it. A text that this program cannot keep is refused with both lengths, where a copy would cut it without a word. */
 #include "config.h"
 
 #include "log.h"
 #include "strops.h"
 
-#include <climits>
 #include <cstring>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
@@ -42,32 +40,6 @@ int load_config_setting_str(const config_setting_t* group, const char* key, char
     if (config_setting_lookup_string(group, key, &text) != CONFIG_TRUE)
         text = nullptr;
     return take_str(__func__, key, text, dst, limit, deflt);
-}
-
-/* s is null for an absent value. A number may be 64 bits wide in the file, with an L behind it; a float or a text is
-   another type. */
-static int take_int(const char* fn, const char* key, const config_setting_t* s, int* value, int deflt) noexcept
-{
-    *value = deflt;
-    if (!s || (config_setting_type(s) != CONFIG_TYPE_INT && config_setting_type(s) != CONFIG_TYPE_INT64))
-        return 0;
-    const long long number = config_setting_get_int64(s);
-    if (number < INT_MIN || number > INT_MAX) {
-        LOG_ERR("%s: %s value is out of range: %lld\n", fn, key, number);
-        return -1;
-    }
-    *value = static_cast<int>(number);
-    return 0;
-}
-
-int load_config_int(const config_t* cfg, const char* path, int* value, int deflt) noexcept
-{
-    return take_int(__func__, path, config_lookup(cfg, path), value, deflt);
-}
-
-int load_config_setting_int(const config_setting_t* group, const char* key, int* value, int deflt) noexcept
-{
-    return take_int(__func__, key, config_setting_get_member(group, key), value, deflt);
 }
 
 bool config_setting_flag(const config_setting_t* group, const char* key, bool deflt) noexcept
