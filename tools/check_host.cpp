@@ -6,21 +6,116 @@
 
 #include "cfg.h"
 #include "data.h"
+#include "gkh.h"
 #include "procfs.h"
 #include "strops.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <pwd.h>
 #include <string>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace
 {
 
 constexpr size_t LOCK_PATH_ROOM = 126; /* lock_dir/id.lock */
+constexpr size_t PATH_ROOM = 126;      /* data_dir/destination-Kova */
 constexpr size_t SMALL_ROOM = 64;
+constexpr size_t FDS_A_TASK = 3;
+constexpr size_t FDS_A_LISTENER = 1001; /* with its longest queue */
+constexpr size_t FDS_OF_ITS_OWN = 16;
 constexpr unsigned USUAL_FIRST_FREE_PORT = 1024;
+
+void check_descriptors(const kova_cfg& cfg)
+{
+    if (cfg.max_tasks > HT_MAX_CAP) { /* or negative */
+        warn("max_tasks %zd: the agent will not start", static_cast<ssize_t>(cfg.max_tasks));
+        return;
+    }
+    size_t need = cfg.max_tasks * FDS_A_TASK + FDS_OF_ITS_OWN;
+    for (const rui_listener_cfg& l : cfg.rui.user)
+        need += l.is_valid ? FDS_A_LISTENER : 0;
+    rlimit lim{};
+    if (getrlimit(RLIMIT_NOFILE, &lim) != 0)
+        return;
+    printf("descriptors: up to %zu (3 a download, 1 a waiting client), hard limit here %lu\n", need,
+           static_cast<unsigned long>(lim.rlim_max));
+    if (need > lim.rlim_max)
+        warn("max_tasks and full queues want %zu descriptors, the hard limit is %lu", need,
+             static_cast<unsigned long>(lim.rlim_max));
+}
+
+/* For the user that the agent will be. */
+bool is_writable_dir(const kova_cfg& cfg, const char* path)
+{
+    struct stat st {
+    };
+    if (stat(path, &st) != 0 || !S_ISDIR(st.st_mode) || access(path, W_OK | X_OK) != 0)
+        return false;
+    const passwd* pw = geteuid() == 0 && !cfg.rt.non_daemon && cfg.rt.user[0] ? getpwnam(cfg.rt.user) : nullptr;
+    if (!pw || pw->pw_uid == 0)
+        return true;
+    const bool is_group = st.st_gid == pw->pw_gid;
+    constexpr mode_t WRITE_AND_ENTER = 3;
+    const mode_t want = WRITE_AND_ENTER << (st.st_uid == pw->pw_uid ? 6U : is_group ? 3U : 0U);
+    return (st.st_mode & want) == want;
+}
+
+/* Who can send to it, and where its locks lie. */
+void check_channel(const kova_cfg& cfg)
+{
+    if (!cfg.udp_cha.url[0])
+        return;
+    if (!strchr(cfg.udp_cha.url, '@'))
+        warn("anybody who reaches %s can stop the agent with one datagram; name the sender: udp://SENDER@GROUP:PORT",
+             cfg.udp_cha.url);
+    if (!cfg.udp_cha.must_lock)
+        return;
+    const std::string_view dir = cfg.udp_cha.lkdir;
+    for (const std::string_view temporary : {"/tmp", "/var/tmp", "/dev/shm"}) {
+        if (dir == temporary || (dir.starts_with(temporary) && dir[temporary.size()] == '/'))
+            warn("lock_dir %s is a temporary place: others can hold or clear locks there", cfg.udp_cha.lkdir);
+    }
+    if (!is_writable_dir(cfg, cfg.udp_cha.lkdir))
+        warn("lock_dir %s is missing, or cannot be written to by the agent's user: orders go on without their locks",
+             cfg.udp_cha.lkdir);
+}
+
+/* What the agent writes to: the data directory, and for log and pid file the directories around them. */
+void check_places(const kova_cfg& cfg)
+{
+    if (!is_writable_dir(cfg, cfg.data_dir))
+        warn("data_dir %s cannot be written to by the agent's user", cfg.data_dir);
+    const size_t used = strlen(cfg.data_dir) + 1 + strlen("-Kova");
+    const size_t room = used < PATH_ROOM ? PATH_ROOM - used : 0;
+    printf("destinations: up to %zu characters below %s\n", room, cfg.data_dir);
+    if (room < SMALL_ROOM)
+        warn("data_dir leaves %zu characters for a destination", room);
+
+    if (!cfg.rt.non_daemon && !cfg.log.path[0])
+        warn("a daemon needs log.file; without it only -T starts");
+    if (!cfg.rt.non_daemon && !cfg.rt.pidfile[0])
+        warn("a daemon needs runtime.pidfile; without it only -T starts");
+    if (!cfg.rt.non_daemon && cfg.rt.user[0] && !getpwnam(cfg.rt.user))
+        warn("run_as_user: there is no user %s here; without one only -T starts", cfg.rt.user);
+
+    const std::pair<const char*, const char*> files[] = {{"log.file", cfg.log.path},
+                                                         {"runtime.pidfile", cfg.rt.pidfile}};
+    for (const auto& [key, path] : files) {
+        if (!path[0] || path[0] == '|')
+            continue;
+        const std::string_view text = path;
+        const size_t slash = text.rfind('/');
+        const std::string dir(slash == std::string_view::npos ? "." : slash == 0 ? "/" : text.substr(0, slash));
+        if (!is_writable_dir(cfg, dir.c_str()))
+            warn("%s: the directory %s is missing, or cannot be written to by the agent's user", key, dir.c_str());
+    }
+}
 
 /* Log, CPU, user and pid file, and the paths that a daemon sees from another directory. */
 void check_runtime(const kova_cfg& cfg)
@@ -105,6 +200,9 @@ void check_listeners(const kova_cfg& cfg)
 
 void check_host(const kova_cfg& cfg)
 {
+    check_descriptors(cfg);
+    check_channel(cfg);
+    check_places(cfg);
     check_runtime(cfg);
     check_names(cfg);
     check_listeners(cfg);

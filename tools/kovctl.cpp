@@ -104,7 +104,7 @@ void read_channel()
 
 /* What no option has said is taken from the configuration. One that was not asked for may be unreadable: what is then
    missing is said by the command that misses it. */
-void complete(const char* path, bool is_named)
+void take_configuration(const char* path, bool is_named)
 {
     if (!path)
         return;
@@ -267,6 +267,6 @@ int main(int argc, char* argv[])
     const char* config = named ? named : default_config_path();
     if (!config && access(PACKAGED_CONFIG, F_OK) == 0)
         config = PACKAGED_CONFIG;
-    complete(config, named != nullptr);
+    take_configuration(config, named != nullptr);
     return run(static_cast<ctl_cmd>(cmd - CTL_COMMANDS), args);
 }
