@@ -45,7 +45,14 @@ void print_program(const char* program, std::span<const option> options, const c
     for (char& c : function)
         c = c == '-' ? '_' : c;
     std::string names;
-    printf("\n%s()\n{\n    local cur prev\n    _kov_words \"$@\"\n    COMPREPLY=()\n    case $prev in\n",
+    printf(R"(
+%s()
+{
+    local cur prev
+    _kov_words "$@"
+    COMPREPLY=()
+    case $prev in
+)",
            function.c_str());
     for (const option& o : options) {
         if (o.val == 0) /* kov's --default, which is refused */
@@ -58,9 +65,17 @@ void print_program(const char* program, std::span<const option> options, const c
             choice = name == o.name ? value : choice;
         printf("    --%s | -%c) %s%s ;;\n", o.name, o.val, choice ? "_kov_reply " : ":", choice ? choice : "");
     }
-    printf("    *)\n        if [[ $cur == -* ]]; then\n            _kov_reply -W '%s'\n        else\n            %s\n  "
-           "      fi\n        ;;\n"
-           "    esac\n}\ncomplete -o filenames -F %s %s\n",
+    printf(R"(    *)
+        if [[ $cur == -* ]]; then
+            _kov_reply -W '%s'
+        else
+            %s
+        fi
+        ;;
+    esac
+}
+complete -o filenames -F %s %s
+)",
            names.c_str(), rest, function.c_str(), program);
 }
 
@@ -102,22 +117,32 @@ void print_zsh_options(std::span<const tool_option> options)
 /* One function for all three programs: zsh calls it with the program's name in $service. */
 void print_zsh()
 {
-    puts(
-        "#compdef kov kovctl kov-checkconf\n# Zsh completion. Generated from their tables of options.\n\ncase $service "
-        "in\nkov)\n    _arguments -s \\");
+    puts(R"(#compdef kov kovctl kov-checkconf
+# Zsh completion. Generated from their tables of options.
+
+case $service in
+kov)
+    _arguments -s \)");
     for (const option* o = LONG_OPTS; o->name; ++o)
         print_zsh_option(*o, o->name, o->name);
-    puts("        && return 0\n    ;;\nkovctl)\n    local -a kov_commands\n    kov_commands=(");
+    puts(R"(        && return 0
+    ;;
+kovctl)
+    local -a kov_commands
+    kov_commands=()");
     for (const ctl_command& c : CTL_COMMANDS)
         printf("        '%s:%s'\n", c.name, zsh_text(c.help).c_str());
-    puts("    )\n    _arguments -s \\");
+    puts(R"(    )
+    _arguments -s \)");
     print_zsh_options(CTL_OPTIONS);
-    puts("        '1:command:{ _describe command kov_commands }' '*:argument:_files' && return 0\n    "
-         ";;\nkov-checkconf)\n "
-         "   "
-         "_arguments -s \\");
+    puts(R"(        '1:command:{ _describe command kov_commands }' '*:argument:_files' && return 0
+    ;;
+kov-checkconf)
+    _arguments -s \)");
     print_zsh_options(CHECKCONF_OPTIONS);
-    puts("        '1:configuration:_files' && return 0\n    ;;\nesac");
+    puts(R"(        '1:configuration:_files' && return 0
+    ;;
+esac)");
 }
 
 /* One function a program, behind two that they share. */
