@@ -3,6 +3,7 @@
 
 #include "procfs.h"
 
+#include <atomic>
 #include <filesystem>
 #include <optional>
 #include <set>
@@ -136,10 +137,13 @@ struct workload {
 struct removal {
     int found = 0;
     int removed = 0;
+    std::atomic<bool> is_partial = false; /* something could not be looked at */
 
     /* Not when the file has changed since it was seen. */
     void take(const std::filesystem::path& path, const struct stat& seen, const char* why);
-    [[nodiscard]] int status() const { return found > removed ? STATUS_REFUSED : 0; }
+    /* Says so with errno, unless it is gone; any thread may call it. */
+    void miss(const std::string& path);
+    [[nodiscard]] int status() const { return found > removed || is_partial ? STATUS_REFUSED : 0; }
 };
 [[nodiscard]] bool is_unfinished(std::string_view path);
 [[nodiscard]] long age_of(const struct stat& st); /* s since the last change */

@@ -50,9 +50,9 @@ std::optional<struct stat> stat_at(const directory& dir, const char* name)
 }
 
 /* Every name below the data directory that is, or is not, one of an unfinished file, and may be a regular file's; what
-   vanishes or may not be entered on the way is passed by. There may be millions: f decides which to look at. */
+   vanishes on the way is passed by. There may be millions: f decides which to look at. */
 template <class F>
-void each_name(bool wants_unfinished, F&& f)
+void each_name(removal* r, bool wants_unfinished, F&& f)
 {
     if (g_set.data_dir.empty())
         fail(STATUS_USAGE, "no data directory given: name the configuration (-C) or the directory (-D)");
@@ -65,8 +65,8 @@ void each_name(bool wants_unfinished, F&& f)
         dir->path = std::move(paths.back());
         paths.pop_back();
         dir->stream.reset(opendir(dir->path.c_str()));
-        if (!dir->stream && errno != ENOENT)
-            fprintf(stderr, "kovctl: %s: %s\n", dir->path.c_str(), strerror(errno));
+        if (!dir->stream)
+            r->miss(dir->path);
         while (const dirent* entry = dir->stream ? readdir(dir->stream.get()) : nullptr) {
             const char* name = static_cast<const char*>(entry->d_name);
             struct stat st {
@@ -130,11 +130,13 @@ bool is_all_written(int fd, uint64_t size)
 
 /* Whether a part of it was never written, though its blocks were reserved: a mapping that did not reach the disk. What
    somebody has read since is cached, and would pass for data; the cache of a file that is well is left alone. */
-bool has_hole(const directory& dir, const char* name, off_t size)
+bool has_hole(removal* r, const directory& dir, const char* name, off_t size)
 {
     const int fd = openat(dirfd(dir.stream.get()), name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-    if (fd < 0)
+    if (fd < 0) {
+        r->miss(dir.path + "/" + name);
         return false;
+    }
     const scope_guard close_fd([fd] { close(fd); });
     if (is_all_written(fd, static_cast<uint64_t>(size)))
         return false;
@@ -162,7 +164,7 @@ void look_at(verification* v, const batch& b)
         if (!st)
             continue;
         const bool has_blocks = st->st_blocks * 512 >= st->st_size;
-        if (has_blocks && (st->st_ctim.tv_sec >= before || !has_hole(*b.dir, name.c_str(), st->st_size)))
+        if (has_blocks && (st->st_ctim.tv_sec >= before || !has_hole(&v->found, *b.dir, name.c_str(), st->st_size)))
             continue;
         const std::scoped_lock lock(v->mutex);
         v->found.take(fs::path(b.dir->path) / name, *st,
@@ -242,6 +244,14 @@ void removal::take(const fs::path& path, const struct stat& seen, const char* wh
     }
 }
 
+void removal::miss(const std::string& path)
+{
+    if (errno == ENOENT)
+        return;
+    is_partial = true;
+    fprintf(stderr, "kovctl: %s: %s\n", path.c_str(), strerror(errno));
+}
+
 /* A power cut may leave final files whose blocks never reached the disk. */
 int cmd_verify()
 {
@@ -254,7 +264,7 @@ int cmd_verify()
     } catch (const std::system_error&) { /* no more may be had; it goes on without */
     }
     batch b;
-    each_name(false, [&](const directory_ptr& dir, const char* name) {
+    each_name(&v.found, false, [&](const directory_ptr& dir, const char* name) {
         if (b.dir != dir || b.names.size() == BATCH) {
             hand_over(&v, std::move(b));
             b = {dir, {}};
@@ -277,7 +287,7 @@ int cmd_sweep()
     removal r;
     /* Asked first: a file that is opened after this is young, and left alone for that. */
     const held_files held = all_held_files();
-    each_name(true, [&](const directory_ptr& dir, const char* name) {
+    each_name(&r, true, [&](const directory_ptr& dir, const char* name) {
         const auto st = stat_at(*dir, name);
         if (st && age_of(*st) > STALE_LOCK_SEC && !held.contains({st->st_dev, st->st_ino}))
             r.take(fs::path(dir->path) / name, *st, "unfinished, and no agent writes it");

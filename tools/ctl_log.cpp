@@ -596,9 +596,13 @@ int cmd_expire(std::span<char* const> args)
         struct stat st {
         };
         const auto dst = dst_of(path);
-        /* A file that has changed since is another order's. */
-        if (!dst || is_unfinished(path) || lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
-            st.st_mtime > registered)
+        if (!dst || is_unfinished(path))
+            continue;
+        if (lstat(path.c_str(), &st) != 0) {
+            r.miss(path);
+            continue;
+        }
+        if (!S_ISREG(st.st_mode) || st.st_mtime > registered) /* changed since: another order's */
             continue;
         redisContext* redis = db ? server_of(*db, *dst) : nullptr;
         if (redis && is_wanted(redis, *dst, now))

@@ -377,6 +377,8 @@ unfinished: {running}, 3 of 9 bytes, 4\d s since its last change\n$""")
         if os.geteuid() == 0:  # another user must not read that there is no agent
             for command in ("status", "metrics"):
                 self.assertEqual(self.ctl(command, status=1, says="run as root", user=65534), "")
+            os.mkdir(self.agent.path("locked"), 0o700)
+            self.ctl("verify", status=1, says=f"(?m)^kovctl: {self.data}/locked: Permission denied$", user=65534)
         sparse = f"{self.data}/sparse: has fewer blocks than its size"
         both = {f"{self.data}/reserved: has blocks that were never written", sparse}
         since_boot = str(5 - int(time.clock_gettime(time.CLOCK_BOOTTIME)))
