@@ -4,4 +4,4 @@ from .agent import (ANSWERS, ASAN, KOV, MODES, OK, QUICK, SLOW, Agent, adopt_orp
                     read_all, request, reset, run, sized, strace, unshare, wait_for, write)
 from .case import KovTest, cases, needs_namespaces
 from .services import NameServer, Nginx, Redis, ScriptedDatabase
-from .source import HEAD, Origin, Server
+from .source import HEAD, Origin
