@@ -513,7 +513,7 @@ class Pages(KovTest):
     def test_the_least_that_redis_must_allow(self):
         database = self.redis()
         # The default user, who may then do no more, is the last.
-        for user in re.findall("(?m)^ +user (.*)", read(f"{TOP}/SECURITY.md")):
+        for user in re.findall("(?m)^ {4}user (.*)", read(f"{TOP}/SECURITY.md")):
             self.assertEqual(database.cli("acl", "setuser", *user.split()), "OK")
         write(f"{self.root}/password", "SECRET\n")
         digest = f"{database.sha1_dir}/add_url.sha1"
