@@ -24,10 +24,10 @@ constexpr int32_t LBQ_FL_DEL = 4;
 constexpr int32_t LBQ_FL_MBGET = 8;
 
 struct lbdb_cfg {
-    char host[128];      /* name or address; never empty once loaded */
-    int port;            /* 1..65535; 0 = no database */
-    char sha1_path[128]; /* directory of the digest files */
-    timeval tmout;       /* of the connect only: a command's answer is waited for without one */
+    char host[LBQ_MAX_HOSTNM_LEN];       /* name or address; never empty once loaded */
+    int port;                            /* 1..65535; 0 = no database */
+    char sha1_path[LBQ_MAX_DIRNAME_LEN]; /* directory of the digest files */
+    timeval tmout;                       /* of the connect only: a command's answer is waited for without one */
 };
 
 /* The keys of its group, for lbdb_cfg. */

@@ -18,7 +18,7 @@ inline constexpr n32_tag TAG_RSC = mk_tag("Rsc"); /* of a rui_socket_ctx */
 constexpr size_t MAX_RUI_QUEUED = 1000;           /* requests of one listener */
 constexpr int RUI_LOW_WMARK = 32;                 /* bytes that make a client's socket readable */
 constexpr uint32_t RUI_TCP_NODELAY = 1;
-constexpr size_t MAX_RQNUM = 100000;
+constexpr size_t MAX_RQNUM = 100000;    /* a rui_mk_trknum limit for siblings' requests */
 constexpr size_t MAX_TRKNUM_DIGITS = 6; /* with the kind and a NUL they fill a tag */
 
 /* Registry kind that keeps the loop waking while a listener waits for descriptors to come back. */
@@ -72,7 +72,7 @@ struct rui_socket_ctx {
     bool is_short;      /* from the first pause until a client is taken: one warning */
     bool has_failed;    /* the last accept failed in a way of its own */
     size_t rqcount;     /* counter of tracking tags; kept by the request code */
-    ssize_t nblk_count;
+    ssize_t nblk_count; /* for siblings, not counted here */
     rui_listener_cfg* lc;
     n32_tag rqtag;
     const rui_socket_cb* cb;

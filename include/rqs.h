@@ -11,10 +11,10 @@
 #include <sys/types.h>
 
 /* Flags given to handlers. */
-constexpr uint32_t RQS_SOCKERR = 1; /* the kernel reported an error */
-constexpr uint32_t RQS_SOCKHUP = 2; /* ... a hang-up */
-constexpr uint32_t RQS_RMV = 4;
-constexpr uint32_t RQS_FMOVED = 0x10000; /* file watches only */
+constexpr uint32_t RQS_SOCKERR = 1;      /* the kernel reported an error */
+constexpr uint32_t RQS_SOCKHUP = 2;      /* ... a hang-up */
+constexpr uint32_t RQS_RMV = 4;          /* never given here */
+constexpr uint32_t RQS_FMOVED = 0x10000; /* those of file watches; there are none here */
 constexpr uint32_t RQS_FDELETED = 0x20000;
 constexpr uint32_t RQS_ATTR = 0x40000;
 
@@ -22,6 +22,7 @@ constexpr uint32_t RQS_ATTR = 0x40000;
 constexpr uint32_t RQS_READ = 1;
 constexpr uint32_t RQS_WRITE = 2;
 
+/* The same as the kernel has them. */
 constexpr uint32_t RQS_EVENT_READ = 1;  /* EPOLLIN */
 constexpr uint32_t RQS_EVENT_WRITE = 4; /* EPOLLOUT */
 

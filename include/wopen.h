@@ -20,7 +20,7 @@ struct usock_ctx {
     uint32_t http_flags; /* RQFLAG_* */
     ssize_t nopoll_idx;  /* slot among the loop's no-poll descriptors, -1 = none */
     const char* ifc_tag; /* wish: interface name or address, not owned; null = any */
-    int timeout_ms;      /* for a blocking open */
+    int timeout_ms;      /* wish of a blocking open, which waits for the kernel's own time-out whatever it says */
     int url_kind;        /* uri_kind */
     socket_spec sspec;
     char url_path[URI_PATH_MAX]; /* the URL's path part */
