@@ -75,7 +75,7 @@ inline constexpr ctl_command CTL_COMMANDS[] = {
     {"ready", "", 0, 0, "waits until the agent answers"},
     {"get", "SRC DST", 2, 2, "orders a download over HTTP; --wait until it is stored"},
     {"send", "LID SRC DST EXPIRY", 4, 4, "the same order as a datagram"},
-    {"status", "", 0, 0, "listeners, clients, downloads, silent sources, descriptors, unfinished files"},
+    {"status", "", 0, 0, "listeners, database, clients, downloads, silent sources, descriptors, unfinished files"},
     {"metrics", "", 0, 0, "the same as OpenMetrics text"},
     {"drain", "", 0, 0, "waits before a stop until the downloads have ended; keep new orders away meanwhile"},
     {"verify", "", 0, 0, "final files with blocks missing or never written, as a power cut leaves them"},
