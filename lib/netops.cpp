@@ -7,6 +7,7 @@
 #include "guard.h"
 #include "log.h"
 #include "netops_internal.h"
+#include "signals.h"
 #include "strops.h"
 #include "syswrap.h"
 #include "timeop.h"
@@ -408,6 +409,11 @@ static addrinfo* resolve(const char* fn, const char* address, const char* port, 
     if (spec->socktype != SOCK_STREAM || spec->passive)
         return W_getaddrinfo(fn, address, port, &hints, &list) == 0 ? list : nullptr;
 
+    deliver_pending_signals(); /* the loop may not have looked for a while, and nothing ends the wait below */
+    if (g_quit) {
+        LOG_INFO("%s: [%s] is not looked up: a quit signal has come\n", fn, address);
+        return nullptr;
+    }
     const long start = mono_ms();
     if (start < g_names_closed_until) {
         LOG_ERR("%s: [%s] is not looked up: names are refused for %ld ms more\n", fn, address,

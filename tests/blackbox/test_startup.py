@@ -190,3 +190,9 @@ class Quit(KovTest):
         self.assertLess(len(names.asked), 5)
         for s in clients:
             s.close()
+
+    def test_no_look_up_begins_after_it(self):
+        agent = self.start(trace="accept4", inject=("accept4:signal=SIGTERM:when=1",))
+        with agent.ask("http://localhost:1/a", "a"):
+            self.ends_by_itself(agent, 0)
+        agent.not_logged("CONNECT")
