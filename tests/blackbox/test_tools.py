@@ -14,16 +14,15 @@ import subprocess
 import time
 import unittest
 
-from harness import (ANSWERS, ASAN, KOV, KovTest, ScriptedDatabase, age, free_port, read, read_all, request,
-                     run, sized, wait_for, write)
+from harness import (ANSWERS, ASAN, BIN, KOV, KovTest, ScriptedDatabase, age, free_port, read, read_all, request, run,
+                     sized, wait_for, within_reach, write)
 
-BIN = os.path.dirname(KOV)
 FAKETIME = glob.glob("/usr/lib/*/faketime/libfaketime.so.1")[0]
 TOP = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../..")
 EXAMPLES = f"{TOP}/packaging/examples"
 
 
-kovctl = functools.partial(run, f"{BIN}/kovctl")
+kovctl = functools.partial(run, within_reach(f"{BIN}/kovctl"))
 checkconf = functools.partial(run, f"{BIN}/kov-checkconf")
 
 
