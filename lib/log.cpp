@@ -143,25 +143,14 @@ bool logbuf_empty() noexcept
     return g_line.len == 0;
 }
 
-/* Where the next field goes; there is a NUL. */
-static char* line_end() noexcept
-{
-    return g_line.text + g_line.len;
-}
-
-static size_t line_room() noexcept
-{
-    return LOG_BUF_CAP - g_line.len;
-}
-
 /* Appends the text of one field, its own blank and, with two_blanks, another one. */
 static bool put_field(const char* what, bool two_blanks, std::string_view text) noexcept
 {
-    if (text.size() + 3 > line_room()) {
+    if (text.size() + 3 > LOG_BUF_CAP - g_line.len) {
         log_trouble("%s: %s buffer error (n=%d)", "logbuf_prepare", what, static_cast<int>(text.size()));
         return false;
     }
-    memcpy(line_end(), text.data(), text.size());
+    memcpy(g_line.text + g_line.len, text.data(), text.size());
     g_line.len += text.size();
     g_line.text[g_line.len++] = ' ';
     if (two_blanks)
@@ -297,14 +286,16 @@ static void clean_message(char* text, size_t len, bool keeps_line_ends) noexcept
         return -1;
     }
     errno = err;
-    const int n = vsnprintf(line_end(), line_room(), format, ap);
-    if (n < 0 || static_cast<size_t>(n) >= line_room()) {
+    char* const message = g_line.text + g_line.len;
+    const size_t room = LOG_BUF_CAP - g_line.len;
+    const int n = vsnprintf(message, room, format, ap);
+    if (n < 0 || static_cast<size_t>(n) >= room) {
         log_trouble("%s: %s\n", "fprintf/vfprintf", strerror(errno));
         logbuf_reset();
         errno = err;
         return -1;
     }
-    clean_message(line_end(), static_cast<size_t>(n), keeps_line_ends);
+    clean_message(message, static_cast<size_t>(n), keeps_line_ends);
     g_line.len += static_cast<size_t>(n);
     errno = err;
     return 0;

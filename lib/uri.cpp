@@ -18,11 +18,6 @@ static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 /* By uri_kind. */
 static const char* const SCHEMES[] = {"file", "tcp", "udp", "rtp", "http", "m3u"};
 
-static bool is_blank(char c) noexcept
-{
-    return c == ' ' || c == '\t';
-}
-
 /* The last '?': a source's path may hold others. A text that ends with '/' is a directory, whose '?' is part of its
    name. */
 size_t till_query(const char* s) noexcept
@@ -39,9 +34,7 @@ size_t till_query(const char* s) noexcept
 int uri_parse(const char* text, uri_layout* out) noexcept
 {
     uri_layout u{};
-    const char* p = text;
-    while (is_blank(*p))
-        ++p;
+    const char* p = text + strspn(text, " \t");
     if (*p == '/') {
         ++p;
     } else if (const char* colon = strchr(p, ':'); colon && colon - p > 1 && strncmp(colon, "://", 3) == 0) {
@@ -154,8 +147,8 @@ static const char* path_parse(const char* p, const char* end, char* host, size_t
     const auto find_any = [end](const char* from, std::string_view set) {
         return std::find_first_of(from, end, set.begin(), set.end());
     };
-    while (p < end && (is_blank(*p) || *p == '/'))
-        ++p;
+    const std::string_view path(p, static_cast<size_t>(end - p));
+    p += std::min(path.find_first_not_of(" \t/"), path.size());
     const char* host_end = nullptr;
     const char* rest = nullptr;
     if (p < end && *p == '[') {
