@@ -83,14 +83,19 @@ const char* saddr_str(const sockaddr_storage* ss, socklen_t len, char* buf, size
 [[nodiscard]] bool ends_with_port(const char* s) noexcept;
 /* What stands for any interface; null without memory. Released with free(). */
 [[nodiscard]] ifc_info* any_ifc_info(int family) noexcept;
-/* Make a socket a member of a group on one interface. 0, or -1 (logged). */
+/* Make a socket a member of a group on one interface. 0, or -1, or EINVAL as below (logged). */
 [[nodiscard]] int mcast_join(int fd, const sockaddr_storage* group, const ifc_info* ifc) noexcept;
 [[nodiscard]] int ssm_join(int fd, const sockaddr_storage* src, const sockaddr_storage* group,
                            const ifc_info* ifc) noexcept;
 
 /* ---- offered, not called here ---- */
 
-/* Ends what mcast_join has begun; and options as those above. */
+/* Membership by the options of the group's family instead of those for all families; they have none for a source of
+   IPv6 (EINVAL). For kernels without the others; set at start-up. */
+extern bool mcast_by_protocol;
+/* End what mcast_join and ssm_join have begun; and options as those above. */
 [[nodiscard]] int mcast_leave(int fd, const sockaddr_storage* group, const ifc_info* ifc) noexcept;
+[[nodiscard]] int ssm_leave(int fd, const sockaddr_storage* src, const sockaddr_storage* group,
+                            const ifc_info* ifc) noexcept;
 int set_rcv_timeout(int fd, long ms) noexcept;
 int set_nblock(int fd, bool on) noexcept;

@@ -1,6 +1,6 @@
-/* Interfaces by name or address, and membership in multicast groups. The kernel's two interfaces for membership differ
-   by family; the protocol-independent one is used for both. A group is joined on one interface, since the routing table
-   knows nothing of where a group's senders are. */
+/* Interfaces by name or address, and membership in multicast groups. The kernel has two interfaces for membership: one
+   for all families, which is used, and one for each of them, which a process may choose. A group is joined on one
+   interface, since the routing table knows nothing of where a group's senders are. */
 #include "netops_internal.h"
 
 #include "guard.h"
@@ -18,6 +18,8 @@
 #include <netinet/in.h>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
+
+bool mcast_by_protocol = false;
 
 using ifaddrs_ptr = std::unique_ptr<ifaddrs, releaser<freeifaddrs>>;
 using ifc_ptr = std::unique_ptr<ifc_info, releaser<free>>;
@@ -134,6 +136,23 @@ static int level_of(const char* fn, int family) noexcept
     }
 }
 
+/* How the options of IPv4 name an interface, where a process has chosen them: by an address of it. 0 with *addr, which
+   stays zero for any, or -1 (logged). */
+static int ipv4_of_ifc(int level, const ifc_info* ifc, in_addr* addr) noexcept
+{
+    if (!mcast_by_protocol || level != IPPROTO_IP)
+        return 0;
+    if (ifc && ifc->ss.ss_family == AF_INET) {
+        *addr = as_in(&ifc->ss)->sin_addr;
+    } else if (ifc && ifc->name[0]) {
+        const ifc_ptr found(get_ifc_info(AF_INET, ifc->name));
+        if (!found)
+            return -1;
+        *addr = as_in(&found->ss)->sin_addr;
+    }
+    return 0;
+}
+
 /* From any source. The interface's index is 0 where the kernel is to choose. */
 static int change_membership(const char* fn, bool is_join, int fd, const sockaddr_storage* group,
                              const ifc_info* ifc) noexcept
@@ -146,17 +165,28 @@ static int change_membership(const char* fn, bool is_join, int fd, const sockadd
         inet_ntop(AF_INET6, &as_in6(group)->sin6_addr, text.data(), text.size());
     LOG_DEBUG("%s: ifc-name=%s, idx=%u ifc=%p\n", fn, ifc && ifc->name[0] ? ifc->name : "<none>", ifc ? ifc->idx : 0,
               static_cast<const void*>(ifc));
-    LOG_DEBUG("%s: using %s mulitcast API to %s group %s\n", fn, "GENERIC", what, text.data());
+    LOG_DEBUG("%s: using %s mulitcast API to %s group %s\n", fn, mcast_by_protocol ? "protocol-specific" : "GENERIC",
+              what, text.data());
     const int level = level_of(fn, group->ss_family);
-    if (level < 0)
+    in_addr own{};
+    if (level < 0 || ipv4_of_ifc(level, ifc, &own) != 0)
         return -1;
-    group_req req{};
-    req.gr_interface = ifc ? ifc->idx : 0;
-    req.gr_group = *group;
-    if (setsockopt(fd, level, is_join ? MCAST_JOIN_GROUP : MCAST_LEAVE_GROUP, &req, sizeof(req)) == 0)
-        return 0;
-    LOG_ERR("%s: %s fd=%d: %s\n", fn, what, fd, strerror(errno));
-    return -1;
+    int rc = 0;
+    if (mcast_by_protocol && level == IPPROTO_IPV6) {
+        const ipv6_mreq req = {as_in6(group)->sin6_addr, ifc ? ifc->idx : 0};
+        rc = setsockopt(fd, level, is_join ? IPV6_JOIN_GROUP : IPV6_LEAVE_GROUP, &req, sizeof(req));
+    } else if (mcast_by_protocol) {
+        const ip_mreq req = {as_in(group)->sin_addr, own};
+        rc = setsockopt(fd, level, is_join ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP, &req, sizeof(req));
+    } else {
+        group_req req{};
+        req.gr_interface = ifc ? ifc->idx : 0;
+        req.gr_group = *group;
+        rc = setsockopt(fd, level, is_join ? MCAST_JOIN_GROUP : MCAST_LEAVE_GROUP, &req, sizeof(req));
+    }
+    if (rc != 0)
+        LOG_ERR("%s: %s fd=%d: %s\n", fn, what, fd, strerror(errno));
+    return rc;
 }
 
 int mcast_join(int fd, const sockaddr_storage* group, const ifc_info* ifc) noexcept
@@ -170,20 +200,42 @@ int mcast_leave(int fd, const sockaddr_storage* group, const ifc_info* ifc) noex
 }
 
 /* From one source: others of the same group are dropped by the kernel and the routers before it. */
+static int change_source(const char* fn, bool is_join, int fd, const sockaddr_storage* src,
+                         const sockaddr_storage* group, const ifc_info* ifc) noexcept
+{
+    const char* what = is_join ? "SSM_JOIN" : "SSM_LEAVE";
+    const int level = level_of(fn, group->ss_family);
+    in_addr own{};
+    if (level < 0 || ipv4_of_ifc(level, ifc, &own) != 0)
+        return -1;
+    int rc = 0;
+    if (!mcast_by_protocol) {
+        group_source_req req{};
+        req.gsr_interface = ifc ? ifc->idx : 0;
+        req.gsr_group = *group;
+        req.gsr_source = *src;
+        rc = setsockopt(fd, level, is_join ? MCAST_JOIN_SOURCE_GROUP : MCAST_LEAVE_SOURCE_GROUP, &req, sizeof(req));
+    } else if (level == IPPROTO_IPV6) {
+        LOG_ERR("%s: (%s) IPv6-specific SSM not supported\n", fn, what);
+        return EINVAL;
+    } else {
+        const ip_mreq_source req = {as_in(group)->sin_addr, own, as_in(src)->sin_addr};
+        rc = setsockopt(fd, level, is_join ? IP_ADD_SOURCE_MEMBERSHIP : IP_DROP_SOURCE_MEMBERSHIP, &req, sizeof(req));
+    }
+    if (rc != 0)
+        LOG_ERR("%s: (%s) FAILED ifc=%s/%u fd%d: %s\n", fn, what, ifc && ifc->name[0] ? ifc->name : "<none>",
+                ifc ? ifc->idx : 0, fd, strerror(errno));
+    return rc;
+}
+
 int ssm_join(int fd, const sockaddr_storage* src, const sockaddr_storage* group, const ifc_info* ifc) noexcept
 {
-    const int level = level_of(__func__, group->ss_family);
-    if (level < 0)
-        return -1;
-    group_source_req req{};
-    req.gsr_interface = ifc ? ifc->idx : 0;
-    req.gsr_group = *group;
-    req.gsr_source = *src;
-    if (setsockopt(fd, level, MCAST_JOIN_SOURCE_GROUP, &req, sizeof(req)) == 0)
-        return 0;
-    LOG_ERR("%s: (SSM_JOIN) FAILED ifc=%s/%u fd%d: %s\n", __func__, ifc && ifc->name[0] ? ifc->name : "<none>",
-            ifc ? ifc->idx : 0, fd, strerror(errno));
-    return -1;
+    return change_source(__func__, true, fd, src, group, ifc);
+}
+
+int ssm_leave(int fd, const sockaddr_storage* src, const sockaddr_storage* group, const ifc_info* ifc) noexcept
+{
+    return change_source(__func__, false, fd, src, group, ifc);
 }
 
 /* ---- sockets of a group ---- */
