@@ -5,7 +5,6 @@ beyond its bound over the committed figure."""
 import json
 import os
 import re
-import unittest
 
 from harness import KovTest, read, wait_for
 
@@ -56,7 +55,3 @@ class Cost(KovTest):
             self.order((), orders)
             return sent() - before
         self.check("packets", count)
-
-
-if __name__ == "__main__":
-    unittest.main()

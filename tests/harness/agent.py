@@ -311,9 +311,12 @@ class Agent:
         """Waits for a stored file, and compares it."""
         wait_for(lambda: os.path.exists(self.path(dst)), f"file {dst}", seconds)
         if body is not None:
-            with open(self.path(dst), "rb") as f:
-                data = f.read()
+            data = self.body(dst)
             assert data == body, f"{dst}: {len(data)} bytes that are not the source's {len(body)}"
+
+    def body(self, name):
+        with open(self.path(name), "rb") as f:
+            return f.read()
 
     def completes(self, gate, dst, body):
         """Opens the gate at which the source of a download waits, and waits for its stored file."""

@@ -56,8 +56,7 @@ class Run(KovTest):
         """Compares and removes what has been stored."""
         for name in agent.files():
             if not name.endswith("-Kova"):
-                with open(agent.path(name), "rb") as f:
-                    self.check(f.read() in self.bodies.pop(name, ()), f"{name}: no source's body")
+                self.check(agent.body(name) in self.bodies.pop(name, ()), f"{name}: no source's body")
                 os.remove(agent.path(name))
                 self.stored.add(name)
 

@@ -135,8 +135,7 @@ class Scenario(KovTest):
                 if lives and self.call != "unlink" and "complete_download: rename(" not in agent.log():
                     self.fail(f"unfinished file {name}")
             else:
-                with open(agent.path(name), "rb") as f:
-                    self.assertTrue(f.read() in (SMALL, LARGE), f"wrong body under the final name {name}")
+                self.assertTrue(agent.body(name) in (SMALL, LARGE), f"wrong body under the final name {name}")
         if not lives:
             return
         kept = set(agent.held()) - {"job2.lock"}  # a local order leaves its lock to lapse

@@ -12,7 +12,6 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <string>
-#include <unistd.h>
 
 static loglevel_ctx g_ll = LOGLEVEL_CTX(0);
 
