@@ -5,7 +5,6 @@ import os
 import pwd
 import resource
 import signal
-import tempfile
 import unittest
 
 import psutil
@@ -34,7 +33,7 @@ class Background(KovTest):
         return os.readlink(f"/proc/{agent.pid}/{name}")
 
     def test_as_another_user(self):
-        closed = tempfile.mkdtemp(dir=self.root)
+        os.mkdir(closed := f"{self.root}/closed", 0o700)
         agent = self.background("nobody", preexec=lambda: (os.setgroups([0, 4, 6]), os.chdir(closed)))
         self.assertEqual((agent.starter_status, agent.leader_status), (0, 0))
         status = dict(line.split(":\t", 1) for line in agent.proc_file("status").splitlines())
