@@ -144,7 +144,7 @@ void setup_config(int argc, char* argv[]) noexcept
             break;
         }
     }
-    if (!path) {
+    if (!path || !*path) {
         fprintf(stderr, "Invalid or unspecified config [%s], please use -C path\n", "");
         usage(1);
     }

@@ -38,7 +38,8 @@ class CommandLine(KovTest):
             self.assertRegex(self.run_kov(*args), "^" + identity + "$")
         for args in (("-u", "root"), ("--nonsense",)):
             self.assertIn("Usage: kov", self.run_kov(*args))
-        self.refused("Invalid or unspecified config [], please use -C path\n", "-T", config=None)
+        for args in (("-T",), ("-C", "")):
+            self.refused("Invalid or unspecified config [], please use -C path\n", *args, config=None)
         for name in ("marlinet.conf", "kov.conf"):  # where it looks, the second before the first
             write(f"{self.root}/{name}", "kova = {")
             self.refused(f"Error reading/parsing config file [./{name}]", "-T", config=None)
