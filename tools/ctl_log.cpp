@@ -537,15 +537,23 @@ static void await_stale(const std::string& unfinished)
         usleep(200000);
 }
 
-/* One after the other, each answered before the next is placed: what was many senders' is not to come as a flood. */
+/* One after the other, each answered before the next is placed: what was many senders' is not to come as a flood. Of
+   the sources of one file the first that has it is taken. */
 int cmd_replay(std::span<char* const> args)
 {
     const history h = read_logs(args, false);
     const time_t now = time(nullptr);
     int status = 0;
-    std::string_view placed; /* its other sources are spared */
+    std::string_view at; /* the file at hand */
+    bool is_placed = false;
+    int status_before = 0; /* a source that fails is forgotten when another one has the file */
     for (const auto& [path, o] : h.lost) {
-        if (path == placed)
+        if (path != at) {
+            at = path;
+            is_placed = false;
+            status_before = status;
+        }
+        if (is_placed)
             continue;
         const auto left = left_of(o.expiry, o.tm, now);
         const auto dst = dst_of(path);
@@ -556,10 +564,8 @@ int cmd_replay(std::span<char* const> args)
         await_stale(path + UNFINISHED_SFX); /* may take half a minute of what is left */
         g_set.expiry = std::to_string(left_of(o.expiry, o.tm, time(nullptr)).value_or(*left));
         const int rc = place_order(o.src, *dst);
-        if (rc == 0 || rc == STATUS_EXISTS)
-            placed = path;
-        else
-            status = rc;
+        is_placed = rc == 0 || rc == STATUS_EXISTS;
+        status = is_placed ? status_before : rc;
     }
     return status;
 }

@@ -410,6 +410,10 @@ unfinished: {running}, 3 of 9 bytes, 4\d s since its last change\n$""")
         agent.order(self.origin.halves("/over"), "over", query="?expiry=1")
         self.ctl("lost", status=1,
                  says=rf"^http://\S+/broken -> {agent.data}/broken: broken, no expiry\n$")  # others run still
+        primary, _ = self.origin.gated("/primary", b"", b"")
+        self.addCleanup(agent.ask(primary, "twice").close)
+        agent.logged("/primary]->")
+        agent.order(self.origin.halves("/backup2"), "twice")
         self.agent.restart()
         wait_for(lambda: "over: cut by a stop, over" in self.ctl("lost", status=1), "the expiry's end")
         time.sleep(1)  # the next log is named by the second, too
@@ -432,14 +436,16 @@ unfinished: {running}, 3 of 9 bytes, 4\d s since its last change\n$""")
         lost = [re.sub(r"^\S+ -> |\d+(?= s)", "", line) for line in self.ctl("lost", status=1).splitlines()]
         self.assertEqual(lost, [f"{agent.data}/{what}" for what in (
             "broken: broken, no expiry", "crashed: cut by a crash, no expiry", "heir: cut by a crash, no expiry",
-            "over: cut by a stop, over", "v/stop ped%: cut by a stop,  s left")])
+            "over: cut by a stop, over", "twice: cut by a stop, no expiry", "twice: cut by a stop, no expiry",
+            "v/stop ped%: cut by a stop,  s left")])
         self.origin.body("/broken", b"whole")
+        self.origin.status("/primary", 404)
         self.origin.released.set()
         self.ctl("replay")
         agent.stored("broken", b"whole")
-        for dst in ("crashed", "heir", "v/stop ped%"):
+        for dst in ("crashed", "heir", "twice", "v/stop ped%"):
             agent.stored(dst, b"abcdefghi")
-        agent.ended(4)
+        agent.ended(6)
         self.ctl("lost", status=1, says=rf"^\S+ -> {agent.data}/over:[^\n]*\n$")
 
     def test_registrations_that_failed(self):
