@@ -14,7 +14,7 @@ import sys
 import threading
 import time
 
-from fleet_parts import (BALANCER, DATABASE, GROUP, ORIGIN, Fleet, Player, enter_namespaces, wait_for)
+from fleet_parts import (BALANCER, DATABASE, GROUP, ORIGIN, Fleet, Player, enter_namespaces, run_script, wait_for)
 
 QUICK = "--quick" in sys.argv
 STARTED = time.monotonic()
@@ -149,4 +149,4 @@ def main():
 
 
 if __name__ == "__main__":
-    main()
+    run_script(main)

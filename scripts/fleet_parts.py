@@ -26,6 +26,7 @@ import redis.sentinel
 
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SKIPPED = 77
+UNREAD = 128 + signal.SIGPIPE
 logging.getLogger("redis").setLevel(logging.CRITICAL)  # a failover is no news here
 BROKEN = (redis.RedisError, redis.exceptions.RedisClusterException)
 ORIGIN, DATABASE, BALANCER, PLAYER = "10.77.0.1", "10.77.0.2", "10.77.0.3", "10.77.0.4"
@@ -60,9 +61,19 @@ def enter_namespaces():
         again = [*unshare, sys.executable, *sys.argv]
         with subprocess.Popen(again, env={**os.environ, "KOV_FLEET_INSIDE": root}) as proc:
             status = proc.wait()
-        if status:
+        if status not in (0, UNREAD):
             print_ends_of_logs(root)
     sys.exit(status if status >= 0 else 128 - status)
+
+
+def run_script(main):
+    """A script's main function, to its end, its user's or its reader's: connections have errors of their own."""
+    try:
+        main()
+    except BrokenPipeError:
+        os._exit(UNREAD)  # nothing is flushed
+    except KeyboardInterrupt:
+        os._exit(128 + signal.SIGINT)
 
 
 def wait_for(condition, what, seconds=10.0):
