@@ -82,7 +82,7 @@ int rqs_service_nopoll() noexcept
     return rc;
 }
 
-/* The slot's bytes are read before it is released; a slot that was listed twice is a fault of the program. */
+/* A slot that was listed twice, or never taken, is a fault of the program: nothing is read behind it. */
 void rqs_purge_nopoll() noexcept
 {
     auto& rm = g_rqs.nopoll_rm;
@@ -90,12 +90,10 @@ void rqs_purge_nopoll() noexcept
     for (size_t i = 0; i < slots_len(rm); ++i) {
         const ssize_t j = *slots_at(&rm, static_cast<ssize_t>(i));
         ASSERT(j >= 0);
-        const nopoll_ref ref = *slots_at(&g_rqs.nopoll, j);
-        LOG_DEBUG("%s: fd=%d, udata=%p (j=%zd)\n", __func__, ref.fd, ref.udata, j);
-        if (ref.index)
-            *ref.index = -1;
-        if (slots_del(&g_rqs.nopoll, j) != 0)
+        if (rqs_rm_nopoll(j) != 0)
             PANIC("%s: failed to remove j=%zd\n", __func__, j);
+        const nopoll_ref& ref = *slots_at(&g_rqs.nopoll, j);
+        LOG_DEBUG("%s: fd=%d, udata=%p (j=%zd)\n", __func__, ref.fd, ref.udata, j);
     }
     slots_clear(&rm);
 }

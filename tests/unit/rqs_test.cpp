@@ -209,6 +209,8 @@ TEST_F(Loop, NoPollDescriptorsAreServedInSlotOrder)
     g_on_event = [](char, uint32_t, void*) { return 9; };
     EXPECT_EQ(rqs_event_loop(), 9);
     EXPECT_EQ(g_seen, "uutr") << "a failure ends the round at once, and nothing is waited for beside them";
+    g_on_event = [](char, uint32_t, void*) { return rqs_pprm_nopoll(99), 0; };
+    EXPECT_DEATH((log_default(g_log, stderr), (void)rqs_event_loop()), "failed to remove j=99\n");
 }
 
 /* Signals blocked outside the wait, as in the daemon. */
