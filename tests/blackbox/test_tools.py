@@ -354,7 +354,7 @@ class Left(Ctl):
         self.ctl("get", self.origin.cut("/r", self.origin.stall), 'run"ning')
         age(self.agent.path('run"ning-Kova'), 40)
         for path, text, seconds_old in (("d/left-Kova", "left", 40), ("d/whole", "whole", 0), ("d/sparse", "", 0),
-                                        ("locks/old1.lock", "", 40), ("locks/new1.lock", "", 0),
+                                        ("locks/old1.lock", "", 40), ("locks/new1.lock", "", 9),
                                         ("locks/old.lock", "", 40), ("locks/full.lock", "text", 40)):
             write(f"{self.agent.root}/{path}", text, seconds_old)
         os.truncate(self.agent.path("sparse"), 1 << 20)
