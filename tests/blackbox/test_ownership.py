@@ -2,7 +2,6 @@
 
 import os
 import shutil
-import signal
 import threading
 import time
 
@@ -88,11 +87,10 @@ class Ownership(KovTest):
         answer = self.answers_later(agent, url, "x")
         broken, gate_end = self.origin.gated("/broken", HEAD4 + b"ab", b"")
         agent.order(broken, "x")
-        agent.proc.send_signal(signal.SIGSTOP)
-        for event in (gate_end, gate):
-            event.set()
-            time.sleep(0.2)
-        agent.proc.send_signal(signal.SIGCONT)
+        with agent.frozen():
+            for event in (gate_end, gate):
+                event.set()
+                time.sleep(0.2)
         answer(200)
         agent.stored("x", b"wxyz")
         agent.logged(f"[{broken}]->[{agent.path('x-Kova')}]", count=2)  # in the line of its end, too

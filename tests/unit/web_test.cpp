@@ -1,4 +1,5 @@
-/* URIs, heads and responses: what foreign bytes become, where a table says it shorter than the wire. */
+/* URIs, heads and responses: what foreign bytes become, where a table says it shorter than the wire; groups. */
+#include "netops.h"
 #include "strops.h"
 #include "uri.h"
 #include "webops.h"
@@ -140,34 +141,32 @@ TEST_F(SourceHead, TheRequestNamesAnAddressInBrackets)
 /* By an interface's name, by its address, and by either interface of the kernel: what was joined can be left, once. */
 TEST(Groups, AreJoinedAndLeftByEitherInterface)
 {
-    struct {
-        int family;
-        const char* group;
-        const char* source;
-    } const rows[] = {{AF_INET, "239.9.8.7:5000", "127.0.0.2:1"}, {AF_INET6, "[ff15::98]:5000", "[fd00::7]:1"}};
-    for (const bool by_protocol : {false, true}) {
-        mcast_by_protocol = by_protocol;
-        for (const auto& row : rows) {
-            const int fd = socket(row.family, SOCK_DGRAM, 0);
-            std::array<sockaddr_storage, 2> ss{};
-            std::array<socklen_t, 2> len{};
-            ASSERT_EQ(mk_sockaddr(row.group, SOCK_DGRAM, 0, &ss[0], &len[0]), 0);
-            ASSERT_EQ(mk_sockaddr(row.source, SOCK_DGRAM, 0, &ss[1], &len[1]), 0);
-            ifc_info* lo = get_ifc_info(row.family, "lo");
-            ASSERT_TRUE(lo);
-            ifc_info by_name = *lo;
-            by_name.ss.ss_family = AF_UNSPEC;
-            for (const ifc_info* ifc : {const_cast<const ifc_info*>(lo), const_cast<const ifc_info*>(&by_name)}) {
-                EXPECT_EQ(mcast_join(fd, ss.data(), ifc), 0);
-                EXPECT_EQ(mcast_leave(fd, ss.data(), lo), 0);
-                EXPECT_EQ(mcast_leave(fd, ss.data(), ifc), -1);
-                const bool has_source = !by_protocol || row.family == AF_INET;
-                EXPECT_EQ(ssm_join(fd, &ss[1], ss.data(), ifc), has_source ? 0 : EINVAL);
-                EXPECT_EQ(ssm_leave(fd, &ss[1], ss.data(), lo), has_source ? 0 : EINVAL);
+    const std::pair<const char*, const char*> rows[] = {{"239.9.8.7:5000", "127.0.0.2:1"},
+                                                        {"[ff15::98]:5000", "[fd00::7]:1"}};
+    for (const auto& [group_text, source_text] : rows) {
+        sockaddr_storage group{};
+        sockaddr_storage source{};
+        socklen_t len = 0;
+        ASSERT_EQ(mk_sockaddr(group_text, SOCK_DGRAM, 0, &group, &len), 0);
+        ASSERT_EQ(mk_sockaddr(source_text, SOCK_DGRAM, 0, &source, &len), 0);
+        const int fd = socket(group.ss_family, SOCK_DGRAM, 0);
+        ifc_info* lo = get_ifc_info(group.ss_family, "lo");
+        ASSERT_TRUE(lo);
+        ifc_info by_name = *lo;
+        by_name.ss.ss_family = AF_UNSPEC;
+        for (const bool by_protocol : {false, true}) {
+            mcast_by_protocol = by_protocol;
+            const int rc = by_protocol && group.ss_family == AF_INET6 ? EINVAL : 0;
+            for (const ifc_info* ifc : {lo, &by_name}) {
+                EXPECT_EQ(mcast_join(fd, &group, ifc), 0);
+                EXPECT_EQ(mcast_leave(fd, &group, lo), 0);
+                EXPECT_EQ(mcast_leave(fd, &group, ifc), -1);
+                EXPECT_EQ(ssm_join(fd, &source, &group, ifc), rc);
+                EXPECT_EQ(ssm_leave(fd, &source, &group, lo), rc);
             }
-            free(lo);
-            close(fd);
         }
+        free(lo);
+        close(fd);
     }
     mcast_by_protocol = false;
 }
