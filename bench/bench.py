@@ -438,6 +438,8 @@ def main():
         source.wait(10)
         shutil.rmtree(args.dir, ignore_errors=True)
 
+    if not results:
+        sys.exit(f"bench: no work has a name like {args.only!r}")
     for work, table in results.items():
         print(f"\n{work}")
         for name, row in table.items():
