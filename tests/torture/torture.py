@@ -33,9 +33,9 @@ ERRORS = {
     "mmap": "ENOMEM", "msync": "EIO", "munmap": "ENOMEM", "newfstatat": "EIO EACCES",
     "openat": "EMFILE ENOSPC EACCES EINTR", "poll": "EINTR ENOMEM", "prctl": "EINVAL", "prlimit64": "EPERM",
     "read": "EIO EINTR ECONNRESET", "recvfrom": "ECONNRESET EAGAIN EINTR ENOMEM", "rename": "EIO EACCES",
-    "rt_sigaction": "EINVAL", "sched_setaffinity": "EINVAL", "sendto": "EPIPE EAGAIN EINTR ENOBUFS",
-    "setsockopt": "ENOPROTOOPT ENOBUFS", "shutdown": "ENOTCONN", "socket": "EMFILE ENOBUFS", "unlink": "EACCES EIO",
-    "write": "EIO ENOSPC EINTR EAGAIN",
+    "renameat2": "EEXIST EINVAL EIO", "rt_sigaction": "EINVAL", "sched_setaffinity": "EINVAL",
+    "sendto": "EPIPE EAGAIN EINTR ENOBUFS", "setsockopt": "ENOPROTOOPT ENOBUFS", "shutdown": "ENOTCONN",
+    "socket": "EMFILE ENOBUFS", "unlink": "EACCES EIO", "write": "EIO ENOSPC EINTR EAGAIN",
 }
 SMALL = b"s" * 3000               # mapped
 LARGE = bytes(range(256)) * 8192  # 2 MiB: written
