@@ -36,7 +36,7 @@ int read_config_int(const config_setting_t* group, const config_key& key, int* v
         return 0;
     const long long number = config_setting_get_int64(s);
     if (number < INT_MIN || number > INT_MAX) {
-        const char* fn = is_path ? "load_config_int" : "load_config_setting_int";
+        const char* fn = is_path ? "load_config_int" : "load_config_setting_int"; /* as the lines have always begun */
         LOG_ERR("%s: %s value is out of range: %lld\n", fn, key.name, number);
         return -1;
     }
